@@ -1,0 +1,14 @@
+#include "frame/rgbe.hpp"
+
+namespace ol {
+
+const RgbeExpTable& rgbeExpTable() noexcept {
+    static const RgbeExpTable table = [] {
+        RgbeExpTable t{};
+        fillRgbeExpTable(t.v);
+        return t;
+    }();
+    return table;
+}
+
+}  // namespace ol

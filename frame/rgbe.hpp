@@ -1,0 +1,92 @@
+// The RGBE pixel: three mantissa bytes and an exponent byte E.
+//
+// Decoding: E == 0 is black; otherwise a channel is mantissa * 2^(E-128), with
+// no half-step offset and no division by 256, so a decoded value is 256 times
+// the value that went into the encoder.
+//
+// Encoding of (a, b, c) with m the largest of the three: frexp(m) gives a
+// fraction f in [0.5, 1) and an exponent e; s = f*256/m in double, rounded to
+// float; each mantissa is trunc(channel*s) in float and the exponent byte is
+// e+128. The clamped form limits every byte to 0..255, the wrapped form keeps
+// the low 8 bits.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+
+#include "frame/numeric.hpp"
+
+namespace ol {
+
+struct RgbePixel {
+    std::uint8_t r, g, b, e;
+};
+
+inline constexpr RgbePixel kRgbeDark{0, 0, 0, 0};        // dead-dark marker
+inline constexpr RgbePixel kRgbeBurnt{255, 255, 255, 255};  // burnt-out marker
+
+enum class RgbeForm { Clamped, Wrapped };
+
+// Whether values at or below 1e-32 are written as four zero bytes. Some
+// callers encode without the guard, and then 0 gives a NaN scale: mantissas
+// trunc(NaN) -> 0x80000000 (0 in either form) and exponent byte 128.
+enum class ZeroGuard { On, Off };
+
+inline RgbePixel encodeRgbe(float a, float b, float c, RgbeForm form,
+                            ZeroGuard guard = ZeroGuard::On) noexcept {
+    float m = a;
+    if (b > m) m = b;
+    if (c > m) m = c;
+    if (guard == ZeroGuard::On && !(m > 1e-32f)) return kRgbeDark;
+    int e = 0;
+    const float f = std::frexp(m, &e);
+    const float s = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(m));
+    const std::int32_t ma = truncToInt(a * s);
+    const std::int32_t mb = truncToInt(b * s);
+    const std::int32_t mc = truncToInt(c * s);
+    const std::int32_t ex = e + 128;
+    if (form == RgbeForm::Clamped)
+        return {clampToByte(ma), clampToByte(mb), clampToByte(mc), clampToByte(ex)};
+    return {wrapToByte(ma), wrapToByte(mb), wrapToByte(mc), wrapToByte(ex)};
+}
+
+// The 256-entry decoding table: ldexp(1.0, e-128) as floats. Every entry is an
+// exact power of two (2^-128 is a float subnormal), so the values are exact.
+struct RgbeExpTable {
+    float v[256];
+};
+
+inline void fillRgbeExpTable(float* table) noexcept {
+    for (int e = 0; e < 256; ++e) table[e] = static_cast<float>(std::ldexp(1.0, e - 128));
+}
+
+// A process-wide read-only copy, built once.
+const RgbeExpTable& rgbeExpTable() noexcept;
+
+// Decodes one channel as the library does everywhere (0 when E is 0).
+inline float decodeRgbeChannel(std::uint8_t mantissa, std::uint8_t e, const float* table) noexcept {
+    return e == 0 ? 0.0f : static_cast<float>(mantissa) * table[e];
+}
+
+// Offsets of the four planes of row y in `rgbe planes` of the given width.
+struct RgbeRow {
+    std::uint8_t* r;
+    std::uint8_t* g;
+    std::uint8_t* b;
+    std::uint8_t* e;
+};
+
+inline RgbeRow rgbeRow(std::uint8_t* planes, int width, long y) noexcept {
+    std::uint8_t* row = planes + static_cast<std::size_t>(y) * 4u * static_cast<std::size_t>(width);
+    return {row, row + width, row + 2 * static_cast<std::size_t>(width),
+            row + 3 * static_cast<std::size_t>(width)};
+}
+
+inline void storeRgbe(const RgbeRow& row, int x, RgbePixel p) noexcept {
+    row.r[x] = p.r;
+    row.g[x] = p.g;
+    row.b[x] = p.b;
+    row.e[x] = p.e;
+}
+
+}  // namespace ol

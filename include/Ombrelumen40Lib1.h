@@ -1,0 +1,278 @@
+/*
+ * Ombrelumen40Lib1 - image engine for high dynamic range photography.
+ *
+ * A flat C interface: every function runs to completion on the caller's
+ * thread, holds no state between calls and writes its result into buffers
+ * that the caller owns and sized. Results are 32-bit ints: above 0 is success
+ * (usually the number of rows done), 0 means there was nothing to do, and a
+ * negative value is a failure code of the function's family:
+ *
+ *   file families:   -1 open/seek/write failed or no line could be read,
+ *                    -2 short read or write, or a required header is missing,
+ *                    -3 content of the wrong kind (size mismatch, bad byte order),
+ *                    -4 no memory (for the Radiance decoders also a row header
+ *                       whose width field differs), -5/-6 bad run-length data,
+ *                    -200 and below: the Radiance preview reader's own codes.
+ *   fusion code:     -1 missing input, -2 refused depth combination or failed
+ *                    write, -3 failed seek or read, -4 no memory.
+ *
+ * Image buffers:
+ *   ldr image    interleaved 8 or 16-bit samples (16-bit little-endian words),
+ *                spp samples a pixel, top row first; a rowStride counts samples.
+ *                Colour roles by position: first 0, middle (spp-1)/2, last spp-1.
+ *   photo block  N ldr images of one size, one after the other in one buffer.
+ *   rgbe planes  the radiance image: each row is 4*width bytes, all red
+ *                mantissas, then green, blue and exponents. A byte decodes as
+ *                mantissa * 2^(E-128) (0 when E is 0), i.e. 256 times the value
+ *                that was encoded; stats arrays use the same units.
+ *
+ * This header compiles as C99 and as C++.
+ */
+#ifndef OMBRELUMEN40LIB1_H
+#define OMBRELUMEN40LIB1_H
+
+#include <stdint.h>
+
+#if defined(_WIN32)
+#  if defined(OL_BUILDING_LIBRARY)
+#    define OL_API __declspec(dllexport)
+#  else
+#    define OL_API
+#  endif
+#else
+#  define OL_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Shared records                                                            */
+
+/* Photographic values passed between the metadata readers and the writers.
+ * A value of 0 is a missing value and every writer leaves it out. `camera`
+ * and `date` have no terminator when they are full. */
+typedef struct ExifRecord {
+    int32_t exposureNum;     /* exposure time numerator, seconds */
+    int32_t exposureDen;     /* exposure time denominator */
+    int32_t apertureNum;     /* F-number numerator */
+    int32_t apertureDen;     /* F-number denominator */
+    int32_t reserved0;
+    int32_t iso;             /* ISO speed */
+    int32_t descriptionMark; /* 2 when the exposure came from an image description */
+    int32_t colorSpace;      /* -1 unknown, 0 sRGB, 1 Adobe RGB, 2 ProPhoto RGB */
+    int32_t reserved1[2];
+    int32_t focalNum;        /* focal length, millimetres */
+    int32_t focalDen;
+    int32_t focal35;         /* focal length in 35 mm terms */
+    int32_t planeResNum;     /* focal plane X resolution */
+    int32_t planeResDen;
+    int32_t planeResUnit;
+    int32_t thumbOffset;     /* file offset and length of the embedded thumbnail */
+    int32_t thumbLen;
+    int32_t iptcOffset;      /* file offset and length of the IPTC block */
+    int32_t iptcLen;
+    int32_t orientation;     /* TIFF orientation */
+    int32_t xmpOffset;       /* value of tag 700, relative to the TIFF base */
+    int32_t xmpLen;          /* count of tag 700 */
+    char camera[64];         /* camera model */
+    char date[20];           /* capture date */
+} ExifRecord;
+
+/* GPS values. Each rational is a numerator and a denominator; it counts as
+ * present when both are at least 1. */
+typedef struct GpsRecord {
+    uint32_t latitude[6];    /* degrees, minutes, seconds: num, den each */
+    uint32_t longitude[6];
+    uint32_t altitude[2];
+    uint32_t timestamp[6];   /* hours, minutes, seconds */
+    char lat_ref;
+    char long_ref;
+    char alt_ref;
+    char reserved;
+    char datestamp[11];
+} GpsRecord;
+
+/* ------------------------------------------------------------------------ */
+/* Buffer and folder utilities                                               */
+
+OL_API int save_buffer(const char* path, const void* buf, int size);
+OL_API int load_buffer(const char* path, void* buf, int size);
+OL_API int extractbuf(int index, int length, const void* src, void* dst);
+OL_API int loadbuf(int index, int length, const void* src, void* dst);
+OL_API int vkmemcpyint(void* dst, int dstOffset, const void* src, int srcOffset, int length);
+OL_API int loadrows(int stripIndex, int width, int rows, int rowStride, int spp, int bps,
+                    const void* src, void* dst);
+OL_API int load16to8(int stripIndex, int width, int rows, int rowStride, int spp,
+                     const void* src, void* dst);
+OL_API int from16to8(int unused1, int rows, int unused2, int rowBytes, void* buf);
+OL_API int from16to8copy(int unused1, int rows, int unused2, int rowBytes,
+                         const void* src, void* dst);
+OL_API int bgr2rgb(int width, int height, int rowStride, int spp, int bps, void* buf);
+OL_API int renverse(int height, int rowBytes, int unused, void* buf);
+OL_API int ol_makefolder(const char* parent, const char* name);
+OL_API int ol_checkfolder(const char* path);
+OL_API int ol_deletef(const char* path);
+
+/* ------------------------------------------------------------------------ */
+/* RGBE pixel conversion                                                     */
+
+OL_API int convert_to_rgbe(int bps, int width, int height, int spp, int rowStride, int swapped,
+                           const float* lut, const void* src, unsigned char* rgbe);
+/* stats: minimum, maximum and mean luminance, each times 256. */
+OL_API int fp2rgbe(const char* path, int width, int height, float* stats, unsigned char* rgbe);
+OL_API int fp_save(const char* path, int width, int height, const unsigned char* rgbe);
+
+/* ------------------------------------------------------------------------ */
+/* Radiance pictures                                                         */
+
+/* rgbeDims: width, height, fileSize, three unused ints, hasPrimaries (set it
+ * to 0 before the call). primaries: eight floats, rx ry gx gy bx by wx wy. */
+OL_API int rgbe_dim(const char* path, float* primaries, int* rgbeDims);
+OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe);
+OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, void* unused);
+OL_API int ol_io_read_preview_rgbe(int width, int height, int previewWidth, int previewHeight,
+                                   const char* path, unsigned char* preview);
+OL_API int extract_rgbe_exif(const char* path, ExifRecord* exif);
+
+OL_API int ol_io_rgbe_write(const char* path, int width, int height, const ExifRecord* exif,
+                            const void* unused, const char* profileName,
+                            const unsigned char* rgbe);
+OL_API int ol_write_strip_rgbe(const char* path, int stripIndex, int rowsPerStrip, int width,
+                               int height, const void* unused, const unsigned char* rgbe);
+
+/* ------------------------------------------------------------------------ */
+/* Exposure estimation, merging and previews                                 */
+
+/* data: seven floats a frame (time num, den, f-number num, den, override in
+ * thousandths of a stop, ISO, unused); the first n floats receive exposures. */
+OL_API int get_ev(int n, float* data);
+OL_API int guess_ev(int mode, int n, float evStep, int* moyBuf, float* deltaT);
+OL_API int fClassementCroissant(int n, const float* values, int* ordre);
+
+/* lut: 2^bps floats, filled here. stats: min, max, mean luminance times 256. */
+OL_API int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
+                        int gammaGiven, float* lut, float evStep, float* deltaT,
+                        const void* photos, float* stats, unsigned char* rgbe);
+
+/* Previews: three bytes a pixel, blue, green, red. */
+OL_API int rgbe_rep(int width, int height, int dstStride, float mean,
+                    const unsigned char* rgbe, unsigned char* dst);
+OL_API int hdr_rep8(int width, int height, int outWidth, int outHeight, int dstStride,
+                    float mean, const unsigned char* rgbe, unsigned char* dst);
+OL_API int hdr_display(int width, int height, int bps, int x, int y, int windowWidth,
+                       int windowHeight, float* info, const void* src, unsigned char* dst);
+
+/* ------------------------------------------------------------------------ */
+/* Exposure fusion                                                           */
+
+/* Threads and scratch files of ol_fusion. The three files are created with
+ * "wb+" and never deleted by the library. */
+typedef struct FusionFiles {
+    int32_t nbProc;             /* worker threads for the weight stage */
+    int32_t readFromDisk;       /* non-zero asks for disk mode */
+    const char* nameSource;
+    const char* namePoids;
+    const char* namePyramPoids;
+} FusionFiles;
+
+/* Progress callback: a fraction from 0 to 1 and a cancel word the callee may
+ * set (it is asked for and ignored: a fusion cannot be cancelled). */
+typedef void (*OlProgressFn)(float fraction, int32_t* cancel);
+
+OL_API int pyram_len(int width, int height);
+OL_API int downsample_decimate(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
+                               int srcSpp, int dstSpp, int srcBits, int dstBits,
+                               const void* src, void* dst);
+OL_API int ol_downsample(int srcWidth, int srcHeight, int srcStride, int dstWidth,
+                         int dstHeight, int dstStride, int spp, int bits,
+                         const void* src, void* dst);
+OL_API int ol_fusion(FusionFiles* files, OlProgressFn progress, float* fusionParams,
+                     int nbPhotos, int width, int height, int outStride, int outSwap,
+                     int channels, int bspIn, int bspOut, int bitDepthPoids,
+                     int bitDepthFusion, int lenPyram, int wrapX, float unusedScale,
+                     float* exposureTimes, void* images, int* indexFixedExpo,
+                     unsigned char* ghostMask, void* outFloat, void* work);
+
+/* ------------------------------------------------------------------------ */
+/* PSD and bitmap files                                                      */
+
+typedef struct PsdInfo {
+    int32_t width;
+    int32_t height;
+    int32_t bps;
+    int32_t channels;
+    int32_t resH;        /* whole part of the horizontal resolution */
+    int32_t resV;
+    int32_t lProfil;     /* ICC profile length */
+    int32_t dataStart;   /* start of the layer and mask section */
+    int32_t exifStart;   /* file position of the data of resource 1058 */
+    int32_t reserved;
+    int32_t lengthBits;  /* set by the caller: 64 for the large-document form */
+} PsdInfo;
+
+OL_API int getPsdInfo(const char* path, PsdInfo* info);
+OL_API int psd_profile(const char* path, unsigned char* dest);
+OL_API int load_psd(int order, const char* path, PsdInfo* info, int rowStride, void* dest);
+/* dims: width, height, samples. */
+OL_API int olbmp_dim(const char* path, int* dims);
+
+/* ------------------------------------------------------------------------ */
+/* Metadata                                                                  */
+
+/* fileType: 1 JPEG, 2 PSD, anything else TIFF. */
+OL_API int get_exif_data(const char* path, int fileType, ExifRecord* exif, GpsRecord* gps);
+OL_API int read_iptc(const char* path, int len, int offset, unsigned char* dest);
+OL_API int constant_exif(ExifRecord* kept, const ExifRecord* other);
+
+/* Measures what write_exif_buf needs for these records: the counts and data
+ * lengths of the Exif and GPS directories, the Model and date text lengths
+ * with their terminators, and 11 if a GPS date exists (else 0). Returns the
+ * GPS tag count plus the Exif tag count. */
+OL_API int get_exif_count(const ExifRecord* exif, int* exifCount, int* exifLen,
+                          const GpsRecord* gps, int* gpsCount, int* gpsLen,
+                          int* modelLen, int* datetimeLen, int* gpsDatestampLen);
+/* XMP packet of tone-mapping settings. write 0 only measures; otherwise the
+ * packet is written to out. Returns the text length, no terminator. */
+OL_API int embed_xmp(int write, char* out, int tmMethod, const float* tmParams);
+/* Exif block for a JPEG APP1 segment; out must be zeroed and large enough. */
+OL_API int write_exif_buf(int exifCount, int exifLen, int gpsCount, int gpsLen, int modelLen,
+                          int datetimeLen, int gpsDatestampLen, int orientation,
+                          const ExifRecord* exif, const GpsRecord* gps, unsigned char* out);
+OL_API int add_iptc_keyword(int iptc_len, const unsigned char* iptc, int keyword_len,
+                            const unsigned char* keyword, unsigned char* out);
+
+/* ------------------------------------------------------------------------ */
+/* TIFF output                                                               */
+
+typedef struct tif_info {
+    int32_t width;
+    int32_t height;
+    int32_t samples;     /* samples a pixel in data: 1, 2, 3 or 4 */
+    int32_t bits;        /* 8 or 16 */
+    int32_t dpi;
+    int32_t reserved0;
+    int32_t lProfil;     /* ICC profile length, 0 for none */
+    int32_t mode;        /* how pixels are taken from data */
+    int32_t reserved1[2];
+    int32_t orientation;
+} tif_info;
+
+OL_API int buf2tifOld(const void* data, const tif_info* info, int stride,
+                      const unsigned char* profile, const ExifRecord* exif,
+                      const GpsRecord* gps, int iptc_len, const unsigned char* iptc,
+                      int tmMethod, const float* tmParams, const char* filename);
+
+/* ------------------------------------------------------------------------ */
+/* ICC profiles                                                              */
+
+OL_API int extract_profile(const char* path, unsigned char* buffer);
+/* name: a 32-byte field owned by the caller. */
+OL_API int get_profile_name(int size, const unsigned char* profile, char* name);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* OMBRELUMEN40LIB1_H */
