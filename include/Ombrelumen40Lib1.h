@@ -228,13 +228,20 @@ OL_API int constant_exif(ExifRecord* kept, const ExifRecord* other);
 
 /* Measures what write_exif_buf needs for these records: the counts and data
  * lengths of the Exif and GPS directories, the Model and date text lengths
- * with their terminators, and 11 if a GPS date exists (else 0). Returns the
- * GPS tag count plus the Exif tag count. */
+ * with their terminators (0 for an empty text, field size + 1 for a full
+ * one), and 11 if a GPS date exists (else 0). Results go to the seven
+ * pointers in the order Exif count, Exif data length, GPS count, GPS data
+ * length, model length, date length, GPS date length; the arguments of
+ * write_exif_buf take them in that order. A null record counts as empty.
+ * Returns the GPS tag count plus the Exif tag count. */
 OL_API int get_exif_count(const ExifRecord* exif, int* exifCount, int* exifLen,
                           const GpsRecord* gps, int* gpsCount, int* gpsLen,
                           int* modelLen, int* datetimeLen, int* gpsDatestampLen);
-/* XMP packet of tone-mapping settings. write 0 only measures; otherwise the
- * packet is written to out. Returns the text length, no terminator. */
+/* XMP packet of tone-mapping settings. write 0 only measures (out unused);
+ * otherwise the packet is written to out, with no terminator. tmMethod 1
+ * (Details Enhancer) reads tmParams[0..14], 2 (Tone Compressor) reads
+ * indices 0-4, 12 and 13; any other method gives the packet without method
+ * lines. Returns the text length in bytes, the same in both modes. */
 OL_API int embed_xmp(int write, char* out, int tmMethod, const float* tmParams);
 /* Exif block for a JPEG APP1 segment; out must be zeroed and large enough. */
 OL_API int write_exif_buf(int exifCount, int exifLen, int gpsCount, int gpsLen, int modelLen,
