@@ -1,0 +1,28 @@
+// Exposure estimation shared by the merges: ranking of frames by exposure and
+// the inference of exposures from a fixed step or from mean levels.
+#pragma once
+
+#include <cstddef>
+
+namespace ol {
+
+// Slope factor of guess_ev at a mean level on the 16-bit scale (0..65535),
+// interpolated between the nine knots exactly as the expanded table holds it.
+// Levels outside the table (above 65280 or negative) give 0.
+float guessEvFactor(long level) noexcept;
+
+// Scratch needed by the cores below, in ints/floats per frame.
+inline constexpr std::size_t kGuessEvScratchPerFrame = 3;        // rang, work copy, E
+inline constexpr std::size_t kClassementScratchPerFrame = 3;     // work copy, list, repair
+
+// The cores of guess_ev and fClassementCroissant. `scratch` holds at least
+// n * k*ScratchPerFrame 32-bit words. They never allocate.
+int guessEvCore(int mode, int n, float evStep, int* moyBuf, float* deltaT, void* scratch) noexcept;
+int classementCroissantCore(int n, const float* values, int* ordre, void* scratch) noexcept;
+
+// Replaces the repeats of a list of frame numbers by the numbers it lacks.
+// A repeat is an entry equal to the one before it in the list as built; the
+// lacking numbers are used in ascending order. `seen` holds n ints.
+void repairDuplicateRanks(int n, int* list, int* seen) noexcept;
+
+}  // namespace ol

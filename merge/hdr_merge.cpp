@@ -1,0 +1,310 @@
+// The plain weighted merge of a bracketed photo block into rgbe planes.
+//
+// Each frame gets a weight table over the luminance level ival (a squared
+// parabola that reaches 0 at the frame's saturation level), and a pixel is the
+// weighted mean of the linearised samples divided by the frame's exposure.
+// Frames are visited from the shortest exposure to the longest; a longer
+// exposure that is still dark throws away what the shorter ones contributed.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "Ombrelumen40Lib1.h"
+#include "frame/alloc.hpp"
+#include "frame/numeric.hpp"
+#include "frame/rgbe.hpp"
+#include "frame/trace.hpp"
+#include "merge/exposure.hpp"
+#include "merge/merge_encode.hpp"
+
+namespace ol {
+namespace {
+
+constexpr int kLevels = 65536;
+constexpr int kDarkLevel = 2560;      // 10 on the 8-bit scale
+constexpr int kLastDarkLevel = 1280;  // 5 on the 8-bit scale, for the longest exposure
+
+// What the pixel loop needs of one frame, in visiting order (shortest
+// exposure first).
+struct FrameVisit {
+    const void* samples;  // first sample of the frame
+    const float* weight;  // 65536 entries
+    float invT;
+    int saturation;
+    int darkLevel;  // sums are reset when ival is below this
+    int frame;      // frame number, for the diagnostic line
+};
+
+struct MergeStats {
+    float minLum = 1e9f;
+    float maxLum = 0.0f;
+    double sum = 0.0;  // running sum of lum, in pixel order
+    long long count = 0;
+};
+
+// The luminance level of a pixel from the 8-bit values of its three colour
+// positions (high bytes for 16-bit samples).
+inline int levelOf(int first, int middle, int last) noexcept {
+    return 54 * first + 183 * middle + 19 * last;
+}
+
+template <class T>
+inline int highByte(T v) noexcept {
+    if constexpr (sizeof(T) == 1)
+        return v;
+    else
+        return v >> 8;
+}
+
+// Merges rows [y0, y1). SPP is the samples per pixel when known at compile
+// time, 0 to use `spp`.
+template <class T, int SPP>
+void mergeRows(int nPhotos, int width, int height, int spp, int y0, int y1,
+               const FrameVisit* visits, const float* lut, MergeStats& st,
+               std::uint8_t* rgbe) noexcept {
+    const int stride = SPP ? SPP : spp;
+    const int iFirst = 0;
+    const int iMiddle = (stride - 1) / 2;
+    const int iLast = stride - 1;
+    // Sample pixel positions of the diagnostic line; a period of 0 (a width
+    // below 2 or a height below 4) has no sample pixel.
+    const int periodX = width / 2;
+    const int periodY = height / 4;
+
+    for (int y = y0; y < y1; ++y) {
+        const RgbeRow row = rgbeRow(rgbe, width, y);
+        const std::size_t rowStart = static_cast<std::size_t>(y) * width * stride;
+        const bool traceRow = traceMerge && periodY > 0 && y % periodY == 50;
+        for (int x = 0; x < width; ++x) {
+            const std::size_t at = rowStart + static_cast<std::size_t>(x) * stride;
+            float sumW = 0.0f, sumR = 0.0f, sumG = 0.0f, sumB = 0.0f;
+            int nSat = 0;
+            for (int j = 0; j < nPhotos; ++j) {
+                const FrameVisit& f = visits[j];
+                const T* p = static_cast<const T*>(f.samples) + at;
+                const T a = p[iFirst];
+                const T b = p[iMiddle];
+                const T c = p[iLast];
+                const int ival = levelOf(highByte(a), highByte(b), highByte(c));
+                nSat += ival > f.saturation;
+                if (ival < f.darkLevel) {
+                    sumW = 0.0f;
+                    sumR = 0.0f;
+                    sumG = 0.0f;
+                    sumB = 0.0f;
+                }
+                const float w = f.weight[ival];
+                sumW += w;
+                const float wT = w * f.invT;
+                sumR += wT * lut[a];
+                sumG += wT * lut[b];
+                sumB += wT * lut[c];
+                if constexpr (traceMerge != 0) {
+                    if (traceRow && periodX > 0 && x % periodX == 100)
+                        std::fprintf(stdout,
+                                     "dT[%d]=%1.2f   ival: %d    w: %1.2f     %1.2f %1.2f %1.2f"
+                                     "       %d,%d\n",
+                                     f.frame, f.invT, ival, w, lut[highByte(a)],
+                                     lut[highByte(b)], lut[highByte(c)], x, y);
+                }
+            }
+            float R, G, B;
+            if (nSat == nPhotos) {
+                R = G = B = kMergeBurnt;
+            } else if (sumW > 0.0f) {
+                R = sumR / sumW;
+                G = sumG / sumW;
+                B = sumB / sumW;
+            } else {
+                R = G = B = 0.0f;
+            }
+            const float lum = static_cast<float>(0.2 * R + 0.7 * G + 0.1 * B);
+            if (lum < 1e9f) {
+                if (lum > st.maxLum) st.maxLum = lum;
+                st.sum += lum;
+                ++st.count;
+            }
+            if (lum > 0.0f && lum < st.minLum) st.minLum = lum;
+            storeRgbe(row, x, encodeMergePixel(R, G, B));
+        }
+    }
+}
+
+template <class T>
+void mergeAll(int nPhotos, int width, int height, int spp, const FrameVisit* visits,
+              const float* lut, MergeStats& st, std::uint8_t* rgbe) noexcept {
+    switch (spp) {
+        case 3: mergeRows<T, 3>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
+        case 4: mergeRows<T, 4>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
+        case 1: mergeRows<T, 1>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
+        default: mergeRows<T, 0>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
+    }
+}
+
+// Replaces the markers left by pass 1: burnt-out pixels become neutral grey
+// at the largest luminance, dead-dark ones neutral grey at the smallest. The
+// grey is encoded without the zero guard, so a value of 0 gives a NaN scale:
+// mantissas 0 and exponent byte 128.
+void replaceMarkers(int width, int height, float minLum, float maxLum, std::uint8_t* rgbe) noexcept {
+    const RgbePixel bright = encodeRgbe(maxLum, maxLum, maxLum, RgbeForm::Clamped, ZeroGuard::Off);
+    const RgbePixel dark = encodeRgbe(minLum, minLum, minLum, RgbeForm::Clamped, ZeroGuard::Off);
+    for (int y = 0; y < height; ++y) {
+        const RgbeRow row = rgbeRow(rgbe, width, y);
+        for (int x = 0; x < width; ++x) {
+            const std::uint8_t e = row.e[x];
+            if (e == 255)
+                storeRgbe(row, x, bright);
+            else if (e == 0)
+                storeRgbe(row, x, dark);
+        }
+    }
+}
+
+// One weight table: 4 below mid-level and beta above it as the curvature of
+// v = 1 - a*(t-0.5)^2, squared; 0 above the saturation level.
+void fillWeightTable(int saturation, float beta, float* w) noexcept {
+    for (int i = 0; i < kLevels; ++i) {
+        if (i > saturation) {
+            w[i] = 0.0f;
+            continue;
+        }
+        const float a = i <= 32768 ? 4.0f : beta;
+        const float t = static_cast<float>(i) * (1.0f / 65536.0f);
+        const float d = t - 0.5f;
+        const float v = 1.0f - a * (d * d);
+        w[i] = v * v;
+    }
+}
+
+}  // namespace
+}  // namespace ol
+
+extern "C" {
+
+int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps, int gammaGiven,
+                 float* lut, float evStep, float* deltaT, const void* photos, float* stats,
+                 unsigned char* rgbe) {
+    using namespace ol;
+    if (height < 1 || nPhotos < 1) return 0;
+    // Any other depth would leave the samples unread (and the table of 2^bps
+    // entries unbounded): the call does nothing.
+    if (bps != 8 && bps != 16) return 0;
+    if (width < 0 || spp < 1) return 0;
+
+    const int inputMax = static_cast<int>(std::pow(2.0, bps)) - 1;
+    const float max = static_cast<float>(std::pow(2.0, bps));
+    if constexpr (traceMerge != 0)
+        std::fprintf(stdout,
+                     "ol_hdr_merge: %d photos  %d x %d  spp: %d   bps: %d   inputMax: %d  max: %1.0f\n",
+                     nPhotos, width, height, spp, bps, inputMax, max);
+
+    const float gamma = gammaGiven == 1 ? lut[0] : 2.2f;
+    for (int i = 1; i <= inputMax; ++i)
+        lut[i] = static_cast<float>(
+            std::pow(static_cast<double>(static_cast<float>(i) / max), static_cast<double>(gamma)));
+    lut[0] = lut[1];
+
+    // Small per-frame arrays in one block: ordre, saturation, noise, invT,
+    // the zero means for guess_ev, and the scratch of the two rankings.
+    const std::size_t n = static_cast<std::size_t>(nPhotos);
+    const std::size_t scratchWords =
+        n * (kGuessEvScratchPerFrame > kClassementScratchPerFrame ? kGuessEvScratchPerFrame
+                                                                  : kClassementScratchPerFrame);
+    Owned<std::int32_t> small = makeOwnedZeroed<std::int32_t>(5 * n + scratchWords);
+    if (!small) return -4;
+    int* ordre = small.get();
+    int* saturationLevel = ordre + n;
+    int* noiseLevel = saturationLevel + n;
+    float* invT = reinterpret_cast<float*>(noiseLevel + n);
+    int* zeros = reinterpret_cast<int*>(invT + n);
+    void* scratch = zeros + n;
+    FrameVisit visitsLocal[16];
+    Owned<FrameVisit> visitsHeap;
+    FrameVisit* visits = visitsLocal;
+    if (n > 16) {
+        visitsHeap = makeOwned<FrameVisit>(n);
+        if (!visitsHeap) return -4;
+        visits = visitsHeap.get();
+    }
+
+    if (evStep > -0.5f) guessEvCore(0, nPhotos, evStep, zeros, deltaT, scratch);
+    classementCroissantCore(nPhotos, deltaT, ordre, scratch);
+    for (int k = 0; k < nPhotos; ++k) invT[k] = 1.0f / deltaT[k];
+
+    const double ln2 = std::log(2.0);
+    const float minT = static_cast<float>(std::log(static_cast<double>(deltaT[ordre[0]])) / ln2);
+    const float maxT =
+        static_cast<float>(std::log(static_cast<double>(deltaT[ordre[nPhotos - 1]])) / ln2);
+    for (int k = 0; k < nPhotos; ++k) {
+        const double curT = std::log(static_cast<double>(deltaT[k])) / ln2;
+        if (maxT > minT) {
+            const double x = (curT - minT) / static_cast<double>(maxT - minT);
+            saturationLevel[k] = truncToInt(64000.0 - 3840.0 * x);
+            noiseLevel[k] = truncToInt(3072.0 - 512.0 * x);
+        } else {
+            saturationLevel[k] = 64000;
+            noiseLevel[k] = 3072;
+        }
+        if constexpr (traceMerge != 0)
+            std::fprintf(stdout,
+                         "%d  minT: %1.2f maxT: %1.2f  curT: %1.2f      saturationLevel: %d  %d   "
+                         "noiseLevel: %d\n",
+                         k, minT, maxT, curT, saturationLevel[k], saturationLevel[k] >> 8,
+                         noiseLevel[k] >> 8);
+    }
+
+    Owned<float> weight = makeOwned<float>(n * kLevels);
+    if (!weight) return -4;
+    for (int k = 0; k < nPhotos; ++k) {
+        const int sat = saturationLevel[k];
+        const float q = static_cast<float>(sat) / 65535.0f;
+        const float d = static_cast<float>(0.5 - static_cast<double>(q));
+        const float beta = static_cast<float>(1.0 / static_cast<double>(d * d));
+        if constexpr (traceMerge != 0)
+            std::fprintf(stdout, "photo%d   saturationLevel: %d     beta:  %1.2f\n", k, sat, beta);
+        // Frames with the same level share the same table.
+        int same = -1;
+        for (int q2 = 0; q2 < k && same < 0; ++q2)
+            if (saturationLevel[q2] == sat) same = q2;
+        float* table = weight.get() + static_cast<std::size_t>(k) * kLevels;
+        if (same >= 0)
+            std::memcpy(table, weight.get() + static_cast<std::size_t>(same) * kLevels,
+                        sizeof(float) * kLevels);
+        else
+            fillWeightTable(sat, beta, table);
+    }
+
+    const std::size_t frameSamples =
+        static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * static_cast<std::size_t>(spp);
+    const std::size_t sampleBytes = bps == 16 ? 2 : 1;
+    for (int j = 0; j < nPhotos; ++j) {
+        const int k = ordre[j];
+        visits[j].samples =
+            static_cast<const std::uint8_t*>(photos) + static_cast<std::size_t>(k) * frameSamples * sampleBytes;
+        visits[j].weight = weight.get() + static_cast<std::size_t>(k) * kLevels;
+        visits[j].invT = invT[k];
+        visits[j].saturation = saturationLevel[k];
+        visits[j].darkLevel = j == nPhotos - 1 ? kLastDarkLevel : kDarkLevel;
+        visits[j].frame = k;
+    }
+
+    MergeStats st;
+    if (bps == 8)
+        mergeAll<std::uint8_t>(nPhotos, width, height, spp, visits, lut, st, rgbe);
+    else
+        mergeAll<std::uint16_t>(nPhotos, width, height, spp, visits, lut, st, rgbe);
+    weight.reset();
+
+    float mean = 0.0f;
+    if (st.count > 0) mean = static_cast<float>(st.sum / static_cast<double>(st.count));
+    stats[0] = 256.0f * st.minLum;
+    stats[1] = 256.0f * st.maxLum;
+    stats[2] = 256.0f * mean;
+    if (mode == 2) return height;
+
+    replaceMarkers(width, height, st.minLum, st.maxLum, rgbe);
+    return height;
+}
+
+}  // extern "C"

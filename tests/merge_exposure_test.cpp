@@ -1,0 +1,238 @@
+// Exposures from Exif values, from a fixed step or from mean levels, and the
+// ordering of frames by exposure.
+#include <cmath>
+#include <vector>
+
+#include "merge/exposure.hpp"
+#include "support/testsupport.hpp"
+
+namespace {
+
+std::vector<float> record(float num, float den, float fnum, float fden, float ovr, float iso) {
+    return {num, den, fnum, fden, ovr, iso, 0.0f};
+}
+
+TEST(GetEv, ExifFormulaDefaultsAndOverride) {
+    std::vector<float> d;
+    for (auto r : {record(1, 100, 8, 1, 0, 100),     // 1/100 f/8 ISO 100
+                   record(0, 0, 8, 1, 1000, 100),    // no time: 2^(1000/1000)
+                   record(5, 0, 8, 1, 0, 100),       // den 0: t is 0
+                   record(1, 100, 0, 1, 0, 0),       // f-number and ISO missing
+                   record(1.9f, 100.7f, 8, 1, 0, 100),  // read truncated: 1/100
+                   record(0, 0, 0, 0, -2000, 0)})
+        d.insert(d.end(), r.begin(), r.end());
+    const std::vector<float> before = d;
+    ASSERT_EQ(get_ev(6, d.data()), 1);
+
+    const float t = 1.0f / 100.0f;
+    const float expected = static_cast<float>(static_cast<double>(t * 100.0f) * 20.64516 / 64.0);
+    EXPECT_EQ(d[0], expected);
+    EXPECT_NEAR(d[0], 0.3226f, 1e-4f);
+    EXPECT_EQ(d[1], 2.0f);
+    EXPECT_EQ(d[2], 0.0f);
+    EXPECT_EQ(d[3], expected);  // defaults are f/8 and ISO 100
+    EXPECT_EQ(d[4], expected);
+    EXPECT_EQ(d[5], 0.25f);
+    // Only the first n floats change.
+    for (std::size_t i = 6; i < d.size(); ++i) EXPECT_EQ(d[i], before[i]) << i;
+}
+
+TEST(GetEv, ManyFramesInPlace) {
+    // With more than seven frames the results overwrite records of frames
+    // that are already read; every frame must still see its own record.
+    const int n = 20;
+    std::vector<float> d;
+    for (int k = 0; k < n; ++k) {
+        auto r = record(1, static_cast<float>(1 << (k % 10)), 4, 1, 0, 200);
+        d.insert(d.end(), r.begin(), r.end());
+    }
+    ASSERT_EQ(get_ev(n, d.data()), 1);
+    for (int k = 0; k < n; ++k) {
+        const float t = 1.0f / static_cast<float>(1 << (k % 10));
+        EXPECT_EQ(d[k], static_cast<float>(static_cast<double>(t * 200.0f) * 20.64516 / 16.0)) << k;
+    }
+}
+
+TEST(GuessEv, FixedStep) {
+    int zeros3[3] = {0, 0, 0};
+    float dt[4];
+    ASSERT_EQ(guess_ev(0, 3, 2.0f, zeros3, dt), 3);
+    EXPECT_EQ(dt[0], 4.0f);
+    EXPECT_EQ(dt[1], 1.0f);
+    EXPECT_EQ(dt[2], 0.25f);
+    EXPECT_EQ(zeros3[0], 0);  // means untouched with a fixed step
+
+    int zeros4[4] = {0, 0, 0, 0};
+    ASSERT_EQ(guess_ev(0, 4, 1.5f, zeros4, dt), 4);  // half is 2: 2, 1, 0, -1 steps
+    EXPECT_EQ(dt[0], static_cast<float>(std::pow(2.0, 3.0)));
+    EXPECT_EQ(dt[1], static_cast<float>(std::pow(2.0, 1.5)));
+    EXPECT_EQ(dt[2], 1.0f);
+    EXPECT_EQ(dt[3], static_cast<float>(std::pow(2.0, -1.5)));
+
+    // With means, the step follows the brightness rank, not the frame number;
+    // a mode other than 0 changes nothing on this path.
+    int means[3] = {100, 900, 500};
+    ASSERT_EQ(guess_ev(1, 3, 1.0f, means, dt), 3);
+    EXPECT_EQ(dt[1], 2.0f);
+    EXPECT_EQ(dt[2], 1.0f);
+    EXPECT_EQ(dt[0], 0.5f);
+    EXPECT_EQ(means[0], 100);
+
+    // Ties rank by frame number.
+    int tie[3] = {7, 7, 7};
+    ASSERT_EQ(guess_ev(0, 3, 1.0f, tie, dt), 3);
+    EXPECT_EQ(dt[0], 2.0f);
+    EXPECT_EQ(dt[2], 0.5f);
+
+    EXPECT_EQ(guess_ev(0, 0, 1.0f, tie, dt), 0);
+}
+
+TEST(GuessEv, FactorTableKnotsAndInterpolation) {
+    EXPECT_EQ(ol::guessEvFactor(0), 1.1f);
+    EXPECT_FLOAT_EQ(ol::guessEvFactor(8 * 256), 1.2f);
+    EXPECT_FLOAT_EQ(ol::guessEvFactor(90 * 256), 1.8f);
+    EXPECT_FLOAT_EQ(ol::guessEvFactor(190 * 256), 4.7f);
+    EXPECT_EQ(ol::guessEvFactor(65280), 6.0f);
+    EXPECT_EQ(ol::guessEvFactor(65281), 0.0f);
+    EXPECT_EQ(ol::guessEvFactor(65535), 0.0f);
+    EXPECT_EQ(ol::guessEvFactor(-1), 0.0f);
+    EXPECT_NEAR(ol::guessEvFactor(1024), 1.15f, 1e-6f);
+    EXPECT_NEAR(ol::guessEvFactor(19200), 1.65f, 1e-6f);
+    // The entry is i*a + b in float, with a and b of the segment.
+    const float a = (1.8f - 1.5f) / 7680.0f;
+    const float b = 1.5f - 15360.0f * a;
+    EXPECT_EQ(ol::guessEvFactor(20001), 20001.0f * a + b);
+    // Monotonic between the first and the last knot.
+    for (long i = 1; i <= 65280; ++i) ASSERT_GE(ol::guessEvFactor(i), ol::guessEvFactor(i - 1)) << i;
+}
+
+float stopStep(float brighter, float darker) {
+    const float ratio = brighter / darker;
+    const long level = static_cast<long>((darker + brighter) / 2.0f);
+    return static_cast<float>(std::log(static_cast<double>(ratio)) * (1.0 / std::log(2.0)) *
+                              static_cast<double>(ol::guessEvFactor(level)));
+}
+
+TEST(GuessEv, InferenceFromMeans) {
+    // Frame 1 brightest, frame 0 middle, frame 2 darkest.
+    int means[3] = {6400, 25600, 1600};
+    float dt[3];
+    ASSERT_EQ(guess_ev(0, 3, 0.0f, means, dt), 3);
+    const float eDark = static_cast<float>(0.0 - static_cast<double>(stopStep(6400, 1600)));
+    const float eBright = static_cast<float>(0.0 + static_cast<double>(stopStep(25600, 6400)));
+    EXPECT_EQ(dt[0], 1.0f);
+    EXPECT_EQ(dt[1], static_cast<float>(std::pow(2.0, static_cast<double>(eBright))));
+    EXPECT_EQ(dt[2], static_cast<float>(std::pow(2.0, static_cast<double>(eDark))));
+    EXPECT_NEAR(eBright, 2.0f * 1.525f, 1e-5f);  // factor at level 16000
+    EXPECT_NEAR(eDark, -2.0f * (1.3f + 416.0f * 0.2f / 11776.0f), 1e-5f);
+    EXPECT_EQ(means[0], 6400);  // mode 0 keeps the means
+
+    // Walking further out accumulates: four frames, half is 2.
+    int four[4] = {40000, 20000, 10000, 5000};
+    float dt4[4];
+    ASSERT_EQ(guess_ev(0, 4, -3.0f, four, dt4), 4);
+    const float e1 = static_cast<float>(0.0 + static_cast<double>(stopStep(20000, 10000)));
+    const float e0 = static_cast<float>(static_cast<double>(e1) + static_cast<double>(stopStep(40000, 20000)));
+    const float e3 = static_cast<float>(0.0 - static_cast<double>(stopStep(10000, 5000)));
+    EXPECT_EQ(dt4[2], 1.0f);
+    EXPECT_EQ(dt4[1], static_cast<float>(std::pow(2.0, static_cast<double>(e1))));
+    EXPECT_EQ(dt4[0], static_cast<float>(std::pow(2.0, static_cast<double>(e0))));
+    EXPECT_EQ(dt4[3], static_cast<float>(std::pow(2.0, static_cast<double>(e3))));
+}
+
+TEST(GuessEv, MeansBelowOneAreRaised) {
+    int means[3] = {0, -5, 0};
+    float dt[3] = {9, 9, 9};
+    ASSERT_EQ(guess_ev(0, 3, 0.0f, means, dt), 3);
+    for (int k = 0; k < 3; ++k) {
+        EXPECT_EQ(dt[k], 1.0f) << k;
+        EXPECT_EQ(means[k], 1) << k;
+    }
+    // A mean of -1 or below never wins the ranking: its frame comes in
+    // through the repair of the ranks, last.
+    int mode1[3] = {0, -5, 0};
+    ASSERT_EQ(guess_ev(3, 3, 0.0f, mode1, dt), 3);
+    EXPECT_EQ(mode1[0], 0);
+    EXPECT_EQ(mode1[1], 2);
+    EXPECT_EQ(mode1[2], 1);
+}
+
+TEST(GuessEv, NonZeroModeRoundsAndRewritesMeansByRank) {
+    int means[3] = {1600, 25600, 6400};
+    float dt[3];
+    ASSERT_EQ(guess_ev(1, 3, 0.0f, means, dt), 3);
+    // Stops 3.05 and -2.61 round half away from zero to 3 and -3.
+    EXPECT_EQ(dt[0], 3.0f);
+    EXPECT_EQ(dt[1], 0.0f);
+    EXPECT_EQ(dt[2], -3.0f);
+    EXPECT_EQ(means[0], 1);
+    EXPECT_EQ(means[1], 2);
+    EXPECT_EQ(means[2], 0);
+
+    // A step below half a stop rounds to 0: half is 1, so E[1] is 0 and
+    // E[0] is log2(4000/3500) * 1.30 = 0.25.
+    int small[2] = {4000, 3500};
+    ASSERT_EQ(guess_ev(-1, 2, 0.0f, small, dt), 2);
+    EXPECT_EQ(dt[0], 0.0f);
+    EXPECT_EQ(dt[1], 0.0f);
+    int wide[2] = {64000, 1000};
+    ASSERT_EQ(guess_ev(-1, 2, 0.0f, wide, dt), 2);
+    const float e0 = stopStep(64000, 1000);
+    EXPECT_EQ(dt[0], std::fabs(e0 - std::trunc(e0)) < 0.5f ? std::trunc(e0) : std::trunc(e0) + 1.0f);
+}
+
+TEST(FClassementCroissant, OrderAndTies) {
+    int ordre[5];
+    const float ones[3] = {1, 1, 1};
+    ASSERT_EQ(fClassementCroissant(3, ones, ordre), 3);
+    EXPECT_EQ(ordre[0], 2);
+    EXPECT_EQ(ordre[1], 1);
+    EXPECT_EQ(ordre[2], 0);
+
+    const float v[5] = {3, 1, 2, 1, 0.5f};
+    ASSERT_EQ(fClassementCroissant(5, v, ordre), 5);
+    const int expected[5] = {4, 3, 1, 2, 0};  // equal values: higher frame first
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(ordre[i], expected[i]) << i;
+    EXPECT_EQ(v[0], 3.0f);  // values unchanged
+
+    EXPECT_EQ(fClassementCroissant(0, v, ordre), 0);
+    EXPECT_EQ(fClassementCroissant(-2, v, ordre), 0);
+}
+
+TEST(FClassementCroissant, VeryLowValuesComeInThroughRepair) {
+    int ordre[4];
+    const float a[3] = {5, -1e8f, 3};
+    ASSERT_EQ(fClassementCroissant(3, a, ordre), 3);
+    EXPECT_EQ(ordre[0], 1);  // list 0,2,(2->1) reversed
+    EXPECT_EQ(ordre[1], 2);
+    EXPECT_EQ(ordre[2], 0);
+
+    const float none[4] = {-1e9f, -1e8f, NAN, -3e8f};
+    ASSERT_EQ(fClassementCroissant(4, none, ordre), 4);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(ordre[i], 3 - i) << i;
+
+    // -99999992 is the float just above -1e8: above -99999999 in double, so it
+    // takes part and ranks above the value that cannot.
+    const float edge[2] = {-2e8f, -99999992.0f};
+    ASSERT_EQ(fClassementCroissant(2, edge, ordre), 2);
+    EXPECT_EQ(ordre[0], 0);
+    EXPECT_EQ(ordre[1], 1);
+}
+
+TEST(FClassementCroissant, LargeCountsUseHeapScratch) {
+    std::vector<float> v(1000);
+    for (int i = 0; i < 1000; ++i) v[i] = static_cast<float>((i * 7919) % 1000);
+    std::vector<int> ordre(1000);
+    ASSERT_EQ(fClassementCroissant(1000, v.data(), ordre.data()), 1000);
+    for (int i = 1; i < 1000; ++i) ASSERT_LT(v[ordre[i - 1]], v[ordre[i]]);
+}
+
+TEST(RepairDuplicateRanks, RepeatsTakeMissingNumbersInOrder) {
+    int list[5] = {3, 3, 3, 1, 1};
+    int seen[5];
+    ol::repairDuplicateRanks(5, list, seen);
+    const int expected[5] = {3, 0, 2, 1, 4};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(list[i], expected[i]) << i;
+}
+
+}  // namespace
