@@ -1,0 +1,236 @@
+// Decoding a Radiance picture into rgbe planes: from a copy of the whole file
+// in memory (decomp_rle) or streaming from the file (decomp2).
+#include <cstdio>
+#include <cstring>
+
+#include "Ombrelumen40Lib1.h"
+#include "frame/alloc.hpp"
+#include "frame/file.hpp"
+#include "frame/trace.hpp"
+#include "radiance/byte_source.hpp"
+#include "radiance/header.hpp"
+#include "radiance/rle.hpp"
+
+namespace ol::radiance {
+namespace {
+
+// The run-length form is recognised by the first row alone: 2, 2 and a byte
+// below 128.
+inline bool isRunLengthStart(const std::uint8_t* h) noexcept {
+    return h[0] == 2 && h[1] == 2 && h[2] < 128;
+}
+
+inline std::uint8_t* rowStart(unsigned char* rgbe, int width, int y) noexcept {
+    return rgbe + static_cast<std::size_t>(y) * 4u * static_cast<std::size_t>(width);
+}
+
+// Deals interleaved R, G, B, E pixels to the four planes of a row.
+void dealPixels(const std::uint8_t* src, int width, std::uint8_t* row) noexcept {
+    std::uint8_t* r = row;
+    std::uint8_t* g = row + width;
+    std::uint8_t* b = row + 2 * static_cast<std::size_t>(width);
+    std::uint8_t* e = row + 3 * static_cast<std::size_t>(width);
+    for (int x = 0; x < width; ++x) {
+        r[x] = src[4 * x];
+        g[x] = src[4 * x + 1];
+        b[x] = src[4 * x + 2];
+        e[x] = src[4 * x + 3];
+    }
+}
+
+// Copies at most 255 bytes starting at p (stopping at a zero byte or at end)
+// into a terminated buffer, so that scanning a resolution line never reads
+// past the block.
+bool scanResolutionAt(const std::uint8_t* p, const std::uint8_t* end, int* height,
+                      int* width) noexcept {
+    char text[256];
+    std::size_t n = 0;
+    while (n < sizeof text - 1 && p + n < end && p[n] != 0) {
+        text[n] = static_cast<char>(p[n]);
+        ++n;
+    }
+    text[n] = '\0';
+    return scanResolution(text, height, width);
+}
+
+// One component stream read from the file: -1 at the end of the file, -5 for
+// a run and -6 for a literal that would pass the end of the row.
+int streamComponent(ByteSource& src, int width, std::uint8_t* dst) noexcept {
+    int x = 0;
+    while (x < width) {
+        // Fast path: a whole packet lies in the block already read.
+        std::size_t avail = src.buffered();
+        if (avail >= 2) {
+            const std::uint8_t* p = src.peek();
+            const int code = p[0];
+            if (code > 128) {
+                const int n = code - 128;
+                if (x + n > width) return -5;
+                std::memset(dst + x, p[1], static_cast<std::size_t>(n));
+                src.advance(2);
+                x += n;
+                continue;
+            }
+            if (code == 0 || x + code > width) return -6;
+            if (avail > static_cast<std::size_t>(code)) {
+                std::memcpy(dst + x, p + 1, static_cast<std::size_t>(code));
+                src.advance(static_cast<std::size_t>(code) + 1);
+                x += code;
+                continue;
+            }
+        }
+        const int code = src.get();
+        if (code < 0) return -1;
+        if (code > 128) {
+            const int n = code - 128;
+            if (x + n > width) return -5;
+            const int v = src.get();
+            if (v < 0) return -1;
+            std::memset(dst + x, v, static_cast<std::size_t>(n));
+            x += n;
+        } else {
+            if (code == 0 || x + code > width) return -6;
+            if (src.read(dst + x, static_cast<std::size_t>(code)) != static_cast<std::size_t>(code))
+                return -1;
+            x += code;
+        }
+    }
+    return 0;
+}
+
+inline void traceStage(const char* line) noexcept {
+    if constexpr (traceFiles) std::fprintf(stdout, "%s", line);
+    std::fflush(stdout);
+}
+
+}  // namespace
+}  // namespace ol::radiance
+
+using namespace ol;
+using namespace ol::radiance;
+
+extern "C" {
+
+OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe) {
+    const int width = rgbeDims[0];
+    const int height = rgbeDims[1];
+    const int size = rgbeDims[2];
+    if constexpr (traceFiles)
+        std::fprintf(stdout, "in decomp-rle, infos=%d,%d,%d\n", width, height, size);
+
+    File file = openFile(path, "rb");
+    if (!file) return -1;
+    const std::size_t bytes = size > 0 ? static_cast<std::size_t>(size) : 0;
+    Owned<std::uint8_t> block = makeOwned<std::uint8_t>(bytes);
+    if (!block) return -4;
+    if (!readExact(file.get(), block.get(), bytes)) return -2;
+    file.reset();
+
+    // Every step below is bounded by the block. The data running out (no
+    // resolution line, nothing after it, or a row cut short) is a read that
+    // fell short: -2.
+    const std::uint8_t* const begin = block.get();
+    const std::uint8_t* const end = begin + bytes;
+    const std::uint8_t* p = begin;
+    for (;; ++p) {
+        p = static_cast<const std::uint8_t*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+        if (!p) return -3;
+        int h = 0, w = 0;
+        if (scanResolutionAt(p + 1, end, &h, &w)) {
+            if (h != height || w != width) return -3;
+            break;
+        }
+    }
+    // Past the resolution line: 6 bytes on from its line feed, then to the
+    // line feed that ends it, and over one blank line if there is one.
+    if (end - p <= 6) return -2;
+    p += 6;
+    p = static_cast<const std::uint8_t*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+    if (!p) return -2;
+    ++p;
+    if (p < end && *p == '\n') ++p;
+
+    const bool runLength = end - p >= 3 && isRunLengthStart(p);
+    if (runLength) {
+        for (int y = 0; y < height; ++y) {
+            if (end - p < 4) return -2;
+            if (((p[2] << 8) | p[3]) != width) return -4;
+            p += 4;
+            std::uint8_t* row = rowStart(rgbe, width, y);
+            for (int c = 0; c < 4; ++c) {
+                switch (decodeComponent(p, end, width, row + static_cast<std::size_t>(c) * width)) {
+                    case RleStatus::Ok: break;
+                    case RleStatus::RunOverrun: return -5;
+                    case RleStatus::BadLiteral: return -6;
+                    case RleStatus::Truncated: return -2;
+                }
+            }
+        }
+    } else {
+        const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
+        for (int y = 0; y < height; ++y) {
+            if (static_cast<std::size_t>(end - p) < rowBytes) return -2;
+            dealPixels(p, width, rowStart(rgbe, width, y));
+            p += rowBytes;
+        }
+    }
+    return height;
+}
+
+OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, void* /*unused*/) {
+    const int width = rgbeDims[0];
+    const int height = rgbeDims[1];
+    const long size = rgbeDims[2];
+    traceStage("in decomp2-0\n");
+
+    File file = openFile(path, "rb");
+    if (!file) return -1;
+    std::FILE* f = file.get();
+
+    int h = 0, w = 0;
+    if (findResolutionLine(f, headerLineBudget(size), &h, &w) < 0) return -2;
+    if (h != height || w != width) return -3;
+    traceStage("in decomp2-1\n");
+
+    Owned<std::uint8_t> head = makeOwned<std::uint8_t>(4);
+    if (!head) return -4;
+    const long start = std::ftell(f);
+    if (start < 0) return -1;
+    if (!readExact(f, head.get(), 4)) return -2;
+    if (std::fseek(f, start, SEEK_SET) != 0) return -1;
+    const bool runLength = isRunLengthStart(head.get());
+    traceStage("in decomp2-2\n");
+
+    ByteSource src(f);
+    if (runLength) {
+        traceStage("in decomp2-3\n");
+        for (int y = 0; y < height; ++y) {
+            std::uint8_t* hd = head.get();
+            if (src.read(hd, 4) != 4) return -2;
+            if (hd[2] >= 128) return -6;
+            if (((hd[2] << 8) | hd[3]) != width) return -4;
+            std::uint8_t* row = rowStart(rgbe, width, y);
+            for (int c = 0; c < 4; ++c) {
+                const int r = streamComponent(src, width, row + static_cast<std::size_t>(c) * width);
+                if (r != 0) return r;
+            }
+        }
+    } else {
+        traceStage("in decomp2-3\n");
+        const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
+        Owned<std::uint8_t> line = makeOwned<std::uint8_t>(rowBytes);
+        if (!line) return -4;
+        // A picture of fewer than four rows reports every row.
+        const int quarter = height / 4 > 0 ? height / 4 : 1;
+        for (int y = 0; y < height; ++y) {
+            if (src.read(line.get(), rowBytes) != rowBytes) return -2;
+            dealPixels(line.get(), width, rowStart(rgbe, width, y));
+            if constexpr (traceFiles)
+                if (y % quarter == 0) std::fprintf(stdout, "ligne=%d\n", y);
+        }
+    }
+    traceStage("in decomp2-3-7\n");
+    return height;
+}
+
+}  // extern "C"

@@ -1,0 +1,97 @@
+// Helpers shared by the Radiance tests: building planes, decoding packets,
+// and composing files byte by byte.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/testsupport.hpp"
+
+namespace radtest {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// rgbe planes of a smooth picture with some noise, every exponent non-zero.
+inline Bytes photoPlanes(int width, int height, std::uint32_t seed) {
+    Bytes p(static_cast<std::size_t>(width) * height * 4);
+    std::uint32_t s = seed * 2654435761u + 1;
+    for (int y = 0; y < height; ++y) {
+        std::uint8_t* row = p.data() + static_cast<std::size_t>(y) * 4 * width;
+        for (int x = 0; x < width; ++x) {
+            s = s * 1664525u + 1013904223u;
+            const int noise = static_cast<int>((s >> 24) & 3);
+            row[x] = static_cast<std::uint8_t>(128 + (x * 127 / (width > 1 ? width : 1)) / 2 + noise);
+            row[width + x] = static_cast<std::uint8_t>(128 + (y * 127 / (height > 1 ? height : 1)) / 2 + noise);
+            row[2 * width + x] = static_cast<std::uint8_t>(128 + ((x + y) & 63) + noise);
+            row[3 * width + x] = static_cast<std::uint8_t>(120 + (x / 64) % 16);
+        }
+    }
+    return p;
+}
+
+// Parses one component stream of packets; returns the packet lengths
+// (positive: literal, negative: run) and appends the decoded bytes.
+struct Packets {
+    std::vector<int> lengths;
+    Bytes bytes;
+    std::size_t consumed = 0;
+};
+inline Packets parsePackets(const std::uint8_t* p, std::size_t n, int width) {
+    Packets out;
+    std::size_t i = 0;
+    while (static_cast<int>(out.bytes.size()) < width && i < n) {
+        const int code = p[i++];
+        if (code > 128) {
+            out.lengths.push_back(-(code - 128));
+            out.bytes.insert(out.bytes.end(), static_cast<std::size_t>(code - 128), p[i++]);
+        } else {
+            out.lengths.push_back(code);
+            out.bytes.insert(out.bytes.end(), p + i, p + i + code);
+            i += static_cast<std::size_t>(code);
+        }
+    }
+    out.consumed = i;
+    return out;
+}
+
+// Offset of the first scanline byte in a file the library wrote.
+inline std::size_t dataOffset(const Bytes& file) {
+    const std::string s(file.begin(), file.end());
+    const std::size_t r = s.find("\n-Y ");
+    const std::size_t e = s.find('\n', r + 1);
+    return e + 1;
+}
+
+// A run-length file in memory: header text then the given scanline bytes.
+inline Bytes radianceFile(const std::string& header, const Bytes& data) {
+    Bytes f(header.begin(), header.end());
+    f.insert(f.end(), data.begin(), data.end());
+    return f;
+}
+
+// Run-length rows that code each component of every row as literals of at
+// most 127 bytes, from planes.
+inline Bytes literalRows(const Bytes& planes, int width, int height) {
+    Bytes d;
+    for (int y = 0; y < height; ++y) {
+        d.insert(d.end(), {2, 2, static_cast<std::uint8_t>(width >> 8), static_cast<std::uint8_t>(width & 255)});
+        for (int c = 0; c < 4; ++c) {
+            const std::uint8_t* src = planes.data() + (static_cast<std::size_t>(y) * 4 + c) * width;
+            for (int x = 0; x < width;) {
+                const int n = width - x < 127 ? width - x : 127;
+                d.push_back(static_cast<std::uint8_t>(n));
+                d.insert(d.end(), src + x, src + x + n);
+                x += n;
+            }
+        }
+    }
+    return d;
+}
+
+inline std::string resolution(int width, int height) {
+    return "-Y " + std::to_string(height) + " +X " + std::to_string(width) + "\n";
+}
+
+}  // namespace radtest
