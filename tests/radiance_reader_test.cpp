@@ -1,0 +1,477 @@
+// Radiance reading: the size query, the two decoders, the preview reader and
+// the header values, against crafted files for every failure they report.
+#include <cmath>
+#include <cstring>
+
+#include "radiance_helpers.hpp"
+
+using namespace radtest;
+
+namespace {
+
+const std::string kHead = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n";
+
+struct Decoded {
+    int rle, stream, preview;
+};
+
+// A 64x80 picture coded as literal packets: 264 bytes a row, 21120 in all,
+// large enough for the preview reader. Row y starts at rowOffset(y).
+struct Crafted {
+    static constexpr int kWidth = 64, kHeight = 80;
+    Bytes planes = photoPlanes(kWidth, kHeight, 11);
+    Bytes file = radianceFile(kHead + resolution(kWidth, kHeight), literalRows(planes, kWidth, kHeight));
+    std::size_t rowOffset(int y) const {
+        return kHead.size() + resolution(kWidth, kHeight).size() + static_cast<std::size_t>(y) * 264;
+    }
+};
+
+Decoded decodeAll(const oltest::TempDir& dir, const Bytes& file, int width, int height,
+                  Bytes* out = nullptr) {
+    const std::string path = dir.file("f.hdr");
+    oltest::writeFile(path, file);
+    int dims[7] = {width, height, static_cast<int>(file.size()), 0, 0, 0, 0};
+    Bytes a(4u * width * height, 0xEE), b(a.size(), 0xEE), p(a.size(), 0xEE);
+    Decoded d;
+    d.rle = decomp_rle(path.c_str(), dims, a.data());
+    d.stream = decomp2(path.c_str(), dims, b.data(), nullptr);
+    d.preview = ol_io_read_preview_rgbe(width, height, width, height, path.c_str(), p.data());
+    if (out) *out = a;
+    return d;
+}
+
+void expectCodes(const Decoded& d, int rle, int stream, int preview) {
+    EXPECT_EQ(d.rle, rle) << "decomp_rle";
+    EXPECT_EQ(d.stream, stream) << "decomp2";
+    EXPECT_EQ(d.preview, preview) << "ol_io_read_preview_rgbe";
+}
+
+}  // namespace
+
+TEST(RadianceReader, CraftedFileDecodesEverywhere) {
+    oltest::TempDir dir;
+    Crafted c;
+    Bytes out;
+    expectCodes(decodeAll(dir, c.file, c.kWidth, c.kHeight, &out), 80, 80, 81);
+    EXPECT_EQ(out, c.planes);
+}
+
+TEST(RadianceReader, FailureTable) {
+    oltest::TempDir dir;
+    const int W = Crafted::kWidth, H = Crafted::kHeight;
+    {
+        SCOPED_TRACE("size differs from the caller's");
+        Crafted c;
+        expectCodes(decodeAll(dir, c.file, W, H - 1), -3, -3, -200);
+        expectCodes(decodeAll(dir, c.file, W + 1, H), -3, -3, -200);
+    }
+    {
+        SCOPED_TRACE("width field of a later row header differs");
+        Crafted c;
+        c.file[c.rowOffset(1) + 3] = W - 1;
+        expectCodes(decodeAll(dir, c.file, W, H), -4, -4, -4);
+    }
+    {
+        SCOPED_TRACE("third byte of a later row header is 128 or more");
+        Crafted c;
+        c.file[c.rowOffset(1) + 2] = 0x80;
+        // The in-memory decoder does not look at it but the width field is off.
+        expectCodes(decodeAll(dir, c.file, W, H), -4, -6, -201);
+    }
+    {
+        SCOPED_TRACE("first two bytes of later rows are not checked");
+        Crafted c;
+        c.file[c.rowOffset(1)] = 9;
+        c.file[c.rowOffset(1) + 1] = 9;
+        expectCodes(decodeAll(dir, c.file, W, H), H, H, H + 1);
+    }
+    {
+        SCOPED_TRACE("a run would pass the end of the row");
+        Crafted c;
+        c.file[c.rowOffset(1) + 4 + 65] = 128 + 65;  // green component
+        expectCodes(decodeAll(dir, c.file, W, H), -5, -5, -202);
+    }
+    {
+        SCOPED_TRACE("an empty literal");
+        Crafted c;
+        c.file[c.rowOffset(2) + 4] = 0;
+        expectCodes(decodeAll(dir, c.file, W, H), -6, -6, -202);
+    }
+    {
+        SCOPED_TRACE("a literal that would pass the end of the row");
+        Crafted c;
+        c.file[c.rowOffset(2) + 4] = 65;
+        expectCodes(decodeAll(dir, c.file, W, H), -6, -6, -202);
+    }
+    {
+        SCOPED_TRACE("end of file inside a row");
+        Crafted c;
+        c.file.resize(c.rowOffset(H - 1) + 100);
+        expectCodes(decodeAll(dir, c.file, W, H), -2, -1, -1);
+    }
+    {
+        SCOPED_TRACE("end of file at a row header");
+        Crafted c;
+        c.file.resize(c.rowOffset(H - 1) + 2);
+        expectCodes(decodeAll(dir, c.file, W, H), -2, -2, -1);
+    }
+    {
+        SCOPED_TRACE("a file that does not open");
+        int dims[7] = {W, H, 30000, 0, 0, 0, 0};
+        Bytes out(4u * W * H);
+        const std::string path = dir.file("absent.hdr");
+        EXPECT_EQ(decomp_rle(path.c_str(), dims, out.data()), -1);
+        EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), -1);
+        EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 8, 8, path.c_str(), out.data()), -1);
+        float prim[8];
+        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -1);
+        ExifRecord e;
+        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), -1);
+    }
+}
+
+TEST(RadianceReader, ShortReadsAndMissingLines) {
+    oltest::TempDir dir;
+    Crafted c;
+    const std::string path = dir.file("f.hdr");
+    oltest::writeFile(path, c.file);
+    Bytes out(c.planes.size());
+    // The caller's file size claims more than the file holds: the in-memory
+    // read falls short; the streaming decoder runs out of header lines.
+    int dims[7] = {Crafted::kWidth, Crafted::kHeight, static_cast<int>(c.file.size()) + 1, 0, 0, 0, 0};
+    EXPECT_EQ(decomp_rle(path.c_str(), dims, out.data()), -2);
+    const std::string noRes = dir.file("nores.hdr");
+    oltest::writeText(noRes, "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n");
+    int big[7] = {4, 4, 100000, 0, 0, 0, 0};
+    EXPECT_EQ(decomp2(noRes.c_str(), big, out.data(), nullptr), -2);
+    // Within its budget but no resolution line: a mismatch.
+    int small[7] = {4, 4, 300, 0, 0, 0, 0};
+    EXPECT_EQ(decomp2(noRes.c_str(), small, out.data(), nullptr), -3);
+    EXPECT_EQ(decomp_rle(noRes.c_str(), small, out.data()), -2);
+    int exact[7] = {4, 4, 35, 0, 0, 0, 0};
+    EXPECT_EQ(decomp_rle(noRes.c_str(), exact, out.data()), -3);
+
+    // The resolution line with fewer than 4 bytes behind it.
+    const std::string cut = dir.file("cut.hdr");
+    oltest::writeText(cut, kHead + "-Y 1 +X 1\n\x02\x02");
+    int d1[7] = {1, 1, 1000, 0, 0, 0, 0};
+    EXPECT_EQ(decomp2(cut.c_str(), d1, out.data(), nullptr), -2);
+    int d2[7] = {1, 1, static_cast<int>(kHead.size()) + 12, 0, 0, 0, 0};
+    EXPECT_EQ(decomp_rle(cut.c_str(), d2, out.data()), -2);
+}
+
+TEST(RadianceReader, FailedAllocationsGiveMinusFour) {
+    oltest::TempDir dir;
+    Crafted c;
+    const std::string path = dir.file("f.hdr");
+    oltest::writeFile(path, c.file);
+    int dims[7] = {Crafted::kWidth, Crafted::kHeight, static_cast<int>(c.file.size()), 0, 0, 0, 0};
+    Bytes out(c.planes.size());
+    {
+        oltest::FailAllocation f(1);
+        EXPECT_EQ(decomp_rle(path.c_str(), dims, out.data()), -4);
+    }
+    {
+        oltest::FailAllocation f(1);
+        EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), -4);
+    }
+    {
+        oltest::FailAllocation f(1);
+        EXPECT_EQ(ol_io_read_preview_rgbe(64, 80, 16, 16, path.c_str(), out.data()), -4);
+    }
+    // Flat form: the row buffer is the second allocation.
+    Bytes flat(kHead.begin(), kHead.end());
+    const std::string res = resolution(64, 80);
+    flat.insert(flat.end(), res.begin(), res.end());
+    for (int i = 0; i < 64 * 80; ++i) flat.insert(flat.end(), {100, 110, 120, 130});
+    oltest::writeFile(path, flat);
+    dims[2] = static_cast<int>(flat.size());
+    for (long n : {1L, 2L}) {
+        oltest::FailAllocation f(n);
+        EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), -4);
+    }
+    for (long n : {1L, 2L}) {
+        oltest::FailAllocation f(n);
+        EXPECT_EQ(ol_io_read_preview_rgbe(64, 80, 16, 16, path.c_str(), out.data()), -4);
+    }
+    EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), 80);
+    EXPECT_EQ(out[0], 100);
+    EXPECT_EQ(out[64 * 3], 130);
+}
+
+TEST(RadianceReader, FormIsDecidedByTheFirstRowAlone) {
+    oltest::TempDir dir;
+    const int W = 40, H = 20;  // large enough for the line budget
+    // Flat pixels whose first pixel starts 2, 2: taken for a run-length row.
+    Bytes data;
+    for (int i = 0; i < W * H; ++i) data.insert(data.end(), {2, 2, 5, 9});
+    const Bytes file = radianceFile(kHead + resolution(W, H), data);
+    const std::string path = dir.file("f.hdr");
+    oltest::writeFile(path, file);
+    int dims[7] = {W, H, static_cast<int>(file.size()), 0, 0, 0, 0};
+    Bytes out(4u * W * H);
+    EXPECT_EQ(decomp_rle(path.c_str(), dims, out.data()), -4);  // width field 5*256+9
+    EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), -4);
+    // A third byte of 128 or more keeps the flat form.
+    Bytes data2 = data;
+    data2[2] = 200;
+    oltest::writeFile(path, radianceFile(kHead + resolution(W, H), data2));
+    EXPECT_EQ(decomp_rle(path.c_str(), dims, out.data()), H);
+    EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), H);
+    EXPECT_EQ(out[2 * W], 200);
+    EXPECT_EQ(out[2 * W + 1], 5);
+}
+
+TEST(RadianceReader, BlankLineAfterTheResolutionLine) {
+    oltest::TempDir dir;
+    const int W = 20, H = 60;
+    Bytes planes(4u * W * H, 130);
+    Bytes data;
+    for (int y = 0; y < H; ++y) {
+        data.insert(data.end(), {2, 2, 0, W});
+        for (int c = 0; c < 4; ++c) data.insert(data.end(), {128 + W, 130});
+    }
+    Bytes withBlank = data;
+    withBlank.insert(withBlank.begin(), '\n');
+    const std::string path = dir.file("f.hdr");
+    const Bytes file = radianceFile(kHead + resolution(W, H), withBlank);
+    oltest::writeFile(path, file);
+    int dims[7] = {W, H, static_cast<int>(file.size()), 0, 0, 0, 0};
+    Bytes out(planes.size());
+    // The in-memory decoder passes over one blank line; the streaming one
+    // takes the data right after the resolution line, here as flat pixels.
+    EXPECT_EQ(decomp_rle(path.c_str(), dims, out.data()), H);
+    EXPECT_EQ(out, planes);
+    EXPECT_EQ(decomp2(path.c_str(), dims, out.data(), nullptr), -2);
+}
+
+TEST(RadianceReader, SizeQueryAndItsLineBudget) {
+    oltest::TempDir dir;
+    const std::string path = dir.file("f.hdr");
+    float prim[8];
+    // Under 128 bytes there is no line to read.
+    oltest::writeText(path, "#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80");
+    int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -3);
+
+    // 128 bytes give one line.
+    std::string t = "-Y 2 +X 3\n";
+    t += std::string(128 - t.size(), 'x');
+    oltest::writeText(path, t);
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 0);
+    EXPECT_EQ(dims[0], 3);
+    EXPECT_EQ(dims[1], 2);
+    EXPECT_EQ(dims[2], 128);
+
+    // Zero numbers are no resolution line.
+    oltest::writeText(path, "-Y 0 +X 3\n" + std::string(200, 'x'));
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -3);
+
+    // At most 100 lines however large the file; a long line counts as
+    // several reads of 127 bytes.
+    auto withLines = [&](int lines) {
+        std::string s;
+        for (int i = 0; i < lines; ++i) s += "# comment\n";
+        s += "-Y 5 +X 7\n";
+        s += std::string(13000, 'z');
+        return s;
+    };
+    oltest::writeText(path, withLines(99));
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 99);
+    oltest::writeText(path, withLines(100));
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -3);
+    oltest::writeText(path, std::string(127 * 3, 'L') + "\n-Y 5 +X 7\n" + std::string(13000, 'z'));
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 4);
+
+    // Primaries are returned when the line has all eight numbers.
+    oltest::writeText(path, "#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06 0.3127 0.329\n"
+                            "-Y 5 +X 7\n" + std::string(400, 'z'));
+    int d2[7] = {0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, d2), 2);
+    EXPECT_EQ(d2[6], 32);
+    EXPECT_FLOAT_EQ(prim[0], 0.64f);
+    EXPECT_FLOAT_EQ(prim[7], 0.329f);
+    oltest::writeText(path, "#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06 0.3127\n"
+                            "-Y 5 +X 7\n" + std::string(400, 'z'));
+    int d3[7] = {0, 0, 0, 0, 0, 0, 5};
+    std::fill(prim, prim + 8, 9.0f);
+    EXPECT_EQ(rgbe_dim(path.c_str(), prim, d3), 2);
+    EXPECT_EQ(d3[6], 5) << "left as the caller put it";
+    EXPECT_EQ(prim[0], 0.0f);
+}
+
+TEST(RadiancePreview, DecimatesByNearestNeighbour) {
+    oltest::TempDir dir;
+    Crafted c;
+    const std::string path = dir.file("f.hdr");
+    oltest::writeFile(path, c.file);
+    const int W = Crafted::kWidth, H = Crafted::kHeight;
+    for (auto [pw, ph] : {std::pair{W, H}, {32, 40}, {20, 30}, {7, 3}, {1, 1}}) {
+        SCOPED_TRACE(std::to_string(pw) + "x" + std::to_string(ph));
+        Bytes out(4u * pw * ph, 0xEE);
+        EXPECT_EQ(ol_io_read_preview_rgbe(W, H, pw, ph, path.c_str(), out.data()), H + 1);
+        const float xr = static_cast<float>(W) / static_cast<float>(pw);
+        const float yr = static_cast<float>(H) / static_cast<float>(ph);
+        for (int j = 0; j < ph; ++j)
+            for (int c4 = 0; c4 < 4; ++c4)
+                for (int i = 0; i < pw; ++i) {
+                    const int sy = static_cast<int>(static_cast<float>(j) * yr);
+                    const int sx = static_cast<int>(static_cast<float>(i) * xr);
+                    ASSERT_EQ(out[(static_cast<std::size_t>(j) * 4 + c4) * pw + i],
+                              c.planes[(static_cast<std::size_t>(sy) * 4 + c4) * W + sx]);
+                }
+    }
+}
+
+TEST(RadiancePreview, TallerPreviewRunsOutOfRows) {
+    oltest::TempDir dir;
+    Crafted c;
+    const std::string path = dir.file("f.hdr");
+    oltest::writeFile(path, c.file);
+    const int W = Crafted::kWidth, H = Crafted::kHeight;
+    // Twice as tall: output rows 0 and 1 both want source row 0, which is
+    // decoded once, so only output row 0 is stored and the file runs out.
+    Bytes out(4u * W * 2 * H, 0xEE);
+    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, W, 2 * H, path.c_str(), out.data()), H);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 4 * W), Bytes(c.planes.begin(), c.planes.begin() + 4 * W));
+    EXPECT_EQ(out[4 * W], 0xEE);
+}
+
+TEST(RadiancePreview, FlatFormAndTheBudget) {
+    oltest::TempDir dir;
+    const int W = 64, H = 80;
+    Bytes planes = photoPlanes(W, H, 12);
+    Bytes data;
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x)
+            for (int k = 0; k < 4; ++k) data.push_back(planes[(static_cast<std::size_t>(y) * 4 + k) * W + x]);
+    const std::string path = dir.file("flat.hdr");
+    oltest::writeFile(path, radianceFile(kHead + resolution(W, H), data));
+    Bytes out(4u * 10 * 10);
+    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 10, 10, path.c_str(), out.data()), H + 1);
+    EXPECT_EQ(out[(3 * 4 + 2) * 10 + 7], planes[(static_cast<std::size_t>(24) * 4 + 2) * W + 44]);
+
+    // A file below 16640 bytes has no preview; at 16640 the budget is 2.
+    Bytes small = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7));
+    ASSERT_EQ(small.size(), 16640u);
+    oltest::writeFile(path, small);
+    Bytes o2(64, 0);
+    EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), 5);
+    small.pop_back();
+    oltest::writeFile(path, small);
+    EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), -1);
+    // The resolution line on the third line is beyond a budget of 2.
+    Bytes third = radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7));
+    oltest::writeFile(path, third);
+    EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), -200);
+}
+
+TEST(RadianceHeader, ExtractsValuesAsFractions) {
+    oltest::TempDir dir;
+    const std::string path = dir.file("f.hdr");
+    oltest::writeText(path,
+                      "#?RADIANCE\nCAMERA=" + std::string(70, 'K') + "\nCAPDATE=2019:12:31 23:59:59\n"
+                      "ICC_PROFILE=Adobe RGB (1998)\nSHUTTER=0.004000\nAPERTURE=2.80\nISO=400\n"
+                      "FOCAL_LENGTH=18.50\n35MM_EQUIV=28\nFOCAL_PLANE_XRESOLUTION=1.00\n"
+                      "FORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 1\n\x80\x80\x80\x80");
+    ExifRecord e;
+    std::memset(&e, 0, sizeof e);
+    e.focal35 = 11;
+    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 12);
+    EXPECT_EQ(std::string(e.camera, 64), std::string(64, 'K'));
+    EXPECT_EQ(std::string(e.date), "2019:12:31 23:59:59");
+    EXPECT_EQ(e.colorSpace, 1);
+    // 100/0.004f is 24999.998 in float arithmetic.
+    EXPECT_EQ(e.exposureNum, 100);
+    EXPECT_EQ(e.exposureDen, 24999);
+    EXPECT_EQ(e.apertureNum, 280);
+    EXPECT_EQ(e.apertureDen, 100);
+    EXPECT_EQ(e.focalNum, 1850);
+    EXPECT_EQ(e.focalDen, 100);
+    EXPECT_EQ(e.iso, 400);
+    EXPECT_EQ(e.focal35, 11) << "not read back";
+    EXPECT_EQ(e.planeResNum, 0);
+
+    // Values of 0 or below are dropped; an empty camera is not stored; the
+    // colour space is matched by the start of the name only.
+    oltest::writeText(path, "#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\n"
+                            "ICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n");
+    std::memset(&e, 0, sizeof e);
+    std::strcpy(e.camera, "kept");
+    e.exposureNum = 3;
+    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 6);
+    EXPECT_STREQ(e.camera, "kept");
+    EXPECT_EQ(e.exposureNum, 3);
+    EXPECT_EQ(e.apertureNum, 0);
+    EXPECT_EQ(e.focalNum, 100);
+    EXPECT_EQ(e.focalDen, 100);
+    EXPECT_EQ(e.colorSpace, 2);
+    for (auto [name, cs] : {std::pair{"sRGB IEC61966-2.1", 0}, {"Display P3", -1}, {"adobe rgb", -1}}) {
+        oltest::writeText(path, std::string("ICC_PROFILE=") + name + "\n-Y 1 +X 1\n");
+        e.colorSpace = 7;
+        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 1);
+        EXPECT_EQ(e.colorSpace, cs) << name;
+    }
+
+    // No resolution line in the first 100 lines: 100. A file that ends
+    // before: -1.
+    std::string many;
+    for (int i = 0; i < 120; ++i) many += "#\n";
+    oltest::writeText(path, many);
+    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 100);
+    oltest::writeText(path, "#?RADIANCE\nISO=5\n");
+    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), -1);
+    EXPECT_EQ(e.iso, 5);
+}
+
+TEST(RadianceHeader, WrittenValuesReadBack) {
+    oltest::TempDir dir;
+    ExifRecord in;
+    std::memset(&in, 0, sizeof in);
+    in.exposureNum = 1;
+    in.exposureDen = 60;
+    in.apertureNum = 56;
+    in.apertureDen = 10;
+    in.iso = 1600;
+    in.focalNum = 35;
+    in.focalDen = 1;
+    std::memset(in.camera, 'M', 64);
+    std::memcpy(in.date, "2022:02:02 02:02:02\n", 20);
+    const Bytes px = photoPlanes(4, 4, 3);
+    const std::string path = dir.file("f.hdr");
+    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 4, 4, &in, nullptr, "ProPhoto RGB", px.data()), 4);
+    ExifRecord out;
+    std::memset(&out, 0, sizeof out);
+    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &out), 11);
+    EXPECT_EQ(std::string(out.camera, 64), std::string(64, 'M'));
+    EXPECT_EQ(std::string(out.date), "2022:02:02 02:02:02");
+    EXPECT_EQ(out.colorSpace, 2);
+    // 1/60 is written as 0.016667 and comes back as 100/6000.
+    EXPECT_EQ(out.exposureNum, 100);
+    EXPECT_EQ(out.exposureDen, 5999);
+    EXPECT_EQ(out.apertureNum, 560);
+    EXPECT_EQ(out.apertureDen, 100);
+    EXPECT_EQ(out.iso, 1600);
+    EXPECT_EQ(out.focalNum, 3500);
+}
+
+TEST(RadianceReader, WriterOutputRoundTripsAtManyWidths) {
+    oltest::TempDir dir;
+    ExifRecord e;
+    std::memset(&e, 0, sizeof e);
+    for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000}) {
+        const int height = 7 + 800 / width;  // files long enough for the line budget
+        Bytes px = photoPlanes(width, height, static_cast<std::uint32_t>(width));
+        // Long runs and short ones side by side.
+        for (int x = 0; x < width / 3; ++x) px[static_cast<std::size_t>(width) * 4 + x] = 9;
+        const std::string path = dir.file("w.hdr");
+        ASSERT_EQ(ol_io_rgbe_write(path.c_str(), width, height, &e, nullptr, "", px.data()), height);
+        const Bytes f = oltest::readFile(path);
+        int dims[7] = {width, height, static_cast<int>(f.size()), 0, 0, 0, 0};
+        Bytes a(px.size()), b(px.size());
+        EXPECT_EQ(decomp_rle(path.c_str(), dims, a.data()), height) << width;
+        EXPECT_EQ(decomp2(path.c_str(), dims, b.data(), nullptr), height) << width;
+        EXPECT_EQ(a, px) << width;
+        EXPECT_EQ(b, px) << width;
+    }
+}
