@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,10 +44,11 @@ inline std::vector<int> tagsOf(const std::vector<Entry>& ifd) {
     return t;
 }
 
-inline const Entry* find(const std::vector<Entry>& ifd, int tag) {
+// The entry of `tag`, by value (the IFD may be a temporary).
+inline std::optional<Entry> find(const std::vector<Entry>& ifd, int tag) {
     for (const auto& e : ifd)
-        if (e.tag == tag) return &e;
-    return nullptr;
+        if (e.tag == tag) return e;
+    return std::nullopt;
 }
 
 inline std::string text(const std::vector<std::uint8_t>& b, std::size_t at, std::size_t n) {

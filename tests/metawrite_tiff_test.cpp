@@ -223,8 +223,8 @@ TEST(MetawriteTiff, TagPresenceRules) {
         const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, &ex, &gps);
         const auto ifd = readIfd(w.bytes, u32(w.bytes, 4));
         std::vector<int> exifTags, gpsTags;
-        if (const Entry* e = find(ifd, 34665)) exifTags = tagsOf(readIfd(w.bytes, e->value));
-        if (const Entry* e = find(ifd, 34853)) gpsTags = tagsOf(readIfd(w.bytes, e->value));
+        if (const auto e = find(ifd, 34665)) exifTags = tagsOf(readIfd(w.bytes, e->value));
+        if (const auto e = find(ifd, 34853)) gpsTags = tagsOf(readIfd(w.bytes, e->value));
         return std::make_pair(exifTags, gpsTags);
     };
     // Rationals need both parts at least 1; a negative part counts as missing.
@@ -264,7 +264,7 @@ TEST(MetawriteTiff, ProfilesOtherThanRgbAreDroppedUnlessShort) {
     const auto px = ramp(3);
     const auto profileTag = [&](const std::vector<std::uint8_t>& icc) {
         const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, &icc, nullptr, nullptr);
-        const Entry* e = find(readIfd(w.bytes, 11), 34675);
+        const auto e = find(readIfd(w.bytes, 11), 34675);
         return std::make_pair(e ? static_cast<int>(e->count) : 0, w.result);
     };
     EXPECT_EQ(profileTag(iccHeader("RGB ")), std::make_pair(132, 184 + 12 + 132));
@@ -285,8 +285,8 @@ TEST(MetawriteTiff, IptcIsPaddedToWholeLongs) {
     std::vector<std::uint8_t> block(iptc);
     const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, nullptr, nullptr, &iptc);
     ASSERT_EQ(w.result, 184 + 12 + 8);
-    const Entry* e = find(readIfd(w.bytes, 11), 33723);
-    ASSERT_NE(e, nullptr);
+    const auto e = find(readIfd(w.bytes, 11), 33723);
+    ASSERT_TRUE(e);
     EXPECT_EQ(e->type, 4);
     EXPECT_EQ(e->count, 2u);
     EXPECT_EQ(text(w.bytes, e->value, 8), std::string("\x1C\x02\0\0\0\0\0\0", 8));
@@ -298,14 +298,14 @@ TEST(MetawriteTiff, XmpPacketIsSpaceFilledToItsCount) {
     const float tm[15] = {};
     const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, nullptr, nullptr, nullptr, 3, tm);
     const int len = embed_xmp(0, nullptr, 3, tm);
-    const Entry* e = find(readIfd(w.bytes, 11), 700);
-    ASSERT_NE(e, nullptr);
+    const auto e = find(readIfd(w.bytes, 11), 700);
+    ASSERT_TRUE(e);
     EXPECT_EQ(e->count, static_cast<std::uint32_t>(len + 1));
     EXPECT_EQ(w.bytes[e->value + len], ' ');
     EXPECT_EQ(text(w.bytes, e->value + len - 13, 13), "</x:xmpmeta>\n");
     // A method of 0 or below writes no packet.
     const Written none = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, nullptr, nullptr, nullptr, -1, tm);
-    EXPECT_EQ(find(readIfd(none.bytes, 11), 700), nullptr);
+    EXPECT_FALSE(find(readIfd(none.bytes, 11), 700));
 }
 
 TEST(MetawriteTiff, ShortModelTextIsStillWrittenAtAnOffset) {
