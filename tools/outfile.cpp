@@ -1,0 +1,106 @@
+#include "outfile.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "cli.hpp"
+
+namespace olhdr {
+
+namespace {
+// Pending temporary names, readable from a signal handler: fixed slots of
+// plain characters, each published through an atomic flag.
+constexpr int kSlots = 16;
+constexpr std::size_t kPathMax = 4096;
+char gPending[kSlots][kPathMax];
+std::atomic<bool> gUsed[kSlots];
+
+int reserveSlot(const std::string& path) {
+    if (path.size() >= kPathMax) return -1;
+    for (int i = 0; i < kSlots; ++i) {
+        bool expected = false;
+        if (gUsed[i].load() == false) {
+            std::memcpy(gPending[i], path.c_str(), path.size() + 1);
+            if (gUsed[i].compare_exchange_strong(expected, true)) return i;
+        }
+    }
+    return -1;
+}
+
+void onSignal(int) {
+    for (int i = 0; i < kSlots; ++i)
+        if (gUsed[i].load()) unlink(gPending[i]);
+    static const char msg[] = "olhdr: interrupted, partial output removed\n";
+    ssize_t r = write(2, msg, sizeof msg - 1);
+    (void)r;
+    _exit(kExitInterrupted);
+}
+
+std::string folderOf(const std::string& target) {
+    const std::filesystem::path p(target);
+    const auto parent = p.parent_path();
+    return parent.empty() ? std::string(".") : parent.string();
+}
+}  // namespace
+
+OutputFile::OutputFile(std::string target) : target_(std::move(target)) {
+    const std::filesystem::path p(target_);
+    const std::string name = p.filename().string();
+    const std::string dir = folderOf(target_);
+    temp_ = (std::filesystem::path(dir) / ("." + name + ".part-" + std::to_string(getpid()))).string();
+    slot_ = reserveSlot(temp_);
+}
+
+OutputFile::~OutputFile() {
+    if (!committed_) std::remove(temp_.c_str());
+    if (slot_ >= 0) gUsed[slot_].store(false);
+}
+
+void OutputFile::commit() {
+    if (std::rename(temp_.c_str(), target_.c_str()) != 0) {
+        const std::string why = std::strerror(errno);
+        throw Failure(kExitOutput, target_ + ": cannot write: " + why);
+    }
+    committed_ = true;
+}
+
+void checkWritable(const std::string& target) {
+    if (target.empty()) throw Failure(kExitUsage, "an output name is needed");
+    std::error_code ec;
+    if (std::filesystem::is_directory(target, ec))
+        throw Failure(kExitOutput, target + ": is a folder, not a file name");
+    const std::string dir = folderOf(target);
+    if (!std::filesystem::is_directory(dir, ec))
+        throw Failure(kExitOutput, target + ": folder " + dir + " does not exist");
+    if (access(dir.c_str(), W_OK | X_OK) != 0)
+        throw Failure(kExitOutput, target + ": cannot write in folder " + dir + ": " + std::strerror(errno));
+}
+
+void installSignalCleanup() {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
+}
+
+}  // namespace olhdr
+
+namespace olhdr {
+std::string extensionOf(const std::string& path) {
+    std::string ext = std::filesystem::path(path).extension().string();
+    if (!ext.empty() && ext[0] == '.') ext.erase(0, 1);
+    for (auto& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return ext;
+}
+}  // namespace olhdr
