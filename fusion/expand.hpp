@@ -1,0 +1,96 @@
+// The expansion of a coarse pyramid level to the next finer one (bilinear
+// doubling), shared by the Laplacian blend and the reconstruction.
+//
+// Fine pixel (x, y) reads coarse pixel (x >> 1, y >> 1) and, for an odd
+// coordinate, its right and/or lower neighbour, as a mean (integer >> 1 or
+// >> 2, float * 0.5 or * 0.25). An even fine size leaves a last column or row
+// without a coarse neighbour beyond it: there the coarse column or row is
+// used alone, except that with wrapX the right-hand neighbour of the last
+// column is the first pixel of the same coarse row (a float tap taken there
+// is truncated to an integer first).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "frame/numeric.hpp"
+
+namespace ol {
+
+template <class T>
+struct Expand {
+    using Acc = std::conditional_t<std::is_floating_point_v<T>, float, std::int32_t>;
+    static Acc one(T a) noexcept { return static_cast<Acc>(a); }
+    static Acc mean2(Acc a, Acc b) noexcept {
+        if constexpr (std::is_floating_point_v<T>) return (a + b) * 0.5f;
+        else return (a + b) >> 1;
+    }
+    static Acc mean4(Acc a, Acc b, Acc c, Acc d) noexcept {
+        if constexpr (std::is_floating_point_v<T>) return (a + b + c + d) * 0.25f;
+        else return (a + b + c + d) >> 2;
+    }
+    static Acc wrapped(T v) noexcept {
+        if constexpr (std::is_floating_point_v<T>) return static_cast<float>(truncToInt(v));
+        else return static_cast<Acc>(v);
+    }
+};
+
+// Calls op(x, c, up) for every sample of fine row y, x rising. `coarse`
+// points at the coarse level.
+template <class T, class Op>
+inline void expandRow(const T* coarse, int y, int wF, int hF, int wC, int ch, bool wrap,
+                      Op&& op) noexcept {
+    using E = Expand<T>;
+    using Acc = typename E::Acc;
+    const std::size_t row = static_cast<std::size_t>(wC) * ch;
+    const T* A = coarse + static_cast<std::size_t>(y >> 1) * row;
+    const int yMain = hF + (hF & 1) - 1;
+    // The lower coarse row takes part only for an odd y inside the main rows.
+    const T* B = ((y & 1) && y < yMain) ? A + row : nullptr;
+    const int xMain = wF + (wF & 1) - 1;
+    if (B) {
+        int x = 0;
+        for (; x + 1 < xMain; x += 2) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            const T* b = B + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) op(x, c, E::mean2(E::one(a[c]), E::one(b[c])));
+            for (int c = 0; c < ch; ++c)
+                op(x + 1, c,
+                   E::mean4(E::one(a[c]), E::one(a[c + ch]), E::one(b[c]), E::one(b[c + ch])));
+        }
+        if (x < xMain) {  // odd width: the last column is even
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            const T* b = B + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) op(x, c, E::mean2(E::one(a[c]), E::one(b[c])));
+        }
+    } else {
+        int x = 0;
+        for (; x + 1 < xMain; x += 2) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) op(x, c, E::one(a[c]));
+            for (int c = 0; c < ch; ++c) op(x + 1, c, E::mean2(E::one(a[c]), E::one(a[c + ch])));
+        }
+        if (x < xMain) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) op(x, c, E::one(a[c]));
+        }
+    }
+    if (!(wF & 1)) {  // even width: last column, odd x
+        const int x = wF - 1;
+        const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+        const T* b = B ? B + static_cast<std::size_t>(x >> 1) * ch : nullptr;
+        for (int c = 0; c < ch; ++c) {
+            Acc up;
+            if (!wrap)
+                up = b ? E::mean2(E::one(a[c]), E::one(b[c])) : E::one(a[c]);
+            else if (b)
+                up = E::mean4(E::one(a[c]), E::wrapped(A[c]), E::one(b[c]), E::wrapped(B[c]));
+            else
+                up = E::mean2(E::one(a[c]), E::wrapped(A[c]));
+            op(x, c, up);
+        }
+    }
+}
+
+}  // namespace ol

@@ -1,0 +1,264 @@
+// The exposure fusion driver: weights, then for each photo (last first) its
+// weight pyramid and its Laplacian blend into the fused pyramid, then the
+// collapse into the output. Memory mode keeps everything in buffers; disk
+// mode moves the source, the weight planes and the weight pyramid to three
+// scratch files named by the caller and reuses `images` twice.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "Ombrelumen40Lib1.h"
+#include "frame/alloc.hpp"
+#include "frame/file.hpp"
+#include "frame/numeric.hpp"
+#include "frame/trace.hpp"
+#include "fusion/pyramid.hpp"
+#include "fusion/scratch.hpp"
+#include "fusion/stages.hpp"
+
+namespace ol {
+
+int fusion_progress(OlProgressFn progress, float fraction) noexcept {
+    if (progress == nullptr) return 1;
+    std::int32_t cancel = 0;
+    try {
+        progress(fraction, &cancel);
+    } catch (...) {
+        return 0;  // an exception out of the callback counts as cancel
+    }
+    return cancel == 0 ? 1 : 0;
+}
+
+namespace {
+
+// Level 0 of `work` from photo `photo`: 16-bit samples on a 15-bit scale.
+void toPipeline(const void* src, int bspIn, std::size_t n, std::uint16_t* dst) noexcept {
+    if (bspIn == 8) {
+        const auto* s = static_cast<const std::uint8_t*>(src);
+        for (std::size_t i = 0; i < n; ++i) dst[i] = static_cast<std::uint16_t>(s[i] << 7);
+    } else if (bspIn == 16) {
+        const auto* s = static_cast<const std::uint16_t*>(src);
+        for (std::size_t i = 0; i < n; ++i) dst[i] = static_cast<std::uint16_t>(s[i] >> 1);
+    }
+}
+
+int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, int nbPhotos,
+              int width, int height, int outStride, int outSwap, int channels, int bspIn,
+              int bspOut, int bitDepthPoids, int bitDepthFusion, int lenPyram, int wrapX,
+              float unusedScale, float* exposureTimes, void* images, int* indexFixedExpo,
+              unsigned char* ghostMask, void* outFloat, void* work) noexcept {
+    int nbProc = files ? files->nbProc : 0;
+    if constexpr (traceProbe)
+        std::fprintf(stderr,
+                     "ol_fusion:  %d photos  %d x %d  lenPyram: %d  bspIn: %d  out: %d     bitDepthPoids: %d   bitDepthFusion: %d  nbProc: %d\n",
+                     nbPhotos, width, height, lenPyram, bspIn, bspOut, bitDepthPoids, bitDepthFusion,
+                     nbProc);
+    if constexpr (traceFlow)
+        for (int i = 0; i < nbPhotos - 1; ++i)
+            std::fprintf(stderr, "exposureTimes%d:  %1.4f\n", i, static_cast<double>(exposureTimes[i]));
+
+    const float start = bitDepthFusion == 32 ? 0.1f : 0.3f;
+    bool disk = false;
+    if (bspIn == 32) {
+        if (bspOut != 32 || bitDepthFusion != 32) return -2;
+        // The diagnostic bound of a float stack; no pixel depends on it.
+        float minExpo = 1.0f;
+        for (int i = 0; i < nbPhotos - 1; ++i)
+            if (exposureTimes[i] < minExpo) minExpo = exposureTimes[i];
+        float scaleToMax7 = 32768.0f;
+        if (minExpo > 0.0f)
+            scaleToMax7 = static_cast<float>(std::pow(static_cast<double>(minExpo), static_cast<double>(0.45454547f)) * 32768.0);
+        if constexpr (traceStats)
+            std::fprintf(stderr, "minExpo: %1.4f  scaleToMax7:  %1.2f\n", static_cast<double>(minExpo),
+                         static_cast<double>(scaleToMax7));
+        bitDepthFusion = 16;
+    } else {
+        disk = files && files->readFromDisk != 0 && files->nameSource && files->namePoids &&
+               files->namePyramPoids && (nbPhotos >= 3 || bspIn >= 16);
+    }
+
+    const std::size_t pixels = static_cast<std::size_t>(width > 0 ? width : 0) * static_cast<std::size_t>(height > 0 ? height : 0);
+    const std::size_t inBytes = static_cast<std::size_t>(bspIn / 8);
+    const std::size_t wBytes = static_cast<std::size_t>(bitDepthPoids / 8);
+    const std::size_t fBytes = static_cast<std::size_t>(bitDepthFusion / 8);
+    const std::size_t lenPyr = static_cast<std::size_t>(lenPyram > 0 ? lenPyram : 0);
+    const std::size_t photos = static_cast<std::size_t>(nbPhotos > 0 ? nbPhotos : 0);
+
+    // Scratch files; a failed open falls back to memory. Every path out of
+    // this function closes what it opened and frees what it took (the
+    // caller's files and buffers keep the content the steps gave them).
+    File fpSource, fpPoids, fpPyramPoids;
+    if (disk) {
+        fpSource = openFile(files->nameSource, "wb+");
+        if (fpSource) fpPoids = openFile(files->namePoids, "wb+");
+        if (fpPoids) fpPyramPoids = openFile(files->namePyramPoids, "wb+");
+        if (!fpSource || !fpPoids || !fpPyramPoids) {
+            disk = false;
+            fpSource.reset();
+            fpPoids.reset();
+            fpPyramPoids.reset();
+        }
+        nbProc = 0;  // disk mode runs the weights on the calling thread
+    }
+    Owned<unsigned char> rowBuffer;
+    if (disk) {
+        rowBuffer = makeOwnedZeroed<unsigned char>(photos * static_cast<std::size_t>(width) * channels * inBytes);
+        if (!rowBuffer) return -4;
+        const std::size_t count = photos * pixels * channels;
+        const std::size_t written = std::fwrite(images, inBytes, count, fpSource.get());
+        if constexpr (traceFlow)
+            std::fprintf(stderr, "retour dump: %d     readFromDisk: %d\n", static_cast<int>(written),
+                         files->readFromDisk);
+        if (written != count) {
+            fpSource.reset();
+            fpPoids.reset();
+            fpPyramPoids.reset();
+            rowBuffer.reset();
+            disk = false;
+        }
+    }
+
+    // Weight planes. In memory the pyramid area starts where the last plane
+    // stands, so every weight pyramid is built in the tail of `poids`.
+    Owned<unsigned char> poidsOwned;
+    unsigned char* poids;
+    if (disk) {
+        poids = static_cast<unsigned char*>(images);
+    } else {
+        const std::size_t planes = photos > 0 ? photos - 1 : 0;
+        std::size_t elements = planes * pixels + lenPyr;
+        if (photos == 0) elements = lenPyr > pixels ? lenPyr - pixels : 0;
+        poidsOwned = makeOwnedZeroed<unsigned char>(elements * wBytes);
+        if (!poidsOwned) return -4;
+        poids = poidsOwned.get();
+    }
+    const int r1 = adjust1(nbProc, fusionParams, nbPhotos, width, height, channels, bspIn,
+                           bitDepthPoids, bspOut == 32, unusedScale, exposureTimes, disk,
+                           fpSource.get(), rowBuffer.get(), images, indexFixedExpo, ghostMask, work,
+                           poids);
+    if constexpr (traceFlow) std::fprintf(stderr, "retour adjust1: %d\n", r1);
+    if (r1 < 0) return r1;
+    fusion_progress(progress, start);
+
+    if (disk) {
+        const std::size_t count = pixels * photos;
+        const std::size_t written = std::fwrite(poids, wBytes, count, fpPoids.get());
+        if constexpr (traceFlow) std::fprintf(stderr, "retour dump poids: %d\n", static_cast<int>(written));
+        if (written != count) return -2;
+    }
+
+    int nivo = pyramidReductions(width, height);
+    if (bspOut == 32 && nivo > 5) --nivo;
+    const std::int64_t biasedPixels = pyramidPixels(width, height, nivo > 0 ? nivo : 0);
+
+    Owned<unsigned char> fusedOwned;
+    void* fused;
+    unsigned char* weightArea;  // level 0 of the weight pyramid
+    if (disk) {
+        fused = images;
+        weightArea = static_cast<unsigned char*>(work);
+        // The count is formed with the weight depth, not the fusion depth:
+        // with 8-bit weights only the front of a 16-bit fused pyramid is
+        // cleared, and its low-pass level keeps what `images` held there.
+        std::memset(fused, 0, wBytes * static_cast<std::size_t>(channels) * lenPyr);
+    } else {
+        fusedOwned = makeOwnedZeroed<unsigned char>(lenPyr * static_cast<std::size_t>(channels) * fBytes);
+        if (!fusedOwned) return -4;
+        fused = fusedOwned.get();
+        weightArea = poids + (photos > 0 ? photos - 1 : 0) * pixels * wBytes;
+    }
+    if (bitDepthFusion == 16) {
+        auto* f16 = static_cast<std::uint16_t*>(fused);
+        const std::size_t n = static_cast<std::size_t>(biasedPixels) * channels;
+        for (std::size_t i = 0; i < n; ++i) f16[i] = 32767;
+    }
+
+    const float span = 1.0f - (start + 0.2f);
+    const std::size_t rowSamples = static_cast<std::size_t>(width) * channels;
+    auto* work16 = static_cast<std::uint16_t*>(work);
+    for (int i = nbPhotos - 1; i >= 0; --i) {
+        if constexpr (traceProbe)
+            std::fprintf(stderr, "------------- Pyramide laplace et Blending image %d ------------------\n", i);
+        // Weight plane i to level 0 of the weight pyramid.
+        if (disk) {
+            if (!seekScratch(fpPoids.get(), static_cast<std::int64_t>(i) * static_cast<std::int64_t>(pixels * wBytes)))
+                return -3;
+            const std::size_t got = std::fread(weightArea, wBytes, pixels, fpPoids.get());
+            if (got != pixels) {
+                if constexpr (traceFlow)
+                    std::fprintf(stderr, "could not read fpPoids - returned %d instead of %d\n",
+                                 static_cast<int>(got), static_cast<int>(pixels));
+                return -3;
+            }
+        } else {
+            unsigned char* plane = poids + static_cast<std::size_t>(i) * pixels * wBytes;
+            if (plane != weightArea) std::memmove(weightArea, plane, pixels * wBytes);
+        }
+        const int r21 = adjust21(nivo, width, height, bitDepthPoids, wrapX, weightArea);
+        if constexpr (traceFlow) std::fprintf(stderr, "retour adjust21: %d\n", r21);
+        if (r21 < 0) return r21;
+        if (disk) {
+            if (!seekScratch(fpPyramPoids.get(), 0)) return -3;
+            const std::size_t written = std::fwrite(weightArea, wBytes, lenPyr, fpPyramPoids.get());
+            if constexpr (traceFlow)
+                std::fprintf(stderr, "retour dump pyramPoids: %d\n", static_cast<int>(written));
+            if (written != lenPyr) return -2;
+            std::fflush(fpPyramPoids.get());
+        }
+        // The photo to level 0 of work (in disk mode over the weight pyramid,
+        // which now lives only in its file).
+        if (disk) {
+            for (int y = 0; y < height; ++y) {
+                const std::int64_t off = (static_cast<std::int64_t>(i) * height + y) *
+                                         static_cast<std::int64_t>(rowSamples * inBytes);
+                if (!seekScratch(fpSource.get(), off)) return -3;
+                const std::size_t got = std::fread(rowBuffer.get(), inBytes, rowSamples, fpSource.get());
+                if (got != rowSamples) {
+                    if constexpr (traceFlow)
+                        std::fprintf(stderr, "could not read fpSource - returned %d instead of %d  at  %d\n",
+                                     static_cast<int>(got), static_cast<int>(rowSamples), y);
+                    return -3;
+                }
+                toPipeline(rowBuffer.get(), bspIn, rowSamples, work16 + static_cast<std::size_t>(y) * rowSamples);
+            }
+        } else {
+            const unsigned char* photo =
+                static_cast<const unsigned char*>(images) + static_cast<std::size_t>(i) * pixels * channels * inBytes;
+            toPipeline(photo, bspIn, pixels * channels, work16);
+        }
+        const int r22 = fusion22(nivo, width, height, channels, bspOut, bitDepthFusion, bitDepthPoids, wrapX,
+                                 disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), work, fused);
+        if (r22 < 0) return r22;
+        const int k = nbPhotos - i;
+        fusion_progress(progress, start + span * static_cast<float>(k) / static_cast<float>(nbPhotos));
+    }
+    fpSource.reset();
+    fpPoids.reset();
+    fpPyramPoids.reset();
+    rowBuffer.reset();
+    poidsOwned.reset();
+
+    const int r3 = fusion3(fusionParams, nivo, width, height, channels, bspOut, bitDepthFusion, outStride,
+                           outSwap, wrapX, fused, outFloat, work);
+    if constexpr (traceProbe) std::fprintf(stderr, "retour fusion3 %d \n", r3);
+    fusion_progress(progress, 0.95f);
+    return r3;
+}
+
+}  // namespace
+}  // namespace ol
+
+extern "C" {
+
+int ol_fusion(FusionFiles* files, OlProgressFn progress, float* fusionParams, int nbPhotos,
+              int width, int height, int outStride, int outSwap, int channels, int bspIn,
+              int bspOut, int bitDepthPoids, int bitDepthFusion, int lenPyram, int wrapX,
+              float unusedScale, float* exposureTimes, void* images, int* indexFixedExpo,
+              unsigned char* ghostMask, void* outFloat, void* work) {
+    return ol::fusionRun(files, progress, fusionParams, nbPhotos, width, height, outStride, outSwap,
+                         channels, bspIn, bspOut, bitDepthPoids, bitDepthFusion, lenPyram, wrapX,
+                         unusedScale, exposureTimes, images, indexFixedExpo, ghostMask, outFloat, work);
+}
+
+}  // extern "C"

@@ -1,0 +1,102 @@
+#include "fusion/photo_stats.hpp"
+
+#include <cstdint>
+#include <cstring>
+
+#include "frame/alloc.hpp"
+
+namespace ol {
+namespace {
+
+// First level at which the running sum of the histogram exceeds `limit`, or
+// 256 when none does.
+int levelPassing(const std::int64_t* histo, std::int64_t limit) noexcept {
+    std::int64_t sum = 0;
+    for (int k = 0; k < 256; ++k) {
+        sum += histo[k];
+        if (sum > limit) return k;
+    }
+    return 256;
+}
+
+template <class T>
+void countPhoto(const T* photo, std::int64_t pixels, int channels, int satLimit,
+                std::int64_t* histo, std::int64_t& saturated) noexcept {
+    const int o1 = (channels - 1) / 2, o2 = channels - 1;
+    constexpr int shift = sizeof(T) == 2 ? 8 : 0;
+    for (std::int64_t i = 0; i < pixels; ++i) {
+        const T* p = photo + i * channels;
+        const int c0 = p[0], c1 = p[o1], c2 = p[o2];
+        if (c0 > satLimit && c1 > satLimit && c2 > satLimit) ++saturated;
+        const int lum = ((c0 >> shift) * 54 + (c1 >> shift) * 183 + (c2 >> shift) * 19) >> 8;
+        ++histo[lum];
+    }
+}
+
+}  // namespace
+
+int photo_stats(int nbPhotos, int width, int height, int channels, int bps, const void* images,
+                int* percNoisy, int* percSat, int* surexNivo, int* medianLevel,
+                int* photoOrder) noexcept {
+    Owned<std::int64_t> histo = makeOwned<std::int64_t>(256);
+    Owned<int> remaining = makeOwned<int>(nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1);
+    if (!histo || !remaining) return -4;
+    const std::int64_t pixels = static_cast<std::int64_t>(width) * height;
+    const std::size_t photoSamples = static_cast<std::size_t>(pixels) * channels;
+    const int satLimit = bps == 8 ? 250 : 64000;
+    std::int64_t saturated = 0;  // not reset between photos
+    for (int p = 0; p < nbPhotos; ++p) {
+        std::memset(histo.get(), 0, 256 * sizeof(std::int64_t));
+        if (bps == 8)
+            countPhoto(static_cast<const std::uint8_t*>(images) + p * photoSamples, pixels, channels,
+                       satLimit, histo.get(), saturated);
+        else if (bps == 16)
+            countPhoto(static_cast<const std::uint16_t*>(images) + p * photoSamples, pixels,
+                       channels, satLimit, histo.get(), saturated);
+        surexNivo[p] = static_cast<int>(saturated);
+        int level = levelPassing(histo.get(), static_cast<std::int64_t>(0.5 * static_cast<double>(pixels)));
+        if (level < 5)
+            level = levelPassing(histo.get(), static_cast<std::int64_t>(0.95 * static_cast<double>(pixels)));
+        else
+            level <<= 8;
+        medianLevel[p] = level;
+        std::int64_t high = 0, low = 0;
+        for (int k = 233; k < 256; ++k) high += histo[k];
+        for (int k = 0; k < 16; ++k) low += histo[k];
+        percSat[p] = pixels > 0 ? static_cast<int>(100 * high / pixels) : 0;
+        percNoisy[p] = pixels > 0 ? static_cast<int>(100 * low / pixels) : 0;
+    }
+
+    // Order by falling median: repeated selection of the strictly greatest
+    // remaining value, each selected entry marked.
+    constexpr int kTaken = -999999;
+    for (int p = 0; p < nbPhotos; ++p) remaining[p] = medianLevel[p];
+    int best = 0;
+    for (int n = 0; n < nbPhotos; ++n) {
+        int bestValue = kTaken;
+        for (int q = 0; q < nbPhotos; ++q)
+            if (remaining[q] > bestValue) {
+                bestValue = remaining[q];
+                best = q;
+            }
+        photoOrder[n] = best;
+        remaining[best] = kTaken;
+    }
+    // Entries listed twice (only possible with levels at the marker or
+    // below) give way to the photos not listed, in rising order.
+    for (int p = 0; p < nbPhotos; ++p) remaining[p] = 0;
+    for (int n = 0; n < nbPhotos; ++n) {
+        if (remaining[photoOrder[n]]) photoOrder[n] = -1;
+        else remaining[photoOrder[n]] = 1;
+    }
+    int next = 0;
+    for (int n = 0; n < nbPhotos; ++n) {
+        if (photoOrder[n] >= 0) continue;
+        while (next < nbPhotos && remaining[next]) ++next;
+        photoOrder[n] = next;
+        remaining[next] = 1;
+    }
+    return nbPhotos;
+}
+
+}  // namespace ol

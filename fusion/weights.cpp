@@ -1,0 +1,405 @@
+// Weight maps of exposure fusion: one plane per photo whose values add up to
+// the full scale of the weight depth at every pixel. The measure is how near
+// each channel lies to mid-grey, through a per-photo curve, sharpened by one
+// global curve; ghost masks force one photo per pixel. The rows are split
+// among worker threads, each writing only its own rows of every plane.
+#include <pthread.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+#include "frame/alloc.hpp"
+#include "frame/numeric.hpp"
+#include "frame/trace.hpp"
+#include "fusion/photo_stats.hpp"
+#include "fusion/scratch.hpp"
+#include "fusion/stages.hpp"
+
+namespace ol {
+namespace {
+
+// The fixed probe pixels, x,y, counted from the first row of a slice.
+inline bool isProbePixel(int x, int y) noexcept {
+    return (x == 250 && (y == 342 || y == 343 || y == 344)) ||
+           (y == 305 && (x == 250 || x == 260));
+}
+inline bool isSampledPixel(int x, int y) noexcept { return x % 100 == 0 && y % 100 == 0; }
+
+inline bool maskBit(const unsigned char* mask, std::uint64_t i) noexcept {
+    return (mask[i >> 3] & (0x80u >> (i & 7))) != 0;
+}
+
+template <class W>
+inline void storeWeights(W* plane0, std::size_t planeStride, std::size_t pix, const float* weight,
+                         int nbPhotos, int bitDepthPoids, int& cntZero) noexcept {
+    float sum = 0.0f;
+    for (int q = 0; q < nbPhotos; ++q) sum += weight[q];
+    if (sum > 0.0f) {
+        if constexpr (sizeof(W) == 4) {
+            for (int q = 0; q < nbPhotos; ++q) plane0[q * planeStride + pix] = weight[q] / sum;
+        } else {
+            const std::int32_t top = (1 << bitDepthPoids) - 1;
+            const float scale = static_cast<float>(1 << bitDepthPoids) / sum;
+            for (int q = 0; q < nbPhotos; ++q) {
+                const float v = weight[q] * scale;
+                std::int32_t t = truncToInt(v);
+                if (v - static_cast<float>(t) > 0.5f) ++t;
+                if (t < 0) t = 0;
+                if (t > top) t = top;
+                plane0[q * planeStride + pix] = static_cast<W>(t);
+            }
+        }
+    } else {
+        for (int q = 0; q < nbPhotos; ++q) plane0[q * planeStride + pix] = W(0);
+        ++cntZero;
+    }
+}
+
+// S: sample type (void for samples that are not read), W: weight element.
+template <class S, class W>
+int weightRows(int nbPhotos, int width, int rows, int height, int channels, int bspIn,
+               int bitDepthPoids, const float* fvalCurve, const float* sharpen,
+               const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
+               const void* images, bool removeGhost, const int* notMerged,
+               const unsigned char* ghostMask, void* poids, float* weight) noexcept {
+    constexpr bool readsSamples = !std::is_void_v<S>;
+    const int levels = bspIn == 8 ? 256 : 65536;
+    const int o1 = (channels - 1) / 2, o2 = channels - 1;
+    const std::size_t planePixels = static_cast<std::size_t>(width) * height;
+    const std::size_t photoSamples = planePixels * channels;
+    const std::size_t rowSamples = static_cast<std::size_t>(width) * channels;
+    const int sampleBytes = bspIn / 8;
+    W* plane0 = static_cast<W*>(poids);
+    int cntZero = 0;
+    float fval = 0.0f;  // keeps its value when no sample is read
+    for (int y = 0; y < rows; ++y) {
+        if (disk) {
+            for (int p = 0; p < nbPhotos; ++p) {
+                const std::int64_t off =
+                    (static_cast<std::int64_t>(p) * height + y) * static_cast<std::int64_t>(rowSamples) * sampleBytes;
+                if (!seekScratch(fpSource, off)) return -3;
+                void* dst = static_cast<unsigned char*>(rowBuffer) + p * rowSamples * sampleBytes;
+                const std::size_t got = std::fread(dst, sampleBytes, rowSamples, fpSource);
+                if (got != rowSamples) {
+                    if constexpr (traceFlow)
+                        std::fprintf(stderr, "could not read fpSource - returned %d instead of %d  at  %d\n",
+                                     static_cast<int>(got), static_cast<int>(rowSamples), y);
+                    return -3;
+                }
+            }
+        }
+        for (int x = 0; x < width; ++x) {
+            const std::size_t pix = static_cast<std::size_t>(y) * width + x;
+            for (int p = 0; p < nbPhotos; ++p) {
+                if (removeGhost && notMerged[p] >= 0 &&
+                    maskBit(ghostMask, static_cast<std::uint64_t>(notMerged[p]) * planePixels + pix)) {
+                    if constexpr (traceMerge)
+                        if (isSampledPixel(x, y))
+                            std::fprintf(stderr, "*** ghostMask for photo%d  at  %d,%d\n", p, x, y);
+                    for (int q = 0; q < nbPhotos; ++q) weight[q] = 0.0f;
+                    weight[p] = 1.0f;
+                    break;
+                }
+                const float* curve = fvalCurve + static_cast<std::size_t>(p) * levels;
+                int c0 = 0, c1 = 0, c2 = 0;
+                // Where this photo's samples of the pixel lie.
+                const std::size_t at = disk ? static_cast<std::size_t>(p) * rowSamples + static_cast<std::size_t>(x) * channels
+                                            : p * photoSamples + pix * channels;
+                if constexpr (readsSamples) {
+                    const S* s = (disk ? static_cast<const S*>(rowBuffer) : static_cast<const S*>(images)) + at;
+                    c0 = s[0];
+                    c1 = s[o1];
+                    c2 = s[o2];
+                    fval = 45875.2f * curve[c1] + 13107.2f * curve[c0];
+                    fval = fval + 6553.6f * curve[c2];
+                }
+                std::int32_t idx = truncToInt(fval);
+                if (idx > 65535) idx = 65535;
+                if (idx < 0) idx = 0;
+                float w = sharpen[idx];
+                if (photoFactor[p] > 0.0f) w *= photoFactor[p];
+                weight[p] = w;
+                if constexpr (traceProbe || traceMerge) {
+                    if ((traceProbe && isProbePixel(x, y)) || (traceMerge && isSampledPixel(x, y))) {
+                        // The probe reads the samples as bytes, whatever the depth.
+                        const unsigned char* b =
+                            static_cast<const unsigned char*>(disk ? rowBuffer : images) + at;
+                        std::fprintf(stderr,
+                                     "photo%d  %d %d %d   %1.2f %1.2f %1.2f  fval: %1.2f -> %d  poids: %1.2f    %d,%d\n",
+                                     p, b[0], b[o1], b[o2], static_cast<double>(curve[c0]),
+                                     static_cast<double>(curve[c1]), static_cast<double>(curve[c2]),
+                                     static_cast<double>(fval), idx, static_cast<double>(w), x, y);
+                    }
+                }
+            }
+            storeWeights(plane0, planePixels, pix, weight, nbPhotos, bitDepthPoids, cntZero);
+        }
+    }
+    if constexpr (traceWeights) std::fprintf(stderr, " cntZero: %d\n", cntZero);
+    return 0;
+}
+
+template <class S>
+int weightRowsFor(int bitDepthPoids, int nbPhotos, int width, int rows, int height, int channels,
+                  int bspIn, const float* fvalCurve, const float* sharpen, const float* photoFactor,
+                  int disk, std::FILE* fpSource, void* rowBuffer, const void* images,
+                  bool removeGhost, const int* notMerged, const unsigned char* ghostMask,
+                  void* poids, float* weight) noexcept {
+#define OL_WEIGHT_ROWS(W)                                                                     \
+    weightRows<S, W>(nbPhotos, width, rows, height, channels, bspIn, bitDepthPoids, fvalCurve, \
+                     sharpen, photoFactor, disk, fpSource, rowBuffer, images, removeGhost,     \
+                     notMerged, ghostMask, poids, weight)
+    if (bitDepthPoids == 8) return OL_WEIGHT_ROWS(std::uint8_t);
+    if (bitDepthPoids == 16) return OL_WEIGHT_ROWS(std::uint16_t);
+    if (bitDepthPoids == 32) return OL_WEIGHT_ROWS(float);
+#undef OL_WEIGHT_ROWS
+    return 0;
+}
+
+// The worker record of one thread.
+struct Worker {
+    int width, height, channels, bspIn, bitDepthPoids, nbPhotos;
+    const int* indexFixedExpo;
+    const float* fvalCurve;
+    const float* sharpen;
+    const float* photoFactor;
+    const void* images;
+    void* poids;
+    const unsigned char* ghostMask;
+    int threadIndex, threadCount, result;
+};
+
+struct Slice {
+    int first, rows;
+    const void* images;
+    void* poids;
+    const unsigned char* ghostMask;
+};
+
+// Rows of thread t: height / count each, the rest to the last thread. The
+// mask view moves by whole bytes, (first * width) >> 3, and the bit index
+// restarts at 0 in the slice: a slice whose first pixel is not on a byte
+// boundary reads the mask displaced by up to 7 pixels. All threads must use
+// this same view, or one and several threads would disagree.
+Slice sliceOf(const Worker& w) noexcept {
+    const int rowsPer = w.height / w.threadCount;
+    Slice s{};
+    s.first = w.threadIndex * rowsPer;
+    s.rows = w.threadIndex == w.threadCount - 1 ? w.height - s.first : rowsPer;
+    const std::size_t firstPixel = static_cast<std::size_t>(s.first) * w.width;
+    s.images = static_cast<const unsigned char*>(w.images) + firstPixel * w.channels * (w.bspIn / 8);
+    s.poids = static_cast<unsigned char*>(w.poids) + firstPixel * (w.bitDepthPoids / 8);
+    s.ghostMask = w.ghostMask ? w.ghostMask + (firstPixel >> 3) : nullptr;
+    return s;
+}
+
+void* aj1b_thread(void* arg) {
+    Worker& w = *static_cast<Worker*>(arg);
+    const Slice s = sliceOf(w);
+    w.result = aj1b_orig(w.nbPhotos, w.width, s.rows, w.height, w.channels, w.bspIn, w.bitDepthPoids,
+                         w.fvalCurve, w.sharpen, w.photoFactor, 0, nullptr, nullptr, s.images,
+                         w.indexFixedExpo, s.ghostMask, s.poids);
+    return nullptr;  // the same as pthread_exit(nullptr)
+}
+
+}  // namespace
+
+int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int bspIn,
+              int bitDepthPoids, const float* fvalCurve, const float* sharpen,
+              const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
+              const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
+              void* poids) noexcept {
+    const bool removeGhost = indexFixedExpo[0] >= 0 && ghostMask != nullptr;
+    const std::size_t n = nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1;
+    Owned<int> notMerged = makeOwned<int>(n);
+    Owned<float> weight = makeOwnedZeroed<float>(n);
+    if (!notMerged || !weight) return -4;
+    // indexPhotoNotMerged[p]: the mask plane that fixes photo p, or -1.
+    for (int p = 0; p < nbPhotos; ++p) {
+        notMerged[p] = -1;
+        if (!removeGhost) continue;
+        for (int j = 0; j < nbPhotos; ++j)
+            if (indexFixedExpo[j] == p) {
+                notMerged[p] = j;
+                break;
+            }
+    }
+    if constexpr (traceWeights) {
+        for (int p = 0; p < nbPhotos; ++p)
+            std::fprintf(stderr, "%d  indexFixedExpo: %d   indexPhotoNotMerged: %d\n", p,
+                         indexFixedExpo[p], notMerged[p]);
+        std::fprintf(stderr, "aj1b_orig %d photos %d x %d   bps: %d    removeGhost: %d\n", nbPhotos,
+                     width, rows, bspIn, removeGhost ? 1 : 0);
+    }
+#define OL_WEIGHT_ROWS_FOR(S)                                                                    \
+    weightRowsFor<S>(bitDepthPoids, nbPhotos, width, rows, height, channels, bspIn, fvalCurve,    \
+                     sharpen, photoFactor, disk, fpSource, rowBuffer, images, removeGhost,        \
+                     notMerged.get(), ghostMask, poids, weight.get())
+    if (bspIn == 8) return OL_WEIGHT_ROWS_FOR(std::uint8_t);
+    if (bspIn == 16) return OL_WEIGHT_ROWS_FOR(std::uint16_t);
+    return OL_WEIGHT_ROWS_FOR(void);
+#undef OL_WEIGHT_ROWS_FOR
+}
+
+int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int height,
+            int channels, int bspIn, int bitDepthPoids, int outIsFloat, float unusedScale,
+            const float* exposureTimes, int disk, std::FILE* fpSource, void* rowBuffer,
+            const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
+            void* work, void* poids) noexcept {
+    const float p0 = fusionParams[0];
+    float photoBias = fusionParams[1];
+    const float highlightCut = fusionParams[2];
+    const float power = static_cast<float>(
+        p0 < 0.0f ? std::pow(2.0, static_cast<double>(p0) / 10.0 + 0.5)
+                  : std::pow(2.0, static_cast<double>(p0) / 5.0 + 0.5));
+
+    const int levels = bspIn == 8 ? 256 : 65536;
+    const int mid = bspIn == 8 ? 128 : 32768;
+    const std::size_t n = nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1;
+    Owned<float> curves = makeOwned<float>(static_cast<std::size_t>(levels) * n);
+    Owned<int> percNoisy = makeOwnedZeroed<int>(n);
+    Owned<int> percSat = makeOwnedZeroed<int>(n);
+    Owned<int> surexNivo = makeOwnedZeroed<int>(n);
+    Owned<int> medianLevel = makeOwnedZeroed<int>(n);
+    Owned<int> photoOrder = makeOwnedZeroed<int>(n);
+    Owned<float> photoFactor = makeOwnedZeroed<float>(n);
+    if (!curves || !percNoisy || !percSat || !surexNivo || !medianLevel || !photoOrder ||
+        !photoFactor)
+        return -4;
+
+    if (photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
+                    surexNivo.get(), medianLevel.get(), photoOrder.get()) < 0)
+        photoBias = 0.0f;
+    if constexpr (traceProbe)
+        for (int p = 0; p < nbPhotos; ++p)
+            std::fprintf(stderr, "photo%d -  perc noisy: %d   sat: %d      surexNivo: %d\n", p,
+                         percNoisy[p], percSat[p], surexNivo[p]);
+
+    // The highlight curve's shape carries over to a photo missing from the
+    // order (only when the statistics failed); before any photo it is the
+    // shape of a stack without saturation.
+    const float c = highlightCut;
+    float powerLow = 2.0f;
+    float powerHigh = static_cast<float>(static_cast<double>(c) + 1.0);
+    float multHigh = static_cast<float>(1.0 / std::pow(0.640625, static_cast<double>(powerHigh)));
+    const float pixels = static_cast<float>(static_cast<std::int64_t>(width) * height);
+    const int half = nbPhotos >> 1;
+    for (int i = 0; i < nbPhotos; ++i) {
+        float* row = curves.get() + static_cast<std::size_t>(i) * levels;
+        int place = -1;
+        for (int j = 0; j < nbPhotos; ++j)
+            if (photoOrder[j] == i) {
+                place = j;
+                break;
+            }
+        if (c > 0.0f) {
+            if (place >= 0) {
+                const float r = static_cast<float>(surexNivo[i]) / pixels;
+                const double cd = c;
+                powerHigh = static_cast<float>(r < 0.2 ? cd + 1.0 : (cd - 1.0) * 0.5 + 2.0);
+                if (r < 0.05)
+                    powerLow = 2.0f;
+                else if (r > 0.2)
+                    powerLow = static_cast<float>(cd + 1.0);
+                else
+                    powerLow = static_cast<float>(((cd - 1.0) / 0.15) * r - ((cd - 1.0) * 0.05) / 0.15 + 2.0);
+                multHigh = static_cast<float>(1.0 / std::pow(0.640625, static_cast<double>(powerHigh)));
+            }
+            for (int k = 0; k < levels; ++k) {
+                double e;
+                if (k < mid)
+                    e = 1.0 - std::pow(1.0 - 2.0 * k / levels, static_cast<double>(powerLow));
+                else
+                    e = 1.0 - static_cast<double>(multHigh) *
+                                  std::pow(2.0 * k / levels - 1.0, static_cast<double>(powerHigh));
+                row[k] = e > 0.0 ? static_cast<float>(e) : 0.0f;
+            }
+            if constexpr (traceWeights)
+                std::fprintf(stderr, " mult : %1.0f  %1.0f   puissance: %1.0f  %1.0f\n", 1.0,
+                             static_cast<double>(multHigh), static_cast<double>(powerLow),
+                             static_cast<double>(powerHigh));
+        } else {
+            // Mid-grey bell: a Gaussian of standard deviation 0.2 of the range.
+            for (int k = 0; k < levels; ++k) {
+                const float v = static_cast<float>(k - mid) / static_cast<float>(levels);
+                row[k] = static_cast<float>(std::exp(-12.5 * v * v));
+            }
+        }
+        if (truncToInt(photoBias) == 0) {
+            photoFactor[i] = 0.0f;
+        } else {
+            // One photo makes half 0: the quotient is then a float NaN or
+            // infinity, and a NaN factor counts as no factor.
+            const int j = place >= 0 ? place : 0;
+            const float q = static_cast<float>(half - j) / static_cast<float>(half);
+            const float f = static_cast<float>(
+                std::pow(2.0, static_cast<double>(q * photoBias) * 0.25));
+            float factor = f * f;
+            if (factor < 0.1f) factor = 0.1f;
+            photoFactor[i] = factor;
+        }
+    }
+
+    // The global sharpening curve, indexed by fval.
+    float sharpen[65536];
+    for (int k = 0; k < 65536; ++k) {
+        if (outIsFloat) {
+            sharpen[k] = static_cast<float>(k) / 65536.0f;
+        } else {
+            double base = 1.0 - k / 65536.0;
+            if (base < 0.0) base = 0.0;
+            sharpen[k] = static_cast<float>(std::pow(base + 0.000001, -static_cast<double>(power)));
+        }
+    }
+
+    if (nbProc <= 1) {
+        return aj1b_orig(nbPhotos, width, height, height, channels, bspIn, bitDepthPoids,
+                         curves.get(), sharpen, photoFactor.get(), disk, fpSource, rowBuffer,
+                         images, indexFixedExpo, ghostMask, poids);
+    }
+
+    Owned<Worker> workers = makeOwnedZeroed<Worker>(static_cast<std::size_t>(nbProc));
+    Owned<pthread_t> handles = makeOwnedZeroed<pthread_t>(static_cast<std::size_t>(nbProc));
+    if (!workers || !handles)  // no room for the records: the calling thread does it all
+        return aj1b_orig(nbPhotos, width, height, height, channels, bspIn, bitDepthPoids,
+                         curves.get(), sharpen, photoFactor.get(), 0, nullptr, nullptr, images,
+                         indexFixedExpo, ghostMask, poids);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE);
+    int started = 0;
+    bool failed = false;
+    for (int t = 0; t < nbProc; ++t) {
+        Worker& w = workers[t];
+        w = Worker{width, height, channels, bspIn, bitDepthPoids, nbPhotos, indexFixedExpo,
+                   curves.get(), sharpen, photoFactor.get(), images, poids, ghostMask, t, nbProc, 0};
+        if (pthread_create(&handles[t], &attr, aj1b_thread, &w) != 0) {
+            failed = true;
+            break;
+        }
+        ++started;
+    }
+    int result = 0;
+    if (failed) {
+        // A thread that would not start: the calling thread computes the
+        // whole image. The threads already running are joined first, so
+        // that no element is written by two threads at once; their rows come
+        // out the same either way.
+        for (int t = 0; t < started; ++t) pthread_join(handles[t], nullptr);
+        result = aj1b_orig(nbPhotos, width, height, height, channels, bspIn, bitDepthPoids,
+                           curves.get(), sharpen, photoFactor.get(), 0, nullptr, nullptr, images,
+                           indexFixedExpo, ghostMask, poids);
+        if (result == 0) result = workers[nbProc - 1].result;
+    } else {
+        for (int t = 0; t < nbProc; ++t) pthread_join(handles[t], nullptr);
+        // The stage's result is that of the last slice only.
+        result = workers[nbProc - 1].result;
+    }
+    pthread_attr_destroy(&attr);
+    return result;
+}
+
+}  // namespace ol
