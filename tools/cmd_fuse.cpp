@@ -1,0 +1,241 @@
+// olhdr fuse: frames to a displayable image by exposure fusion.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "args.hpp"
+#include "commands.hpp"
+#include "library.hpp"
+#include "outfile.hpp"
+#include "progress.hpp"
+#include "quiet.hpp"
+#include "roads.hpp"
+
+namespace olhdr {
+
+const char* const kFuseHelp =
+    "usage: olhdr fuse FRAME FRAME... -o OUT.tif [options]\n"
+    "\n"
+    "Blends bracketed exposures into one displayable image through weighted\n"
+    "multiresolution pyramids, without a radiance picture between. The output\n"
+    "keeps the first frame's ICC profile, GPS and IPTC data, and the Exif values\n"
+    "all frames share. TIFF and PNG outputs may have 8 or 16-bit samples, JPEG 8.\n"
+    "\n"
+    "options:\n"
+    "  -o, --out FILE         .tif/.tiff, .png or .jpg/.jpeg (required)\n"
+    "  -b, --bits 8|16        output depth (default 8)\n"
+    "      --strength S       weight sharpness, -10..10 (default 0)\n"
+    "      --bias B           preference for brighter (B>0) or darker frames (default 0)\n"
+    "      --highlight-cut C  above 0, gives no weight to the brightest samples (default 0)\n"
+    "      --saturation S     colour saturation change, -10..10 (default 0)\n"
+    "      --white-clip P     percent of the range cut at the top (default 0)\n"
+    "      --black-clip P     percent of the range cut at the bottom (default 0)\n"
+    "      --midtone M        midtone brightness, -20..20 (default 0)\n"
+    "  -j, --threads N        threads for the weight stage (default: all cores)\n"
+    "      --disk             keep the source, weights and weight pyramid in\n"
+    "                         scratch files instead of memory (large stacks)\n"
+    "      --scratch DIR      folder for those files (default $TMPDIR or /tmp);\n"
+    "                         they are removed afterwards\n"
+    "      --quality Q        JPEG quality 1..100 (default 92)\n"
+    "      --dpi N            resolution written in a TIFF (default 300)\n"
+    "      --align            align the frames first (not available yet)\n"
+    "      --deghost          keep moving objects out (not available yet)\n"
+    "  -q, --quiet  -v, --verbose  -h, --help\n";
+
+int cmdFuse(const std::vector<std::string>& argv) {
+    const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"bits", 'b', true},
+                           {"strength", 0, true}, {"bias", 0, true}, {"highlight-cut", 0, true},
+                           {"saturation", 0, true}, {"white-clip", 0, true}, {"black-clip", 0, true},
+                           {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
+                           {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
+                           {"align", 0, false}, {"deghost", 0, false}});
+    if (args.has("help")) {
+        std::fputs(kFuseHelp, stdout);
+        return kExitOk;
+    }
+    Common common;
+    common.quiet = args.has("quiet");
+    common.verbose = args.has("verbose");
+    FuseRequest req;
+    req.frames = args.positional();
+    req.out = args.text("out", "");
+    req.bits = args.integer("bits", 8, 8, 16);
+    if (req.bits != 8 && req.bits != 16) throw Failure(kExitUsage, "option --bits: 8 or 16");
+    req.params[0] = static_cast<float>(args.number("strength", 0, -10, 10));
+    req.params[1] = static_cast<float>(args.number("bias", 0, -10, 10));
+    req.params[2] = static_cast<float>(args.number("highlight-cut", 0, 0, 10));
+    req.params[3] = static_cast<float>(args.number("saturation", 0, -10, 10));
+    req.params[4] = static_cast<float>(args.number("white-clip", 0, 0, 49));
+    req.params[5] = static_cast<float>(args.number("black-clip", 0, 0, 49));
+    req.params[6] = static_cast<float>(args.number("midtone", 0, -20, 20));
+    req.threads = args.integer("threads", 0, 1, 256);
+    req.disk = args.has("disk");
+    req.scratch = args.text("scratch", "");
+    req.quality = args.integer("quality", 92, 1, 100);
+    req.dpi = args.integer("dpi", 300, 1, 100000);
+    refuseUnavailable(args.has("align"), args.has("deghost"));
+    if (req.frames.empty()) throw Failure(kExitUsage, "no frames given (olhdr fuse --help)");
+    if (req.out.empty()) throw Failure(kExitUsage, "no output given: -o OUT.tif");
+    Progress progress(!common.quiet, 2);
+    runFuse(req, common, progress);
+    return kExitOk;
+}
+
+namespace {
+
+// A scratch folder for the disk mode, removed with its files at the end.
+class ScratchFolder {
+public:
+    explicit ScratchFolder(const std::string& parent) {
+        std::string base = parent;
+        if (base.empty()) {
+            const char* t = std::getenv("TMPDIR");
+            base = t && *t ? t : "/tmp";
+        }
+        std::string templ = (std::filesystem::path(base) / "olhdr-fuse-XXXXXX").string();
+        std::vector<char> buf(templ.begin(), templ.end());
+        buf.push_back(0);
+        if (!mkdtemp(buf.data()))
+            throw Failure(kExitOutput, base + ": cannot make a scratch folder: " + std::strerror(errno));
+        path_ = buf.data();
+    }
+    ~ScratchFolder() {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    std::string file(const char* name) const { return (std::filesystem::path(path_) / name).string(); }
+
+private:
+    std::string path_;
+};
+
+void fusionProgress(float fraction, int32_t* cancel) {
+    (void)cancel;  // a fusion cannot be cancelled
+    if (Progress::current) Progress::current->update(fraction);
+}
+
+}  // namespace
+
+void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
+    const std::string ext = extensionOf(req.out);
+    const bool tiff = ext == "tif" || ext == "tiff";
+    const bool png = ext == "png";
+    const bool jpeg = ext == "jpg" || ext == "jpeg";
+    if (!tiff && !png && !jpeg) throw Failure(kExitUsage, req.out + ": the output is a .tif, .png or .jpg file");
+    if (jpeg && req.bits != 8) throw Failure(kExitUsage, "a JPEG output has 8-bit samples (--bits 8)");
+    checkWritable(req.out);
+
+    progress.stage("reading frames", 0.25);
+    FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    const int w = frames.width, h = frames.height, n = frames.count();
+    if (tiff && (w > 65535 || h > 65535))
+        throw Failure(kExitUsage, req.out + ": a TIFF output is limited to 65535 pixels a side; use .png");
+    const Exposures exposures = frameExposures(frames, 0, common.verbose);
+
+    progress.stage("fusing", 0.6);
+    const int lenPyram = pyram_len(w, h);
+    if (lenPyram < w * h) throw Failure(kExitProcessing, "image too large to fuse");
+    std::vector<std::uint16_t> work(static_cast<std::size_t>(lenPyram) * 3);
+    std::vector<int> indexFixedExpo(n, -1);  // no ghost masks
+    std::vector<float> exposureTimes = exposures.deltaT;
+    float params[7];
+    std::memcpy(params, req.params, sizeof params);
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    std::unique_ptr<ScratchFolder> scratch;
+    std::string nameSource, namePoids, namePyram;
+    FusionFiles files{};
+    files.nbProc = req.threads > 0 ? req.threads : static_cast<int>(cores);
+    if (req.disk) {
+        scratch = std::make_unique<ScratchFolder>(req.scratch);
+        nameSource = scratch->file("source.raw");
+        namePoids = scratch->file("weights.raw");
+        namePyram = scratch->file("weight-pyramid.raw");
+        files.readFromDisk = 1;
+        files.nameSource = nameSource.c_str();
+        files.namePoids = namePoids.c_str();
+        files.namePyramPoids = namePyram.c_str();
+    }
+    int r;
+    {
+        LibraryOutput quiet(common.verbose);
+        r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, req.bits, 16, 16,
+                      lenPyram, 0, 1.0f, exposureTimes.data(), frames.block.data(), indexFixedExpo.data(),
+                      nullptr, nullptr, work.data());
+    }
+    scratch.reset();
+    // The library keeps small stacks of 8-bit frames in memory even when asked.
+    const bool diskUsed = req.disk && (n >= 3 || frames.bps >= 16);
+    if (r == -4) throw Failure(kExitProcessing, "out of memory while fusing (try --disk)");
+    if (r == -2 || r == -3)
+        throw Failure(kExitOutput, "fusion scratch files failed (code " + std::to_string(r) + ")");
+    if (r < 0) throw Failure(kExitProcessing, "the fusion failed (code " + std::to_string(r) + ")");
+    progress.update(1.0);
+
+    progress.stage("writing", 0.15);
+    Image out;
+    out.width = w;
+    out.height = h;
+    out.spp = 3;
+    out.bps = req.bits;
+    out.pixels.resize(out.byteCount());
+    std::memcpy(out.pixels.data(), work.data(), out.byteCount());
+    work = {};
+    const Metadata& first = frames.meta[0];
+    ExifRecord exif = sharedExif(frames);
+    GpsRecord gps = first.gps;
+    const int orientation = exif.orientation >= 1 && exif.orientation <= 8 ? exif.orientation : 1;
+    writeAtomically(req.out, [&](const std::string& temp) {
+        if (tiff) {
+            tif_info info{};
+            info.width = w;
+            info.height = h;
+            info.samples = 3;
+            info.bits = req.bits;
+            info.dpi = req.dpi;
+            info.lProfil = static_cast<int32_t>(first.icc.size());
+            info.mode = 0;
+            info.orientation = orientation;
+            const float tmParams[16] = {};
+            int t;
+            {
+                LibraryOutput quiet(common.verbose);
+                t = buf2tifOld(out.pixels.data(), &info, static_cast<int>(out.rowBytes()),
+                               first.icc.empty() ? nullptr : first.icc.data(), &exif, &gps,
+                               static_cast<int>(first.iptc.size()), first.iptc.empty() ? nullptr : first.iptc.data(),
+                               0, tmParams, temp.c_str());
+            }
+            if (t < 0) throw Failure(kExitOutput, req.out + ": cannot write (code " + std::to_string(t) + ")");
+            return;
+        }
+        std::vector<std::uint8_t> block;
+        {
+            LibraryOutput quiet(common.verbose);
+            block = exifBlock(exif, gps, orientation);
+        }
+        if (png)
+            writePng(temp, out, block, first.icc);
+        else
+            writeJpeg(temp, out, req.quality, block, first.icc);
+    });
+    progress.finish();
+
+    char line[512];
+    std::snprintf(line, sizeof line, "wrote %s: %dx%d %d-bit %s fused from %d frames (%s mode, %d thread%s)",
+                  req.out.c_str(), w, h, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", n,
+                  diskUsed ? "disk" : "memory", diskUsed ? 1 : files.nbProc,
+                  (diskUsed ? 1 : files.nbProc) == 1 ? "" : "s");
+    report(common, line);
+    std::string kept;
+    if (!first.icc.empty()) kept += " ICC profile" + (first.profileName.empty() ? "" : " '" + first.profileName + "'");
+    if (exif.camera[0] || exif.date[0] || exif.exposureNum > 0 || exif.iso > 0 || exif.focalNum > 0) kept += " Exif";
+    if (gps.lat_ref || gps.latitude[0]) kept += " GPS";
+    if (!first.iptc.empty()) kept += " IPTC";
+    if (!kept.empty()) report(common, "  kept:" + kept);
+}
+
+}  // namespace olhdr

@@ -1,0 +1,194 @@
+// olhdr merge: frames to a Radiance picture, with a preview.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "args.hpp"
+#include "commands.hpp"
+#include "library.hpp"
+#include "roads.hpp"
+#include "outfile.hpp"
+#include "progress.hpp"
+#include "quiet.hpp"
+
+namespace olhdr {
+
+const char* const kMergeHelp =
+    "usage: olhdr merge FRAME FRAME... -o OUT.hdr [options]\n"
+    "\n"
+    "Merges bracketed exposures of one scene into a Radiance RGBE picture. The\n"
+    "exposure of each frame comes from its Exif exposure time, aperture and ISO;\n"
+    "when a frame has none, from --ev-step, or else it is inferred from the\n"
+    "frames' brightness. Values all frames share (camera, date, focal length, and\n"
+    "exposure settings when equal) go into the picture's header.\n"
+    "\n"
+    "options:\n"
+    "  -o, --out FILE        the Radiance picture to write (required)\n"
+    "      --preview FILE    also write a PNG or JPEG preview, exposed at the\n"
+    "                        picture's mean luminance\n"
+    "      --ev-step STOPS   the frames are STOPS apart (overrides Exif)\n"
+    "      --gamma G         response gamma of the frames (default 2.2)\n"
+    "      --strip-rows N    write the picture N rows at a time (default: only\n"
+    "                        pictures above 64 megapixels, 256 rows; the strip\n"
+    "                        form carries no metadata lines)\n"
+    "      --align           align the frames first (not available yet)\n"
+    "      --deghost         keep moving objects out (not available yet)\n"
+    "  -q, --quiet  -v, --verbose  -h, --help\n";
+
+int cmdMerge(const std::vector<std::string>& argv) {
+    const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"preview", 0, true},
+                           {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
+                           {"align", 0, false}, {"deghost", 0, false}});
+    if (args.has("help")) {
+        std::fputs(kMergeHelp, stdout);
+        return kExitOk;
+    }
+    Common common;
+    common.quiet = args.has("quiet");
+    common.verbose = args.has("verbose");
+    MergeRequest req;
+    req.frames = args.positional();
+    req.out = args.text("out", "");
+    req.preview = args.text("preview", "");
+    req.evStep = args.number("ev-step", 0, 0.01, 10);
+    req.gamma = args.number("gamma", 0, 0.1, 10);
+    req.stripRows = args.integer("strip-rows", 0, 1, 1 << 20);
+    refuseUnavailable(args.has("align"), args.has("deghost"));
+    if (req.frames.empty()) throw Failure(kExitUsage, "no frames given (olhdr merge --help)");
+    if (req.out.empty()) throw Failure(kExitUsage, "no output given: -o OUT.hdr");
+    Progress progress(!common.quiet, 2);
+    runMerge(req, common, progress);
+    return kExitOk;
+}
+
+}  // namespace olhdr
+
+namespace olhdr {
+
+namespace {
+constexpr double kStripPixels = 64.0 * 1024 * 1024;
+
+std::string exposureList(const FrameSet& frames, const Exposures& e) {
+    std::string s;
+    for (int k = 0; k < frames.count(); ++k) {
+        char buf[48];
+        std::snprintf(buf, sizeof buf, "%s%.4g", k ? " " : "", e.deltaT[k]);
+        s += buf;
+    }
+    return s;
+}
+
+void writeRadiance(const std::string& target, int width, int height, const ExifRecord& exif,
+                   const std::string& profile, const std::vector<std::uint8_t>& rgbe, int stripRows,
+                   const Common& common, Progress& progress) {
+    writeAtomically(target, [&](const std::string& temp) {
+        if (stripRows <= 0) {
+            int r;
+            {
+                LibraryOutput quiet(common.verbose);
+                r = ol_io_rgbe_write(temp.c_str(), width, height, &exif, nullptr, profile.c_str(),
+                                     rgbe.data());
+            }
+            if (r == -4) throw Failure(kExitProcessing, target + ": out of memory while writing");
+            if (r != height) throw Failure(kExitOutput, target + ": cannot write (code " + std::to_string(r) + ")");
+            return;
+        }
+        const std::size_t rowBytes = static_cast<std::size_t>(width) * 4;
+        const int strips = (height + stripRows - 1) / stripRows;
+        for (int s = 0; s < strips; ++s) {
+            progress.update(static_cast<double>(s) / strips);
+            int r;
+            {
+                LibraryOutput quiet(common.verbose);
+                r = ol_write_strip_rgbe(temp.c_str(), s, stripRows, width, height, nullptr,
+                                        rgbe.data() + rowBytes * stripRows * s);
+            }
+            const int expected = std::min(stripRows, height - s * stripRows);
+            if (r != expected)
+                throw Failure(kExitOutput, target + ": cannot write strip " + std::to_string(s) + " (code " +
+                                               std::to_string(r) + ")");
+        }
+    });
+}
+
+void writePreview(const std::string& target, int width, int height, float mean,
+                  const std::vector<std::uint8_t>& rgbe, const Common& common) {
+    Image img;
+    img.width = width;
+    img.height = height;
+    img.spp = 3;
+    img.bps = 8;
+    img.pixels.resize(img.byteCount());
+    int r;
+    {
+        LibraryOutput quiet(common.verbose);
+        r = rgbe_rep(width, height, width * 3, mean, rgbe.data(), img.pixels.data());
+    }
+    if (r != height) throw Failure(kExitProcessing, "preview failed (code " + std::to_string(r) + ")");
+    // The preview is blue, green, red; the encoders take red first.
+    for (std::size_t i = 0; i + 2 < img.pixels.size(); i += 3) std::swap(img.pixels[i], img.pixels[i + 2]);
+    const std::string ext = extensionOf(target);
+    writeAtomically(target, [&](const std::string& temp) {
+        if (ext == "jpg" || ext == "jpeg")
+            writeJpeg(temp, img, 90, {}, {});
+        else
+            writePng(temp, img, {}, {});
+    });
+}
+}  // namespace
+
+void runMerge(const MergeRequest& req, const Common& common, Progress& progress) {
+    const std::string ext = extensionOf(req.out);
+    if (ext != "hdr" && ext != "pic" && ext != "rgbe")
+        throw Failure(kExitUsage, req.out + ": a Radiance picture is named .hdr, .pic or .rgbe");
+    if (!req.preview.empty()) {
+        const std::string pext = extensionOf(req.preview);
+        if (pext != "png" && pext != "jpg" && pext != "jpeg")
+            throw Failure(kExitUsage, req.preview + ": a preview is a .png or .jpg file");
+        checkWritable(req.preview);
+    }
+    checkWritable(req.out);
+
+    progress.stage("reading frames", 0.3);
+    const FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    const Exposures exposures = frameExposures(frames, req.evStep, common.verbose);
+
+    progress.stage("merging", 0.45);
+    const int w = frames.width, h = frames.height, n = frames.count();
+    std::vector<float> lut(static_cast<std::size_t>(1) << frames.bps);
+    std::vector<float> deltaT = exposures.deltaT;
+    if (req.gamma > 0) lut[0] = static_cast<float>(req.gamma);
+    float stats[3] = {0, 0, 0};
+    std::vector<std::uint8_t> rgbe(static_cast<std::size_t>(w) * h * 4);
+    int r;
+    {
+        LibraryOutput quiet(common.verbose);
+        r = ol_hdr_merge(0, n, w, h, 3, frames.bps, req.gamma > 0 ? 1 : 0, lut.data(), -1.0f, deltaT.data(),
+                         frames.block.data(), stats, rgbe.data());
+    }
+    if (r == -4) throw Failure(kExitProcessing, "out of memory while merging");
+    if (r != h) throw Failure(kExitProcessing, "the merge failed (code " + std::to_string(r) + ")");
+    progress.update(1.0);
+
+    progress.stage("writing", 0.25);
+    const ExifRecord exif = sharedExif(frames);
+    const std::string profile = frames.meta[0].profileName;
+    int stripRows = req.stripRows;
+    if (stripRows <= 0 && static_cast<double>(w) * h > kStripPixels) stripRows = 256;
+    writeRadiance(req.out, w, h, exif, profile, rgbe, stripRows, common, progress);
+    if (!req.preview.empty()) writePreview(req.preview, w, h, stats[2], rgbe, common);
+    progress.finish();
+
+    char line[512];
+    std::snprintf(line, sizeof line, "wrote %s: %dx%d Radiance picture from %d frames (%d-bit), exposures %s: %s",
+                  req.out.c_str(), w, h, n, frames.bps, exposures.source.c_str(),
+                  exposureList(frames, exposures).c_str());
+    report(common, line);
+    std::snprintf(line, sizeof line, "  luminance min %.4g  max %.4g  mean %.4g (x256 units)%s", stats[0],
+                  stats[1], stats[2], stripRows > 0 ? "; written in strips, without metadata lines" : "");
+    report(common, line);
+    if (!req.preview.empty()) report(common, "wrote " + req.preview + ": preview at the mean luminance");
+}
+
+}  // namespace olhdr

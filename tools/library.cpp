@@ -1,0 +1,351 @@
+#include "library.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "cli.hpp"
+#include "quiet.hpp"
+
+namespace olhdr {
+
+namespace {
+[[noreturn]] void badInput(const std::string& path, const std::string& why) {
+    throw Failure(kExitInput, path + ": " + why);
+}
+
+// Reads the PSD version word: 2 marks the large-document form, whose lengths
+// are 64-bit.
+int psdLengthBits(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) return 32;
+    unsigned char b[6] = {};
+    const std::size_t n = std::fread(b, 1, 6, f);
+    std::fclose(f);
+    return n == 6 && b[4] == 0 && b[5] == 2 ? 64 : 32;
+}
+
+// A PNG's Exif lies in an eXIf chunk, which the library does not look for.
+// The chunk is a whole TIFF structure, so the library reads it as a TIFF file
+// from a scratch copy.
+void readExifFromTiffBytes(const std::vector<std::uint8_t>& tiff, Metadata& m) {
+    char name[] = "/tmp/olhdr-exif-XXXXXX";
+    const int fd = mkstemp(name);
+    if (fd < 0) return;
+    const bool ok = write(fd, tiff.data(), tiff.size()) == static_cast<ssize_t>(tiff.size());
+    close(fd);
+    if (ok) {
+        get_exif_data(name, 0, &m.exif, &m.gps);
+        if (m.exif.iptcLen > 0 && m.exif.iptcOffset > 0 && m.exif.iptcLen < (1 << 24)) {
+            std::vector<std::uint8_t> block(m.exif.iptcLen);
+            if (read_iptc(name, m.exif.iptcLen, m.exif.iptcOffset, block.data()) == m.exif.iptcLen)
+                m.iptc = std::move(block);
+        }
+    }
+    std::remove(name);
+}
+
+bool anyExif(const ExifRecord& e, const GpsRecord& g) {
+    return e.exposureNum > 0 || e.apertureNum > 0 || e.iso > 0 || e.focalNum > 0 || e.focal35 > 0 ||
+           e.camera[0] != 0 || e.date[0] != 0 || g.lat_ref != 0 || g.latitude[0] != 0;
+}
+}  // namespace
+
+std::string fieldText(const char* field, std::size_t size) {
+    std::size_t n = 0;
+    while (n < size && field[n] != 0) ++n;
+    std::string s(field, n);
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
+    return s;
+}
+
+std::string rationalText(int num, int den, bool asFraction) {
+    if (num <= 0 || den <= 0) return "";
+    char buf[48];
+    const double v = static_cast<double>(num) / den;
+    if (asFraction && v < 1.0) {
+        const double inv = den / static_cast<double>(num);
+        if (std::fabs(inv - std::round(inv)) < 0.05)
+            std::snprintf(buf, sizeof buf, "1/%.0f", inv);
+        else
+            std::snprintf(buf, sizeof buf, "%.4g", v);
+    } else {
+        std::snprintf(buf, sizeof buf, "%.4g", v);
+    }
+    return buf;
+}
+
+Metadata readMetadata(const std::string& path, FileKind kind, const Image* decoded, bool verbose) {
+    Metadata m;
+    m.exif.colorSpace = -1;
+    if (decoded) m.icc = decoded->icc;
+    {
+        LibraryOutput quiet(verbose);
+        switch (kind) {
+            case FileKind::Jpeg:
+            case FileKind::Tiff:
+            case FileKind::Psd: {
+                const int type = kind == FileKind::Jpeg ? 1 : kind == FileKind::Psd ? 2 : 0;
+                get_exif_data(path.c_str(), type, &m.exif, &m.gps);
+                const int len = m.exif.iptcLen, off = m.exif.iptcOffset;
+                if (len > 0 && off > 0 && len < (1 << 24)) {
+                    std::vector<std::uint8_t> block(len);
+                    if (read_iptc(path.c_str(), len, off, block.data()) == len) m.iptc = std::move(block);
+                }
+                break;
+            }
+            case FileKind::Png:
+                if (decoded && !decoded->exifTiff.empty()) readExifFromTiffBytes(decoded->exifTiff, m);
+                break;
+            case FileKind::Radiance:
+                extract_rgbe_exif(path.c_str(), &m.exif);
+                break;
+            default:
+                break;
+        }
+        if (kind == FileKind::Psd && m.icc.empty()) {
+            PsdInfo info{};
+            info.lengthBits = psdLengthBits(path);
+            if (getPsdInfo(path.c_str(), &info) >= 0 && info.lProfil > 0 && info.lProfil < (1 << 26)) {
+                std::vector<std::uint8_t> icc(info.lProfil);
+                if (psd_profile(path.c_str(), icc.data()) == info.lProfil) m.icc = std::move(icc);
+            }
+        }
+    }
+    m.hasExif = anyExif(m.exif, m.gps);
+    if (!m.icc.empty()) m.profileName = profileName(m.icc);
+    return m;
+}
+
+PsdSummary readPsdSummary(const std::string& path, bool verbose) {
+    PsdSummary s;
+    s.info.lengthBits = psdLengthBits(path);
+    int r;
+    {
+        LibraryOutput quiet(verbose);
+        r = getPsdInfo(path.c_str(), &s.info);
+    }
+    if (r == -2) badInput(path, "not a PSD file");
+    if (r == -3) badInput(path, "only RGB PSD files are supported");
+    if (r < 0) badInput(path, "cannot read the PSD header");
+    s.depth = s.info.bps;
+    if (s.info.width < 1 || s.info.height < 1) badInput(path, "PSD image has no pixels");
+    return s;
+}
+
+Frame loadFrame(const std::string& path, bool verbose) {
+    Frame f;
+    f.path = path;
+    f.kind = sniff(path);
+    switch (f.kind) {
+        case FileKind::Missing:
+            if (access(path.c_str(), F_OK) == 0) badInput(path, std::string("cannot open: ") + std::strerror(EACCES));
+            badInput(path, "no such file");
+        case FileKind::Directory: badInput(path, "is a folder, not an image");
+        case FileKind::Jpeg: f.image = readJpeg(path); break;
+        case FileKind::Png: f.image = readPng(path); break;
+        case FileKind::Tiff: f.image = readTiff(path); break;
+        case FileKind::Radiance: badInput(path, "is a Radiance picture, not an exposure frame");
+        case FileKind::Psd: {
+            PsdSummary s = readPsdSummary(path, verbose);
+            if (s.depth == 32) badInput(path, "a 32-bit PSD is a radiance picture, not an exposure frame");
+            if (s.depth != 8 && s.depth != 16)
+                badInput(path, std::to_string(s.depth) + "-bit PSD files are not supported");
+            if (static_cast<double>(s.info.width) * s.info.height > 1.2e9) badInput(path, "image is too large");
+            Image img;
+            img.width = s.info.width;
+            img.height = s.info.height;
+            img.spp = 3;
+            img.bps = s.depth;
+            img.pixels.resize(img.byteCount());
+            int r;
+            {
+                LibraryOutput quiet(verbose);
+                r = load_psd(1, path.c_str(), &s.info, 3 * img.width, img.pixels.data());
+            }
+            if (r == -4) throw Failure(kExitProcessing, path + ": out of memory reading the PSD");
+            if (r < 0) badInput(path, "damaged or unsupported PSD data (code " + std::to_string(r) + ")");
+            f.image = std::move(img);
+            break;
+        }
+        default: badInput(path, "not an image format olhdr reads (JPEG, PNG, TIFF, PSD)");
+    }
+    f.meta = readMetadata(path, f.kind, &f.image, verbose);
+    return f;
+}
+
+RadianceFile readRadianceHeader(const std::string& path, bool verbose) {
+    RadianceFile rf;
+    int dims[8] = {};
+    int r;
+    {
+        LibraryOutput quiet(verbose);
+        r = rgbe_dim(path.c_str(), rf.primaries, dims);
+        rf.exif.colorSpace = -1;
+        if (r >= 0) extract_rgbe_exif(path.c_str(), &rf.exif);
+    }
+    if (r == -1) badInput(path, "cannot open");
+    if (r < 0) badInput(path, "not a Radiance picture (no resolution line)");
+    rf.width = dims[0];
+    rf.height = dims[1];
+    rf.hasPrimaries = dims[6] != 0;
+    if (rf.width < 1 || rf.height < 1 || static_cast<double>(rf.width) * rf.height > 1.2e9)
+        badInput(path, "unusable Radiance picture size");
+    return rf;
+}
+
+std::vector<std::uint8_t> readRadiancePixels(const std::string& path, const RadianceFile& info,
+                                             bool verbose) {
+    int dims[8] = {};
+    float primaries[8];
+    {
+        LibraryOutput quiet(verbose);
+        rgbe_dim(path.c_str(), primaries, dims);
+    }
+    std::vector<std::uint8_t> rgbe(static_cast<std::size_t>(info.width) * info.height * 4);
+    int r;
+    {
+        LibraryOutput quiet(verbose);
+        r = decomp2(path.c_str(), dims, rgbe.data(), nullptr);
+    }
+    if (r != info.height) badInput(path, "damaged Radiance data (code " + std::to_string(r) + ")");
+    return rgbe;
+}
+
+std::vector<std::uint8_t> exifBlock(const ExifRecord& exif, const GpsRecord& gps, int orientation) {
+    int exifCount = 0, exifLen = 0, gpsCount = 0, gpsLen = 0, modelLen = 0, dateLen = 0, gpsDateLen = 0;
+    get_exif_count(&exif, &exifCount, &exifLen, &gps, &gpsCount, &gpsLen, &modelLen, &dateLen, &gpsDateLen);
+    if (exifCount <= 0 && gpsCount <= 0 && modelLen <= 0) return {};
+    // Room for the largest block these counts describe, zeroed as required.
+    const std::size_t size = 14 + 12 * 4 + modelLen + exifLen + 12 * exifCount + 6 + gpsLen +
+                             12 * gpsCount + 6 + 64;
+    std::vector<std::uint8_t> out(size, 0);
+    const int n = write_exif_buf(exifCount, exifLen, gpsCount, gpsLen, modelLen, dateLen, gpsDateLen,
+                                 orientation, &exif, &gps, out.data());
+    if (n <= 0 || static_cast<std::size_t>(n) > size) return {};
+    out.resize(n);
+    return out;
+}
+
+std::string profileName(const std::vector<std::uint8_t>& icc) {
+    if (icc.empty()) return "";
+    char name[33] = {};
+    const int n = get_profile_name(static_cast<int>(icc.size()), icc.data(), name);
+    if (n <= 0) return "";
+    return fieldText(name, 32);
+}
+
+std::vector<std::string> iptcKeywords(const std::vector<std::uint8_t>& iptc) {
+    std::vector<std::string> words;
+    std::size_t i = 0;
+    while (i + 5 <= iptc.size()) {
+        if (iptc[i] != 0x1C) break;
+        const std::size_t len = (static_cast<std::size_t>(iptc[i + 3]) << 8) | iptc[i + 4];
+        if (i + 5 + len > iptc.size()) break;
+        if (iptc[i + 1] == 2 && iptc[i + 2] == 25)
+            words.emplace_back(reinterpret_cast<const char*>(&iptc[i + 5]), len);
+        i += 5 + len;
+    }
+    return words;
+}
+
+}  // namespace olhdr
+
+#include "progress.hpp"
+
+namespace olhdr {
+
+namespace {
+int meanLevel(const Image& img) {
+    // The merge's luminance scale: 54*first + 183*middle + 19*last on the
+    // high bytes, sampled on a grid for speed.
+    const std::size_t n = static_cast<std::size_t>(img.width) * img.height;
+    const std::size_t step = std::max<std::size_t>(1, n / 200000);
+    const std::size_t bs = img.bps / 8;
+    double sum = 0;
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < n; i += step) {
+        const std::uint8_t* p = img.pixels.data() + i * 3 * bs + (bs - 1);
+        sum += 54.0 * p[0] + 183.0 * p[bs] + 19.0 * p[2 * bs];
+        ++count;
+    }
+    return static_cast<int>(sum / static_cast<double>(count));
+}
+}  // namespace
+
+FrameSet loadFrameSet(const std::vector<std::string>& paths, bool verbose, Progress& progress) {
+    FrameSet set;
+    const int n = static_cast<int>(paths.size());
+    for (int k = 0; k < n; ++k) {
+        progress.update(static_cast<double>(k) / n);
+        Frame f = loadFrame(paths[k], verbose);
+        if (k == 0) {
+            set.width = f.image.width;
+            set.height = f.image.height;
+            set.bps = f.image.bps;
+            set.block.resize(set.frameBytes() * n);
+        } else if (f.image.width != set.width || f.image.height != set.height) {
+            throw Failure(kExitInput, paths[k] + ": is " + std::to_string(f.image.width) + "x" +
+                                          std::to_string(f.image.height) + ", but " + paths[0] + " is " +
+                                          std::to_string(set.width) + "x" + std::to_string(set.height) +
+                                          " (all frames must have one size)");
+        } else if (f.image.bps != set.bps) {
+            throw Failure(kExitInput, paths[k] + ": has " + std::to_string(f.image.bps) +
+                                          "-bit samples, but " + paths[0] + " has " + std::to_string(set.bps) +
+                                          " (all frames must have one depth)");
+        }
+        std::memcpy(set.block.data() + set.frameBytes() * k, f.image.pixels.data(), set.frameBytes());
+        set.means.push_back(meanLevel(f.image));
+        set.paths.push_back(paths[k]);
+        set.meta.push_back(std::move(f.meta));
+    }
+    progress.update(1.0);
+    return set;
+}
+
+Exposures frameExposures(const FrameSet& frames, double evStep, bool verbose) {
+    const int n = frames.count();
+    Exposures e;
+    e.deltaT.assign(n, 1.0f);
+    bool allTimes = true;
+    for (const auto& m : frames.meta) allTimes = allTimes && m.hasExposure();
+    LibraryOutput quiet(verbose);
+    if (evStep > 0 || !allTimes) {
+        std::vector<int> means = frames.means;
+        guess_ev(0, n, evStep > 0 ? static_cast<float>(evStep) : 0.0f, means.data(), e.deltaT.data());
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "%g EV apart", evStep);
+        e.source = evStep > 0 ? std::string("--ev-step, ") + buf : "inferred from brightness (no Exif times)";
+        return e;
+    }
+    std::vector<float> data(static_cast<std::size_t>(n) * 7, 0.0f);
+    for (int k = 0; k < n; ++k) {
+        const ExifRecord& x = frames.meta[k].exif;
+        float* d = &data[static_cast<std::size_t>(k) * 7];
+        d[0] = static_cast<float>(x.exposureNum);
+        d[1] = static_cast<float>(x.exposureDen);
+        d[2] = static_cast<float>(x.apertureNum);
+        d[3] = static_cast<float>(x.apertureDen);
+        d[5] = static_cast<float>(x.iso);
+    }
+    get_ev(n, data.data());
+    for (int k = 0; k < n; ++k) e.deltaT[k] = data[k];
+    e.source = "Exif";
+    return e;
+}
+
+ExifRecord sharedExif(const FrameSet& frames) {
+    ExifRecord kept{};
+    kept.colorSpace = -1;
+    if (frames.meta.empty()) return kept;
+    kept = frames.meta[0].exif;
+    for (std::size_t k = 1; k < frames.meta.size(); ++k) constant_exif(&kept, &frames.meta[k].exif);
+    return kept;
+}
+
+}  // namespace olhdr

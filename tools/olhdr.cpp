@@ -1,0 +1,108 @@
+// olhdr: merges bracketed exposures into a Radiance picture, fuses them into
+// a displayable TIFF, PNG or JPEG, and shows what the library reads from a
+// file. Run `olhdr --help`.
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "commands.hpp"
+#include "outfile.hpp"
+
+namespace olhdr {
+
+static const char* const kMainHelp =
+    "usage: olhdr COMMAND [OPTIONS] [FILES]\n"
+    "\n"
+    "High dynamic range photography from bracketed exposures.\n"
+    "\n"
+    "commands:\n"
+    "  demo      generate a synthetic bracketed scene, merge and fuse it\n"
+    "  merge     merge frames into a Radiance (.hdr) picture\n"
+    "  fuse      fuse frames into an 8 or 16-bit TIFF, PNG or JPEG\n"
+    "  info      show a file's size, depth and metadata\n"
+    "  bracket   write a synthetic bracket of frames (for trials and tests)\n"
+    "\n"
+    "Frames may be JPEG, PNG, 8 or 16-bit TIFF, or 8 or 16-bit RGB PSD files of one\n"
+    "size and depth. `olhdr COMMAND --help` describes a command.\n"
+    "\n"
+    "common options:\n"
+    "  -q, --quiet     print nothing but errors\n"
+    "  -v, --verbose   also show the library's diagnostic lines (on stderr)\n"
+    "  -h, --help      show help\n"
+    "      --version   show the version\n"
+    "\n"
+    "exit codes:\n"
+    "  0  success\n"
+    "  1  bad command line\n"
+    "  2  an input file is missing, unreadable, or does not fit the others\n"
+    "  3  an output file could not be written (nothing is left behind)\n"
+    "  4  the library failed (for example out of memory)\n"
+    "  5  the feature asked for is not available yet (--align, --deghost)\n"
+    "  130  interrupted (partial outputs are removed)\n";
+
+void refuseUnavailable(bool align, bool deghost) {
+    if (align)
+        throw Failure(kExitUnavailable, "--align is not available yet: frames must be aligned already");
+    if (deghost)
+        throw Failure(kExitUnavailable, "--deghost is not available yet: frames must be free of motion");
+}
+
+void report(const Common& common, const std::string& line) {
+    if (!common.quiet) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+}  // namespace olhdr
+
+int main(int argc, char** argv) {
+    using namespace olhdr;
+    std::setlocale(LC_ALL, "C");
+    installSignalCleanup();
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) {
+        std::fputs(kMainHelp, stderr);
+        return kExitUsage;
+    }
+    const std::string command = args.front();
+    args.erase(args.begin());
+    try {
+        if (command == "-h" || command == "--help" || command == "help") {
+            if (!args.empty()) {
+                const std::string& c = args.front();
+                const char* text = c == "merge" ? kMergeHelp : c == "fuse" ? kFuseHelp
+                                 : c == "info" ? kInfoHelp : c == "demo" ? kDemoHelp
+                                 : c == "bracket" ? kBracketHelp : nullptr;
+                if (!text) throw Failure(kExitUsage, "unknown command '" + c + "'");
+                std::fputs(text, stdout);
+                return kExitOk;
+            }
+            std::fputs(kMainHelp, stdout);
+            return kExitOk;
+        }
+        if (command == "--version") {
+            std::printf("olhdr 4.0.0\n");
+            return kExitOk;
+        }
+        if (command == "merge") return cmdMerge(args);
+        if (command == "fuse") return cmdFuse(args);
+        if (command == "info") return cmdInfo(args);
+        if (command == "demo") return cmdDemo(args);
+        if (command == "bracket") return cmdBracket(args);
+        throw Failure(kExitUsage, "unknown command '" + command + "' (try olhdr --help)");
+    } catch (const Failure& f) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "olhdr %s: %s\n", command.c_str(), f.what());
+        return f.code();
+    } catch (const std::bad_alloc&) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "olhdr %s: out of memory\n", command.c_str());
+        return kExitProcessing;
+    } catch (const std::exception& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "olhdr %s: %s\n", command.c_str(), e.what());
+        return kExitProcessing;
+    }
+}

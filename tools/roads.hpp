@@ -1,0 +1,38 @@
+// The two roads from frames to a result, shared by their commands and by the
+// demonstration.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli.hpp"
+
+namespace olhdr {
+
+class Progress;
+
+struct MergeRequest {
+    std::vector<std::string> frames;
+    std::string out;          // Radiance picture
+    std::string preview;      // PNG or JPEG, empty for none
+    double evStep = 0;        // above 0: frames this many stops apart
+    double gamma = 0;         // above 0: response gamma of the frames
+    int stripRows = 0;        // above 0: write in strips of this many rows
+};
+
+struct FuseRequest {
+    std::vector<std::string> frames;
+    std::string out;          // TIFF, PNG or JPEG
+    int bits = 8;             // output depth (TIFF and PNG: 8 or 16)
+    float params[7] = {0, 0, 0, 0, 0, 0, 0};
+    int threads = 0;          // 0: the machine's cores
+    bool disk = false;        // scratch files instead of memory
+    std::string scratch;      // folder for them, empty for the system's
+    int quality = 92;         // JPEG quality
+    int dpi = 300;
+};
+
+void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
+void runFuse(const FuseRequest& req, const Common& common, Progress& progress);
+
+}  // namespace olhdr
