@@ -1,0 +1,457 @@
+// Metadata reader: the TIFF walk in both byte orders, the Exif and GPS
+// sub-IFDs, JPEG and PSD containers, Photoshop blocks, image descriptions,
+// read_iptc and constant_exif.
+#include <cstring>
+#include <string>
+
+#include "metadata/exif_reader.hpp"
+#include "metaread_builders.hpp"
+#include "support/testsupport.hpp"
+
+using namespace mrtest;
+using oltest::TempDir;
+
+namespace {
+
+struct Records {
+    ExifRecord exif;
+    GpsRecord gps;
+    int result;
+};
+
+Records readRecords(const std::string& path, int type) {
+    Records r;
+    std::memset(&r.exif, 0, sizeof r.exif);
+    std::memset(&r.gps, 0, sizeof r.gps);
+    r.result = get_exif_data(path.c_str(), type, &r.exif, &r.gps);
+    return r;
+}
+
+Records readBytes(const Bytes& bytes, int type) {
+    TempDir dir;
+    const std::string p = dir.file("in.bin");
+    oltest::writeFile(p, bytes);
+    return readRecords(p, type);
+}
+
+std::string field(const char* f, std::size_t n) { return std::string(f, strnlen(f, n)); }
+
+TiffSpec fullSpec(bool little) {
+    TiffSpec t;
+    t.little = little;
+    t.ifds = {{asciiE(272, "Camera X100"), shortE(274, 6)}};
+    t.exif = {rationalE(33434, 1, 125),   rationalE(33437, 28, 10),  shortE(34855, 400),
+              asciiE(36867, "2024:05:06 07:08:09"), rationalE(37386, 35, 1), rationalE(41486, 4000, 3),
+              shortE(41488, 3),          shortE(41989, 52)};
+    t.gps = {bytesE(1, 2, std::string("N\0", 2)),
+             rationalsE(2, {48, 1, 51, 1, 2400, 100}),
+             bytesE(3, 2, std::string("E\0", 2)),
+             rationalsE(4, {2, 1, 21, 1, 700, 100}),
+             bytesE(5, 1, std::string("\1", 1)),
+             rationalE(6, 3512, 10),
+             rationalsE(7, {13, 1, 14, 1, 15, 1}),
+             asciiE(29, "2024:05:06")};
+    return t;
+}
+
+class ByteOrderTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(ByteOrderTest, TiffFileGivesEveryHandledValue) {
+    const Records r = readBytes(buildTiff(fullSpec(GetParam())), 0);
+    EXPECT_EQ(r.result, 100);
+    EXPECT_EQ(r.exif.exposureNum, 100);
+    EXPECT_EQ(r.exif.exposureDen, 12500);
+    EXPECT_EQ(r.exif.apertureNum, 280);
+    EXPECT_EQ(r.exif.apertureDen, 100);
+    EXPECT_EQ(r.exif.iso, 400);
+    EXPECT_EQ(r.exif.focalNum, 3500);
+    EXPECT_EQ(r.exif.focalDen, 100);
+    EXPECT_EQ(r.exif.focal35, 52);
+    EXPECT_EQ(r.exif.planeResNum, 133333);  // 1333.33 mm^-1 to two decimals
+    EXPECT_EQ(r.exif.planeResDen, 100);
+    EXPECT_EQ(r.exif.planeResUnit, 3);
+    EXPECT_EQ(r.exif.orientation, 6);
+    EXPECT_EQ(field(r.exif.camera, 64), "Camera X100");
+    EXPECT_EQ(field(r.exif.date, 20), "2024:05:06 07:08:09");
+    EXPECT_EQ(r.exif.descriptionMark, 0);
+
+    EXPECT_EQ(r.gps.lat_ref, 'N');
+    EXPECT_EQ(r.gps.long_ref, 'E');
+    EXPECT_EQ(r.gps.alt_ref, 1);
+    const std::uint32_t lat[6] = {48, 1, 51, 1, 2400, 100};
+    const std::uint32_t lon[6] = {2, 1, 21, 1, 700, 100};
+    const std::uint32_t ts[6] = {13, 1, 14, 1, 15, 1};
+    EXPECT_EQ(0, std::memcmp(r.gps.latitude, lat, sizeof lat));
+    EXPECT_EQ(0, std::memcmp(r.gps.longitude, lon, sizeof lon));
+    EXPECT_EQ(0, std::memcmp(r.gps.timestamp, ts, sizeof ts));
+    EXPECT_EQ(r.gps.altitude[0], 3512u);
+    EXPECT_EQ(r.gps.altitude[1], 10u);
+    EXPECT_EQ(field(r.gps.datestamp, 11), "2024:05:06");
+}
+
+TEST_P(ByteOrderTest, JpegAndPsdCarryTheSameTiffBlock) {
+    const Bytes tiff = buildTiff(fullSpec(GetParam()));
+    const Records j = readBytes(jpegWith({{0xE0, Bytes(14, 0)}, {0xE1, exifPayload(tiff)}}), 1);
+    EXPECT_EQ(j.exif.exposureDen, 12500);
+    EXPECT_EQ(j.exif.iso, 400);
+    EXPECT_EQ(field(j.exif.camera, 64), "Camera X100");
+    EXPECT_EQ(j.gps.altitude[0], 3512u);
+
+    PsdSpec s;
+    s.resources = resource8bim(1005, Bytes(16, 0));
+    const Bytes exifRes = resource8bim(1058, tiff);
+    s.resources.insert(s.resources.end(), exifRes.begin(), exifRes.end());
+    s.image = Bytes(12, 7);
+    const Records p = readBytes(buildPsd(s), 2);
+    EXPECT_EQ(p.exif.exposureDen, 12500);
+    EXPECT_EQ(p.exif.orientation, 6);
+    EXPECT_EQ(field(p.gps.datestamp, 11), "2024:05:06");
+}
+
+INSTANTIATE_TEST_SUITE_P(Orders, ByteOrderTest, ::testing::Values(true, false),
+                         [](const auto& info) { return info.param ? "II" : "MM"; });
+
+TEST(MetareadRational, TwoDecimalsOfScale) {
+    struct Case {
+        float t;
+        int num, den;
+    } cases[] = {{1.0f / 125, 100, 12500}, {2.5f, 250, 100},   {1.0f, 100, 100},   {0.5f, 100, 200},
+                 {5.6f, 560, 100},        {1.0f / 3, 100, 300}, {1.0f / 4000, 100, 400000},
+                 {30.0f, 3000, 100},      {0.999f, 100, 100}};
+    for (const auto& c : cases) {
+        std::int32_t n = -1, d = -1;
+        ASSERT_TRUE(ol::floatToRational(c.t, n, d)) << c.t;
+        EXPECT_EQ(n, c.num) << c.t;
+        EXPECT_EQ(d, c.den) << c.t;
+    }
+    std::int32_t n = 7, d = 9;
+    EXPECT_FALSE(ol::floatToRational(0.0f, n, d));
+    EXPECT_FALSE(ol::floatToRational(-2.0f, n, d));
+    EXPECT_EQ(n, 7);
+    EXPECT_EQ(d, 9);
+}
+
+TEST(MetareadExif, ExposureTimeWinsOverShutterSpeedInEitherOrder) {
+    for (bool shutterFirst : {true, false}) {
+        TiffSpec t;
+        t.exif = {srationalE(37377, 7, 1), rationalE(33434, 1, 50)};
+        if (!shutterFirst) std::swap(t.exif[0], t.exif[1]);
+        const Records r = readBytes(buildTiff(t), 0);
+        EXPECT_EQ(r.exif.exposureDen, 5000) << shutterFirst;
+    }
+    // Alone, Tv 7 gives 2^-7 s.
+    TiffSpec t;
+    t.exif = {srationalE(37377, 7, 1)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.exposureDen, 12800);
+    // A negative Tv is a long exposure: 2^2 s.
+    t.exif = {srationalE(37377, -2, 1)};
+    const Records r = readBytes(buildTiff(t), 0);
+    EXPECT_EQ(r.exif.exposureNum, 400);
+    EXPECT_EQ(r.exif.exposureDen, 100);
+    // A zero denominator leaves no exposure, and the rational words untouched.
+    t.exif = {srationalE(37377, 7, 0)};
+    const Records z = readBytes(buildTiff(t), 0);
+    EXPECT_EQ(z.exif.exposureNum, 0);
+    EXPECT_EQ(z.result, 0);
+}
+
+TEST(MetareadExif, ApertureValueOnlyFillsAMissingFNumber) {
+    TiffSpec t;
+    t.exif = {rationalE(33437, 4, 1), rationalE(37378, 56, 10)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.apertureNum, 400);
+    // Taken as it stands (no APEX conversion); MaxApertureValue likewise.
+    t.exif = {rationalE(37378, 56, 10)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.apertureNum, 560);
+    t.exif = {rationalE(37381, 3, 1), rationalE(37378, 8, 1)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.apertureNum, 300);
+}
+
+TEST(MetareadExif, ExposureIndexStandsInForAZeroIso) {
+    TiffSpec t;
+    t.exif = {shortE(34855, 0), rationalE(41493, 800, 2)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 400);
+    t.exif = {rationalE(41493, 640, 0)};  // denominator 0: the numerator
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 640);
+    t.exif = {shortE(34855, 200), rationalE(41493, 800, 1)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 200);
+    // Only an index that comes after the zero ISO helps.
+    t.exif = {rationalE(41493, 800, 1), shortE(34855, 0)};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 0);
+}
+
+TEST(MetareadExif, OrientationOnlyFromAShort) {
+    TiffSpec t;
+    t.ifds = {{longE(274, 3)}};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 0);
+    t.ifds = {{shortE(274, 8)}};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 8);
+}
+
+TEST(MetareadExif, ThumbnailOnlyFromLaterIfdsAndOnlyThreeIfdsWalked) {
+    TiffSpec t;
+    t.ifds = {{longE(513, 1000), longE(514, 50)}, {longE(513, 2000), longE(514, 60)}};
+    Bytes tiff = buildTiff(t);
+    Records r = readBytes(tiff, 0);
+    EXPECT_EQ(r.exif.thumbOffset, 2000);
+    EXPECT_EQ(r.exif.thumbLen, 60);
+    // In a JPEG the offset becomes a file offset: the TIFF base is added.
+    r = readBytes(jpegWith({{0xE1, exifPayload(tiff)}}), 1);
+    EXPECT_EQ(r.exif.thumbOffset, 2000 + 2 + 4 + 6);
+
+    // A third IFD (number 2) is read, a fourth is not.
+    t.ifds = {{shortE(274, 1)}, {shortE(274, 2)}, {shortE(274, 3)}, {shortE(274, 4)}};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 3);
+    // A loop in the chain ends there too.
+    t.ifds = {{shortE(274, 1)}, {shortE(274, 2)}};
+    t.loopTo = 0;
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 1);
+}
+
+TEST(MetareadExif, AnIfdOf255EntriesEndsTheChain) {
+    TiffSpec t;
+    std::vector<Entry> big(254, longE(0x9999, 0));
+    big.push_back(shortE(274, 5));
+    t.ifds = {big, {shortE(274, 7)}};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 5);
+    big.push_back(longE(0x9998, 0));  // 256 entries: the chain goes on
+    t.ifds = {big, {shortE(274, 7)}};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 7);
+}
+
+TEST(MetareadExif, ModelIsALineRead) {
+    TiffSpec t;
+    const std::string longName(80, 'M');
+    t.ifds = {{asciiE(272, longName)}};
+    Records r = readBytes(buildTiff(t), 0);
+    EXPECT_EQ(field(r.exif.camera, 64), std::string(63, 'M'));
+    t.ifds = {{asciiE(272, "Line one\nLine two")}};
+    r = readBytes(buildTiff(t), 0);
+    EXPECT_EQ(field(r.exif.camera, 64), "Line one\n");
+}
+
+TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
+    ExifRecord e;
+    GpsRecord g;
+    std::memset(&e, 0x55, sizeof e);
+    std::memset(&g, 0x55, sizeof g);
+    TempDir dir;
+    oltest::writeFile(dir.file("t.tif"), buildTiff(TiffSpec{}));
+    get_exif_data(dir.file("t.tif").c_str(), 0, &e, &g);
+    EXPECT_EQ(e.exposureNum, 0x55555555);  // no exposure: words untouched
+    EXPECT_EQ(e.apertureDen, 0x55555555);
+    EXPECT_EQ(e.iso, 0);
+    EXPECT_EQ(e.orientation, 0);
+    EXPECT_EQ(e.xmpLen, 0);
+    EXPECT_EQ(e.xmpOffset, 0);
+    EXPECT_EQ(e.camera[0], 0);
+    EXPECT_EQ(e.date[0], 0);
+    EXPECT_EQ(e.colorSpace, 0x55555555);  // not the reader's field
+    EXPECT_EQ(g.latitude[0], 0u);
+    EXPECT_EQ(g.lat_ref, 0);
+    // A missing file gives the same cleared values.
+    std::memset(&e, 0x55, sizeof e);
+    EXPECT_EQ(get_exif_data(dir.file("none.tif").c_str(), 0, &e, &g), 0x55555555);
+    EXPECT_EQ(e.iso, 0);
+}
+
+TEST(MetareadExif, XmpAndIptcTags) {
+    TiffSpec t;
+    t.ifds = {{rawE(700, 1, 4321, 900), rawE(33723, 4, 10, 1234)}};
+    Records r = readBytes(buildTiff(t), 0);
+    EXPECT_EQ(r.exif.xmpLen, 4321);
+    EXPECT_EQ(r.exif.xmpOffset, 900);
+    EXPECT_EQ(r.exif.iptcOffset, 1234);
+    EXPECT_EQ(r.exif.iptcLen, 40);
+    t.ifds = {{rawE(33723, 7, 10, 1234)}};
+    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iptcLen, 10);
+    t.ifds = {{rawE(33723, 3, 10, 1234)}};  // another type: length unchanged
+    r = readBytes(buildTiff(t), 0);
+    EXPECT_EQ(r.exif.iptcOffset, 1234);
+    EXPECT_EQ(r.exif.iptcLen, 0);
+}
+
+Bytes photoshopBlocks(const Bytes& iptc, bool withThumb) {
+    Bytes res = resource8bim(0x0404, iptc);
+    if (withThumb) {
+        Bytes th;
+        Writer w{false, &th};
+        for (std::uint32_t v : {1u, 160u, 120u, 480u, 57600u, 333u}) w.u32(v);
+        w.u16(24);
+        w.u16(1);
+        th.resize(th.size() + 333, 0xAB);
+        const Bytes r = resource8bim(0x040C, th);
+        res.insert(res.end(), r.begin(), r.end());
+    }
+    const Bytes pad = resource8bim(0x0425, Bytes(16, 1));
+    res.insert(res.end(), pad.begin(), pad.end());
+    return res;
+}
+
+TEST(MetareadExif, App13BlockGivesIptcAndThumbnail) {
+    const Bytes iptc = iptcKeywords({"alpha", "beta"});
+    const Bytes tiff = buildTiff(TiffSpec{});
+    const Bytes blocks = photoshopBlocks(iptc, true);
+    const Bytes jpg = jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(blocks)}});
+    TempDir dir;
+    const std::string p = dir.file("a.jpg");
+    oltest::writeFile(p, jpg);
+    const Records r = readRecords(p, 1);
+    ASSERT_EQ(r.exif.iptcLen, static_cast<int>(iptc.size()));
+    const std::size_t app13 = 2 + 4 + 6 + tiff.size();
+    EXPECT_EQ(r.exif.iptcOffset, static_cast<int>(app13 + 4 + 14 + 12));
+    EXPECT_EQ(r.exif.thumbLen, 333);
+    EXPECT_EQ(r.exif.thumbOffset, static_cast<int>(app13 + 4 + 14 + resource8bim(0x0404, iptc).size() + 12 + 28));
+    Bytes got(static_cast<std::size_t>(r.exif.iptcLen));
+    EXPECT_EQ(read_iptc(p.c_str(), r.exif.iptcLen, r.exif.iptcOffset, got.data()), r.exif.iptcLen);
+    EXPECT_EQ(got, iptc);
+}
+
+TEST(MetareadExif, App13IsOnlyLookedAtAfterAnExifApp1) {
+    const Bytes blocks = photoshopBlocks(iptcKeywords({"alpha", "beta"}), false);
+    Records r = readBytes(jpegWith({{0xED, app13Payload(blocks)}}), 1);
+    EXPECT_EQ(r.exif.iptcLen, 0);
+    // The second pass needs exactly one 0xFF before each marker.
+    Bytes jpg = jpegWith({{0xE1, exifPayload(buildTiff(TiffSpec{}))}, {0xED, app13Payload(blocks)}});
+    EXPECT_GT(readBytes(jpg, 1).exif.iptcLen, 0);
+    jpg.insert(jpg.begin() + 2, 0xFF);  // padding before the APP1
+    EXPECT_EQ(readBytes(jpg, 1).exif.iptcLen, 0);
+}
+
+TEST(MetareadExif, JpegScanStopsAndSaysWhy) {
+    const Bytes tiff = buildTiff(fullSpec(true));
+    struct Case {
+        Bytes file;
+        std::string printed;
+        int iso;
+    };
+    Bytes padded = jpegWith({{0xE1, exifPayload(tiff)}});
+    padded.insert(padded.begin() + 2, {0xFF, 0xFF, 0xFF});  // four 0xFF in all
+    Bytes overPadded = padded;
+    overPadded.insert(overPadded.begin() + 2, 0xFF);  // five
+    Bytes noFF = jpegWith({{0xE1, exifPayload(tiff)}});
+    noFF.erase(noFF.begin() + 2);  // the marker byte alone
+    Bytes shortLen = {0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x01};
+    Bytes notExif = jpegWith({{0xE1, Bytes{'h', 't', 't', 'p', ':', '/', '/'}}, {0xE1, exifPayload(tiff)}});
+    Case cases[] = {
+        {padded, "", 400},
+        {overPadded, "too many padding bytes\n", 0},
+        {noFF, "", 400},
+        {shortLen, "invalid marker\n", 0},
+        {notExif, "APP1 does not contain valid Exif header\n", 0},
+        {Bytes{0xFF, 0xD9}, "", 0},
+        {jpegWith({{0xE0, Bytes(14, 0)}}), "", 0},
+    };
+    for (const auto& c : cases) {
+        oltest::CaptureFd out(1);
+        const Records r = readBytes(c.file, 1);
+        EXPECT_EQ(out.finish(), c.printed);
+        EXPECT_EQ(r.exif.iso, c.iso);
+    }
+}
+
+TEST(MetareadExif, DescriptionOnlyParsedInTiff) {
+    const std::string desc = "f1, f2, f3, f4, f5, f6, f7, 1/250s, R345, G300, B512";
+    TiffSpec t;
+    t.ifds = {{asciiE(270, desc)}};
+    const Bytes tiff = buildTiff(t);
+    const Records r = readBytes(tiff, 0);
+    EXPECT_EQ(r.exif.exposureNum, 100);
+    EXPECT_EQ(r.exif.exposureDen, 25000);
+    // m = trunc((512 + 300) / 2) = 406, iso = 200 * trunc(2^(406/30)).
+    EXPECT_EQ(r.exif.iso, 200 * 11856);
+    EXPECT_EQ(r.exif.descriptionMark, 2);
+    // Other types read as TIFF (any value but 1 and 2) leave it alone.
+    EXPECT_EQ(readBytes(tiff, 5).exif.iso, 0);
+    const Records j = readBytes(jpegWith({{0xE1, exifPayload(tiff)}}), 1);
+    EXPECT_EQ(j.exif.iso, 0);
+    EXPECT_EQ(j.exif.descriptionMark, 0);
+}
+
+ol::RawExif describe(const std::string& text) {
+    ol::RawExif raw;
+    std::memset(&raw, 0, sizeof raw);
+    ol::parseDescription(text.c_str(), text.size(), raw);
+    return raw;
+}
+
+TEST(MetareadDescription, FieldsAndRefusals) {
+    // A whole number of seconds, a '.' that ends the conversion.
+    ol::RawExif r = describe("a, b, c, d, e, f, g, 2s, R30, G30, B30");
+    EXPECT_FLOAT_EQ(r.exposure, 2.0f);
+    EXPECT_EQ(r.iso, 400);  // m = 30: 2^1
+    EXPECT_EQ(r.mark, 2);
+    r = describe("a, b, c, d, e, f, g, 1/8.5s, R0, G0, B0");
+    EXPECT_FLOAT_EQ(r.exposure, 0.125f);
+    EXPECT_EQ(r.iso, 200);
+    EXPECT_EQ(r.mark, 0);  // last colour 0
+    // A missing colour stores nothing at all.
+    r = describe("a, b, c, d, e, f, g, 1/60s, R30, G30, X30");
+    EXPECT_EQ(r.exposure, 0.0f);
+    EXPECT_EQ(r.iso, 0);
+    // More than six characters abandon the exposure; the colours still count.
+    r = describe("a, b, c, d, e, f, g, 1234567/2s, R60, G60, B60");
+    EXPECT_EQ(r.exposure, 0.0f);
+    EXPECT_EQ(r.iso, 800);
+    EXPECT_EQ(r.mark, 0);
+    // A numerator of 99999 is not marked.
+    r = describe("a, b, c, d, e, f, g, 99999/1s, R1, G1, B1");
+    EXPECT_FLOAT_EQ(r.exposure, 99999.0f);
+    EXPECT_EQ(r.mark, 0);
+    // No separator at all.
+    r = describe("R1 G1 B1");
+    EXPECT_EQ(r.iso, 0);
+}
+
+TEST(MetareadIptc, ReadCodes) {
+    TempDir dir;
+    const std::string p = dir.file("f.bin");
+    Bytes file(100, 0);
+    file[10] = 0x1C;
+    file[20] = 0x33;
+    oltest::writeFile(p, file);
+    unsigned char buf[128] = {};
+    EXPECT_EQ(read_iptc(p.c_str(), 20, 10, buf), 20);
+    EXPECT_EQ(buf[0], 0x1C);
+    EXPECT_EQ(read_iptc(p.c_str(), 20, 20, buf), -2);  // dest is filled anyway
+    EXPECT_EQ(buf[0], 0x33);
+    // The range test compares len with the file size, whatever the offset.
+    EXPECT_EQ(read_iptc(p.c_str(), 100, 0, buf), 0);
+    EXPECT_EQ(read_iptc(p.c_str(), 99, 0, buf), -2);
+    // Short read behind a 0x1C: -1.
+    EXPECT_EQ(read_iptc(p.c_str(), 95, 10, buf), -1);
+    // A short read whose first byte is wrong: -2 first.
+    EXPECT_EQ(read_iptc(p.c_str(), 95, 20, buf), -2);
+    // An offset before the start fails the first seek.
+    EXPECT_EQ(read_iptc(p.c_str(), 10, -200, buf), -1);
+    EXPECT_EQ(read_iptc(dir.file("missing").c_str(), 10, 0, buf), -1);
+    oltest::writeFile(dir.file("empty"), {});
+    EXPECT_EQ(read_iptc(dir.file("empty").c_str(), 1, 0, buf), -1);
+}
+
+TEST(MetareadConstant, KeepsWhatAllPhotosShare) {
+    ExifRecord a{}, b{};
+    a.exposureNum = b.exposureNum = 100;
+    a.exposureDen = b.exposureDen = 200;
+    a.apertureNum = b.apertureNum = 560;
+    a.apertureDen = b.apertureDen = 100;
+    a.iso = b.iso = 100;
+    a.focalNum = 5000;
+    b.focalNum = 2400;
+    std::strcpy(a.camera, "A");
+    std::strcpy(b.camera, "B");
+    ExifRecord kept = a;
+    EXPECT_EQ(constant_exif(&kept, &b), 1);
+    EXPECT_EQ(0, std::memcmp(&kept, &a, sizeof a));  // focal and camera of the first stand
+    b.exposureDen = 400;  // a differing denominator alone clears the rational
+    b.apertureNum = 800;
+    b.iso = 200;
+    EXPECT_EQ(constant_exif(&kept, &b), 1);
+    EXPECT_EQ(kept.exposureNum, 0);
+    EXPECT_EQ(kept.exposureDen, 0);
+    EXPECT_EQ(kept.apertureNum, 0);
+    EXPECT_EQ(kept.apertureDen, 0);
+    EXPECT_EQ(kept.iso, 0);
+    EXPECT_EQ(kept.focalNum, 5000);
+}
+
+}  // namespace
