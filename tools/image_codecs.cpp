@@ -13,6 +13,7 @@
 #include <memory>
 
 #include <jpeglib.h>
+#include <jerror.h>
 #include <png.h>
 #include <tiffio.h>
 
@@ -91,6 +92,7 @@ struct JpegError {
     jpeg_error_mgr mgr;
     std::jmp_buf jump;
     char message[JMSG_LENGTH_MAX];
+    bool truncated;
 };
 
 void jpegErrorExit(j_common_ptr cinfo) {
@@ -99,6 +101,12 @@ void jpegErrorExit(j_common_ptr cinfo) {
     std::longjmp(err->jump, 1);
 }
 void jpegSilence(j_common_ptr, int) {}
+// libjpeg only warns about data that ends early and pads the picture with
+// grey; a frame cut short is damaged input here.
+void jpegNoteTruncation(j_common_ptr cinfo, int level) {
+    if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF)
+        reinterpret_cast<JpegError*>(cinfo->err)->truncated = true;
+}
 }  // namespace
 
 Image readJpeg(const std::string& path) {
@@ -111,8 +119,9 @@ Image readJpeg(const std::string& path) {
     std::memset(&cinfo, 0, sizeof cinfo);
     cinfo.err = jpeg_std_error(&err.mgr);
     err.mgr.error_exit = jpegErrorExit;
-    err.mgr.emit_message = jpegSilence;
+    err.mgr.emit_message = jpegNoteTruncation;
     err.message[0] = 0;
+    err.truncated = false;
     JOCTET* icc = nullptr;
     unsigned iccLen = 0;
     if (setjmp(err.jump)) {
@@ -142,6 +151,7 @@ Image readJpeg(const std::string& path) {
     }
     jpeg_finish_decompress(&cinfo);
     jpeg_destroy_decompress(&cinfo);
+    if (err.truncated) badInput(path, "damaged JPEG file (the data ends early)");
     return img;
 }
 

@@ -1,0 +1,347 @@
+// The olhdr program run as a user runs it: generated brackets in, files out,
+// exit codes and one-line errors checked, and no partial output left behind
+// when something goes wrong.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "support/testsupport.hpp"
+
+namespace fs = std::filesystem;
+using oltest::TempDir;
+
+namespace {
+
+const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
+
+struct Result {
+    int code = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+Result run(const std::string& args) {
+    char errName[] = "/tmp/olhdr-test-err-XXXXXX";
+    const int fd = mkstemp(errName);
+    close(fd);
+    Result r;
+    r.code = oltest::runCommand(quote(kProgram) + " " + args + " 2>" + errName, &r.out);
+    std::ifstream in(errName);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    r.err = ss.str();
+    std::remove(errName);
+    return r;
+}
+
+std::string join(const std::vector<std::string>& files) {
+    std::string s;
+    for (const auto& f : files) s += quote(f) + " ";
+    return s;
+}
+
+std::vector<std::string> bracket(const TempDir& dir, const std::string& name, const std::string& options) {
+    const std::string folder = dir.file(name);
+    const Result r = run("bracket -q --size 96x64 -o " + quote(folder) + " " + options);
+    EXPECT_EQ(r.code, 0) << r.err;
+    std::vector<std::string> files;
+    for (const auto& e : fs::directory_iterator(folder)) files.push_back(e.path().string());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// A failed run: the expected code, exactly one line on stderr that names
+// the program, and nothing on stdout.
+void expectCleanFailure(const Result& r, int code, const std::string& mention) {
+    EXPECT_EQ(r.code, code) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_EQ(r.err.rfind("olhdr ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(mention), std::string::npos) << "'" << mention << "' not in: " << r.err;
+    EXPECT_EQ(r.out, "");
+}
+
+std::size_t entries(const std::string& dir) {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+}
+
+std::string readText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// The Radiance header lines (up to the blank line).
+std::string radianceHeader(const std::string& path) {
+    const std::string s = readText(path);
+    return s.substr(0, s.find("\n\n") + 1);
+}
+// The scanlines behind the resolution line.
+std::string radianceData(const std::string& path) {
+    const std::string s = readText(path);
+    const auto res = s.find("-Y ");
+    return s.substr(s.find('\n', res) + 1);
+}
+
+class Cli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!fs::exists(kProgram)) GTEST_SKIP() << "olhdr not built";
+    }
+};
+
+}  // namespace
+
+TEST_F(Cli, DemoWritesEveryFileItLists) {
+    TempDir dir;
+    const Result r = run("demo --size 240x160 --out " + quote(dir.file("demo")));
+    ASSERT_EQ(r.code, 0) << r.err;
+    int listed = 0;
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("wrote ", 0) != 0) continue;
+        const std::string path = line.substr(6, line.find_first_of(": (", 6) - 6);
+        EXPECT_TRUE(fs::is_regular_file(path)) << line;
+        EXPECT_GT(fs::file_size(path), 1000u) << line;
+        ++listed;
+    }
+    EXPECT_EQ(listed, 7);  // three frames, picture, preview, fused TIFF and JPEG
+    EXPECT_NE(r.out.find("exposures Exif"), std::string::npos) << r.out;
+    // Nothing but the listed files and the frames folder.
+    EXPECT_EQ(entries(dir.file("demo")), 5u);
+    EXPECT_EQ(entries(dir.file("demo/frames")), 3u);
+}
+
+TEST_F(Cli, MergeWritesSharedMetadataAndIgnoresFrameOrder) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "--frames 3");
+    ASSERT_EQ(frames.size(), 3u);
+    const Result a = run("merge -q " + join(frames) + " -o " + quote(dir.file("a.hdr")));
+    ASSERT_EQ(a.code, 0) << a.err;
+    EXPECT_EQ(a.out, "");  // quiet
+    const std::string header = radianceHeader(dir.file("a.hdr"));
+    EXPECT_EQ(header.rfind("#?RADIANCE\n", 0), 0u);
+    // Values the frames share stay; the exposure time differs and is left out.
+    for (const char* line : {"CAMERA=olhdr synthetic camera\n", "CAPDATE=2026:06:21 12:00:00\n",
+                             "ICC_PROFILE=sRGB\n", "APERTURE=8.00\n", "ISO=100\n", "FOCAL_LENGTH=35.00\n"})
+        EXPECT_NE(header.find(line), std::string::npos) << line << " missing in\n" << header;
+    EXPECT_EQ(header.find("SHUTTER="), std::string::npos);
+    // The merge orders frames by exposure itself: any order gives the same picture.
+    const std::vector<std::string> shuffled = {frames[2], frames[0], frames[1]};
+    ASSERT_EQ(run("merge -q " + join(shuffled) + " -o " + quote(dir.file("b.hdr"))).code, 0);
+    EXPECT_EQ(readText(dir.file("a.hdr")), readText(dir.file("b.hdr")));
+}
+
+TEST_F(Cli, MergeExposureSources) {
+    TempDir dir;
+    const auto bare = bracket(dir, "bare", "--no-metadata --format png");
+    const Result inferred = run("merge " + join(bare) + " -o " + quote(dir.file("i.hdr")));
+    ASSERT_EQ(inferred.code, 0) << inferred.err;
+    EXPECT_NE(inferred.out.find("inferred from brightness"), std::string::npos) << inferred.out;
+    const Result stepped = run("merge " + join(bare) + " --ev-step 2 -o " + quote(dir.file("s.hdr")));
+    ASSERT_EQ(stepped.code, 0) << stepped.err;
+    EXPECT_NE(stepped.out.find("--ev-step"), std::string::npos) << stepped.out;
+    // Two stops apart: exposures 0.25, 1, 4 by brightness, whatever the order given.
+    EXPECT_NE(stepped.out.find(": 0.25 1 4\n"), std::string::npos) << stepped.out;
+    const std::vector<std::string> reversed(bare.rbegin(), bare.rend());
+    const Result rev = run("merge " + join(reversed) + " --ev-step 2 -o " + quote(dir.file("r.hdr")));
+    EXPECT_NE(rev.out.find(": 4 1 0.25\n"), std::string::npos) << rev.out;
+    EXPECT_EQ(radianceData(dir.file("s.hdr")), radianceData(dir.file("r.hdr")));
+    // A PNG keeps Exif in its eXIf chunk, and the library reads it from there.
+    const auto png = bracket(dir, "png", "--format png");
+    const Result exif = run("merge " + join(png) + " -o " + quote(dir.file("p.hdr")));
+    EXPECT_NE(exif.out.find("exposures Exif"), std::string::npos) << exif.out;
+}
+
+TEST_F(Cli, EveryFrameFormatAndDepthMerges) {
+    TempDir dir;
+    for (const char* options : {"--format jpg", "--format png --bits 16", "--format tif", "--format tif --bits 16",
+                                "--format psd", "--format psd --bits 16"}) {
+        SCOPED_TRACE(options);
+        const std::string name = std::string("f") + std::to_string(std::hash<std::string>{}(options) % 100000);
+        const auto frames = bracket(dir, name, options);
+        ASSERT_EQ(frames.size(), 3u);
+        const Result info = run("info --json " + quote(frames[0]));
+        ASSERT_EQ(info.code, 0) << info.err;
+        const bool sixteen = std::string(options).find("16") != std::string::npos;
+        EXPECT_NE(info.out.find(sixteen ? "\"bits\": 16" : "\"bits\": 8"), std::string::npos) << info.out;
+        EXPECT_NE(info.out.find("\"width\": 96, \"height\": 64"), std::string::npos) << info.out;
+        const Result m = run("merge " + join(frames) + " -o " + quote(dir.file(name + ".hdr")) + " --preview " +
+                             quote(dir.file(name + ".png")));
+        ASSERT_EQ(m.code, 0) << m.err;
+        // PSD frames carry no Exif: their exposures are inferred.
+        const bool psd = std::string(options).find("psd") != std::string::npos;
+        EXPECT_NE(m.out.find(psd ? "inferred" : "exposures Exif"), std::string::npos) << m.out;
+        EXPECT_NE(m.out.find(sixteen ? "(16-bit)" : "(8-bit)"), std::string::npos) << m.out;
+        const Result back = run("info " + quote(dir.file(name + ".hdr")));
+        EXPECT_NE(back.out.find("width        96\nheight       64"), std::string::npos) << back.out;
+    }
+}
+
+TEST_F(Cli, StripWritingGivesTheSameScanlines) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "");
+    ASSERT_EQ(run("merge -q " + join(frames) + " -o " + quote(dir.file("whole.hdr"))).code, 0);
+    const Result strips = run("merge " + join(frames) + " --strip-rows 7 -o " + quote(dir.file("strips.hdr")));
+    ASSERT_EQ(strips.code, 0) << strips.err;
+    EXPECT_NE(strips.out.find("in strips"), std::string::npos);
+    EXPECT_EQ(radianceData(dir.file("whole.hdr")), radianceData(dir.file("strips.hdr")));
+    EXPECT_EQ(radianceHeader(dir.file("strips.hdr")).find("CAMERA="), std::string::npos);
+}
+
+TEST_F(Cli, FuseIsTheSameInMemoryOnDiskAndOnAnyThreadCount) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "--frames 4 --ev-step 1.5");
+    ASSERT_EQ(run("fuse -q " + join(frames) + " -j 1 -o " + quote(dir.file("one.tif"))).code, 0);
+    ASSERT_EQ(run("fuse -q " + join(frames) + " -j 3 -o " + quote(dir.file("three.tif"))).code, 0);
+    fs::create_directory(dir.file("scratch"));
+    const Result disk = run("fuse " + join(frames) + " --disk --scratch " + quote(dir.file("scratch")) + " -o " +
+                            quote(dir.file("disk.tif")));
+    ASSERT_EQ(disk.code, 0) << disk.err;
+    EXPECT_NE(disk.out.find("disk mode"), std::string::npos) << disk.out;
+    EXPECT_EQ(entries(dir.file("scratch")), 0u);  // scratch files removed
+    const std::string one = readText(dir.file("one.tif"));
+    EXPECT_EQ(one, readText(dir.file("three.tif")));
+    EXPECT_EQ(one, readText(dir.file("disk.tif")));
+    // The settings reach the fusion: a black clip changes the picture.
+    ASSERT_EQ(run("fuse -q " + join(frames) + " --black-clip 5 -o " + quote(dir.file("clip.tif"))).code, 0);
+    EXPECT_NE(one, readText(dir.file("clip.tif")));
+}
+
+TEST_F(Cli, FuseOutputsKeepTheFirstFramesMetadata) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "--format tif --bits 16");
+    for (const char* out : {"o.tif", "o.png", "o.jpg"}) {
+        SCOPED_TRACE(out);
+        const std::string bits = std::string(out) == "o.jpg" ? "8" : "16";
+        const Result r = run("fuse " + join(frames) + " --bits " + bits + " -o " + quote(dir.file(out)));
+        ASSERT_EQ(r.code, 0) << r.err;
+        const Result info = run("info --json " + quote(dir.file(out)));
+        ASSERT_EQ(info.code, 0) << info.err;
+        EXPECT_NE(info.out.find("\"bits\": " + bits), std::string::npos) << info.out;
+        EXPECT_NE(info.out.find("\"camera\": \"olhdr synthetic camera\""), std::string::npos) << info.out;
+        EXPECT_NE(info.out.find("\"icc_profile\": \"sRGB\""), std::string::npos) << info.out;
+        EXPECT_NE(info.out.find("\"latitude\": 48.8584"), std::string::npos) << info.out;
+        // IPTC travels in the TIFF only (the PNG and JPEG writers here carry Exif and ICC).
+        if (std::string(out) == "o.tif") {
+            EXPECT_NE(info.out.find("\"keywords\": [\"olhdr\", \"synthetic bracket\"]"), std::string::npos)
+                << info.out;
+        }
+    }
+}
+
+TEST_F(Cli, BadInputsFailWithOneLineAndLeaveNothing) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "");
+    const auto big = bracket(dir, "big", "--size 100x64");
+    const auto deep = bracket(dir, "deep", "--format png --bits 16");
+    oltest::writeText(dir.file("notes.txt"), "not an image\n");
+    oltest::writeText(dir.file("fake.jpg"), "\xFF\xD8\xFF but nothing more");
+    fs::create_directory(dir.file("out"));
+    const std::string hdr = " -o " + quote(dir.file("out/x.hdr"));
+    const std::string tif = " -o " + quote(dir.file("out/x.tif"));
+    struct Case {
+        std::string args;
+        std::string mention;
+    };
+    const std::vector<Case> cases = {
+        {"merge " + join(frames) + quote(dir.file("missing.jpg")) + hdr, "missing.jpg: no such file"},
+        {"merge " + join(frames) + quote(dir.file("notes.txt")) + hdr, "notes.txt: not an image"},
+        {"merge " + join(frames) + quote(dir.file("fake.jpg")) + hdr, "fake.jpg: "},
+        {"merge " + join(frames) + quote(dir.file("f")) + hdr, "is a folder"},
+        {"merge " + quote(frames[0]) + " " + quote(big[1]) + hdr, big[1] + ": is 100x64, but"},
+        {"fuse " + quote(frames[0]) + " " + quote(deep[1]) + tif, deep[1] + ": has 16-bit samples"},
+        {"fuse " + join(frames) + quote(dir.file("out/x.hdr")) + tif, "is a Radiance picture"},
+        {"info " + quote(dir.file("notes.txt")), "notes.txt"},
+    };
+    oltest::writeText(dir.file("out/x.hdr"), "#?RADIANCE\n");  // for the Radiance-as-frame case
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        expectCleanFailure(run(c.args), 2, c.mention);
+    }
+    fs::remove(dir.file("out/x.hdr"));
+    EXPECT_EQ(entries(dir.file("out")), 0u);
+}
+
+TEST_F(Cli, UnwritableOutputsFailBeforeWorkAndLeaveNothing) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "");
+    expectCleanFailure(run("merge " + join(frames) + " -o " + quote(dir.file("nowhere/x.hdr"))), 3, "does not exist");
+    fs::create_directory(dir.file("taken.tif"));
+    expectCleanFailure(run("fuse " + join(frames) + " -o " + quote(dir.file("taken.tif"))), 3, "is a folder");
+    expectCleanFailure(run("merge " + join(frames) + " -o " + quote(dir.file("x.hdr")) + " --preview " +
+                           quote(dir.file("nowhere/p.png"))),
+                       3, "p.png");
+    EXPECT_FALSE(fs::exists(dir.file("x.hdr")));
+    if (geteuid() != 0) {
+        fs::create_directory(dir.file("ro"));
+        fs::permissions(dir.file("ro"), fs::perms::owner_read | fs::perms::owner_exec);
+        expectCleanFailure(run("fuse " + join(frames) + " -o " + quote(dir.file("ro/x.tif"))), 3, "cannot write");
+        fs::permissions(dir.file("ro"), fs::perms::owner_all);
+    }
+}
+
+TEST_F(Cli, CommandLineMistakesAreUsageErrors) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "");
+    const std::string out = " -o " + quote(dir.file("x.tif"));
+    expectCleanFailure(run("frobnicate"), 1, "unknown command");
+    expectCleanFailure(run("merge " + join(frames)), 1, "-o OUT.hdr");
+    expectCleanFailure(run("merge -o " + quote(dir.file("x.hdr"))), 1, "no frames");
+    expectCleanFailure(run("merge " + join(frames) + " -o " + quote(dir.file("x.exr"))), 1, ".hdr");
+    expectCleanFailure(run("fuse " + join(frames) + out + " --bits 12"), 1, "--bits");
+    expectCleanFailure(run("fuse " + join(frames) + " -o " + quote(dir.file("x.jpg")) + " --bits 16"), 1, "8-bit");
+    expectCleanFailure(run("fuse " + join(frames) + out + " --white-clip 60"), 1, "--white-clip");
+    expectCleanFailure(run("fuse " + join(frames) + out + " --threads two"), 1, "--threads");
+    expectCleanFailure(run("fuse " + join(frames) + out + " --colour"), 1, "unknown option --colour");
+    expectCleanFailure(run("bracket --format gif -o " + quote(dir.file("g"))), 1, "--format");
+    EXPECT_EQ(run("").code, 1);
+    EXPECT_FALSE(fs::exists(dir.file("x.tif")));
+}
+
+TEST_F(Cli, AlignAndDeghostAreAnnouncedAsNotAvailable) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "");
+    expectCleanFailure(run("merge " + join(frames) + " --align -o " + quote(dir.file("x.hdr"))), 5, "--align");
+    expectCleanFailure(run("fuse " + join(frames) + " --deghost -o " + quote(dir.file("x.tif"))), 5, "--deghost");
+    EXPECT_FALSE(fs::exists(dir.file("x.hdr")));
+}
+
+TEST_F(Cli, EveryCommandHasHelp) {
+    for (const char* cmd : {"merge", "fuse", "info", "demo", "bracket"}) {
+        const Result r = run(std::string(cmd) + " --help");
+        EXPECT_EQ(r.code, 0) << cmd;
+        EXPECT_EQ(r.out.rfind(std::string("usage: olhdr ") + cmd, 0), 0u) << r.out;
+        EXPECT_EQ(run(std::string("help ") + cmd).out, r.out);
+    }
+    const Result main = run("--help");
+    EXPECT_EQ(main.code, 0);
+    EXPECT_NE(main.out.find("exit codes:"), std::string::npos);
+}
+
+TEST_F(Cli, InfoJsonIsOneArrayEvenWithLibraryMessages) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "");
+    // A JPEG whose APP1 is not Exif makes the library print a message on
+    // stdout; the listing must stay clean JSON.
+    std::vector<std::uint8_t> bytes = oltest::readFile(frames[0]);
+    const std::vector<std::uint8_t> app1 = {0xFF, 0xE1, 0x00, 0x08, 'N', 'o', 't', 'E', 'x', 'f'};
+    bytes.insert(bytes.begin() + 2, app1.begin(), app1.end());
+    oltest::writeFile(dir.file("odd.jpg"), bytes);
+    const Result r = run("info --json " + quote(dir.file("odd.jpg")) + " " + quote(frames[1]));
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("[\n  {\"file\": ", 0), 0u) << r.out;
+    EXPECT_EQ(r.out.substr(r.out.size() - 4), "}\n]\n") << r.out;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 4) << r.out;
+    EXPECT_EQ(r.err, "");
+}
