@@ -1,0 +1,338 @@
+// Real files from other programs, kept crashers, and damaged input: every
+// file decodes to the values its truth file holds or gets the failure code
+// the reading rules give it, and nothing crashes or hangs.
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <random>
+
+#include "frame/rgbe.hpp"
+#include "radiance_helpers.hpp"
+
+using namespace radtest;
+namespace fs = oltest::fs;
+
+namespace {
+
+// A .npy array of little-endian float32 or bytes, C order.
+struct Npy {
+    std::string descr;
+    std::vector<std::size_t> shape;
+    Bytes data;
+    std::size_t count() const {
+        std::size_t n = 1;
+        for (auto s : shape) n *= s;
+        return n;
+    }
+    float f32(std::size_t i) const {
+        float v;
+        std::memcpy(&v, data.data() + 4 * i, 4);
+        return v;
+    }
+};
+
+Npy readNpy(const fs::path& path) {
+    const Bytes f = oltest::readFile(path.string());
+    Npy n;
+    if (f.size() < 10 || std::memcmp(f.data(), "\x93NUMPY", 6) != 0) return n;
+    const std::size_t headerLen = f[6] == 1 ? f[8] | (f[9] << 8) : f[8] | (f[9] << 8) | (f[10] << 16);
+    const std::size_t start = f[6] == 1 ? 10 : 12;
+    const std::string header(f.begin() + static_cast<long>(start), f.begin() + static_cast<long>(start + headerLen));
+    const auto d = header.find("'descr': '");
+    n.descr = header.substr(d + 10, header.find('\'', d + 10) - d - 10);
+    auto s = header.find("'shape': (") + 10;
+    const auto e = header.find(')', s);
+    while (s < e) {
+        const auto c = header.find(',', s);
+        const std::string num = header.substr(s, std::min(c, e) - s);
+        if (num.find_first_of("0123456789") != std::string::npos) n.shape.push_back(std::stoul(num));
+        if (c == std::string::npos || c > e) break;
+        s = c + 1;
+    }
+    n.data.assign(f.begin() + static_cast<long>(start + headerLen), f.end());
+    return n;
+}
+
+// What the rules give each Radiance file of the shared test data.
+struct HdrCase {
+    const char* name;
+    int dim;      // rgbe_dim: -3 when the resolution line is beyond the budget
+    int decoded;  // decomp_rle and decomp2 (height when they decode)
+    int stream;   // decomp2 alone, where it differs
+    int preview;  // same-size preview (height+1 when it decodes)
+};
+// Budgets: fileSize/128 lines (at most 100); the preview reader fileSize/128
+// - 128, refusing files under 16640 bytes. Old-style run-length files are
+// taken for flat data (their first row does not start 2, 2) and run out of
+// bytes: -2 for the decoders, -1 for the preview reader.
+const HdrCase kHdrCases[] = {
+    // 587 bytes: 4 lines of budget, 12 reads to the resolution line. The
+    // in-memory decoder looks for the line in the whole file.
+    {"exiftool_Radiance.hdr", -3, 1, -3, -1},
+    {"imagers_old-rle.hdr", 0, -2, -2, -1},
+    {"imagers_scale.hdr", 0, 8, 8, -1},  // flat 256x8, under 16640 bytes
+    {"nrel_false.hdr", 0, 544, 544, 545},  // 97 reads within the cap of 100
+    {"nrel_inst_fish.hdr", 0, 124, 124, 125},
+    {"nrel_mixtex_def.hdr", 0, 72, 72, 73},
+    {"nrel_psign.hdr", 0, 680, 680, 681},
+    {"tm_memorial_o876.hdr", 0, 768, 768, 769},
+    {"nrel2003_cabin.pic", 0, -2, -2, -1},
+    {"nrel2003_gamma.pic", 0, -2, -2, -1},
+    {"nrel2003_rgbw.pic", 0, 100, 100, -1},  // 4175 bytes: no preview
+    {"nrel2003_summercab.pic", 0, 143, 143, 144},
+};
+
+int jsonInt(const std::string& json, const std::string& key) {
+    const auto p = json.find("\"" + key + "\": ");
+    return std::stoi(json.substr(p + key.size() + 4));
+}
+
+// Compares planes with the truth: float32 RGB, mantissa * 2^(E-136), and
+// the raw bytes.
+void expectTruth(const fs::path& file, const Bytes& planes, int width, int height) {
+    const Npy truth = readNpy(file.string() + ".truth.npy");
+    const Npy raw = readNpy(file.string() + ".rgbe.npy");
+    ASSERT_EQ(truth.count(), 3u * width * height);
+    ASSERT_EQ(raw.count(), 4u * width * height);
+    long mismatches = 0;
+    for (int y = 0; y < height; ++y) {
+        const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
+        for (int x = 0; x < width; ++x) {
+            const std::size_t px = static_cast<std::size_t>(y) * width + x;
+            const int e = row[3 * width + x];
+            for (int c = 0; c < 4; ++c) mismatches += raw.data[4 * px + c] != row[c * width + x];
+            for (int c = 0; c < 3; ++c) {
+                const float v = e == 0 ? 0.0f : static_cast<float>(row[c * width + x] * std::ldexp(1.0, e - 136));
+                mismatches += truth.f32(3 * px + c) != v;
+            }
+        }
+    }
+    EXPECT_EQ(mismatches, 0) << file.filename();
+}
+
+}  // namespace
+
+TEST(RadianceRealFiles, EachFileDecodesOrFailsByTheRules) {
+    OL_REQUIRE_TESTDATA();
+    const fs::path dir = oltest::testdataDir() / "hdr";
+    int seen = 0;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        const std::string name = entry.path().filename().string();
+        if (name.find(".hdr.") != std::string::npos || name.find(".pic.") != std::string::npos ||
+            name == "README.md")
+            continue;
+        ++seen;
+        const HdrCase* c = nullptr;
+        for (const auto& k : kHdrCases)
+            if (name == k.name) c = &k;
+        ASSERT_NE(c, nullptr) << "no expectation for " << name;
+        SCOPED_TRACE(name);
+        const std::string path = entry.path().string();
+        const Bytes jsonBytes = oltest::readFile(path + ".truth.json");
+        const std::string json(jsonBytes.begin(), jsonBytes.end());
+        const int width = jsonInt(json, "width"), height = jsonInt(json, "height");
+        const int size = static_cast<int>(fs::file_size(entry.path()));
+
+        float prim[8];
+        int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+        const int lines = rgbe_dim(path.c_str(), prim, dims);
+        if (c->dim == 0) {
+            EXPECT_EQ(lines, jsonInt(json, "line_reads_127_through_resolution_line") - 1);
+            EXPECT_EQ(dims[0], width);
+            EXPECT_EQ(dims[1], height);
+            EXPECT_EQ(dims[2], size);
+            if (json.find("\"primaries_line\": null") == std::string::npos) {
+                EXPECT_EQ(dims[6], 32);
+                EXPECT_GT(prim[0], 0.0f);
+            }
+        } else {
+            EXPECT_EQ(lines, c->dim);
+        }
+        int given[7] = {width, height, size, 0, 0, 0, 0};
+        Bytes a(4u * width * height), b(a.size()), p(a.size());
+        EXPECT_EQ(decomp_rle(path.c_str(), given, a.data()), c->decoded);
+        EXPECT_EQ(decomp2(path.c_str(), given, b.data(), nullptr), c->stream);
+        EXPECT_EQ(ol_io_read_preview_rgbe(width, height, width, height, path.c_str(), p.data()), c->preview);
+        if (c->decoded == height) expectTruth(entry.path(), a, width, height);
+        if (c->stream == height) {
+            EXPECT_EQ(a, b);
+        }
+        if (c->preview == height + 1) {
+            EXPECT_EQ(a, p);
+        }
+
+        ExifRecord e;
+        std::memset(&e, 0, sizeof e);
+        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), jsonInt(json, "line_reads_127_through_resolution_line") - 1);
+    }
+    EXPECT_EQ(seen, static_cast<int>(std::size(kHdrCases)));
+}
+
+TEST(RadianceRealFiles, FloatTiffsByTheReadingRules) {
+    OL_REQUIRE_TESTDATA();
+    const fs::path dir = oltest::testdataDir() / "floattiff";
+    // Only a little-endian, uncompressed, contiguous RGB float file in one
+    // strip holds the pixels where the rules look. Several strips put the
+    // offset array's position in the data offset; compression, tiles,
+    // planes, half floats and four samples read other bytes as pixels; the
+    // big-endian file is refused.
+    const std::map<std::string, int> expected = {
+        {"imagers_rgb32f_color.tiff", 1},
+        {"tm_floatingpoint-32bit.tif", -3},
+        {"imagers_image1.hdr.tiff", 0},
+        {"itiff_cmyk-3c-32b-float.tiff", 0},
+        {"itiff_predictor-3-rgb-f32.tif", 0},
+        {"ltn_tiger-rgb-float-strip-contig-16.tif", 0},
+        {"ltn_tiger-rgb-float-strip-contig-32.tif", 0},
+        {"ltn_tiger-rgb-float-strip-planar-32.tif", 0},
+        {"ltn_tiger-rgb-float-tile-contig-32.tif_converted_lzw_3.tif", 0},
+        {"tm_shapes_lzw_predictor3.tif", 0},
+    };
+    int seen = 0;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        const std::string name = entry.path().filename().string();
+        const auto it = expected.find(name);
+        if (it == expected.end()) {
+            EXPECT_TRUE(name.find(".tif") != name.rfind(".tif") || name.find(".json") != std::string::npos ||
+                        name.find(".npy") != std::string::npos || name.find(".txt") != std::string::npos ||
+                        name == "README.md")
+                << "no expectation for " << name;
+            continue;
+        }
+        ++seen;
+        SCOPED_TRACE(name);
+        const std::string path = entry.path().string();
+        const Npy truth = readNpy(path + ".truth.npy");
+        ASSERT_GE(truth.shape.size(), 3u);
+        const int height = static_cast<int>(truth.shape[0]), width = static_cast<int>(truth.shape[1]);
+        const int spp = static_cast<int>(truth.shape[2]);
+        Bytes planes(4u * width * height);
+        float stats[3] = {0, 0, 0};
+        const int r = fp2rgbe(path.c_str(), width, height, stats, planes.data());
+        if (it->second < 0) {
+            EXPECT_EQ(r, it->second);
+            continue;
+        }
+        EXPECT_EQ(r, height);
+        // Pixels as the encoder gives them from the truth's values.
+        long mismatches = 0;
+        float maxLum = 0.0f;
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                const std::size_t i = (static_cast<std::size_t>(y) * width + x) * spp;
+                float rgb[3];
+                if (truth.descr == "<f4")
+                    for (int k = 0; k < 3; ++k) rgb[k] = truth.f32(i + k);
+                else
+                    rgb[0] = rgb[1] = rgb[2] = -1.0f;  // half floats: never equal
+                const ol::RgbePixel px = ol::encodeRgbe(rgb[0], rgb[1], rgb[2], ol::RgbeForm::Wrapped);
+                const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
+                mismatches += px.r != row[x] || px.g != row[width + x] || px.b != row[2 * width + x] ||
+                              px.e != row[3 * width + x];
+                const float lum = static_cast<float>(0.3 * rgb[0] + 0.6 * rgb[1] + 0.1 * rgb[2]);
+                if (lum > maxLum) maxLum = lum;
+            }
+        if (it->second == 1) {
+            EXPECT_EQ(mismatches, 0);
+            EXPECT_EQ(stats[1], 256.0f * maxLum);
+        } else {
+            EXPECT_GT(mismatches, 0) << "these bytes are not where the rules read";
+        }
+    }
+    EXPECT_EQ(seen, static_cast<int>(expected.size()));
+}
+
+namespace {
+
+// Runs every reader over a file and returns when all have; the results must
+// be a success or a family code.
+void runAllReaders(const std::string& path) {
+    float prim[8];
+    int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+    const int r = rgbe_dim(path.c_str(), prim, dims);
+    EXPECT_TRUE(r >= 0 || r == -1 || r == -2 || r == -3) << r;
+    const long long size = static_cast<long long>(fs::file_size(path));
+    std::vector<std::pair<int, int>> sizes = {{16, 16}, {1, 1}, {64, 80}};
+    if (r >= 0 && dims[0] > 0 && dims[1] > 0 && static_cast<long long>(dims[0]) * dims[1] <= (1 << 22))
+        sizes.emplace_back(dims[0], dims[1]);
+    for (auto [w, h] : sizes) {
+        int given[7] = {w, h, static_cast<int>(size), 0, 0, 0, 0};
+        Bytes out(4u * w * h);
+        const int a = decomp_rle(path.c_str(), given, out.data());
+        EXPECT_TRUE(a == h || (a <= -1 && a >= -6)) << a;
+        const int b = decomp2(path.c_str(), given, out.data(), nullptr);
+        EXPECT_TRUE(b == h || (b <= -1 && b >= -6)) << b;
+        const int p = ol_io_read_preview_rgbe(w, h, (w + 1) / 2, (h + 1) / 2, path.c_str(), out.data());
+        EXPECT_TRUE(p == h || p == h + 1 || p == -1 || p == -4 || (p <= -200 && p >= -202)) << p;
+    }
+    ExifRecord e;
+    std::memset(&e, 0, sizeof e);
+    const int x = extract_rgbe_exif(path.c_str(), &e);
+    EXPECT_TRUE(x >= -1 && x <= 100);
+    Bytes planes(4u * 16 * 16);
+    float stats[3];
+    const int f = fp2rgbe(path.c_str(), 16, 16, stats, planes.data());
+    EXPECT_TRUE(f == 16 || f == -1 || f == -3 || f == -4) << f;
+}
+
+}  // namespace
+
+TEST(RadianceDamaged, KeptCrashersReturn) {
+    const fs::path dir = fs::path(OL_SOURCE_DIR) / "tests" / "crashers" / "radiance";
+    ASSERT_TRUE(fs::is_directory(dir));
+    int n = 0;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        if (entry.path().filename() == "README.md") continue;
+        SCOPED_TRACE(entry.path().filename().string());
+        runAllReaders(entry.path().string());
+        ++n;
+    }
+    EXPECT_GT(n, 0);
+}
+
+TEST(RadianceDamaged, CutAndScrambledFilesReturn) {
+    oltest::TempDir dir;
+    const int W = 96, H = 200;
+    const Bytes px = photoPlanes(W, H, 5);
+    ExifRecord e;
+    std::memset(&e, 0, sizeof e);
+    const std::string good = dir.file("good.hdr");
+    ASSERT_EQ(ol_io_rgbe_write(good.c_str(), W, H, &e, nullptr, "sRGB", px.data()), H);
+    const Bytes file = oltest::readFile(good);
+    const std::string path = dir.file("bad.hdr");
+    std::mt19937 rng(3);
+    for (int round = 0; round < 60; ++round) {
+        Bytes b = file;
+        if (round % 3 == 0) {
+            b.resize(rng() % file.size());
+        } else {
+            const int flips = 1 + static_cast<int>(rng() % 20);
+            for (int i = 0; i < flips; ++i) b[rng() % b.size()] = static_cast<std::uint8_t>(rng());
+        }
+        oltest::writeFile(path, b);
+        SCOPED_TRACE(round);
+        runAllReaders(path);
+        // A cut file is never read whole.
+        if (round % 3 == 0) {
+            int dims[7] = {W, H, static_cast<int>(b.size()), 0, 0, 0, 0};
+            Bytes out(px.size());
+            EXPECT_LT(decomp_rle(path.c_str(), dims, out.data()), 0);
+            EXPECT_LT(decomp2(path.c_str(), dims, out.data(), nullptr), 0);
+        }
+    }
+    for (int round = 0; round < 20; ++round) {
+        oltest::writeFile(path, oltest::randomBytes(1 + round * 997, static_cast<std::uint32_t>(round)));
+        runAllReaders(path);
+    }
+    // Float TIFF cut at every length up to past its directory.
+    const std::string tif = dir.file("t.tif");
+    ASSERT_EQ(fp_save(tif.c_str(), 5, 4, px.data()), 4);
+    const Bytes t = oltest::readFile(tif);
+    for (std::size_t n = 0; n <= t.size(); n += 7) {
+        oltest::writeFile(path, Bytes(t.begin(), t.begin() + static_cast<long>(n)));
+        Bytes planes(4 * 5 * 4);
+        float stats[3];
+        const int r = fp2rgbe(path.c_str(), 5, 4, stats, planes.data());
+        EXPECT_TRUE(r == 4 || r == -3 || r == -4) << n;
+    }
+}
