@@ -1,0 +1,137 @@
+// What olhdr writes, opened by independent programs: exiftool, tiffinfo,
+// ImageMagick's identify and OpenCV. Each test skips when its tool is absent.
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "support/testsupport.hpp"
+
+namespace fs = std::filesystem;
+using oltest::TempDir;
+
+namespace {
+
+const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
+
+std::string sh(const std::string& command, int* code = nullptr) {
+    std::string out;
+    const int c = oltest::runCommand(command + " 2>/dev/null", &out);
+    if (code) *code = c;
+    return out;
+}
+
+// A demo run at a small size, shared by the tests of this file.
+class CliInterop : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (!fs::exists(kProgram)) return;
+        dir_ = new TempDir();
+        int code = 0;
+        sh("'" + kProgram + "' demo -q --size 300x200 -o '" + dir_->file("demo") + "'", &code);
+        ok_ = code == 0;
+        sh("'" + kProgram + "' fuse -q '" + file("frames/frame-1.jpg") + "' '" + file("frames/frame-2.jpg") +
+               "' '" + file("frames/frame-3.jpg") + "' --bits 16 -o '" + file("fused16.png") + "'",
+           &code);
+        ok_ = ok_ && code == 0;
+    }
+    static void TearDownTestSuite() {
+        delete dir_;
+        dir_ = nullptr;
+    }
+    void SetUp() override {
+        if (!fs::exists(kProgram)) GTEST_SKIP() << "olhdr not built";
+        ASSERT_TRUE(ok_) << "the demo run failed";
+    }
+    static std::string file(const std::string& name) { return dir_->file("demo/" + name); }
+
+    static TempDir* dir_;
+    static bool ok_;
+};
+TempDir* CliInterop::dir_ = nullptr;
+bool CliInterop::ok_ = false;
+
+}  // namespace
+
+TEST_F(CliInterop, IdentifyReadsEveryOutputAtItsSizeAndDepth) {
+    if (!oltest::haveProgram("identify")) GTEST_SKIP() << "no ImageMagick";
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"scene.hdr", "HDR 300 200"},            {"scene-preview.jpg", "JPEG 300 200 8"},
+        {"scene-fused.tif", "TIFF 300 200 16"},  {"scene-fused.jpg", "JPEG 300 200 8"},
+        {"fused16.png", "PNG 300 200 16"},       {"frames/frame-2.jpg", "JPEG 300 200 8"}};
+    for (const auto& [name, want] : expected) {
+        const std::string fmt = name == "scene.hdr" ? "%m %w %h" : "%m %w %h %z";
+        EXPECT_EQ(sh("identify -format '" + fmt + "' '" + file(name) + "'"), want) << name;
+    }
+}
+
+TEST_F(CliInterop, TiffinfoSeesOneUncompressedStripWithProfileAndDirectories) {
+    if (!oltest::haveProgram("tiffinfo")) GTEST_SKIP() << "no tiffinfo";
+    const std::string out = sh("tiffinfo '" + file("scene-fused.tif") + "'");
+    for (const char* line : {"Image Width: 300 Image Length: 200", "Bits/Sample: 16", "Samples/Pixel: 3",
+                             "Compression Scheme: None", "Rows/Strip: 200", "Model: olhdr synthetic camera",
+                             "ICC Profile: <present>", "EXIFIFDOffset", "GPSIFDOffset"})
+        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+}
+
+TEST_F(CliInterop, ExiftoolReadsTheMetadataOfFramesAndOutputs) {
+    if (!oltest::haveProgram("exiftool")) GTEST_SKIP() << "no exiftool";
+    const std::string tags = " -s -s -s -Model -ExposureTime -FNumber -ISO -FocalLength -DateTimeOriginal "
+                             "-GPSLatitudeRef -GPSLatitude -Keywords -ProfileDescription ";
+    // A frame: every value, its own exposure time.
+    const std::string frame = sh("exiftool -n" + tags + "'" + file("frames/frame-1.jpg") + "'");
+    EXPECT_EQ(frame,
+              "olhdr synthetic camera\n0.004166666667\n8\n100\n35\n2026:06:21 12:00:00\nN\n48.8583666666667\n"
+              "olhdr, synthetic bracket\nsRGB gamma 2.2 (olhdr synthetic)\n");
+    // The fused TIFF: the values the frames share, the first frame's GPS,
+    // IPTC and profile; the exposure times differ, so none is written.
+    const std::string tif = sh("exiftool -n" + tags + "'" + file("scene-fused.tif") + "'");
+    EXPECT_EQ(tif,
+              "olhdr synthetic camera\n8\n100\n35\n2026:06:21 12:00:00\nN\n48.8583666666667\n"
+              "olhdr, synthetic bracket\nsRGB gamma 2.2 (olhdr synthetic)\n");
+    for (const char* name : {"scene-fused.jpg", "fused16.png"}) {
+        const std::string out = sh("exiftool -n" + tags + "'" + file(name) + "'");
+        EXPECT_EQ(out,
+                  "olhdr synthetic camera\n8\n100\n35\n2026:06:21 12:00:00\nN\n48.8583666666667\n"
+                  "sRGB gamma 2.2 (olhdr synthetic)\n")
+            << name;
+    }
+}
+
+TEST_F(CliInterop, InfoJsonParsesAndAgreesWithExiftool) {
+    if (!oltest::haveProgram("exiftool")) GTEST_SKIP() << "no exiftool";
+    const std::string py = oltest::systemPython();
+    const std::string json = file("info.json");
+    sh("'" + kProgram + "' info --json '" + file("scene-fused.tif") + "' '" + file("scene.hdr") + "' > '" + json + "'");
+    int code = 0;
+    const std::string out = sh(py + " -c \"import json,sys; d=json.load(open('" + json +
+                                   "')); print(len(d), d[0]['width'], d[0]['bits'], d[0]['iso'], d[1]['format'],"
+                                   " d[1]['bits'], d[0]['gps']['latitude'])\"",
+                               &code);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(out, "2 300 16 100 Radiance 32 48.8584\n");
+    const std::string exif = sh("exiftool -s -s -s -n -ImageWidth -BitsPerSample '" + file("scene-fused.tif") + "'");
+    EXPECT_EQ(exif, "300\n16 16 16\n");
+}
+
+TEST_F(CliInterop, OpenCvReadsTheRadiancePictureAsRelativeRadiance) {
+    const std::string py = oltest::systemPython();
+    if (!oltest::havePythonModule("cv2")) GTEST_SKIP() << "no OpenCV";
+    // The lit window and the sunlit ground: the merge must keep the scene's
+    // ratio between them (about 6 : 0.35), which no single frame holds.
+    const std::string script =
+        "import cv2, numpy as np\n"
+        "h = cv2.imread('" + file("scene.hdr") + "', cv2.IMREAD_ANYDEPTH | cv2.IMREAD_COLOR)\n"
+        "assert h is not None and h.shape == (200, 300, 3) and np.isfinite(h).all() and (h > 0).all()\n"
+        "win = h[78:86, 74:82].mean(axis=(0,1))[::-1]\n"
+        "ground = h[150:160, 200:240].mean(axis=(0,1))[::-1]\n"
+        "print('%.1f' % (win[0] / ground[0]))\n";
+    std::ofstream(file("check.py")) << script;
+    int code = 0;
+    const std::string out = sh(py + " '" + file("check.py") + "'", &code);
+    ASSERT_EQ(code, 0) << out;
+    const double ratio = std::stod(out);
+    EXPECT_GT(ratio, 8.0) << out;
+    EXPECT_LT(ratio, 40.0) << out;
+}
