@@ -1,0 +1,328 @@
+// Pyramid geometry, the reduce kernel, the expansion borders and the two
+// shrinkers, on small levels computed by hand.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "Ombrelumen40Lib1.h"
+#include "fusion/pyramid.hpp"
+#include "fusion/stages.hpp"
+#include "support/testsupport.hpp"
+
+namespace {
+
+TEST(FusionPyramid, LengthAtTinyOddAndLargeSizes) {
+    EXPECT_EQ(pyram_len(1, 1), 1);     // n = -1
+    EXPECT_EQ(pyram_len(4, 4), 20);    // n = 1: 16 + 4
+    EXPECT_EQ(pyram_len(5, 3), 15);    // log2(3) truncates to 1: n = 0
+    EXPECT_EQ(pyram_len(2, 9), 18);    // n = 0
+    EXPECT_EQ(pyram_len(8, 8), 84);    // 64 + 16 + 4
+    EXPECT_EQ(pyram_len(7, 5), 35 + 12);  // 7x5, then 4x3
+    EXPECT_EQ(pyram_len(9, 8), 72 + 20 + 6);  // 9x8, 5x4, 3x2
+    EXPECT_EQ(pyram_len(0, 5), 0);
+    // 3000 x 2000: log2(2000) = 10.97, n = 9.
+    long expect = 0;
+    int w = 3000, h = 2000;
+    for (int k = 0; k <= 9; ++k, w = (w >> 1) + (w & 1), h = (h >> 1) + (h & 1)) expect += long(w) * h;
+    EXPECT_EQ(pyram_len(3000, 2000), expect);
+    EXPECT_EQ(ol::pyramidReductions(3000, 2000), 9);
+    EXPECT_EQ(ol::pyramidReductions(4, 100), 1);
+    EXPECT_EQ(ol::pyramidReductions(3, 3), 0);
+    EXPECT_EQ(ol::pyramidReductions(0, 0), -1);
+}
+
+TEST(FusionPyramid, OddSidesRoundUp) {
+    int w = 5;
+    std::vector<int> seq;
+    for (int k = 0; k < 4; ++k) seq.push_back(w = ol::halveUp(w));
+    EXPECT_EQ(seq, (std::vector<int>{3, 2, 1, 1}));
+    EXPECT_EQ(ol::pyramidPixels(5, 5, 3), 25 + 9 + 4);
+}
+
+// A one-channel 16-bit level followed by room for the coarse level.
+std::vector<std::uint16_t> level(int w, int h, std::initializer_list<int> values) {
+    std::vector<std::uint16_t> b(values.begin(), values.end());
+    EXPECT_EQ(b.size(), static_cast<std::size_t>(w * h));
+    b.resize(b.size() + ol::halveUp(w) * ol::halveUp(h), 0xdead);
+    return b;
+}
+
+TEST(FusionReduce, TwoByTwoIsOneCorner) {
+    auto b = level(2, 2, {100, 40, 60, 200});
+    ol::fusion21a(2, 2, 1, 1, 1, 16, 0, 0, 4, nullptr, b.data(), "fusion21a");
+    EXPECT_EQ(b[4], ((60 + 40) >> 2) + (100 >> 1));  // SE is never read
+    std::vector<std::uint8_t> b8 = {100, 40, 60, 200, 0};
+    ol::fusion21a(2, 2, 1, 1, 1, 8, 0, 0, 4, nullptr, b8.data(), "deghost21a");
+    EXPECT_EQ(b8[4], 75);
+}
+
+TEST(FusionReduce, ThreeByThreeGivesFourCorners) {
+    // a b c / d e f / g h i: the centre e is never read.
+    auto b = level(3, 3, {10, 20, 31, 40, 999, 61, 70, 80, 93});
+    ol::fusion21a(3, 3, 2, 2, 1, 16, 0, 0, 9, nullptr, b.data(), "fusion21a");
+    EXPECT_EQ(b[9], ((40 + 20) >> 2) + (10 >> 1));
+    EXPECT_EQ(b[10], ((61 + 20) >> 2) + (31 >> 1));
+    EXPECT_EQ(b[11], ((40 + 80) >> 2) + (70 >> 1));
+    EXPECT_EQ(b[12], ((61 + 80) >> 2) + (93 >> 1));
+}
+
+int f5(int x, int y) { return 1000 + 37 * x + 211 * y + ((x * y) % 3) * 5; }
+
+TEST(FusionReduce, FiveByFiveInteriorEdgesAndCorners) {
+    std::vector<std::uint16_t> b(25 + 9, 0);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 5; ++x) b[y * 5 + x] = static_cast<std::uint16_t>(f5(x, y));
+    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
+    auto F = [](int x, int y) { return f5(x, y); };
+    auto edge = [](int a, int bb, int d, int c, int p, int q) {
+        return static_cast<int>((a + bb + d) * 0.1667 + c * 0.333 + (p + q) / 12.0);
+    };
+    // Interior (1,1) at fine (2,2).
+    const int full = ((F(1, 1) + F(3, 1) + F(1, 3) + F(3, 3)) >> 4) +
+                     ((F(2, 1) + F(2, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(2, 2) >> 2);
+    EXPECT_EQ(b[25 + 4], full);
+    // Top (1,0): S, W, E, C, SW, SE.
+    EXPECT_EQ(b[25 + 1], edge(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1)));
+    // Bottom (1,2) at fine (2,4): N, W, E, C, NW, NE.
+    EXPECT_EQ(b[25 + 7], edge(F(2, 3), F(1, 4), F(3, 4), F(2, 4), F(1, 3), F(3, 3)));
+    // Left (0,1) at (0,2): N, S, E, C, NE, SE.
+    EXPECT_EQ(b[25 + 3], edge(F(0, 1), F(0, 3), F(1, 2), F(0, 2), F(1, 1), F(1, 3)));
+    // Right (2,1) at (4,2): N, S, W, C, NW, SW.
+    EXPECT_EQ(b[25 + 5], edge(F(4, 1), F(4, 3), F(3, 2), F(4, 2), F(3, 1), F(3, 3)));
+    // Corners.
+    EXPECT_EQ(b[25 + 0], ((F(0, 1) + F(1, 0)) >> 2) + (F(0, 0) >> 1));
+    EXPECT_EQ(b[25 + 2], ((F(4, 1) + F(3, 0)) >> 2) + (F(4, 0) >> 1));
+    EXPECT_EQ(b[25 + 6], ((F(0, 3) + F(1, 4)) >> 2) + (F(0, 4) >> 1));
+    EXPECT_EQ(b[25 + 8], ((F(4, 3) + F(3, 4)) >> 2) + (F(4, 4) >> 1));
+}
+
+TEST(FusionReduce, FlatLevelDarkensAtTheEdgesOnly) {
+    // The edge constants 0.1667 and 0.333 sum to slightly below one, and the
+    // integer kernel truncates three terms.
+    std::vector<std::uint16_t> b(25 + 9, 1000);
+    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
+    EXPECT_EQ(b[25 + 4], 1000);  // interior
+    EXPECT_EQ(b[25 + 0], 1000);  // corner
+    EXPECT_EQ(b[25 + 1], 999);   // 1000 * (3 * 0.1667 + 0.333 + 2 / 12) = 999.77
+    std::fill(b.begin(), b.begin() + 25, 1001);
+    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
+    EXPECT_EQ(b[25 + 4], 1000);  // 250 + 500 + 250
+}
+
+TEST(FusionReduce, EvenWidthLastColumnIsInterior) {
+    // 4 x 5: the last coarse column sits at fine x = 2, an inner pixel.
+    std::vector<std::uint16_t> b(20 + 6, 0);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 4; ++x) b[y * 4 + x] = static_cast<std::uint16_t>(f5(x, y));
+    ol::fusion21a(4, 5, 2, 3, 1, 16, 0, 0, 20, nullptr, b.data(), "fusion21a");
+    auto F = [](int x, int y) { return f5(x, y); };
+    const int full = ((F(1, 1) + F(3, 1) + F(1, 3) + F(3, 3)) >> 4) +
+                     ((F(2, 1) + F(2, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(2, 2) >> 2);
+    EXPECT_EQ(b[20 + 3], full);
+    // Top row's last pixel (fine (2,0)) takes the top kernel, not a corner.
+    EXPECT_EQ(b[20 + 1], static_cast<int>((F(2, 1) + F(1, 0) + F(3, 0)) * 0.1667 + F(2, 0) * 0.333 +
+                                          (F(1, 1) + F(3, 1)) / 12.0));
+}
+
+TEST(FusionReduce, WrapTakesTheOtherEndOfTheRow) {
+    std::vector<std::uint16_t> b(20 + 6, 0);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 4; ++x) b[y * 4 + x] = static_cast<std::uint16_t>(f5(x, y));
+    ol::fusion21a(4, 5, 2, 3, 1, 16, 1, 0, 20, nullptr, b.data(), "fusion21a");
+    auto F = [](int x, int y) { return f5(x, y); };
+    // Left column (0,1) at (0,2) becomes interior, W = x 3.
+    EXPECT_EQ(b[20 + 2], ((F(3, 1) + F(1, 1) + F(3, 3) + F(1, 3)) >> 4) +
+                             ((F(0, 1) + F(0, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(0, 2) >> 2));
+    // Top-left corner takes the top kernel with the wrapped W.
+    EXPECT_EQ(b[20 + 0], static_cast<int>((F(0, 1) + F(3, 0) + F(1, 0)) * 0.1667 + F(0, 0) * 0.333 +
+                                          (F(3, 1) + F(1, 1)) / 12.0));
+    // Bottom-left corner (0,2) at (0,4): bottom kernel, wrapped.
+    EXPECT_EQ(b[20 + 4], static_cast<int>((F(0, 3) + F(3, 4) + F(1, 4)) * 0.1667 + F(0, 4) * 0.333 +
+                                          (F(3, 3) + F(1, 3)) / 12.0));
+}
+
+TEST(FusionReduce, WrapOnWidthTwoReadsOnePixelTwice) {
+    // 2 x 3: W and E of column 0 are both column 1.
+    std::vector<std::uint16_t> b = {100, 200, 300, 400, 500, 600, 0, 0};
+    ol::fusion21a(2, 3, 1, 2, 1, 16, 1, 0, 6, nullptr, b.data(), "fusion21a");
+    EXPECT_EQ(b[6], static_cast<int>((300 + 200 + 200) * 0.1667 + 100 * 0.333 + (400 + 400) / 12.0));
+    EXPECT_EQ(b[7], static_cast<int>((300 + 600 + 600) * 0.1667 + 500 * 0.333 + (400 + 400) / 12.0));
+}
+
+TEST(FusionReduce, FloatKernelsAndTheWrapTruncation) {
+    std::vector<float> b(5 * 5 + 9, 0.0f);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 5; ++x) b[y * 5 + x] = 0.25f * f5(x, y) + 0.75f;
+    auto F = [&](int x, int y) { return b[y * 5 + x]; };
+    std::vector<float> plain = b;
+    ol::fusion21a(5, 5, 3, 3, 1, 32, 0, 0, 25, nullptr, plain.data(), "fusion21a");
+    const float full = (F(2, 1) + F(2, 3) + F(3, 2) + F(1, 2)) * 0.125f + F(2, 2) * 0.25f +
+                       (F(1, 1) + F(3, 1) + F(1, 3) + F(3, 3)) * 0.0625f;
+    EXPECT_EQ(plain[25 + 4], full);
+    EXPECT_EQ(plain[25 + 0], (F(0, 1) + F(1, 0)) * 0.25f + F(0, 0) * 0.5f);
+    // With wrapX the left column's W is x 4, fetched as an integer.
+    std::vector<float> wrapped = b;
+    ol::fusion21a(5, 5, 3, 3, 1, 32, 1, 0, 25, nullptr, wrapped.data(), "fusion21a");
+    auto T = [&](int x, int y) { return static_cast<float>(static_cast<int>(F(x, y))); };
+    const float left = (F(0, 1) + F(0, 3) + F(1, 2) + T(4, 2)) * 0.125f + F(0, 2) * 0.25f +
+                       (T(4, 1) + F(1, 1) + T(4, 3) + F(1, 3)) * 0.0625f;
+    EXPECT_EQ(wrapped[25 + 3], left);
+    EXPECT_NE(wrapped[25 + 3], plain[25 + 3]);
+}
+
+TEST(FusionReduce, ChannelsAreFilteredIndependently) {
+    // Three channels: channel c holds c * 100 + the one-channel level.
+    std::vector<std::uint16_t> one(25 + 9), three((25 + 9) * 3);
+    for (int i = 0; i < 25; ++i) {
+        one[i] = static_cast<std::uint16_t>(f5(i % 5, i / 5));
+        for (int c = 0; c < 3; ++c) three[i * 3 + c] = static_cast<std::uint16_t>(one[i] + c * 100);
+    }
+    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, one.data(), "fusion21a");
+    ol::fusion21a(5, 5, 3, 3, 3, 16, 0, 0, 75, nullptr, three.data(), "fusion21a");
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_EQ(three[75 + i * 3], one[25 + i]) << i;
+        EXPECT_NEAR(three[75 + i * 3 + 2], one[25 + i] + 200, 1) << i;
+    }
+}
+
+TEST(FusionReduce, GaussianPyramidOfAPlane) {
+    // adjust21 chains the reduce step over the levels, in one buffer.
+    const int w = 9, h = 8;
+    std::vector<std::uint8_t> b(pyram_len(w, h), 0);
+    for (int i = 0; i < w * h; ++i) b[i] = static_cast<std::uint8_t>(i * 3);
+    std::vector<std::uint8_t> manual = b;
+    EXPECT_EQ(ol::adjust21(2, w, h, 8, 0, b.data()), 2);
+    ol::fusion21a(9, 8, 5, 4, 1, 8, 0, 0, 72, nullptr, manual.data(), "fusion21a");
+    ol::fusion21a(5, 4, 3, 2, 1, 8, 0, 72, 92, nullptr, manual.data(), "fusion21a");
+    EXPECT_EQ(b, manual);
+}
+
+// The expansion, seen through the reconstruction: a fine level at the bias
+// 32767 holds a zero Laplacian, so it becomes the expanded coarse level.
+std::vector<int> expand16(int wF, int hF, std::vector<int> coarse, bool wrap) {
+    const int wC = ol::halveUp(wF), hC = ol::halveUp(hF);
+    EXPECT_EQ(coarse.size(), static_cast<std::size_t>(wC * hC));
+    std::vector<std::uint16_t> f(wF * hF, 32767);
+    for (int v : coarse) f.push_back(static_cast<std::uint16_t>(v));
+    ol::fusion31et32(wF, hF, wC, hC, 1, 16, wrap, 0, wF * hF, nullptr, f.data());
+    return std::vector<int>(f.begin(), f.begin() + wF * hF);
+}
+
+TEST(FusionExpand, OddSizesAreCoveredByTheMainLoops) {
+    const int a = 100, b = 201, c = 300, d = 403;
+    EXPECT_EQ(expand16(3, 3, {a, b, c, d}, false),
+              (std::vector<int>{a, (a + b) >> 1, b, (a + c) >> 1, (a + b + c + d) >> 2, (b + d) >> 1, c,
+                                (c + d) >> 1, d}));
+    // wrapX changes nothing when the last column is even.
+    EXPECT_EQ(expand16(3, 3, {a, b, c, d}, true), expand16(3, 3, {a, b, c, d}, false));
+}
+
+TEST(FusionExpand, EvenSizesRepeatTheLastCoarseColumnAndRow) {
+    const int a = 100, b = 201, c = 300, d = 403;
+    const std::vector<int> got = expand16(4, 4, {a, b, c, d}, false);
+    const std::vector<int> want = {a, (a + b) >> 1, b, b,
+                                   (a + c) >> 1, (a + b + c + d) >> 2, (b + d) >> 1, (b + d) >> 1,
+                                   c, (c + d) >> 1, d, d,
+                                   c, (c + d) >> 1, d, d};
+    EXPECT_EQ(got, want);
+}
+
+TEST(FusionExpand, EvenWidthWrapsToTheFirstCoarsePixel) {
+    const int a = 100, b = 201, c = 300, d = 403;
+    const std::vector<int> got = expand16(4, 4, {a, b, c, d}, true);
+    const std::vector<int> want = {a, (a + b) >> 1, b, (b + a) >> 1,
+                                   (a + c) >> 1, (a + b + c + d) >> 2, (b + d) >> 1, (b + a + d + c) >> 2,
+                                   c, (c + d) >> 1, d, (d + c) >> 1,
+                                   c, (c + d) >> 1, d, (d + c) >> 1};
+    EXPECT_EQ(got, want);
+}
+
+TEST(FusionExpand, FloatWrappedTapIsTruncated) {
+    std::vector<float> f(4 * 2, 0.0f);
+    f.push_back(1.5f);
+    f.push_back(2.75f);
+    ol::fusion31et32(4, 2, 2, 1, 1, 32, 1, 0, 8, nullptr, f.data());
+    EXPECT_EQ(f[0], 1.5f);
+    EXPECT_EQ(f[1], (1.5f + 2.75f) * 0.5f);
+    EXPECT_EQ(f[3], (2.75f + 1.0f) * 0.5f);
+    EXPECT_EQ(f[7], (2.75f + 1.0f) * 0.5f);
+}
+
+TEST(FusionExpand, ReconstructionClampsAndRemovesTheBias) {
+    // Fine samples below and above the bias: up + (v - 32767), clamped.
+    std::vector<std::uint16_t> f = {0, 65535, 32767 + 5, 32767 - 5, 100};
+    ol::fusion31et32(2, 2, 1, 1, 1, 16, 0, 0, 4, nullptr, f.data());
+    EXPECT_EQ(f[0], 0);
+    EXPECT_EQ(f[1], 100 + 32768);
+    EXPECT_EQ(f[2], 105);
+    EXPECT_EQ(f[3], 95);
+}
+
+TEST(FusionDownsample, DecimateRefusesOtherDepthsAndTakesHighBytes) {
+    std::vector<std::uint8_t> dst(16, 0xee);
+    std::vector<std::uint8_t> src8(16 * 3);
+    for (std::size_t i = 0; i < src8.size(); ++i) src8[i] = static_cast<std::uint8_t>(i);
+    EXPECT_EQ(downsample_decimate(4, 4, 2, 2, 3, 3, 8, 16, src8.data(), dst.data()), -1);
+    EXPECT_EQ(downsample_decimate(4, 4, 2, 2, 3, 3, 32, 8, src8.data(), dst.data()), -1);
+    EXPECT_EQ(dst, std::vector<std::uint8_t>(16, 0xee));
+    // 4x4 to 2x2 picks pixels (0,0), (2,0), (0,2), (2,2); a 4-sample
+    // destination gets 0, 1, 3 and keeps its sample 2.
+    EXPECT_EQ(downsample_decimate(4, 4, 2, 2, 3, 4, 8, 8, src8.data(), dst.data()), 2);
+    EXPECT_EQ(std::vector<int>(dst.begin(), dst.begin() + 8), (std::vector<int>{0, 1, 0xee, 2, 6, 7, 0xee, 8}));
+    EXPECT_EQ(dst[8], 24);  // pixel (0,2)
+    std::vector<std::uint16_t> src16(4 * 4);
+    for (int i = 0; i < 16; ++i) src16[i] = static_cast<std::uint16_t>(i * 0x1000 + 0xff);
+    std::vector<std::uint8_t> g(4);
+    EXPECT_EQ(downsample_decimate(4, 4, 2, 2, 1, 1, 16, 8, src16.data(), g.data()), 2);
+    EXPECT_EQ(g, (std::vector<std::uint8_t>{0x00, 0x20, 0x80, 0xa0}));
+}
+
+TEST(FusionDownsample, BilinearBlendsAndCopiesTheLastRowAndColumn) {
+    // 4x4 one-sample 8-bit to 3x3: steps of 4/3.
+    std::vector<std::uint8_t> src(16);
+    for (int i = 0; i < 16; ++i) src[i] = static_cast<std::uint8_t>(10 * (i % 4) + 50 * (i / 4));
+    std::vector<std::uint8_t> dst(9, 0);
+    EXPECT_EQ(ol_downsample(4, 4, 4, 3, 3, 3, 1, 8, src.data(), dst.data()), 2);
+    const float s = 4.0f / 3.0f;
+    const float a = s - 1.0f;  // x = 1: fx = 1.333
+    EXPECT_EQ(dst[0], 0);
+    EXPECT_EQ(dst[1], static_cast<int>((1 - a) * 10 + a * 20));
+    EXPECT_EQ(dst[2], dst[1]);  // last column copies its left neighbour
+    EXPECT_EQ(dst[4], static_cast<int>((1 - a) * (1 - a) * 60 + a * (1 - a) * 70 + (1 - a) * a * 110 + a * a * 120));
+    EXPECT_EQ(std::vector<int>(dst.begin() + 6, dst.end()), std::vector<int>(dst.begin() + 3, dst.begin() + 6));
+    EXPECT_EQ(ol_downsample(4, 4, 4, 3, 3, 3, 1, 12, src.data(), dst.data()), 3);  // unknown depth
+}
+
+TEST(FusionDownsample, PackedRgbeHalvesAndReencodes) {
+    // 2x2 source, all pixels mantissa 128 at exponent 130: 2.0 each.
+    std::vector<std::uint8_t> src(2 * 2 * 4);
+    for (int y = 0; y < 2; ++y)
+        for (int run = 0; run < 4; ++run)
+            for (int x = 0; x < 2; ++x) src[y * 8 + run * 2 + x] = run == 3 ? 130 : 128;
+    src[3 * 2 + 0] = 0;  // pixel (0,0) is black
+    std::vector<std::uint8_t> dst(2 * 2 * 4, 0x77);
+    EXPECT_EQ(ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, src.data(), dst.data()), 1);
+    // Pixel (0,0) of the destination reads only source (0,0): black.
+    EXPECT_EQ(dst[0], 0);
+    EXPECT_EQ(dst[6], 0);
+    // Its right neighbour and the last row are copies.
+    EXPECT_EQ(dst[1], dst[0]);
+    EXPECT_EQ(std::vector<int>(dst.begin() + 8, dst.end()), std::vector<int>(dst.begin(), dst.begin() + 8));
+    {
+        oltest::FailAllocation fail(1);
+        EXPECT_EQ(ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, src.data(), dst.data()), -4);
+    }
+    // A larger source: 4x2 to 2x2 keeps a non-black value: 2.0 re-encoded.
+    std::vector<std::uint8_t> s4(4 * 2 * 4);
+    for (int y = 0; y < 2; ++y)
+        for (int run = 0; run < 4; ++run)
+            for (int x = 0; x < 4; ++x) s4[y * 16 + run * 4 + x] = run == 3 ? 130 : 128;
+    EXPECT_EQ(ol_downsample(4, 2, 0, 2, 2, 0, 0, 32, s4.data(), dst.data()), 1);
+    // 128 * 2^(130-136) = 2.0 = 0.5 * 2^2: mantissa 128, exponent 130.
+    EXPECT_EQ(dst[0], 128);
+    EXPECT_EQ(dst[6], 130);
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+// Synthetic bracketed stacks and a wrapper around ol_fusion for the fusion
+// tests.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Ombrelumen40Lib1.h"
+
+namespace fustest {
+
+// A bracketed stack of one smooth scene with some texture: photo p is the
+// scene times 4^(p - (n-1)/2), clipped. Samples are 8 or 16 bits.
+inline std::vector<std::uint8_t> makeStack(int n, int w, int h, int ch, int bps, unsigned seed = 1) {
+    const std::size_t samples = static_cast<std::size_t>(n) * w * h * ch;
+    std::vector<std::uint8_t> bytes(samples * (bps / 8));
+    std::uint32_t s = seed * 2654435761u + 12345u;
+    for (int p = 0; p < n; ++p) {
+        const double gain = std::pow(4.0, p - (n - 1) / 2.0);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < ch; ++c) {
+                    s = s * 1664525u + 1013904223u;
+                    const double scene = 0.02 + 0.5 * (x + 0.5) / w * (y + 1.0) / h +
+                                         0.1 * std::sin(0.7 * x + 1.3 * c) * std::cos(0.5 * y) +
+                                         0.02 * ((s >> 24) / 255.0);
+                    double v = scene * gain;
+                    if (v < 0) v = 0;
+                    if (v > 1) v = 1;
+                    const std::size_t i = ((static_cast<std::size_t>(p) * h + y) * w + x) * ch + c;
+                    if (bps == 8)
+                        bytes[i] = static_cast<std::uint8_t>(v * 255.0);
+                    else {
+                        const auto u = static_cast<std::uint16_t>(v * 65535.0);
+                        std::memcpy(&bytes[2 * i], &u, 2);
+                    }
+                }
+    }
+    return bytes;
+}
+
+struct Run {
+    int n = 3, w = 23, h = 17, ch = 3;
+    int bspIn = 8, bspOut = 8, bdp = 16, bdf = 16;
+    int nbProc = 0, disk = 0, wrapX = 0, outSwap = 0;
+    int outStride = 0;  // 0: w * ch
+    float params[7] = {0, 0, 0, 0, 0, 0, 0};
+    std::vector<int> fixedExpo;          // empty: {-1, ...}
+    std::vector<unsigned char> mask;     // empty: null
+    std::string dir;                     // scratch folder for disk mode
+    std::string nameSource, namePoids, namePyramPoids;  // override names
+    OlProgressFn progress = nullptr;
+    unsigned char workFill = 0;
+
+    int status = 0;
+    std::vector<std::uint8_t> images;  // after the call
+    std::vector<std::uint8_t> work;    // after the call
+
+    // Size of the images buffer: enough for the source, the weight planes
+    // and the fused pyramid when disk mode reuses it.
+    std::size_t imagesBytes(std::size_t srcBytes) const {
+        const std::size_t len = static_cast<std::size_t>(pyram_len(w, h));
+        std::size_t need = srcBytes;
+        need = std::max(need, static_cast<std::size_t>(n) * w * h * (bdp / 8));
+        need = std::max(need, len * ch * std::max(bdp / 8, bdf / 8));
+        return need;
+    }
+
+    std::vector<std::uint8_t> output() const {
+        const int stride = outStride ? outStride : w * ch;
+        return std::vector<std::uint8_t>(work.begin(),
+                                         work.begin() + static_cast<std::ptrdiff_t>(h) * stride * (bspOut / 8));
+    }
+
+    int go(const std::vector<std::uint8_t>& source) {
+        images = source;
+        images.resize(imagesBytes(source.size()), 0x5a);
+        const int len = pyram_len(w, h);
+        work.assign(static_cast<std::size_t>(len) * ch * (bdf == 32 ? 4 : 2) + 64, workFill);
+        std::vector<int> fixed = fixedExpo;
+        if (fixed.empty()) fixed.assign(std::max(n, 1), -1);
+        fixed.resize(std::max(n, 1), -1);
+        std::vector<float> expo(std::max(n, 1), 1.0f);
+        std::string s = nameSource, p = namePoids, q = namePyramPoids;
+        if (s.empty() && !dir.empty()) s = dir + "/source.tmp";
+        if (p.empty() && !dir.empty()) p = dir + "/poids.tmp";
+        if (q.empty() && !dir.empty()) q = dir + "/pyram.tmp";
+        FusionFiles files{nbProc, disk, s.empty() ? nullptr : s.c_str(), p.empty() ? nullptr : p.c_str(),
+                          q.empty() ? nullptr : q.c_str()};
+        float prm[7];
+        std::memcpy(prm, params, sizeof prm);
+        status = ol_fusion(&files, progress, prm, n, w, h, outStride ? outStride : w * ch, outSwap, ch, bspIn,
+                           bspOut, bdp, bdf, len, wrapX, 1.0f, expo.data(), images.data(), fixed.data(),
+                           mask.empty() ? nullptr : mask.data(), nullptr, work.data());
+        return status;
+    }
+};
+
+// Sets bit `pixel` of plane `plane` in a mask of `planes` planes.
+inline void setMaskBit(std::vector<unsigned char>& mask, int w, int h, int plane, std::size_t pixel) {
+    const std::size_t i = static_cast<std::size_t>(plane) * w * h + pixel;
+    const std::size_t bytes = (static_cast<std::size_t>(plane + 1) * w * h + 7) / 8;
+    if (mask.size() < bytes) mask.resize(bytes, 0);
+    mask[i >> 3] |= static_cast<unsigned char>(0x80u >> (i & 7));
+}
+
+}  // namespace fustest
