@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "frame/alloc.hpp"
@@ -476,12 +477,12 @@ void walkTiff(ReadStream& s, std::int64_t base, int fileType, RawExif& raw) noex
 }
 
 bool floatToRational(float t, std::int32_t& num, std::int32_t& den) noexcept {
-    // The float stands for a short decimal value (1/125 s is stored as the
-    // float nearest 0.008, a hair above it). The truncation is taken after
-    // allowing for that representation error, a relative 2^-24 at most, so
-    // that 1/125 gives 100/12500 and f/5.6 gives 560/100 rather than one unit
-    // less; values that are not near a whole hundredth truncate as usual.
-    constexpr double kSlack = 1.0 + 0x1p-22;
+    // 1/125 s is held as the float nearest 0.008, a hair above it, and a
+    // literal truncation of 100/t would give 12499 (1/180 s: 17999, f/5.6:
+    // 559). A product within the float's own precision (relative 2^-24, here
+    // doubled for the double arithmetic) of the next integer counts as that
+    // integer, so 1/125 gives 100/12500; anything further off truncates.
+    constexpr double kSlack = 1.0 + 0x1p-23;
     if (t >= 1.0f) {
         num = truncToInt(static_cast<double>(t) * 100.0 * kSlack);
         den = 100;

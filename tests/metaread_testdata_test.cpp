@@ -1,0 +1,487 @@
+// The metadata readers against real files from other programs and cameras,
+// with what independent tools read from them beside each file.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "frame/rgbe.hpp"
+#include "support/testsupport.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// ---- a small JSON reader: the first object of a file, values as text ------
+
+struct Json {
+    std::map<std::string, std::string> values;  // strings unescaped, arrays joined by '\x1f'
+    bool has(const std::string& k) const { return values.count(k) != 0; }
+    std::optional<double> num(const std::string& k) const {
+        auto it = values.find(k);
+        if (it == values.end()) return std::nullopt;
+        char* end = nullptr;
+        const double v = std::strtod(it->second.c_str(), &end);
+        if (end == it->second.c_str()) return std::nullopt;
+        return v;
+    }
+    std::string str(const std::string& k) const {
+        auto it = values.find(k);
+        return it == values.end() ? std::string() : it->second;
+    }
+};
+
+class JsonParser {
+public:
+    explicit JsonParser(std::string t) : t_(std::move(t)) {}
+    Json firstObject() {
+        Json j;
+        skipWs();
+        if (peek() == '[') {
+            ++i_;
+            skipWs();
+        }
+        if (peek() != '{') return j;
+        ++i_;
+        for (;;) {
+            skipWs();
+            if (peek() == '}' || i_ >= t_.size()) break;
+            const std::string key = stringValue();
+            skipWs();
+            ++i_;  // ':'
+            j.values[key] = value();
+            skipWs();
+            if (peek() == ',') ++i_;
+        }
+        return j;
+    }
+
+private:
+    char peek() const { return i_ < t_.size() ? t_[i_] : '\0'; }
+    void skipWs() {
+        while (i_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[i_]))) ++i_;
+    }
+    std::string stringValue() {
+        std::string s;
+        ++i_;  // opening quote
+        while (i_ < t_.size() && t_[i_] != '"') {
+            char c = t_[i_++];
+            if (c == '\\') {
+                const char e = t_[i_++];
+                if (e == 'u') {
+                    const long code = std::strtol(t_.substr(i_, 4).c_str(), nullptr, 16);
+                    i_ += 4;
+                    c = static_cast<char>(code < 128 ? code : '?');
+                } else {
+                    c = e == 'n' ? '\n' : e == 't' ? '\t' : e;
+                }
+            }
+            s += c;
+        }
+        ++i_;
+        return s;
+    }
+    std::string value() {
+        skipWs();
+        const char c = peek();
+        if (c == '"') return stringValue();
+        if (c == '[' || c == '{') {
+            const char close = c == '[' ? ']' : '}';
+            ++i_;
+            std::string joined;
+            for (;;) {
+                skipWs();
+                if (peek() == close || i_ >= t_.size()) break;
+                if (c == '{') {
+                    stringValue();
+                    skipWs();
+                    ++i_;
+                }
+                if (!joined.empty()) joined += '\x1f';
+                joined += value();
+                skipWs();
+                if (peek() == ',') ++i_;
+            }
+            ++i_;
+            return joined;
+        }
+        const std::size_t start = i_;
+        while (i_ < t_.size() && t_[i_] != ',' && t_[i_] != '}' && t_[i_] != ']' && !std::isspace(static_cast<unsigned char>(t_[i_])))
+            ++i_;
+        return t_.substr(start, i_ - start);
+    }
+    std::string t_;
+    std::size_t i_ = 0;
+};
+
+std::string readText(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+Json loadJson(const fs::path& p) { return JsonParser(readText(p)).firstObject(); }
+
+std::vector<fs::path> filesIn(const fs::path& dir, const std::vector<std::string>& exts) {
+    std::vector<fs::path> out;
+    if (!fs::exists(dir)) return out;
+    for (const auto& e : fs::directory_iterator(dir)) {
+        std::string ext = e.path().extension().string();
+        std::transform(ext.begin(), ext.end(), ext.begin(), ::tolower);
+        if (std::find(exts.begin(), exts.end(), ext) != exts.end()) out.push_back(e.path());
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+const std::vector<std::string> kDamaged = {
+    "exiv2_exiv2-bug1247.jpg", "exiv2_2018-01-09-exiv2-crash-002.tiff",
+    "exiv2_exiv2_0-26_exiv2_uncontrolled-recursion_printIFDStructure.tif", "exiv2_exiv2-bug495.jpg",
+    "pillow_psd-oob-write-x.psd", "pillow_timeout-598843abc37fc080ec36a2699ebbd44f795d3a6f.psd"};
+
+bool isDamaged(const fs::path& p) {
+    return std::find(kDamaged.begin(), kDamaged.end(), p.filename().string()) != kDamaged.end();
+}
+
+// ---- what the reader should give, from the tools' values -----------------
+
+// The rational form of a value: two decimals of scale, taken from the
+// decimal value the tool prints (so 1/125 s gives 100/12500).
+std::pair<long, long> expectedRational(double t) {
+    if (t >= 1.0) return {static_cast<long>(std::floor(t * 100.0 * (1 + 1e-9))), 100};
+    return {100, static_cast<long>(std::floor(100.0 / t * (1 + 1e-9)))};
+}
+
+// True when the JPEG scan reaches an Exif APP1: the first APP1 in the
+// segment list (from the structure dump) holds Exif.
+bool jpegExifReachable(const fs::path& file) {
+    std::istringstream in(readText(fs::path(file.string() + ".exiv2-structure.txt")));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.find("SOS") != std::string::npos) return false;
+        if (line.find("APP1 ") != std::string::npos) return line.find("Exif") != std::string::npos;
+    }
+    return false;
+}
+
+// The count and offset of the TIFF XMLPacket entry in the structure dump.
+std::optional<std::pair<long, long>> xmpEntry(const fs::path& file) {
+    std::istringstream in(readText(fs::path(file.string() + ".exiv2-structure.txt")));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.find("0x02bc XMLPacket") == std::string::npos) continue;
+        std::vector<std::string> cols;
+        std::istringstream ls(line);
+        std::string c;
+        while (std::getline(ls, c, '|')) cols.push_back(c);
+        if (cols.size() < 5) return std::nullopt;
+        return std::make_pair(std::stol(cols[3]), std::stol(cols[4]));
+    }
+    return std::nullopt;
+}
+
+double dms(const std::uint32_t* r) {
+    double v = 0, scale = 1;
+    for (int k = 0; k < 3; ++k, scale *= 60) {
+        if (r[2 * k + 1] != 0) v += static_cast<double>(r[2 * k]) / r[2 * k + 1] / scale;
+    }
+    return v;
+}
+
+void checkRational(const char* what, std::int32_t num, std::int32_t den, double t, long slack = 0) {
+    const auto [n, d] = expectedRational(t);
+    EXPECT_NEAR(num, n, slack) << what << " " << t;
+    EXPECT_NEAR(den, d, slack) << what << " " << t;
+}
+
+std::string trimRight(std::string s) {
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
+    return s;
+}
+
+TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
+    OL_REQUIRE_TESTDATA();
+    const fs::path dir = oltest::testdataDir() / "exif";
+    int checked = 0;
+    for (const auto& file : filesIn(dir, {".jpg", ".tif", ".tiff"})) {
+        SCOPED_TRACE(file.filename().string());
+        const bool jpeg = file.extension() == ".jpg";
+        ExifRecord e;
+        GpsRecord g;
+        std::memset(&e, 0, sizeof e);
+        std::memset(&g, 0, sizeof g);
+        {
+            oltest::CaptureFd quiet(1);
+            get_exif_data(file.c_str(), jpeg ? 1 : 0, &e, &g);
+        }
+        if (isDamaged(file)) continue;  // surviving is enough (other test)
+        if (jpeg && !jpegExifReachable(file)) {
+            EXPECT_EQ(e.exposureNum, 0);
+            EXPECT_EQ(e.camera[0], 0);
+            EXPECT_EQ(e.iptcLen, 0);
+            continue;
+        }
+        const Json j = loadJson(fs::path(file.string() + ".exiftool.json"));
+        ++checked;
+
+        if (j.has("IFD0:Model")) {
+            std::string model = j.str("IFD0:Model").substr(0, 63);
+            EXPECT_EQ(trimRight(std::string(e.camera, strnlen(e.camera, 64))), trimRight(model));
+        }
+        if (j.has("ExifIFD:DateTimeOriginal")) {
+            EXPECT_EQ(std::string(e.date, strnlen(e.date, 20)), j.str("ExifIFD:DateTimeOriginal").substr(0, 19));
+        }
+
+        if (auto t = j.num("ExifIFD:ExposureTime"); t && *t > 0) {
+            checkRational("exposure", e.exposureNum, e.exposureDen, *t);
+        } else if (auto sv = j.num("ExifIFD:ShutterSpeedValue"); sv && *sv > 0) {
+            checkRational("exposure from Tv", e.exposureNum, e.exposureDen, *sv, 1);
+        }
+        if (auto f = j.num("ExifIFD:FNumber"); f && *f > 0) checkRational("f-number", e.apertureNum, e.apertureDen, *f);
+        if (auto f = j.num("ExifIFD:FocalLength"); f && *f > 0) checkRational("focal", e.focalNum, e.focalDen, *f);
+        if (auto f = j.num("ExifIFD:FocalPlaneXResolution"); f && *f > 0)
+            checkRational("plane res", e.planeResNum, e.planeResDen, *f);
+        EXPECT_EQ(e.planeResUnit, static_cast<int>(j.num("ExifIFD:FocalPlaneResolutionUnit").value_or(0)));
+        EXPECT_EQ(e.focal35, static_cast<int>(j.num("ExifIFD:FocalLengthIn35mmFormat").value_or(0)));
+
+        const int iso = static_cast<int>(j.num("ExifIFD:ISO").value_or(0));
+        EXPECT_EQ(e.iso, iso != 0 ? iso : static_cast<int>(j.num("ExifIFD:ExposureIndex").value_or(0)));
+
+        // The last IFD of the chain that has one wins.
+        const int orientation =
+            static_cast<int>(j.num("IFD1:Orientation").value_or(j.num("IFD0:Orientation").value_or(0)));
+        EXPECT_EQ(e.orientation, orientation);
+        if (j.has("IFD1:ThumbnailOffset") && !j.has("Photoshop:PhotoshopThumbnail")) {
+            EXPECT_EQ(e.thumbOffset, static_cast<int>(*j.num("IFD1:ThumbnailOffset")));
+            EXPECT_EQ(e.thumbLen, static_cast<int>(*j.num("IFD1:ThumbnailLength")));
+        }
+
+        // GPS, compared as the decimal degrees and seconds the tool prints.
+        if (j.has("GPS:GPSLatitude")) {
+            EXPECT_EQ(g.lat_ref, j.str("GPS:GPSLatitudeRef")[0]);
+            EXPECT_NEAR(dms(g.latitude), *j.num("GPS:GPSLatitude"), 1e-6);
+            EXPECT_EQ(g.long_ref, j.str("GPS:GPSLongitudeRef")[0]);
+            EXPECT_NEAR(dms(g.longitude), *j.num("GPS:GPSLongitude"), 1e-6);
+        }
+        if (j.has("GPS:GPSAltitude")) {
+            ASSERT_NE(g.altitude[1], 0u);
+            EXPECT_NEAR(static_cast<double>(g.altitude[0]) / g.altitude[1], *j.num("GPS:GPSAltitude"), 1e-6);
+            EXPECT_EQ(g.alt_ref, static_cast<char>(j.num("GPS:GPSAltitudeRef").value_or(0)));
+        }
+        if (j.has("GPS:GPSTimeStamp")) {
+            int h = 0, m = 0;
+            double s = 0;
+            std::sscanf(j.str("GPS:GPSTimeStamp").c_str(), "%d:%d:%lf", &h, &m, &s);
+            EXPECT_NEAR(dms(g.timestamp), h + m / 60.0 + s / 3600.0, 1e-7);
+        }
+        if (j.has("GPS:GPSDateStamp")) {
+            EXPECT_EQ(std::string(g.datestamp, strnlen(g.datestamp, 11)), j.str("GPS:GPSDateStamp").substr(0, 10));
+        }
+
+        // IPTC: the block the reader points at holds the tool's keywords.
+        bool hasIptc = false;
+        for (const auto& [k, v] : j.values) hasIptc |= k.rfind("IPTC:", 0) == 0;
+        if (hasIptc) {
+            ASSERT_GT(e.iptcLen, 0);
+            std::vector<unsigned char> block(static_cast<std::size_t>(e.iptcLen));
+            EXPECT_EQ(read_iptc(file.c_str(), e.iptcLen, e.iptcOffset, block.data()), e.iptcLen);
+            const std::string text(block.begin(), block.end());
+            std::istringstream kw(j.str("IPTC:Keywords"));
+            std::string word;
+            while (std::getline(kw, word, '\x1f')) EXPECT_NE(text.find(word), std::string::npos) << word;
+        } else {
+            EXPECT_EQ(e.iptcLen, 0);
+        }
+        if (!jpeg) {
+            const auto xmp = xmpEntry(file);
+            EXPECT_EQ(e.xmpLen, xmp ? xmp->first : 0);
+            EXPECT_EQ(e.xmpOffset, xmp ? xmp->second : 0);
+        }
+    }
+    EXPECT_GE(checked, 12);
+}
+
+// ---- PSD composites -------------------------------------------------------
+
+struct Npy {
+    std::string descr;
+    std::vector<long> shape;
+    std::vector<std::uint8_t> data;
+};
+
+Npy loadNpy(const fs::path& p) {
+    Npy n;
+    const std::vector<std::uint8_t> b = oltest::readFile(p.string());
+    if (b.size() < 10 || std::memcmp(b.data(), "\x93NUMPY", 6) != 0) return n;
+    std::size_t headerLen, at;
+    if (b[6] == 1) {
+        headerLen = b[8] | (b[9] << 8);
+        at = 10;
+    } else {
+        headerLen = b[8] | (b[9] << 8) | (b[10] << 16) | (static_cast<std::size_t>(b[11]) << 24);
+        at = 12;
+    }
+    const std::string h(b.begin() + at, b.begin() + at + headerLen);
+    const auto d = h.find("'descr': '");
+    n.descr = h.substr(d + 10, h.find('\'', d + 10) - d - 10);
+    const auto s = h.find('(', h.find("'shape'"));
+    std::istringstream sh(h.substr(s + 1, h.find(')', s) - s - 1));
+    std::string part;
+    while (std::getline(sh, part, ','))
+        if (part.find_first_of("0123456789") != std::string::npos) n.shape.push_back(std::stol(part));
+    n.data.assign(b.begin() + at + headerLen, b.end());
+    return n;
+}
+
+TEST(MetareadTestdata, PsdCompositesMatchTheTruth) {
+    OL_REQUIRE_TESTDATA();
+    const fs::path dir = oltest::testdataDir() / "psd";
+    int loaded = 0;
+    for (const auto& file : filesIn(dir, {".psd", ".psb"})) {
+        SCOPED_TRACE(file.filename().string());
+        const Json truth = loadJson(fs::path(file.string() + ".truth.json"));
+        PsdInfo info;
+        std::memset(&info, 0, sizeof info);
+        const int start = getPsdInfo(file.c_str(), &info);
+        const int channels = static_cast<int>(truth.num("channels").value_or(0));
+        const int mode = static_cast<int>(truth.num("color_mode").value_or(-1));
+        if (channels < 3 || mode != 3) {
+            EXPECT_EQ(start, -3);
+            continue;
+        }
+        ASSERT_EQ(start, static_cast<int>(*truth.num("data_start")));
+        EXPECT_EQ(info.width, static_cast<int>(*truth.num("width")));
+        EXPECT_EQ(info.height, static_cast<int>(*truth.num("height")));
+        EXPECT_EQ(info.bps, static_cast<int>(*truth.num("depth")));
+        EXPECT_EQ(info.channels, channels);
+        // The walk's findings, unless it had to stop early.
+        if (truth.str("resource_walk_stopped") != "true") {
+            EXPECT_EQ(info.lProfil, static_cast<int>(truth.num("icc_profile_length").value_or(0)));
+            const std::string res = truth.str("resolution_whole");
+            EXPECT_EQ(info.resH, res.empty() || res == "null" ? 0 : std::stoi(res.substr(0, res.find('\x1f'))));
+        }
+        if (info.lProfil > 0) {
+            std::vector<unsigned char> prof(static_cast<std::size_t>(info.lProfil));
+            EXPECT_EQ(psd_profile(file.c_str(), prof.data()), info.lProfil);
+            EXPECT_EQ(prof[36], 'a');  // "acsp" signature of the ICC header
+        }
+
+        const fs::path npyPath(file.string() + ".truth.npy");
+        if (!fs::exists(npyPath)) continue;
+        const Npy npy = loadNpy(npyPath);
+        ASSERT_EQ(npy.shape.size(), 3u);
+        const int w = info.width, h = info.height, nc = static_cast<int>(npy.shape[2]);
+        const int bps = info.bps;
+        std::vector<std::uint8_t> out(static_cast<std::size_t>(w) * h * (bps == 32 ? 4 : 3 * bps / 8), 0);
+        int r;
+        {
+            oltest::CaptureFd quiet(2);
+            r = load_psd(1, file.c_str(), &info, 3 * w, out.data());
+        }
+        if (isDamaged(file)) continue;
+        ASSERT_EQ(r, h);
+        ++loaded;
+        long mismatches = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const std::size_t px = static_cast<std::size_t>(y) * w + x;
+                if (bps == 8) {
+                    for (int c = 0; c < 3; ++c) mismatches += out[3 * px + c] != npy.data[px * nc + c];
+                } else if (bps == 16) {
+                    for (int c = 0; c < 3; ++c) {
+                        const std::size_t t = 2 * (px * nc + c);
+                        mismatches += out[2 * (3 * px + c)] != npy.data[t] || out[2 * (3 * px + c) + 1] != npy.data[t + 1];
+                    }
+                } else {
+                    float v[3];
+                    for (int c = 0; c < 3; ++c) std::memcpy(&v[c], &npy.data[4 * (px * nc + c)], 4);
+                    // Read at half the stored value.
+                    const ol::RgbePixel p = ol::encodeRgbe(v[0] / 2, v[1] / 2, v[2] / 2, ol::RgbeForm::Wrapped);
+                    const std::uint8_t* row = out.data() + 4 * static_cast<std::size_t>(w) * y;
+                    mismatches += row[x] != p.r || row[w + x] != p.g || row[2 * w + x] != p.b || row[3 * w + x] != p.e;
+                }
+            }
+        EXPECT_EQ(mismatches, 0);
+    }
+    EXPECT_GE(loaded, 12);
+}
+
+TEST(MetareadTestdata, DamagedFilesAreSurvived) {
+    OL_REQUIRE_TESTDATA();
+    for (const auto& name : kDamaged) {
+        const bool psd = name.find(".psd") != std::string::npos;
+        const fs::path p = oltest::testdataDir() / (psd ? "psd" : "exif") / name;
+        ASSERT_TRUE(fs::exists(p)) << name;
+        oltest::CaptureFd quietOut(1);
+        oltest::CaptureFd quietErr(2);
+        for (int type : {0, 1, 2}) {
+            ExifRecord e{};
+            GpsRecord g{};
+            get_exif_data(p.c_str(), type, &e, &g);
+            if (e.iptcLen > 0 && e.iptcLen < (1 << 24)) {
+                std::vector<unsigned char> block(static_cast<std::size_t>(e.iptcLen));
+                read_iptc(p.c_str(), e.iptcLen, e.iptcOffset, block.data());
+            }
+        }
+        PsdInfo info{};
+        if (getPsdInfo(p.c_str(), &info) > 0 && info.width > 0 && info.height > 0 &&
+            static_cast<long>(info.width) * info.height < (1L << 24)) {
+            std::vector<std::uint8_t> out(static_cast<std::size_t>(info.width) * info.height * 6 + 16);
+            load_psd(1, p.c_str(), &info, 3 * info.width, out.data());
+        }
+    }
+}
+
+TEST(MetareadTestdata, ProfileNamesFollowTheDescription) {
+    OL_REQUIRE_TESTDATA();
+    const fs::path dir = oltest::testdataDir() / "icc";
+    int named = 0;
+    for (const auto& file : filesIn(dir, {".icc", ".icm"})) {
+        SCOPED_TRACE(file.filename().string());
+        const Json truth = loadJson(fs::path(file.string() + ".truth.json"));
+        const long size = static_cast<long>(*truth.num("file_size"));
+        std::vector<unsigned char> prof(static_cast<std::size_t>(size) + 64, 0);
+        ASSERT_EQ(extract_profile(file.c_str(), prof.data()), static_cast<int>(*truth.num("header_size_field")));
+        char name[32];
+        const int r = get_profile_name(static_cast<int>(size), prof.data(), name);
+        const long descAt = static_cast<long>(truth.num("first_raw_desc_type_offset").value_or(-1));
+        if (descAt < 0) {
+            EXPECT_EQ(r, -1);
+            EXPECT_EQ(std::string(name, 32), std::string(32, '\0'));
+            continue;
+        }
+        ++named;
+        // The naming rule, on the tool's text: the first position at which
+        // one of the known names stands, names tried in order; otherwise the
+        // text itself.
+        const std::string text = truth.str("description");  // joined object values
+        const std::string desc = text.substr(text.find('\x1f') + 1);
+        std::string descText = desc.substr(desc.find('\x1f') + 1);
+        descText = descText.substr(0, descText.find('\x1f'));
+        const long count = static_cast<long>(prof[static_cast<std::size_t>(descAt) + 11]);
+        std::string expected;
+        for (long k = 0; k < count && expected.empty(); ++k)
+            for (const char* known : {"sRGB", "Adobe RGB", "ProPhoto RGB"})
+                if (descText.compare(static_cast<std::size_t>(k), std::strlen(known), known) == 0) {
+                    expected = known;
+                    break;
+                }
+        if (!expected.empty()) {
+            EXPECT_EQ(r, static_cast<int>(expected.size()));
+            EXPECT_EQ(std::string(name, strnlen(name, 32)), expected);
+        } else {
+            EXPECT_EQ(r, 32);
+            EXPECT_EQ(std::string(name, std::min<std::size_t>(32, descText.size())),
+                      descText.substr(0, std::min<std::size_t>(32, descText.size())));
+        }
+    }
+    EXPECT_GE(named, 8);
+}
+
+}  // namespace
