@@ -43,7 +43,7 @@ inline std::vector<std::uint8_t> makeStack(int n, int w, int h, int ch, int bps,
     return bytes;
 }
 
-struct Run {
+struct Job {
     int n = 3, w = 23, h = 17, ch = 3;
     int bspIn = 8, bspOut = 8, bdp = 16, bdf = 16;
     int nbProc = 0, disk = 0, wrapX = 0, outSwap = 0;

@@ -1,0 +1,577 @@
+// ol_fusion end to end: thread counts, memory and disk mode, scratch files,
+// depth combinations, progress, output layout, finishing settings and
+// failures.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fusion/stages.hpp"
+#include "fusion_stack.hpp"
+#include "support/testsupport.hpp"
+
+namespace {
+
+using fustest::Job;
+
+TEST(FusionDriver, ThreadCountsGiveIdenticalBytes) {
+    const auto stack = fustest::makeStack(3, 31, 19, 3, 8);
+    Job base;
+    base.w = 31;
+    base.h = 19;
+    ASSERT_GE(base.go(stack), 0);
+    const auto want = base.output();
+    for (int t : {1, 2, 3, 7}) {
+        Job r = base;
+        r.nbProc = t;
+        ASSERT_GE(r.go(stack), 0);
+        EXPECT_EQ(r.output(), want) << "nbProc " << t;
+    }
+}
+
+TEST(FusionDriver, OnePhotoComesBackNearlyUnchanged) {
+    // One photo, 16-bit weights: every weight is 65535/65536, and the
+    // Laplacian pyramid gives the photo back up to rounding.
+    const auto stack = fustest::makeStack(1, 40, 24, 3, 8);
+    Job r;
+    r.n = 1;
+    r.w = 40;
+    r.h = 24;
+    ASSERT_GE(r.go(stack), 0);
+    const auto out = r.output();
+    int worst = 0;
+    for (std::size_t i = 0; i < out.size(); ++i) worst = std::max(worst, std::abs(int(out[i]) - int(stack[i])));
+    EXPECT_LE(worst, 3);
+}
+
+TEST(FusionDriver, FlatGreyStackStaysGreyInside) {
+    std::vector<std::uint8_t> stack(3 * 32 * 16 * 3, 128);
+    Job r;
+    r.w = 32;
+    r.h = 16;
+    ASSERT_GE(r.go(stack), 0);
+    for (std::uint8_t v : r.output()) {
+        EXPECT_LE(v, 128);
+        EXPECT_GE(v, 124);  // the border kernels lose a little per level
+    }
+}
+
+TEST(FusionDriver, DiskModeMatchesMemoryModeWhereTheClearingCoversThePyramid) {
+    oltest::TempDir dir;
+    for (int bspIn : {8, 16}) {
+        for (int bdp : {16, 32}) {
+            for (int wrapX : {0, 1}) {
+                const auto stack = fustest::makeStack(3, 26, 18, 3, bspIn, 5);
+                Job mem;
+                mem.w = 26;
+                mem.h = 18;
+                mem.bspIn = bspIn;
+                mem.bdp = bdp;
+                mem.wrapX = wrapX;
+                ASSERT_GE(mem.go(stack), 0);
+                Job disk = mem;
+                disk.disk = 1;
+                disk.dir = dir.path().string();
+                ASSERT_GE(disk.go(stack), 0);
+                EXPECT_EQ(disk.output(), mem.output()) << bspIn << " " << bdp << " " << wrapX;
+                // The source scratch file is a copy of the photos.
+                EXPECT_EQ(oltest::readFile(dir.file("source.tmp")), stack);
+                EXPECT_EQ(oltest::readFile(dir.file("poids.tmp")).size(), std::size_t(3 * 26 * 18 * bdp / 8));
+                EXPECT_EQ(oltest::readFile(dir.file("pyram.tmp")).size(),
+                          std::size_t(pyram_len(26, 18) * bdp / 8));
+                // Memory mode leaves the photos alone; disk mode reuses them.
+                EXPECT_TRUE(std::equal(stack.begin(), stack.end(), mem.images.begin()));
+                EXPECT_FALSE(std::equal(stack.begin(), stack.end(), disk.images.begin()));
+            }
+        }
+    }
+}
+
+TEST(FusionDriver, DiskModeWithByteWeightsClearsOnlyPartOfTheFusedPyramid) {
+    // The clearing counts bytes with the weight depth: with 8-bit weights
+    // only half of a 16-bit fused pyramid is cleared, and its low-pass level
+    // starts from what `images` held there.
+    oltest::TempDir dir;
+    const auto stack = fustest::makeStack(3, 26, 18, 3, 8, 5);
+    Job mem;
+    mem.w = 26;
+    mem.h = 18;
+    mem.bdp = 8;
+    ASSERT_GE(mem.go(stack), 0);
+    Job disk = mem;
+    disk.disk = 1;
+    disk.dir = dir.path().string();
+    ASSERT_GE(disk.go(stack), 0);
+    EXPECT_NE(disk.output(), mem.output());
+    // The low-pass level is the only difference: where `images` holds zeros
+    // under the low-pass level, disk mode agrees again (those bytes are also
+    // part of the last photo, so memory mode runs on the same input).
+    const int len = pyram_len(26, 18);
+    const int lowPixels = 4 * 3;  // 26x18 -> 13x9 -> 7x5 -> 4x3
+    const std::size_t lowStart = std::size_t(len - lowPixels) * 3 * 2;
+    std::vector<std::uint8_t> zeroed = stack;
+    zeroed.resize(disk.imagesBytes(stack.size()), 0x5a);
+    std::fill(zeroed.begin() + lowStart, zeroed.begin() + lowStart + lowPixels * 3 * 2, 0);
+    Job disk2 = disk;
+    ASSERT_GE(disk2.go(zeroed), 0);
+    Job mem2 = mem;
+    ASSERT_GE(mem2.go(zeroed), 0);
+    EXPECT_EQ(disk2.output(), mem2.output());
+    EXPECT_NE(mem2.output(), mem.output());
+}
+
+TEST(FusionDriver, TwoBytePhotosNeverUseDisk) {
+    oltest::TempDir dir;
+    const auto stack = fustest::makeStack(2, 16, 12, 3, 8);
+    Job r;
+    r.n = 2;
+    r.w = 16;
+    r.h = 12;
+    r.disk = 1;
+    r.dir = dir.path().string();
+    ASSERT_GE(r.go(stack), 0);
+    EXPECT_FALSE(std::filesystem::exists(dir.file("source.tmp")));
+    // Two 16-bit photos do.
+    const auto stack16 = fustest::makeStack(2, 16, 12, 3, 16);
+    r.bspIn = 16;
+    ASSERT_GE(r.go(stack16), 0);
+    EXPECT_TRUE(std::filesystem::exists(dir.file("source.tmp")));
+    Job mem = r;
+    mem.disk = 0;
+    ASSERT_GE(mem.go(stack16), 0);
+    EXPECT_EQ(r.output(), mem.output());
+}
+
+TEST(FusionDriver, FailedScratchOpenFallsBackToMemory) {
+    oltest::TempDir dir;
+    const auto stack = fustest::makeStack(3, 20, 14, 3, 8);
+    Job mem;
+    mem.w = 20;
+    mem.h = 14;
+    mem.nbProc = 2;
+    ASSERT_GE(mem.go(stack), 0);
+    for (int which = 0; which < 3; ++which) {
+        Job r = mem;
+        r.disk = 1;
+        r.dir = dir.path().string();
+        const std::string bad = dir.file("missing/folder.tmp");
+        if (which == 0) r.nameSource = bad;
+        if (which == 1) r.namePoids = bad;
+        if (which == 2) r.namePyramPoids = bad;
+        ASSERT_GE(r.go(stack), 0) << which;
+        EXPECT_EQ(r.output(), mem.output()) << which;
+        // Memory mode: the photos were not overwritten.
+        EXPECT_TRUE(std::equal(stack.begin(), stack.end(), r.images.begin())) << which;
+    }
+    // A missing name is no disk mode either.
+    Job r = mem;
+    r.disk = 1;
+    r.nameSource = dir.file("s.tmp");
+    ASSERT_GE(r.go(stack), 0);
+    EXPECT_EQ(r.output(), mem.output());
+    EXPECT_FALSE(std::filesystem::exists(dir.file("s.tmp")));
+}
+
+TEST(FusionDriver, RefusedAndUnservedDepthCombinations) {
+    const auto stack = fustest::makeStack(3, 12, 10, 3, 8);
+    std::vector<std::uint8_t> floats(3 * 12 * 10 * 3 * 4, 0);
+    for (int out : {8, 16}) {
+        Job r;
+        r.w = 12;
+        r.h = 10;
+        r.bspIn = 32;
+        r.bspOut = out;
+        r.bdf = 32;
+        long allocations = oltest::countAllocations([&] { r.go(floats); });
+        EXPECT_EQ(r.status, -2);
+        EXPECT_EQ(allocations, 0);
+    }
+    Job r;
+    r.w = 12;
+    r.h = 10;
+    r.bspIn = 32;
+    r.bspOut = 32;
+    r.bdf = 16;
+    EXPECT_EQ(r.go(floats), -2);
+    // Float in and out passes the checks but gives no image: the output area
+    // of work is never finished.
+    r.bdf = 32;
+    r.workFill = 0xab;
+    EXPECT_GE(r.go(floats), 0);
+    // A float fused pyramid from 8-bit photos is accepted too; the 16-bit
+    // samples are read as floats, so only the status is defined.
+    Job f;
+    f.w = 12;
+    f.h = 10;
+    f.bdf = 32;
+    EXPECT_GE(f.go(stack), 0);
+    f.bspOut = 32;
+    f.workFill = 0xab;
+    EXPECT_GE(f.go(stack), 0);
+}
+
+TEST(FusionDriver, TinyImagesWriteNoOutput) {
+    // 3 x 3: nivo 0. Only the low-pass blend runs and fusion3 writes nothing,
+    // so work still holds photo 0 on the pipeline scale.
+    const auto stack = fustest::makeStack(3, 3, 3, 3, 8);
+    Job r;
+    r.w = 3;
+    r.h = 3;
+    EXPECT_EQ(r.go(stack), 0);
+    for (int i = 0; i < 27; ++i) {
+        std::uint16_t v;
+        std::memcpy(&v, &r.work[2 * i], 2);
+        EXPECT_EQ(v, stack[i] << 7) << i;
+    }
+}
+
+TEST(FusionDriver, NoPhotosGivesABlackImage) {
+    Job r;
+    r.n = 0;
+    r.w = 10;
+    r.h = 8;
+    r.workFill = 0x77;
+    EXPECT_GE(r.go({}), 0);
+    for (std::uint8_t v : r.output()) EXPECT_EQ(v, 0);
+}
+
+std::vector<float> gFractions;
+void record(float f, std::int32_t* cancel) {
+    gFractions.push_back(f);
+    *cancel = 1;  // asked for and ignored
+}
+void throwing(float, std::int32_t*) { throw std::runtime_error("host failure"); }
+
+TEST(FusionDriver, ProgressFractionsAndIgnoredCancel) {
+    const auto stack = fustest::makeStack(3, 14, 10, 3, 8);
+    Job plain;
+    plain.w = 14;
+    plain.h = 10;
+    ASSERT_GE(plain.go(stack), 0);
+    gFractions.clear();
+    Job r = plain;
+    r.progress = record;
+    ASSERT_GE(r.go(stack), 0);
+    EXPECT_EQ(r.output(), plain.output());
+    ASSERT_EQ(gFractions.size(), 5u);
+    EXPECT_EQ(gFractions[0], 0.3f);
+    EXPECT_NEAR(gFractions[1], 0.3 + 0.5 / 3, 1e-6);
+    EXPECT_NEAR(gFractions[2], 0.3 + 1.0 / 3, 1e-6);
+    EXPECT_NEAR(gFractions[3], 0.8, 1e-6);
+    EXPECT_EQ(gFractions[4], 0.95f);
+    // A float fused pyramid starts at 0.1.
+    gFractions.clear();
+    r.bdf = 32;
+    r.go(stack);
+    ASSERT_EQ(gFractions.size(), 5u);
+    EXPECT_EQ(gFractions[0], 0.1f);
+    EXPECT_NEAR(gFractions[3], 0.8, 1e-6);
+    // A callback that throws counts as cancel, which is ignored as well.
+    Job t = plain;
+    t.progress = throwing;
+    ASSERT_GE(t.go(stack), 0);
+    EXPECT_EQ(t.output(), plain.output());
+    std::int32_t dummy = 0;
+    (void)dummy;
+    EXPECT_EQ(ol::fusion_progress(nullptr, 0.5f), 1);
+    EXPECT_EQ(ol::fusion_progress(record, 0.5f), 0);
+    EXPECT_EQ(ol::fusion_progress(throwing, 0.5f), 0);
+    EXPECT_EQ(ol::fusion_progress([](float, std::int32_t*) {}, 0.5f), 1);
+}
+
+TEST(FusionDriver, OutputStrideSwapAndFourChannels) {
+    const auto stack = fustest::makeStack(3, 12, 8, 4, 8);
+    Job r;
+    r.w = 12;
+    r.h = 8;
+    r.ch = 4;
+    r.outStride = 12 * 4 + 5;
+    r.workFill = 0xee;
+    ASSERT_GE(r.go(stack), 0);
+    Job s = r;
+    s.outSwap = 1;
+    ASSERT_GE(s.go(stack), 0);
+    for (int y = 0; y < 8; ++y) {
+        const std::uint8_t* a = &r.work[y * r.outStride];
+        const std::uint8_t* b = &s.work[y * r.outStride];
+        for (int x = 0; x < 12; ++x) {
+            EXPECT_EQ(a[x * 4 + 0], b[x * 4 + 3]);
+            EXPECT_EQ(a[x * 4 + 3], b[x * 4 + 0]);
+            EXPECT_EQ(a[x * 4 + 1], b[x * 4 + 1]);
+        }
+    }
+}
+
+TEST(FusionDriver, SixteenBitOutputIsTheEightBitOneRefined) {
+    const auto stack = fustest::makeStack(3, 20, 12, 3, 16);
+    Job a;
+    a.w = 20;
+    a.h = 12;
+    a.bspIn = 16;
+    ASSERT_GE(a.go(stack), 0);
+    Job b = a;
+    b.bspOut = 16;
+    ASSERT_GE(b.go(stack), 0);
+    const auto o8 = a.output();
+    const auto o16 = b.output();
+    for (std::size_t i = 0; i < o8.size(); ++i) {
+        std::uint16_t v;
+        std::memcpy(&v, &o16[2 * i], 2);
+        // v >> 7 versus v * 2 of the same fused value.
+        EXPECT_EQ(v >> 8, o8[i]) << i;
+    }
+}
+
+// fusion33 alone on a hand-made full-size level.
+std::vector<int> finish(std::vector<std::uint16_t> fused, float sat, float white, float black, float mid,
+                        int bspOut = 8) {
+    float params[7] = {0, 0, 0, sat, white, black, mid};
+    const int w = int(fused.size() / 3);
+    std::vector<std::uint8_t> out(fused.size() * (bspOut / 8));
+    ol::fusion33(params, w, 1, 3, bspOut, 16, w * 3, 0, nullptr, fused.data(), nullptr, out.data());
+    std::vector<int> v;
+    for (std::size_t i = 0; i < fused.size(); ++i) {
+        if (bspOut == 8) v.push_back(out[i]);
+        else {
+            std::uint16_t u;
+            std::memcpy(&u, &out[2 * i], 2);
+            v.push_back(u);
+        }
+    }
+    return v;
+}
+
+TEST(FusionFinish, StrideSwapAndUntouchedSamples) {
+    // Two pixels of four samples; rows of 10 samples. Samples 0, 1 and 3 are
+    // written (0 and 3 traded with outSwap); sample 2 and the padding stay.
+    std::vector<std::uint16_t> fused = {10 << 7, 20 << 7, 30 << 7, 40 << 7, 50 << 7, 60 << 7, 70 << 7, 80 << 7};
+    float params[7] = {};
+    std::vector<std::uint8_t> out(20, 0xee);
+    ol::fusion33(params, 2, 1, 4, 8, 16, 10, 0, nullptr, fused.data(), nullptr, out.data());
+    EXPECT_EQ(std::vector<int>(out.begin(), out.begin() + 10),
+              (std::vector<int>{10, 20, 0xee, 40, 50, 60, 0xee, 80, 0xee, 0xee}));
+    ol::fusion33(params, 2, 1, 4, 8, 16, 10, 1, nullptr, fused.data(), nullptr, out.data());
+    EXPECT_EQ(std::vector<int>(out.begin(), out.begin() + 8), (std::vector<int>{40, 20, 0xee, 10, 80, 60, 0xee, 50}));
+    // A float output writes nothing.
+    std::vector<std::uint8_t> none(20, 0xee);
+    ol::fusion33(params, 2, 1, 4, 32, 16, 10, 0, nullptr, fused.data(), nullptr, none.data());
+    EXPECT_EQ(none, std::vector<std::uint8_t>(20, 0xee));
+}
+
+TEST(FusionFinish, SettingsAtZeroTruncate) {
+    EXPECT_EQ(finish({128 << 7, (128 << 7) + 127, 65535}, 0, 0, 0, 0), (std::vector<int>{128, 128, 255}));
+    EXPECT_EQ(finish({1000, 1, 40000}, 0, 0, 0, 0, 16), (std::vector<int>{2000, 2, 65535}));
+}
+
+TEST(FusionFinish, BlackAndWhitePoints) {
+    // 10% each: black 25.6, stretch 256 / 204.8 = 1.25.
+    EXPECT_EQ(finish({128 << 7, 200 << 7, 20 << 7}, 0, 10, 10, 0), (std::vector<int>{128, 218, 0}));
+    EXPECT_EQ(finish({250 << 7, 250 << 7, 250 << 7}, 0, 10, 10, 0), (std::vector<int>{255, 255, 255}));
+}
+
+TEST(FusionFinish, MidtoneAndSaturation) {
+    // midtone 10: exponent 2^-0.5; 64/256 -> 0.25^0.7071 * 256 = 96.05.
+    EXPECT_EQ(finish({64 << 7, 64 << 7, 64 << 7}, 0, 0, 0, 10), (std::vector<int>{96, 96, 96}));
+    // |value| below 1 is off.
+    EXPECT_EQ(finish({64 << 7, 32 << 7, 32 << 7}, 0.9f, 0, 0, -0.9f), (std::vector<int>{64, 32, 32}));
+    // Saturation 10 doubles S: (0.5, 0.25, 0.25) -> (0.625, 0.125, 0.125).
+    const auto s = finish({128 << 7, 64 << 7, 64 << 7}, 10, 0, 0, 0);
+    EXPECT_NEAR(s[0], 160, 1);
+    EXPECT_NEAR(s[1], 32, 1);
+    EXPECT_NEAR(s[2], 32, 1);
+    // Grey stays grey.
+    EXPECT_EQ(finish({100 << 7, 100 << 7, 100 << 7}, 10, 0, 0, 0), (std::vector<int>{100, 100, 100}));
+}
+
+TEST(FusionFinish, FusionParamsReachTheDriver) {
+    const auto stack = fustest::makeStack(3, 16, 12, 3, 8);
+    Job plain;
+    plain.w = 16;
+    plain.h = 12;
+    ASSERT_GE(plain.go(stack), 0);
+    for (int k = 0; k < 7; ++k) {
+        Job r = plain;
+        r.params[k] = k == 1 ? 4.0f : 8.0f;
+        ASSERT_GE(r.go(stack), 0);
+        EXPECT_NE(r.output(), plain.output()) << "fusionParams[" << k << "]";
+    }
+}
+
+TEST(FusionDriver, GhostMasksReachTheOutput) {
+    // A mask that fixes the darkest photo over the whole left half pulls the
+    // output there toward that photo.
+    const int w = 24, h = 16;
+    const auto stack = fustest::makeStack(3, w, h, 3, 8);
+    Job plain;
+    plain.w = w;
+    plain.h = h;
+    ASSERT_GE(plain.go(stack), 0);
+    Job g = plain;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w / 2; ++x) fustest::setMaskBit(g.mask, w, h, 0, y * w + x);
+    g.fixedExpo = {0, -1, -1};
+    ASSERT_GE(g.go(stack), 0);
+    long before = 0, after = 0, right = 0;
+    const auto a = plain.output(), b = g.output();
+    for (int y = 2; y < h - 2; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 3; ++c) {
+                const std::size_t i = (y * w + x) * 3 + c;
+                if (x < w / 2 - 3) {
+                    before += std::abs(a[i] - stack[i]);
+                    after += std::abs(b[i] - stack[i]);
+                } else if (x > w / 2 + 3)
+                    right += std::abs(a[i] - b[i]);
+            }
+    EXPECT_LT(after * 4, before);
+    EXPECT_LT(right, before / 4);
+}
+
+TEST(FusionDriver, NoMemoryInEveryMode) {
+    oltest::TempDir dir;
+    const auto stack = fustest::makeStack(3, 18, 12, 3, 8);
+    for (int disk : {0, 1}) {
+        for (int nbProc : {0, 2}) {
+            Job base;
+            base.w = 18;
+            base.h = 12;
+            base.disk = disk;
+            base.nbProc = nbProc;
+            base.dir = dir.path().string();
+            ASSERT_GE(base.go(stack), 0);
+            const auto good = base.output();
+            const long count = oltest::countAllocations([&] { Job r = base; r.go(stack); });
+            ASSERT_GT(count, 3);
+            int reported = 0;
+            for (long n = 1; n <= count; ++n) {
+                Job r = base;
+                {
+                    oltest::FailAllocation fail(n);
+                    r.go(stack);
+                }
+                if (r.status == -4) {
+                    ++reported;
+                } else {
+                    EXPECT_GE(r.status, 0) << n;
+                    // Only the last worker's result is seen: a failure in an
+                    // earlier slice leaves its weights at 0 and goes unreported.
+                    if (nbProc == 0) EXPECT_EQ(r.output(), good) << "disk " << disk << " allocation " << n;
+                }
+            }
+            EXPECT_GE(reported, 3) << disk << " " << nbProc;
+        }
+    }
+}
+
+// Every combination of the modes, on a small stack: must finish (the
+// sanitizer builds check for leaks and races), and memory and disk mode agree
+// wherever the clearing covers the pyramid.
+TEST(FusionDriver, EveryModeCombinationRuns) {
+    oltest::TempDir dir;
+    for (int bspIn : {8, 16})
+        for (int bspOut : {8, 16})
+            for (int bdp : {8, 16, 32})
+                for (int wrapX : {0, 1})
+                    for (int masked : {0, 1}) {
+                        const auto stack = fustest::makeStack(3, 21, 14, 3, bspIn, bspIn + bdp);
+                        std::vector<std::vector<std::uint8_t>> outputs;
+                        for (int disk : {0, 1})
+                            for (int nbProc : {0, 3}) {
+                                Job r;
+                                r.w = 21;
+                                r.h = 14;
+                                r.bspIn = bspIn;
+                                r.bspOut = bspOut;
+                                r.bdp = bdp;
+                                r.wrapX = wrapX;
+                                r.disk = disk;
+                                r.nbProc = nbProc;
+                                r.dir = dir.path().string();
+                                r.params[0] = 2;
+                                r.params[1] = 2;
+                                r.params[2] = 1.5f;
+                                r.params[3] = 3;
+                                r.params[4] = 1;
+                                r.params[5] = 1;
+                                r.params[6] = -4;
+                                if (masked) {
+                                    // Rows of 21 pixels: the slices of 3 threads start inside mask bytes.
+                                    for (int pix = 40; pix < 90; ++pix) fustest::setMaskBit(r.mask, 21, 14, 0, pix);
+                                    for (int pix = 150; pix < 200; pix += 2) fustest::setMaskBit(r.mask, 21, 14, 1, pix);
+                                    r.fixedExpo = {2, 0, -1};
+                                }
+                                ASSERT_GE(r.go(stack), 0);
+                                outputs.push_back(r.output());
+                            }
+                        // outputs: mem/0, mem/3, disk/0, disk/3 (disk runs single-threaded).
+                        if (!masked) EXPECT_EQ(outputs[0], outputs[1]);
+                        EXPECT_EQ(outputs[2], outputs[3]);
+                        if (bdp != 8) EXPECT_EQ(outputs[0], outputs[2]) << bspIn << bspOut << bdp << wrapX << masked;
+                    }
+}
+
+// The lines that print in every build, byte for byte.
+TEST(FusionDriver, AlwaysPrintedLines) {
+    const int w = 8, h = 6;
+    std::vector<std::uint8_t> stack(2 * w * h * 3, 100);
+    std::fill(stack.begin() + w * h * 3, stack.end(), 200);
+    Job r;
+    r.n = 2;
+    r.w = w;
+    r.h = h;
+    oltest::CaptureFd capture(2);
+    ASSERT_GE(r.go(stack), 0);
+    const std::string text = capture.finish();
+    const auto out = r.output();
+    const int px = (3 * w + 4) * 3;
+    char last[128];
+    std::snprintf(last, sizeof last, "fusion33  4 3              %d  %d  %d\n", out[px], out[px + 1], out[px + 2]);
+    const std::string want =
+        "ol_fusion:  2 photos  8 x 6  lenPyram: 60  bspIn: 8  out: 8     bitDepthPoids: 16   bitDepthFusion: 16  nbProc: 0\n"
+        "photo0 -  perc noisy: 0   sat: 0      surexNivo: 0\n"
+        "photo1 -  perc noisy: 0   sat: 0      surexNivo: 0\n"
+        "------------- Pyramide laplace et Blending image 1 ------------------\n"
+        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 48\n"
+        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 144\n"
+        "fusion22et23  up 4 x 3   to  8 x 6    total coarse: 12  fine: 48  -  initFine: 0  coarse: 144  fromDisk: 0  \n"
+        "------------- Pyramide laplace et Blending image 0 ------------------\n"
+        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 48\n"
+        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 144\n"
+        "fusion22et23  up 4 x 3   to  8 x 6    total coarse: 12  fine: 48  -  initFine: 0  coarse: 144  fromDisk: 0  \n" +
+        std::string(last) + "retour fusion3 144 \n";
+    EXPECT_EQ(text, want);
+}
+
+TEST(FusionDriver, ProbePixelLines) {
+    // The five fixed pixels print for each photo, samples read as bytes.
+    const int w = 262, h = 346;
+    std::vector<std::uint8_t> stack(2 * w * h * 3, 100);
+    std::fill(stack.begin() + w * h * 3, stack.end(), 180);
+    Job r;
+    r.n = 2;
+    r.w = w;
+    r.h = h;
+    oltest::CaptureFd capture(2);
+    ASSERT_GE(r.go(stack), 0);
+    const std::string text = capture.finish();
+    const std::regex line(
+        "photo([01])  (\\d+) (\\d+) (\\d+)   (\\d+\\.\\d\\d) (\\d+\\.\\d\\d) (\\d+\\.\\d\\d)  fval: (\\d+\\.\\d\\d) -> (\\d+)  poids: "
+        "(\\d+\\.\\d\\d)    (\\d+),(\\d+)\n");
+    std::vector<std::string> where;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), line); it != std::sregex_iterator(); ++it) {
+        const auto& m = *it;
+        where.push_back(m[1].str() + "@" + m[11].str() + "," + m[12].str());
+        EXPECT_EQ(m[2].str(), m[1].str() == "0" ? "100" : "180");
+        EXPECT_EQ(m[5].str(), m[6].str());
+    }
+    EXPECT_EQ(where, (std::vector<std::string>{"0@250,305", "1@250,305", "0@260,305", "1@260,305", "0@250,342",
+                                               "1@250,342", "0@250,343", "1@250,343", "0@250,344", "1@250,344"}));
+}
+
+}  // namespace
