@@ -17,6 +17,7 @@
 #include "frame/trace.hpp"
 #include "merge/exposure.hpp"
 #include "merge/merge_encode.hpp"
+#include "merge/merge_kernel.hpp"
 
 namespace ol {
 namespace {
@@ -24,123 +25,6 @@ namespace {
 constexpr int kLevels = 65536;
 constexpr int kDarkLevel = 2560;      // 10 on the 8-bit scale
 constexpr int kLastDarkLevel = 1280;  // 5 on the 8-bit scale, for the longest exposure
-
-// What the pixel loop needs of one frame, in visiting order (shortest
-// exposure first).
-struct FrameVisit {
-    const void* samples;  // first sample of the frame
-    const float* weight;  // 65536 entries
-    float invT;
-    int saturation;
-    int darkLevel;  // sums are reset when ival is below this
-    int frame;      // frame number, for the diagnostic line
-};
-
-struct MergeStats {
-    float minLum = 1e9f;
-    float maxLum = 0.0f;
-    double sum = 0.0;  // running sum of lum, in pixel order
-    long long count = 0;
-};
-
-// The luminance level of a pixel from the 8-bit values of its three colour
-// positions (high bytes for 16-bit samples).
-inline int levelOf(int first, int middle, int last) noexcept {
-    return 54 * first + 183 * middle + 19 * last;
-}
-
-template <class T>
-inline int highByte(T v) noexcept {
-    if constexpr (sizeof(T) == 1)
-        return v;
-    else
-        return v >> 8;
-}
-
-// Merges rows [y0, y1). SPP is the samples per pixel when known at compile
-// time, 0 to use `spp`.
-template <class T, int SPP>
-void mergeRows(int nPhotos, int width, int height, int spp, int y0, int y1,
-               const FrameVisit* visits, const float* lut, MergeStats& st,
-               std::uint8_t* rgbe) noexcept {
-    const int stride = SPP ? SPP : spp;
-    const int iFirst = 0;
-    const int iMiddle = (stride - 1) / 2;
-    const int iLast = stride - 1;
-    // Sample pixel positions of the diagnostic line; a period of 0 (a width
-    // below 2 or a height below 4) has no sample pixel.
-    const int periodX = width / 2;
-    const int periodY = height / 4;
-
-    for (int y = y0; y < y1; ++y) {
-        const RgbeRow row = rgbeRow(rgbe, width, y);
-        const std::size_t rowStart = static_cast<std::size_t>(y) * width * stride;
-        const bool traceRow = traceMerge && periodY > 0 && y % periodY == 50;
-        for (int x = 0; x < width; ++x) {
-            const std::size_t at = rowStart + static_cast<std::size_t>(x) * stride;
-            float sumW = 0.0f, sumR = 0.0f, sumG = 0.0f, sumB = 0.0f;
-            int nSat = 0;
-            for (int j = 0; j < nPhotos; ++j) {
-                const FrameVisit& f = visits[j];
-                const T* p = static_cast<const T*>(f.samples) + at;
-                const T a = p[iFirst];
-                const T b = p[iMiddle];
-                const T c = p[iLast];
-                const int ival = levelOf(highByte(a), highByte(b), highByte(c));
-                nSat += ival > f.saturation;
-                if (ival < f.darkLevel) {
-                    sumW = 0.0f;
-                    sumR = 0.0f;
-                    sumG = 0.0f;
-                    sumB = 0.0f;
-                }
-                const float w = f.weight[ival];
-                sumW += w;
-                const float wT = w * f.invT;
-                sumR += wT * lut[a];
-                sumG += wT * lut[b];
-                sumB += wT * lut[c];
-                if constexpr (traceMerge != 0) {
-                    if (traceRow && periodX > 0 && x % periodX == 100)
-                        std::fprintf(stdout,
-                                     "dT[%d]=%1.2f   ival: %d    w: %1.2f     %1.2f %1.2f %1.2f"
-                                     "       %d,%d\n",
-                                     f.frame, f.invT, ival, w, lut[highByte(a)],
-                                     lut[highByte(b)], lut[highByte(c)], x, y);
-                }
-            }
-            float R, G, B;
-            if (nSat == nPhotos) {
-                R = G = B = kMergeBurnt;
-            } else if (sumW > 0.0f) {
-                R = sumR / sumW;
-                G = sumG / sumW;
-                B = sumB / sumW;
-            } else {
-                R = G = B = 0.0f;
-            }
-            const float lum = static_cast<float>(0.2 * R + 0.7 * G + 0.1 * B);
-            if (lum < 1e9f) {
-                if (lum > st.maxLum) st.maxLum = lum;
-                st.sum += lum;
-                ++st.count;
-            }
-            if (lum > 0.0f && lum < st.minLum) st.minLum = lum;
-            storeRgbe(row, x, encodeMergePixel(R, G, B));
-        }
-    }
-}
-
-template <class T>
-void mergeAll(int nPhotos, int width, int height, int spp, const FrameVisit* visits,
-              const float* lut, MergeStats& st, std::uint8_t* rgbe) noexcept {
-    switch (spp) {
-        case 3: mergeRows<T, 3>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
-        case 4: mergeRows<T, 4>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
-        case 1: mergeRows<T, 1>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
-        default: mergeRows<T, 0>(nPhotos, width, height, spp, 0, height, visits, lut, st, rgbe); break;
-    }
-}
 
 // Replaces the markers left by pass 1: burnt-out pixels become neutral grey
 // at the largest luminance, dead-dark ones neutral grey at the smallest. The
@@ -290,10 +174,14 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
     }
 
     MergeStats st;
-    if (bps == 8)
-        mergeAll<std::uint8_t>(nPhotos, width, height, spp, visits, lut, st, rgbe);
-    else
-        mergeAll<std::uint16_t>(nPhotos, width, height, spp, visits, lut, st, rgbe);
+    const MergeJob job{nPhotos, width, height, spp, visits, lut, rgbe};
+    // The diagnostic line is printed from the plain kernel only.
+    if (traceMerge != 0 || !mergeRowsAvx2(job, bps, 0, height, st)) {
+        if (bps == 8)
+            mergeRowsPlain<std::uint8_t>(job, 0, height, st);
+        else
+            mergeRowsPlain<std::uint16_t>(job, 0, height, st);
+    }
     weight.reset();
 
     float mean = 0.0f;

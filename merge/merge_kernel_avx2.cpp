@@ -1,0 +1,242 @@
+// Pass 1 of the weighted merge, 8 pixels a step with AVX2.
+//
+// Every lane does the float operations of the plain kernel in the same order
+// (gathers from the same tables, separate multiplies and adds, the same
+// divisions, the luminance in double), so the bytes are identical; the
+// statistics are fed from the 8 lanes in pixel order by the same code as the
+// plain kernel. Selected at run time; the rest of the library does not need
+// AVX2.
+#include "merge/merge_kernel.hpp"
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+
+#include <cstring>
+
+#define OL_TARGET_AVX2 __attribute__((target("avx2")))
+
+namespace ol {
+namespace {
+
+struct Lanes {
+    __m256i a, b, c;  // whole samples at the first, middle and last positions
+};
+
+// Generic loads: any spp, 8 or 16 bits.
+template <class T>
+OL_TARGET_AVX2 inline Lanes loadGeneric(const T* p, int stride, int iMiddle, int iLast) noexcept {
+    alignas(32) std::int32_t A[8], B[8], C[8];
+    for (int l = 0; l < 8; ++l) {
+        const T* q = p + static_cast<std::size_t>(l) * stride;
+        A[l] = q[0];
+        B[l] = q[iMiddle];
+        C[l] = q[iLast];
+    }
+    return {_mm256_load_si256(reinterpret_cast<const __m256i*>(A)),
+            _mm256_load_si256(reinterpret_cast<const __m256i*>(B)),
+            _mm256_load_si256(reinterpret_cast<const __m256i*>(C))};
+}
+
+// 8-bit, 3 samples: 24 bytes, split with byte shuffles.
+OL_TARGET_AVX2 inline Lanes load8x3(const std::uint8_t* p) noexcept {
+    const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i hi = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i aLo = _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i aHi = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 5, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i bLo = _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i bHi = _mm_setr_epi8(-1, -1, -1, -1, -1, 0, 3, 6, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i cLo = _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i cHi = _mm_setr_epi8(-1, -1, -1, -1, -1, 1, 4, 7, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i a = _mm_or_si128(_mm_shuffle_epi8(lo, aLo), _mm_shuffle_epi8(hi, aHi));
+    const __m128i b = _mm_or_si128(_mm_shuffle_epi8(lo, bLo), _mm_shuffle_epi8(hi, bHi));
+    const __m128i c = _mm_or_si128(_mm_shuffle_epi8(lo, cLo), _mm_shuffle_epi8(hi, cHi));
+    return {_mm256_cvtepu8_epi32(a), _mm256_cvtepu8_epi32(b), _mm256_cvtepu8_epi32(c)};
+}
+
+// 8-bit, 4 samples: positions 0, 1 and 3 of each 32-bit pixel.
+OL_TARGET_AVX2 inline Lanes load8x4(const std::uint8_t* p) noexcept {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    const __m256i byte = _mm256_set1_epi32(0xFF);
+    return {_mm256_and_si256(v, byte), _mm256_and_si256(_mm256_srli_epi32(v, 8), byte),
+            _mm256_srli_epi32(v, 24)};
+}
+
+// 8-bit, 1 sample: the one sample is all three.
+OL_TARGET_AVX2 inline Lanes load8x1(const std::uint8_t* p) noexcept {
+    const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    return {v, v, v};
+}
+
+// 16-bit, 3 samples: 48 bytes, words split with shuffles in three 16-byte
+// pieces per 128-bit half.
+OL_TARGET_AVX2 inline Lanes load16x3(const std::uint16_t* p) noexcept {
+    // Pixels 0..3 are words 0..11, pixels 4..7 words 12..23.
+    const __m128i w0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));       // words 0..7
+    const __m128i w1 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 8));   // words 8..11
+    const __m128i w2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 12));  // words 12..19
+    const __m128i w3 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 20));  // words 20..23
+    // Within one group of 4 pixels (words 0..7 in x, words 8..11 in y),
+    // channel k of pixel l is word 3l+k; it goes to word l of the result.
+    const __m128i x0 = _mm_setr_epi8(0, 1, 6, 7, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i y0 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 3, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i x1 = _mm_setr_epi8(2, 3, 8, 9, 14, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i y1 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 4, 5, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i x2 = _mm_setr_epi8(4, 5, 10, 11, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i y2 = _mm_setr_epi8(-1, -1, -1, -1, 0, 1, 6, 7, -1, -1, -1, -1, -1, -1, -1, -1);
+    auto lanes = [&](__m128i mx, __m128i my) OL_TARGET_AVX2 {
+        const __m128i lo = _mm_or_si128(_mm_shuffle_epi8(w0, mx), _mm_shuffle_epi8(w1, my));
+        const __m128i hi = _mm_or_si128(_mm_shuffle_epi8(w2, mx), _mm_shuffle_epi8(w3, my));
+        return _mm256_cvtepu16_epi32(_mm_unpacklo_epi64(lo, hi));
+    };
+    return {lanes(x0, y0), lanes(x1, y1), lanes(x2, y2)};
+}
+
+template <class T, int Kind>
+OL_TARGET_AVX2 inline Lanes loadLanes(const T* p, int stride, int iMiddle, int iLast) noexcept {
+    if constexpr (sizeof(T) == 1 && Kind == 3) return load8x3(p);
+    else if constexpr (sizeof(T) == 1 && Kind == 4) return load8x4(p);
+    else if constexpr (sizeof(T) == 1 && Kind == 1) return load8x1(p);
+    else if constexpr (sizeof(T) == 2 && Kind == 3) return load16x3(p);
+    else return loadGeneric(p, stride, iMiddle, iLast);
+}
+
+// Kind: 1, 3 or 4 for a fixed spp with its own loads, 0 for any other.
+template <class T, int Kind>
+OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& stats) noexcept {
+    // A local copy stays in registers: the byte stores of the output could
+    // otherwise alias it.
+    MergeStats st = stats;
+    const int stride = job.spp;
+    const int iMiddle = (stride - 1) / 2;
+    const int iLast = stride - 1;
+    const int n = job.nPhotos;
+    const __m256i c54 = _mm256_set1_epi32(54), c183 = _mm256_set1_epi32(183), c19 = _mm256_set1_epi32(19);
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 burntValue = _mm256_set1_ps(kMergeBurnt);
+    const __m256d k02 = _mm256_set1_pd(0.2), k07 = _mm256_set1_pd(0.7), k01 = _mm256_set1_pd(0.1);
+    const __m256 tiny = _mm256_set1_ps(1e-32f);
+    const __m256i allPhotos = _mm256_set1_epi32(n);
+    const __m256i i0 = _mm256_setzero_si256(), i255 = _mm256_set1_epi32(255);
+    const __m256i i126 = _mm256_set1_epi32(126), i135 = _mm256_set1_epi32(135), i128 = _mm256_set1_epi32(128);
+    const __m256i interleave = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const float* lut = job.lut;
+
+    for (int y = y0; y < y1; ++y) {
+        const RgbeRow row = rgbeRow(job.rgbe, job.width, y);
+        const std::size_t rowStart = static_cast<std::size_t>(y) * job.width * stride;
+        int x = 0;
+        for (; x + 8 <= job.width; x += 8) {
+            const std::size_t at = rowStart + static_cast<std::size_t>(x) * stride;
+            __m256 sW = zero, sR = zero, sG = zero, sB = zero;
+            __m256i nSat = _mm256_setzero_si256();
+            for (int j = 0; j < n; ++j) {
+                const FrameVisit& f = job.visits[j];
+                const Lanes s = loadLanes<T, Kind>(static_cast<const T*>(f.samples) + at, stride, iMiddle, iLast);
+                __m256i ha = s.a, hb = s.b, hc = s.c;
+                if constexpr (sizeof(T) == 2) {
+                    ha = _mm256_srli_epi32(ha, 8);
+                    hb = _mm256_srli_epi32(hb, 8);
+                    hc = _mm256_srli_epi32(hc, 8);
+                }
+                const __m256i ival = _mm256_add_epi32(
+                    _mm256_add_epi32(_mm256_mullo_epi32(ha, c54), _mm256_mullo_epi32(hb, c183)),
+                    _mm256_mullo_epi32(hc, c19));
+                nSat = _mm256_sub_epi32(nSat, _mm256_cmpgt_epi32(ival, _mm256_set1_epi32(f.saturation)));
+                const __m256 reset = _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(f.darkLevel), ival));
+                sW = _mm256_andnot_ps(reset, sW);
+                sR = _mm256_andnot_ps(reset, sR);
+                sG = _mm256_andnot_ps(reset, sG);
+                sB = _mm256_andnot_ps(reset, sB);
+                const __m256 w = _mm256_i32gather_ps(f.weight, ival, 4);
+                sW = _mm256_add_ps(sW, w);
+                const __m256 wT = _mm256_mul_ps(w, _mm256_set1_ps(f.invT));
+                sR = _mm256_add_ps(sR, _mm256_mul_ps(wT, _mm256_i32gather_ps(lut, s.a, 4)));
+                sG = _mm256_add_ps(sG, _mm256_mul_ps(wT, _mm256_i32gather_ps(lut, s.b, 4)));
+                sB = _mm256_add_ps(sB, _mm256_mul_ps(wT, _mm256_i32gather_ps(lut, s.c, 4)));
+            }
+            // Resolve: all saturated, a weighted mean, or 0.
+            const __m256 allSat = _mm256_castsi256_ps(_mm256_cmpeq_epi32(nSat, allPhotos));
+            const __m256 positive = _mm256_cmp_ps(sW, zero, _CMP_GT_OQ);
+            __m256 R = _mm256_and_ps(_mm256_div_ps(sR, sW), positive);
+            __m256 G = _mm256_and_ps(_mm256_div_ps(sG, sW), positive);
+            __m256 B = _mm256_and_ps(_mm256_div_ps(sB, sW), positive);
+            R = _mm256_blendv_ps(R, burntValue, allSat);
+            G = _mm256_blendv_ps(G, burntValue, allSat);
+            B = _mm256_blendv_ps(B, burntValue, allSat);
+
+            // Luminance in double, then the statistics lane by lane.
+            auto lumHalf = [&](__m128 r, __m128 g, __m128 b) OL_TARGET_AVX2 {
+                const __m256d l = _mm256_add_pd(
+                    _mm256_add_pd(_mm256_mul_pd(k02, _mm256_cvtps_pd(r)), _mm256_mul_pd(k07, _mm256_cvtps_pd(g))),
+                    _mm256_mul_pd(k01, _mm256_cvtps_pd(b)));
+                return _mm256_cvtpd_ps(l);
+            };
+            alignas(32) float lum[8];
+            _mm_store_ps(lum, lumHalf(_mm256_castps256_ps128(R), _mm256_castps256_ps128(G),
+                                      _mm256_castps256_ps128(B)));
+            _mm_store_ps(lum + 4, lumHalf(_mm256_extractf128_ps(R, 1), _mm256_extractf128_ps(G, 1),
+                                          _mm256_extractf128_ps(B, 1)));
+            for (int l = 0; l < 8; ++l) st.add(lum[l]);
+
+            // Encoding: m as the plain kernel picks it (a NaN stays where it
+            // was first), the scale 2^(8-e) from the exponent bits.
+            const __m256 m = _mm256_max_ps(B, _mm256_max_ps(G, R));
+            const __m256i notDark = _mm256_castps_si256(_mm256_cmp_ps(m, tiny, _CMP_GT_OQ));
+            const __m256i burnt = _mm256_castps_si256(_mm256_cmp_ps(m, burntValue, _CMP_GE_OQ));
+            const __m256i e = _mm256_sub_epi32(_mm256_srli_epi32(_mm256_castps_si256(m), 23), i126);
+            const __m256 scale = _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_sub_epi32(i135, e), 23));
+            auto byteOf = [&](__m256i v) OL_TARGET_AVX2 {
+                v = _mm256_min_epi32(_mm256_max_epi32(v, i0), i255);
+                v = _mm256_blendv_epi8(v, i255, burnt);
+                return _mm256_and_si256(v, notDark);
+            };
+            const __m256i mr = byteOf(_mm256_cvttps_epi32(_mm256_mul_ps(R, scale)));
+            const __m256i mg = byteOf(_mm256_cvttps_epi32(_mm256_mul_ps(G, scale)));
+            const __m256i mb = byteOf(_mm256_cvttps_epi32(_mm256_mul_ps(B, scale)));
+            const __m256i me = byteOf(_mm256_add_epi32(e, i128));
+            const __m256i rg = _mm256_packs_epi32(mr, mg);
+            const __m256i be = _mm256_packs_epi32(mb, me);
+            const __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(rg, be), interleave);
+            alignas(32) std::uint8_t out[32];
+            _mm256_store_si256(reinterpret_cast<__m256i*>(out), bytes);
+            std::memcpy(row.r + x, out, 8);
+            std::memcpy(row.g + x, out + 8, 8);
+            std::memcpy(row.b + x, out + 16, 8);
+            std::memcpy(row.e + x, out + 24, 8);
+        }
+        for (; x < job.width; ++x)
+            mergePixel<T>(job, stride, rowStart + static_cast<std::size_t>(x) * stride, x, y, false, st, row);
+    }
+    stats = st;
+}
+
+template <class T>
+OL_TARGET_AVX2 void dispatchSpp(const MergeJob& job, int y0, int y1, MergeStats& st) noexcept {
+    switch (job.spp) {
+        case 3: rowsAvx2<T, 3>(job, y0, y1, st); break;
+        case 4: rowsAvx2<T, 4>(job, y0, y1, st); break;
+        case 1: rowsAvx2<T, 1>(job, y0, y1, st); break;
+        default: rowsAvx2<T, 0>(job, y0, y1, st); break;
+    }
+}
+
+}  // namespace
+
+bool mergeRowsAvx2(const MergeJob& job, int bps, int y0, int y1, MergeStats& st) noexcept {
+    if (!__builtin_cpu_supports("avx2")) return false;
+    if (bps == 8)
+        dispatchSpp<std::uint8_t>(job, y0, y1, st);
+    else
+        dispatchSpp<std::uint16_t>(job, y0, y1, st);
+    return true;
+}
+
+}  // namespace ol
+
+#else
+
+namespace ol {
+bool mergeRowsAvx2(const MergeJob&, int, int, int, MergeStats&) noexcept { return false; }
+}  // namespace ol
+
+#endif
