@@ -67,6 +67,9 @@ struct PixelJob {
 
 // Writes the pixels as `mode` says; false when a write failed.
 bool writePixels(std::FILE* f, const PixelJob& j) noexcept {
+    // Without a positive row there is nothing to take from any row; stepping
+    // the read position over such rows is skipped altogether.
+    if (j.width <= 0 || j.samples <= 0 || j.height <= 0) return true;
     const std::ptrdiff_t rowSamples = static_cast<std::ptrdiff_t>(j.samples) * j.width;
     if (j.mode == 0 && j.samples == j.sppOut) {
         const std::size_t rowBytes =
