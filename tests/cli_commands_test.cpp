@@ -291,6 +291,26 @@ TEST_F(Cli, UnwritableOutputsFailBeforeWorkAndLeaveNothing) {
     }
 }
 
+TEST_F(Cli, InterruptRemovesPartialOutputsAndScratchFiles) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "--size 1600x1200 --format tif");
+    fs::create_directory(dir.file("out"));
+    fs::create_directory(dir.file("scratch"));
+    std::string status;
+    oltest::runCommand("(" + quote(kProgram) + " fuse -q --disk --scratch " + quote(dir.file("scratch")) + " " +
+                           join(frames) + " -o " + quote(dir.file("out/x.tif")) +
+                           " 2>/dev/null & pid=$!; sleep 0.4; kill -INT $pid; wait $pid; echo $?)",
+                       &status);
+    // Stopped midway (130), or done already on a fast machine (0): either
+    // way no temporary file and no scratch file stays.
+    EXPECT_TRUE(status == "130\n" || status == "0\n") << status;
+    EXPECT_EQ(entries(dir.file("scratch")), 0u);
+    for (const auto& e : fs::directory_iterator(dir.file("out"))) EXPECT_EQ(e.path().filename(), "x.tif");
+    if (status == "130\n") {
+        EXPECT_EQ(entries(dir.file("out")), 0u);
+    }
+}
+
 TEST_F(Cli, CommandLineMistakesAreUsageErrors) {
     TempDir dir;
     const auto frames = bracket(dir, "f", "");

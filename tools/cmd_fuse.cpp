@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <thread>
 
 #include "args.hpp"
@@ -103,15 +104,22 @@ public:
         if (!mkdtemp(buf.data()))
             throw Failure(kExitOutput, base + ": cannot make a scratch folder: " + std::strerror(errno));
         path_ = buf.data();
+        slots_.push_back(registerCleanup(path_, true));
     }
     ~ScratchFolder() {
         std::error_code ec;
         std::filesystem::remove_all(path_, ec);
+        for (int s : slots_) unregisterCleanup(s);
     }
-    std::string file(const char* name) const { return (std::filesystem::path(path_) / name).string(); }
+    std::string file(const char* name) {
+        const std::string f = (std::filesystem::path(path_) / name).string();
+        slots_.push_back(registerCleanup(f, false));
+        return f;
+    }
 
 private:
     std::string path_;
+    std::vector<int> slots_;
 };
 
 void fusionProgress(float fraction, int32_t* cancel) {
@@ -135,6 +143,10 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     const int w = frames.width, h = frames.height, n = frames.count();
     if (tiff && (w > 65535 || h > 65535))
         throw Failure(kExitUsage, req.out + ": a TIFF output is limited to 65535 pixels a side; use .png");
+    // Fewer than 4 pixels a side leave the pyramid without levels, and the
+    // fusion writes nothing.
+    if (std::min(w, h) < 4) throw Failure(kExitInput, req.frames[0] + ": frames need at least 4 pixels a side to fuse");
+    if (n == 1 && req.params[1] != 0) throw Failure(kExitUsage, "--bias needs at least two frames");
     const Exposures exposures = frameExposures(frames, 0, common.verbose);
 
     progress.stage("fusing", 0.6);

@@ -21,29 +21,42 @@ namespace {
 constexpr int kSlots = 16;
 constexpr std::size_t kPathMax = 4096;
 char gPending[kSlots][kPathMax];
+bool gFolder[kSlots];
 std::atomic<bool> gUsed[kSlots];
 
-int reserveSlot(const std::string& path) {
-    if (path.size() >= kPathMax) return -1;
-    for (int i = 0; i < kSlots; ++i) {
-        bool expected = false;
-        if (gUsed[i].load() == false) {
-            std::memcpy(gPending[i], path.c_str(), path.size() + 1);
-            if (gUsed[i].compare_exchange_strong(expected, true)) return i;
-        }
-    }
-    return -1;
-}
-
 void onSignal(int) {
+    // Files first, then the folders that held them.
     for (int i = 0; i < kSlots; ++i)
-        if (gUsed[i].load()) unlink(gPending[i]);
+        if (gUsed[i].load() && !gFolder[i]) unlink(gPending[i]);
+    for (int i = 0; i < kSlots; ++i)
+        if (gUsed[i].load() && gFolder[i]) rmdir(gPending[i]);
     static const char msg[] = "olhdr: interrupted, partial output removed\n";
     ssize_t r = write(2, msg, sizeof msg - 1);
     (void)r;
     _exit(kExitInterrupted);
 }
 
+}  // namespace
+
+// The program is single-threaded where it registers paths; the flag is
+// atomic so that the handler never reads a half-written slot.
+int registerCleanup(const std::string& path, bool folder) {
+    if (path.size() >= kPathMax) return -1;
+    for (int i = 0; i < kSlots; ++i) {
+        if (gUsed[i].load()) continue;
+        std::memcpy(gPending[i], path.c_str(), path.size() + 1);
+        gFolder[i] = folder;
+        gUsed[i].store(true);
+        return i;
+    }
+    return -1;
+}
+
+void unregisterCleanup(int slot) {
+    if (slot >= 0 && slot < kSlots) gUsed[slot].store(false);
+}
+
+namespace {
 std::string folderOf(const std::string& target) {
     const std::filesystem::path p(target);
     const auto parent = p.parent_path();
@@ -56,12 +69,12 @@ OutputFile::OutputFile(std::string target) : target_(std::move(target)) {
     const std::string name = p.filename().string();
     const std::string dir = folderOf(target_);
     temp_ = (std::filesystem::path(dir) / ("." + name + ".part-" + std::to_string(getpid()))).string();
-    slot_ = reserveSlot(temp_);
+    slot_ = registerCleanup(temp_, false);
 }
 
 OutputFile::~OutputFile() {
     if (!committed_) std::remove(temp_.c_str());
-    if (slot_ >= 0) gUsed[slot_].store(false);
+    unregisterCleanup(slot_);
 }
 
 void OutputFile::commit() {

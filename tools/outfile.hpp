@@ -30,6 +30,11 @@ private:
 // files, so that a long merge does not end in a write error.
 void checkWritable(const std::string& target);
 
+// Paths an interrupt must remove (a folder after the files): a slot number
+// for unregisterCleanup, or -1 when the table is full.
+int registerCleanup(const std::string& path, bool folder);
+void unregisterCleanup(int slot);
+
 // SIGINT/SIGTERM remove the temporary files of the pending outputs and end
 // the program with kExitInterrupted.
 void installSignalCleanup();
