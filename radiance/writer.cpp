@@ -149,7 +149,7 @@ OL_API int ol_write_strip_rgbe(const char* path, int stripIndex, int rowsPerStri
     int rows = rowsPerStrip;
     if (static_cast<int>(through) > height)
         rows = static_cast<int>(static_cast<unsigned>(height) - done);
-    if constexpr (traceFlow || traceStats) std::printf("write_strip_rgbe   linesToWrite=%d\n", rows);
+    if constexpr (traceFlow != 0 || traceStats != 0) std::printf("write_strip_rgbe   linesToWrite=%d\n", rows);
 
     File file = openFile(path, stripIndex == 0 ? "wb" : "ab");
     if (!file) return -1;
