@@ -120,6 +120,7 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
     const __m256i i126 = _mm256_set1_epi32(126), i135 = _mm256_set1_epi32(135), i128 = _mm256_set1_epi32(128);
     const __m256i interleave = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
     const float* lut = job.lut;
+    __m256 vmax = _mm256_set1_ps(st.maxLum), vmin = _mm256_set1_ps(st.minLum);
 
     for (int y = y0; y < y1; ++y) {
         const RgbeRow row = rgbeRow(job.rgbe, job.width, y);
@@ -171,12 +172,26 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
                     _mm256_mul_pd(k01, _mm256_cvtps_pd(b)));
                 return _mm256_cvtpd_ps(l);
             };
-            alignas(32) float lum[8];
-            _mm_store_ps(lum, lumHalf(_mm256_castps256_ps128(R), _mm256_castps256_ps128(G),
-                                      _mm256_castps256_ps128(B)));
-            _mm_store_ps(lum + 4, lumHalf(_mm256_extractf128_ps(R, 1), _mm256_extractf128_ps(G, 1),
-                                          _mm256_extractf128_ps(B, 1)));
-            for (int l = 0; l < 8; ++l) st.add(lum[l]);
+            const __m256 lum = _mm256_insertf128_ps(
+                _mm256_castps128_ps256(lumHalf(_mm256_castps256_ps128(R), _mm256_castps256_ps128(G),
+                                               _mm256_castps256_ps128(B))),
+                lumHalf(_mm256_extractf128_ps(R, 1), _mm256_extractf128_ps(G, 1), _mm256_extractf128_ps(B, 1)),
+                1);
+            // The smallest positive and the largest counted luminance do not
+            // depend on order; the running sum does, and is added lane by
+            // lane. A lane left out adds +0.0, which leaves the sum as it is
+            // (the sum starts at +0.0 and so is never -0.0).
+            const __m256 counted = _mm256_cmp_ps(lum, burntValue, _CMP_LT_OQ);
+            vmax = _mm256_max_ps(_mm256_blendv_ps(vmax, lum, counted), vmax);
+            vmin = _mm256_min_ps(_mm256_blendv_ps(vmin, lum, _mm256_cmp_ps(lum, zero, _CMP_GT_OQ)), vmin);
+            st.count += __builtin_popcount(static_cast<unsigned>(_mm256_movemask_ps(counted)));
+            const __m256 addends = _mm256_and_ps(lum, counted);
+            alignas(32) double d[8];
+            _mm256_store_pd(d, _mm256_cvtps_pd(_mm256_castps256_ps128(addends)));
+            _mm256_store_pd(d + 4, _mm256_cvtps_pd(_mm256_extractf128_ps(addends, 1)));
+            double sum = st.sum;
+            for (int l = 0; l < 8; ++l) sum += d[l];
+            st.sum = sum;
 
             // Encoding: m as the plain kernel picks it (a NaN stays where it
             // was first), the scale 2^(8-e) from the exponent bits.
@@ -207,6 +222,13 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
         for (; x < job.width; ++x)
             mergePixel<T>(job, stride, rowStart + static_cast<std::size_t>(x) * stride, x, y, false, st, row);
     }
+    alignas(32) float lanes[8];
+    _mm256_store_ps(lanes, vmax);
+    for (float v : lanes)
+        if (v > st.maxLum) st.maxLum = v;
+    _mm256_store_ps(lanes, vmin);
+    for (float v : lanes)
+        if (v < st.minLum) st.minLum = v;
     stats = st;
 }
 
