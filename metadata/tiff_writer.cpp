@@ -230,45 +230,53 @@ OL_API int buf2tifOld(const void* data, const tif_info* info, int stride,
 
     putU16LE(b, static_cast<std::uint32_t>(entries));
     std::uint8_t* e = b + 2;
-    const auto next = [&]() { e += 12; };
-    putShortEntry(e, 256, static_cast<std::uint32_t>(width)), next();
-    putShortEntry(e, 257, static_cast<std::uint32_t>(height)), next();
+    // Appends one entry; SHORT values sit inline, others take the value field.
+    const auto add = [&](std::uint16_t tag, std::uint16_t type, std::uint32_t count, std::uint32_t value) {
+        putEntry(e, tag, type, count, value);
+        e += 12;
+    };
+    const auto addShort = [&](std::uint16_t tag, std::uint32_t value) {
+        putShortEntry(e, tag, value);
+        e += 12;
+    };
+    const auto u32 = [](int v) { return static_cast<std::uint32_t>(v); };
+    addShort(256, u32(width));
+    addShort(257, u32(height));
     if (sppOut == 1) {
         putEntry(e, 258, kTiffShort, 1, 0);
-        putU16LE(e + 8, static_cast<std::uint32_t>(bits));
+        putU16LE(e + 8, u32(bits));
+        e += 12;
     } else {
-        putEntry(e, 258, kTiffShort, static_cast<std::uint32_t>(sppOut), fileOffset(bitsAt));
+        add(258, kTiffShort, u32(sppOut), fileOffset(bitsAt));
     }
-    next();
-    putShortEntry(e, 259, 1), next();
-    putShortEntry(e, 262, sppOut == 1 ? 1 : 2), next();
+    addShort(259, 1);
+    addShort(262, sppOut == 1 ? 1 : 2);
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - modelLen: %d  \n", modelLen);
-    if (modelLen > 0) putEntry(e, 272, kTiffAscii, static_cast<std::uint32_t>(modelLen), fileOffset(modelAt)), next();
+    if (modelLen > 0) add(272, kTiffAscii, u32(modelLen), fileOffset(modelAt));
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - apres model\n");
-    putEntry(e, 273, kTiffLong, 1, 8), next();
-    putShortEntry(e, 274, static_cast<std::uint32_t>(orientation)), next();
-    putShortEntry(e, 277, static_cast<std::uint32_t>(sppOut)), next();
-    putShortEntry(e, 278, static_cast<std::uint32_t>(height)), next();
-    putEntry(e, 279, kTiffLong, 1, imageBytes), next();
+    add(273, kTiffLong, 1, 8);
+    addShort(274, u32(orientation));
+    addShort(277, u32(sppOut));
+    addShort(278, u32(height));
+    add(279, kTiffLong, 1, imageBytes);
     // 284 stands before 282 and 283, and 700 behind 34675: files written by
     // earlier versions have this order and it is kept.
-    putShortEntry(e, 284, 1), next();
-    putEntry(e, 282, kTiffRational, 1, fileOffset(xresAt)), next();
-    putEntry(e, 283, kTiffRational, 1, fileOffset(yresAt)), next();
+    addShort(284, 1);
+    add(282, kTiffRational, 1, fileOffset(xresAt));
+    add(283, kTiffRational, 1, fileOffset(yresAt));
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - lProfil: %d  \n", lProfil);
-    if (lProfil > 0) putEntry(e, 34675, kTiffUndefined, static_cast<std::uint32_t>(lProfil), fileOffset(iccAt)), next();
+    if (lProfil > 0) add(34675, kTiffUndefined, u32(lProfil), fileOffset(iccAt));
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - tmMethod2: %d  \n", tmMethod);
-    if (tmMethod > 0) putEntry(e, 700, kTiffByte, static_cast<std::uint32_t>(xmpLen), fileOffset(xmpAt)), next();
+    if (tmMethod > 0) add(700, kTiffByte, u32(xmpLen), fileOffset(xmpAt));
     if constexpr (traceFiles)
         std::fprintf(stdout, "buf2tif - iptc_len: %d  ifd: %d\n", iptcLen, static_cast<int>(e - b));
-    if (iptcLen > 0)
-        putEntry(e, 33723, kTiffLong, static_cast<std::uint32_t>(iptcPadded / 4), fileOffset(iptcAt)), next();
+    if (iptcLen > 0) add(33723, kTiffLong, u32(iptcPadded / 4), fileOffset(iptcAt));
     if constexpr (traceFiles)
         std::fprintf(stdout, "buf2tif - exif_count: %d  ifd: %d\n", exifCount, static_cast<int>(e - b));
-    if (exifCount > 0) putEntry(e, 34665, kTiffLong, 1, fileOffset(exifAt)), next();
+    if (exifCount > 0) add(34665, kTiffLong, 1, fileOffset(exifAt));
     if constexpr (traceFiles)
         std::fprintf(stdout, "buf2tif - gpsCount: %d  ifd: %d\n", gpsCount, static_cast<int>(e - b));
-    if (gpsCount > 0) putEntry(e, 34853, kTiffLong, 1, fileOffset(gpsAt)), next();
+    if (gpsCount > 0) add(34853, kTiffLong, 1, fileOffset(gpsAt));
     // Next-IFD pointer: stays 0.
 
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - sppOut: %d  \n", sppOut);
