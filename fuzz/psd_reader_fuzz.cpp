@@ -2,16 +2,10 @@
 // large-document lengths derived or forced), with bounded dimensions as a
 // host that allocates from getPsdInfo would use.
 #include <cstdint>
-#include <cstdio>
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
 #include "fuzz_file.hpp"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    std::freopen("/dev/null", "w", stderr);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const char* path = olfuzz::writeInput(data, size);
