@@ -461,7 +461,9 @@ TEST(FusionDriver, NoMemoryInEveryMode) {
                     EXPECT_GE(r.status, 0) << n;
                     // Only the last worker's result is seen: a failure in an
                     // earlier slice leaves its weights at 0 and goes unreported.
-                    if (nbProc == 0) EXPECT_EQ(r.output(), good) << "disk " << disk << " allocation " << n;
+                    if (nbProc == 0) {
+                        EXPECT_EQ(r.output(), good) << "disk " << disk << " allocation " << n;
+                    }
                 }
             }
             EXPECT_GE(reported, 3) << disk << " " << nbProc;
@@ -510,9 +512,13 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                                 outputs.push_back(r.output());
                             }
                         // outputs: mem/0, mem/3, disk/0, disk/3 (disk runs single-threaded).
-                        if (!masked) EXPECT_EQ(outputs[0], outputs[1]);
+                        if (!masked) {
+                            EXPECT_EQ(outputs[0], outputs[1]);
+                        }
                         EXPECT_EQ(outputs[2], outputs[3]);
-                        if (bdp != 8) EXPECT_EQ(outputs[0], outputs[2]) << bspIn << bspOut << bdp << wrapX << masked;
+                        if (bdp != 8) {
+                            EXPECT_EQ(outputs[0], outputs[2]) << bspIn << bspOut << bdp << wrapX << masked;
+                        }
                     }
 }
 
