@@ -116,7 +116,7 @@ TEST_F(Cli, DemoWritesEveryFileItLists) {
         ++listed;
     }
     EXPECT_EQ(listed, 7);  // three frames, picture, preview, fused TIFF and JPEG
-    EXPECT_NE(r.out.find("exposures Exif"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("exposures (from Exif)"), std::string::npos) << r.out;
     // Nothing but the listed files and the frames folder.
     EXPECT_EQ(entries(dir.file("demo")), 5u);
     EXPECT_EQ(entries(dir.file("demo/frames")), 3u);
@@ -150,7 +150,7 @@ TEST_F(Cli, MergeExposureSources) {
     EXPECT_NE(inferred.out.find("inferred from brightness"), std::string::npos) << inferred.out;
     const Result stepped = run("merge " + join(bare) + " --ev-step 2 -o " + quote(dir.file("s.hdr")));
     ASSERT_EQ(stepped.code, 0) << stepped.err;
-    EXPECT_NE(stepped.out.find("--ev-step"), std::string::npos) << stepped.out;
+    EXPECT_NE(stepped.out.find("(from --ev-step, 2 EV apart)"), std::string::npos) << stepped.out;
     // Two stops apart: exposures 0.25, 1, 4 by brightness, whatever the order given.
     EXPECT_NE(stepped.out.find(": 0.25 1 4\n"), std::string::npos) << stepped.out;
     const std::vector<std::string> reversed(bare.rbegin(), bare.rend());
@@ -160,7 +160,7 @@ TEST_F(Cli, MergeExposureSources) {
     // A PNG keeps Exif in its eXIf chunk, and the library reads it from there.
     const auto png = bracket(dir, "png", "--format png");
     const Result exif = run("merge " + join(png) + " -o " + quote(dir.file("p.hdr")));
-    EXPECT_NE(exif.out.find("exposures Exif"), std::string::npos) << exif.out;
+    EXPECT_NE(exif.out.find("exposures (from Exif)"), std::string::npos) << exif.out;
 }
 
 TEST_F(Cli, EveryFrameFormatAndDepthMerges) {
@@ -181,7 +181,7 @@ TEST_F(Cli, EveryFrameFormatAndDepthMerges) {
         ASSERT_EQ(m.code, 0) << m.err;
         // PSD frames carry no Exif: their exposures are inferred.
         const bool psd = std::string(options).find("psd") != std::string::npos;
-        EXPECT_NE(m.out.find(psd ? "inferred" : "exposures Exif"), std::string::npos) << m.out;
+        EXPECT_NE(m.out.find(psd ? "inferred" : "exposures (from Exif)"), std::string::npos) << m.out;
         EXPECT_NE(m.out.find(sixteen ? "(16-bit)" : "(8-bit)"), std::string::npos) << m.out;
         const Result back = run("info " + quote(dir.file(name + ".hdr")));
         EXPECT_NE(back.out.find("width        96\nheight       64"), std::string::npos) << back.out;

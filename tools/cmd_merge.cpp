@@ -181,11 +181,11 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
     progress.finish();
 
     char line[512];
-    std::snprintf(line, sizeof line, "wrote %s: %dx%d Radiance picture from %d frames (%d-bit), exposures %s: %s",
+    std::snprintf(line, sizeof line, "wrote %s: %dx%d Radiance picture from %d frames (%d-bit), exposures (%s): %s",
                   req.out.c_str(), w, h, n, frames.bps, exposures.source.c_str(),
                   exposureList(frames, exposures).c_str());
     report(common, line);
-    std::snprintf(line, sizeof line, "  luminance min %.4g  max %.4g  mean %.4g (x256 units)%s", stats[0],
+    std::snprintf(line, sizeof line, "  luminance min %.4g  max %.4g  mean %.4g (in decoded RGBE units)%s", stats[0],
                   stats[1], stats[2], stripRows > 0 ? "; written in strips, without metadata lines" : "");
     report(common, line);
     if (!req.preview.empty()) report(common, "wrote " + req.preview + ": preview at the mean luminance");

@@ -320,7 +320,7 @@ Exposures frameExposures(const FrameSet& frames, double evStep, bool verbose) {
         guess_ev(0, n, evStep > 0 ? static_cast<float>(evStep) : 0.0f, means.data(), e.deltaT.data());
         char buf[64];
         std::snprintf(buf, sizeof buf, "%g EV apart", evStep);
-        e.source = evStep > 0 ? std::string("--ev-step, ") + buf : "inferred from brightness (no Exif times)";
+        e.source = evStep > 0 ? std::string("from --ev-step, ") + buf : "inferred from brightness, no Exif times";
         return e;
     }
     std::vector<float> data(static_cast<std::size_t>(n) * 7, 0.0f);
@@ -335,7 +335,7 @@ Exposures frameExposures(const FrameSet& frames, double evStep, bool verbose) {
     }
     get_ev(n, data.data());
     for (int k = 0; k < n; ++k) e.deltaT[k] = data[k];
-    e.source = "Exif";
+    e.source = "from Exif";
     return e;
 }
 
