@@ -95,10 +95,12 @@ std::int64_t bytesLeft(ReadStream& s) noexcept {
 
 // Reads up to `count` bytes at the current position into new zeroed memory of
 // count+1 bytes; a count beyond the end of the file is cut to what is there.
-Owned<char> readBlock(ReadStream& s, std::uint32_t count, std::size_t* got) noexcept {
+Owned<char> readBlock(ReadStream& s, std::uint32_t count, std::size_t* got, RawExif& raw) noexcept {
     std::int64_t n = count;
     const std::int64_t left = bytesLeft(s);
     if (n > left) n = left;
+    if (n > raw.blockBytesLeft) n = raw.blockBytesLeft > 0 ? raw.blockBytesLeft : 0;
+    raw.blockBytesLeft -= n;
     Owned<char> buf = makeOwnedZeroed<char>(static_cast<std::size_t>(n) + 1);
     if (!buf) return buf;
     *got = std::fread(buf.get(), 1, static_cast<std::size_t>(n), s.file());
@@ -111,6 +113,7 @@ void parseExifIfd(ReadStream& s, std::int64_t base, RawExif& raw) noexcept {
     if constexpr (traceFiles) std::fprintf(stdout, "parseExif  entries:%d\n", count);
     float spare = 0.0f;
     for (int i = 0; i < count; ++i) {
+        if (--raw.entriesLeft < 0) break;
         const IfdEntry e = readEntry(s);
         if (s.atEnd()) break;
         if constexpr (traceFiles)
@@ -200,6 +203,7 @@ void parseGpsIfd(ReadStream& s, std::int64_t base, RawExif& raw) noexcept {
     const int count = s.u16();
     if (s.atEnd()) return;
     for (int i = 0; i < count; ++i) {
+        if (--raw.entriesLeft < 0) break;
         const std::uint16_t tag = s.u16();
         const std::uint16_t type = s.u16();
         const std::uint32_t cnt = s.u32();
@@ -364,7 +368,7 @@ void read8bim(ReadStream& s, std::int64_t count, RawExif& raw) noexcept {
     const std::int64_t start = s.tell();
     if (start < 0) return;
     std::size_t got = 0;
-    Owned<char> block = readBlock(s, static_cast<std::uint32_t>(count > 0xFFFFFFFFll ? 0xFFFFFFFFll : count), &got);
+    Owned<char> block = readBlock(s, static_cast<std::uint32_t>(count > 0xFFFFFFFFll ? 0xFFFFFFFFll : count), &got, raw);
     if (!block) return;
     const auto* p = reinterpret_cast<const std::uint8_t*>(block.get());
     // Only bytes actually read are scanned: a block cut short by the end of
@@ -418,6 +422,7 @@ void walkTiff(ReadStream& s, std::int64_t base, int fileType, RawExif& raw) noex
         if (s.atEnd()) return;
         const bool last = ifd >= 2 || count == 255;
         for (int i = 0; i < count; ++i) {
+            if (--raw.entriesLeft < 0) return;
             const IfdEntry e = readEntry(s);
             if (s.atEnd()) return;
             const std::int64_t next = s.tell();
@@ -426,7 +431,7 @@ void walkTiff(ReadStream& s, std::int64_t base, int fileType, RawExif& raw) noex
                 case kTagImageDescription:
                     if (fileType == kMetaTiff) {
                         std::size_t got = 0;
-                        Owned<char> text = readBlock(s, e.count, &got);
+                        Owned<char> text = readBlock(s, e.count, &got, raw);
                         if (text) parseDescription(text.get(), got, raw);
                     }
                     break;

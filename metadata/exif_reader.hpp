@@ -34,7 +34,16 @@ struct RawExif {
     std::uint32_t timestamp[6];
     char datestamp[12];
     std::int32_t xmpLen, xmpOffset;
+
+    // Work left for this call. A damaged file can make every entry of a
+    // 65535-entry IFD point back at a large IFD or block, which would take
+    // hours to walk; no real file comes near these limits.
+    std::int64_t entriesLeft;
+    std::int64_t blockBytesLeft;
 };
+
+inline constexpr std::int64_t kMaxIfdEntriesPerCall = 1 << 18;
+inline constexpr std::int64_t kMaxBlockBytesPerCall = std::int64_t{1} << 28;
 
 // What the caller asked the file to be read as.
 enum MetaFileType : int { kMetaTiff = 0, kMetaJpeg = 1, kMetaPsd = 2 };

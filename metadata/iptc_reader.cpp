@@ -19,7 +19,8 @@ OL_API int read_iptc(const char* path, int len, int offset, unsigned char* dest)
     if (end <= 0) return -1;
     if (!(static_cast<std::int64_t>(len) + offset < end)) return 0;
     if (std::fseek(f, offset, SEEK_SET) != 0) return 0;
-    if (len <= 0) return len;
+    if (len == 0) return 0;
+    if (len < 0) return -1;  // nothing sensible to read
     const std::size_t got = std::fread(dest, 1, static_cast<std::size_t>(len), f);
     // An IPTC block starts with a dataset tag marker; this test comes before
     // the test for a short read.

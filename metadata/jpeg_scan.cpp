@@ -124,6 +124,8 @@ void scanMeta(const char* path, int fileType, RawExif& raw) noexcept {
     // Every field is cleared, the camera, date, orientation and XMP fields
     // included, so a file without those tags gives zeros.
     std::memset(&raw, 0, sizeof raw);
+    raw.entriesLeft = kMaxIfdEntriesPerCall;
+    raw.blockBytesLeft = kMaxBlockBytesPerCall;
     File file = openFile(path, "rb");
     if (!file) return;
     ReadStream s(file.get());

@@ -184,4 +184,31 @@ TEST(MetareadCrashers, RandomlyDamagedFilesAreSurvived) {
     SUCCEED();
 }
 
+// An IFD of 65535 entries that all point back at the IFD itself (or at the
+// whole file as a Photoshop block or a description): taken literally, the
+// walk would visit billions of entries or read the file tens of thousands of
+// times.
+TEST(MetareadCrashers, SelfReferencingHugeIfdsEndQuickly) {
+    oltest::TempDir dir;
+    const std::string path = dir.file("big.tif");
+    for (std::uint16_t tag : {34665, 34853, 34377, 270}) {
+        Bytes b = {'I', 'I', 42, 0, 8, 0, 0, 0, 0xFF, 0xFF};
+        Writer w{true, &b};
+        const std::uint32_t size = 8 + 2 + 65535u * 12 + 4;
+        for (int i = 0; i < 65535; ++i) {
+            w.u16(tag);
+            w.u16(tag == 270 ? 2 : 4);
+            w.u32(tag == 34377 || tag == 270 ? size : 1);
+            w.u32(8);
+        }
+        w.u32(0);
+        oltest::writeFile(path, b);
+        const auto start = std::chrono::steady_clock::now();
+        ExifRecord e{};
+        GpsRecord g{};
+        get_exif_data(path.c_str(), 0, &e, &g);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << tag;
+    }
+}
+
 }  // namespace
