@@ -2,9 +2,39 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace ol::radiance {
 
 namespace {
+
+// The coder works on a bit set with bit i standing for b[i] == b[i+1], built
+// once a component: the scan for the next pair of equal bytes and the count
+// of a run are then bit scans instead of byte compares.
+inline constexpr int kMaxWords = (32768 + 63) / 64;
+
+void buildEqualBits(const std::uint8_t* b, int width, std::uint64_t* bits) noexcept {
+    const int words = (width + 63) / 64;
+    for (int k = 0; k < words; ++k) bits[k] = 0;
+    const int pairs = width - 1;  // bit i for i in [0, width-1)
+    int i = 0;
+#if defined(__SSE2__)
+    for (; i + 64 <= pairs; i += 64) {
+        std::uint64_t w = 0;
+        for (int q = 0; q < 4; ++q) {
+            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i + 16 * q));
+            const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i + 16 * q + 1));
+            w |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y))))
+                 << (16 * q);
+        }
+        bits[i >> 6] = w;
+    }
+#endif
+    for (; i < pairs; ++i)
+        if (b[i] == b[i + 1]) bits[i >> 6] |= std::uint64_t(1) << (i & 63);
+}
 
 inline std::uint8_t* putLiteral(std::uint8_t* o, const std::uint8_t* src, int n) noexcept {
     *o++ = static_cast<std::uint8_t>(n);
@@ -12,6 +42,37 @@ inline std::uint8_t* putLiteral(std::uint8_t* o, const std::uint8_t* src, int n)
     return o + n;
 }
 
+// First i in [i, limit) whose bit is set, or limit.
+inline int findEqualPair(const std::uint64_t* bits, int i, int limit) noexcept {
+    while (i < limit) {
+        const std::uint64_t w = bits[i >> 6] >> (i & 63);
+        if (w) {
+            const int r = i + __builtin_ctzll(w);
+            return r < limit ? r : limit;
+        }
+        i = (i | 63) + 1;
+    }
+    return limit;
+}
+
+// Length of the run of equal bytes from start, at most maxRun (>= 1): one
+// more than the set bits in a row from start.
+inline int runLength(const std::uint64_t* bits, int start, int maxRun) noexcept {
+    int run = 1;
+    int i = start;
+    while (run < maxRun) {
+        const int sh = i & 63;
+        const std::uint64_t w = bits[i >> 6] >> sh;
+        const std::uint64_t inv = ~w;
+        const int ones = inv ? __builtin_ctzll(inv) : 64;
+        const int avail = 64 - sh;  // bits of this word from i on
+        const int take = ones < avail ? ones : avail;
+        run += take;
+        i += take;
+        if (take < avail) break;
+    }
+    return run < maxRun ? run : maxRun;
+}
 }  // namespace
 
 // The packet rules, round by round, with `lit` bytes pending from `pos`:
@@ -27,21 +88,19 @@ std::size_t encodeComponent(const std::uint8_t* b, int width, std::uint8_t* out)
     std::uint8_t* o = out;
     int pos = 0;
     int lit = 0;
+    std::uint64_t bits[kMaxWords];
+    if (width > 32768) return 0;  // flat rows are never coded
+    buildEqualBits(b, width, bits);
     while (pos < width) {
-        int run = 1;
         // Bytes that differ from their successor: the scan stops at the
         // first pair of equal bytes.
-        {
-            int i = pos + lit;
-            const int limit = (width - 1 < pos + 127) ? width - 1 : pos + 127;
-            while (i < limit && b[i] != b[i + 1]) ++i;
-            lit = i - pos;
-        }
+        const int limit = (width - 1 < pos + 127) ? width - 1 : pos + 127;
+        lit = findEqualPair(bits, pos + lit, limit) - pos;
         if (pos + lit + 1 < width) {
             const int start = pos + lit;
             const int maxRun = (width - start < 127) ? width - start : 127;
             const std::uint8_t v = b[start];
-            while (run < maxRun && b[start + run] == v) ++run;
+            const int run = runLength(bits, start, maxRun);
             if (run > 4) {
                 if (lit > 0) {
                     o = putLiteral(o, b + pos, lit);

@@ -10,7 +10,7 @@
 
 namespace ol::radiance {
 
-// Encodes `width` bytes into `out` (room for 2*width bytes is always
+// Encodes `width` bytes (at most 32768) into `out` (room for 2*width bytes is always
 // enough); returns the number of bytes written.
 std::size_t encodeComponent(const std::uint8_t* b, int width, std::uint8_t* out) noexcept;
 

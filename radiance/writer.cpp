@@ -16,6 +16,9 @@ namespace {
 // run-length row header and are written flat.
 inline constexpr int kFlatWidth = 32768;
 
+// Run-length rows are gathered up to this many bytes before a write.
+inline constexpr std::size_t kWriteChunk = std::size_t(1) << 20;
+
 bool writeMetadataHeader(std::FILE* f, int width, int height, const ExifRecord* exif,
                          const char* profileName) noexcept {
     if (std::fputs("#?RADIANCE\n", f) < 0) return false;
@@ -82,20 +85,32 @@ template <bool kCount>
 int writeRows(std::FILE* f, int width, int rows, const unsigned char* rgbe, int* cntMax) noexcept {
     const std::size_t w = width > 0 ? static_cast<std::size_t>(width) : 0;
     if (width < kFlatWidth) {
-        Owned<std::uint8_t> work = makeOwned<std::uint8_t>(2 * w);
+        // Rows are coded into one work buffer and go to the file in large
+        // writes; a row never takes more than 4 + 4*2*width bytes.
+        const std::size_t rowMax = 4 + 8 * w;
+        const std::size_t cap = rowMax > kWriteChunk ? rowMax : kWriteChunk;
+        Owned<std::uint8_t> work = makeOwned<std::uint8_t>(cap);
         if (!work) return -4;
-        const std::uint8_t head[4] = {2, 2, static_cast<std::uint8_t>(width >> 8),
-                                      static_cast<std::uint8_t>(width & 255)};
+        std::uint8_t* const buf = work.get();
+        std::size_t used = 0;
         for (int y = 0; y < rows; ++y) {
-            const std::uint8_t* row = rgbe + static_cast<std::size_t>(y) * 4u * w;
-            if (!writeExact(f, head, 4)) return -1;
-            for (int c = 0; c < 4; ++c) {
-                const std::size_t n = encodeComponent(row + c * w, width, work.get());
-                if (!writeExact(f, work.get(), n)) return -1;
+            if (cap - used < rowMax) {
+                if (!writeExact(f, buf, used)) return -1;
+                used = 0;
             }
+            const std::uint8_t* row = rgbe + static_cast<std::size_t>(y) * 4u * w;
+            std::uint8_t* o = buf + used;
+            o[0] = 2;
+            o[1] = 2;
+            o[2] = static_cast<std::uint8_t>(width >> 8);
+            o[3] = static_cast<std::uint8_t>(width & 255);
+            o += 4;
+            for (int c = 0; c < 4; ++c) o += encodeComponent(row + c * w, width, o);
+            used = static_cast<std::size_t>(o - buf);
             if constexpr (kCount)
                 for (std::size_t x = 0; x < w; ++x) *cntMax += row[3 * w + x] > 254;
         }
+        if (used && !writeExact(f, buf, used)) return -1;
     } else {
         Owned<std::uint8_t> line = makeOwned<std::uint8_t>(4 * w);
         if (!line) return -4;
