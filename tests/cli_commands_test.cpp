@@ -273,6 +273,39 @@ TEST_F(Cli, BadInputsFailWithOneLineAndLeaveNothing) {
     EXPECT_EQ(entries(dir.file("out")), 0u);
 }
 
+TEST_F(Cli, DamagedFilesOfEveryFormatNeverCrash) {
+    TempDir dir;
+    std::vector<std::string> sources;
+    for (const char* format : {"jpg", "png", "tif", "psd"}) {
+        const auto f = bracket(dir, format, std::string("--frames 1 --format ") + format);
+        sources.push_back(f[0]);
+    }
+    ASSERT_EQ(run("merge -q " + quote(sources[0]) + " -o " + quote(dir.file("x.hdr"))).code, 0);
+    sources.push_back(dir.file("x.hdr"));
+    int n = 0;
+    for (const auto& src : sources) {
+        const std::vector<std::uint8_t> good = oltest::readFile(src);
+        std::vector<std::vector<std::uint8_t>> damaged;
+        for (double cut : {0.02, 0.3, 0.7, 0.99}) damaged.emplace_back(good.begin(), good.begin() + cut * good.size());
+        for (std::size_t at : {std::size_t(4), std::size_t(12), std::size_t(20), good.size() / 2}) {
+            auto bad = good;
+            for (std::size_t i = at; i < std::min(at + 8, bad.size()); ++i) bad[i] ^= 0xA5;
+            damaged.push_back(bad);
+        }
+        for (const auto& bytes : damaged) {
+            const std::string name = dir.file("bad" + std::to_string(n++) + fs::path(src).extension().string());
+            oltest::writeFile(name, bytes);
+            for (const std::string& cmd : std::vector<std::string>{"info ", "merge -q --ev-step 1 -o " + quote(dir.file("o.hdr")) + " "}) {
+                const Result r = run(cmd + quote(name));
+                EXPECT_TRUE(r.code == 0 || r.code == 2) << name << " " << r.code << " " << r.err;
+                if (r.code == 2) {
+                    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+                }
+            }
+        }
+    }
+}
+
 TEST_F(Cli, UnwritableOutputsFailBeforeWorkAndLeaveNothing) {
     TempDir dir;
     const auto frames = bracket(dir, "f", "");
