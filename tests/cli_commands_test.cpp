@@ -157,6 +157,9 @@ TEST_F(Cli, MergeExposureSources) {
     const Result rev = run("merge " + join(reversed) + " --ev-step 2 -o " + quote(dir.file("r.hdr")));
     EXPECT_NE(rev.out.find(": 4 1 0.25\n"), std::string::npos) << rev.out;
     EXPECT_EQ(radianceData(dir.file("s.hdr")), radianceData(dir.file("r.hdr")));
+    // The response gamma reaches the merge.
+    ASSERT_EQ(run("merge -q " + join(bare) + " --ev-step 2 --gamma 1 -o " + quote(dir.file("g.hdr"))).code, 0);
+    EXPECT_NE(radianceData(dir.file("s.hdr")), radianceData(dir.file("g.hdr")));
     // A PNG keeps Exif in its eXIf chunk, and the library reads it from there.
     const auto png = bracket(dir, "png", "--format png");
     const Result exif = run("merge " + join(png) + " -o " + quote(dir.file("p.hdr")));
@@ -397,4 +400,24 @@ TEST_F(Cli, InfoJsonIsOneArrayEvenWithLibraryMessages) {
     EXPECT_EQ(r.out.substr(r.out.size() - 4), "}\n]\n") << r.out;
     EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 4) << r.out;
     EXPECT_EQ(r.err, "");
+}
+
+TEST_F(Cli, InfoJsonKeepsUtf8AndEscapesOtherBytes) {
+    TempDir dir;
+    const auto frames = bracket(dir, "f", "--frames 1");
+    const std::vector<std::uint8_t> original = oltest::readFile(frames[0]);
+    const std::string model = "olhdr synthetic camera";
+    auto patched = [&](const std::string& replacement) {
+        std::string bytes(original.begin(), original.end());
+        const auto at = bytes.find(model);
+        EXPECT_NE(at, std::string::npos);
+        bytes.replace(at, model.size(), replacement);  // same length: offsets stay valid
+        return std::vector<std::uint8_t>(bytes.begin(), bytes.end());
+    };
+    oltest::writeFile(dir.file("utf8.jpg"), patched("ol\xC3\xA9r synthetic camera"));
+    oltest::writeFile(dir.file("latin1.jpg"), patched("olh\xE9r \"synthetic\\cam"));
+    const Result r = run("info --json " + quote(dir.file("utf8.jpg")) + " " + quote(dir.file("latin1.jpg")));
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("\"camera\": \"ol\xC3\xA9r synthetic camera\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"camera\": \"olh\\u00e9r \\\"synthetic\\\\cam\""), std::string::npos) << r.out;
 }

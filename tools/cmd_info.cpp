@@ -28,15 +28,38 @@ struct Field {
     std::string json;   // JSON value
 };
 
+// Length of a well-formed UTF-8 sequence at s[i], or 0.
+std::size_t utf8Length(const std::string& s, std::size_t i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    const std::size_t n = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c <= 0xDF ? 2 : 0;
+    if (n == 0 || i + n > s.size()) return 0;
+    for (std::size_t k = 1; k < n; ++k)
+        if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
+    return n;
+}
+
+// Text fields of files may hold UTF-8 or, in older files, Latin-1 bytes:
+// UTF-8 passes through and any other byte is taken as Latin-1.
 std::string jsonString(const std::string& s) {
     std::string out = "\"";
-    for (unsigned char c : s) {
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        const auto c = static_cast<unsigned char>(s[i]);
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
-        } else if (c < 0x20 || c >= 0x7F) {
+        } else if (c >= 0x80) {
+            const std::size_t n = utf8Length(s, i);
+            if (n > 0) {
+                out.append(s, i, n);
+                i += n - 1;
+            } else {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                out += buf;
+            }
+        } else if (c < 0x20 || c == 0x7F) {
             char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", c);  // bytes beyond ASCII as Latin-1
+            std::snprintf(buf, sizeof buf, "\\u%04x", c);
             out += buf;
         } else {
             out += static_cast<char>(c);
