@@ -369,8 +369,6 @@ Image readTiff(const std::string& path) {
     raw.bps = bps;
     raw.pixels.resize(raw.byteCount());
     const std::size_t bytesPerSample = bps / 8;
-    const bool bigEndianFile = TIFFIsByteSwapped(tif.get()) != 0;  // libtiff swaps for us
-    (void)bigEndianFile;
     if (TIFFIsTiled(tif.get())) {
         uint32_t tw = 0, th = 0;
         TIFFGetField(tif.get(), TIFFTAG_TILEWIDTH, &tw);
@@ -410,7 +408,8 @@ Image readTiff(const std::string& path) {
                                 line.data() + x * bytesPerSample, bytesPerSample);
             }
     }
-    // libtiff hands 16-bit samples in host order, which is little-endian here.
+    // libtiff hands 16-bit samples in the machine's order, little-endian on
+    // the machines this program is built for, whatever the file's order.
     return toRgb(raw);
 }
 

@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstring>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+
+#include <tiffio.h>
 
 #include "args.hpp"
 #include "image.hpp"
@@ -164,6 +167,80 @@ TEST(Codecs, DamagedFilesGiveOneLineInputErrors) {
             EXPECT_EQ(what.find('\n'), std::string::npos) << what;
         }
     }
+}
+
+// Writes `img` through libtiff in one of the layouts a camera or an editor
+// may produce, so that every branch of the reader meets real files.
+enum class TiffLayout { Strips, BigEndian, Tiled, Planes, Lzw };
+void writeTiffAs(const std::string& path, const Image& img, TiffLayout layout) {
+    TIFF* t = TIFFOpen(path.c_str(), layout == TiffLayout::BigEndian ? "wb" : "wl");
+    ASSERT_NE(t, nullptr);
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, img.width);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, img.height);
+    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, img.spp);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, img.bps);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, img.spp >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, layout == TiffLayout::Lzw ? COMPRESSION_LZW : COMPRESSION_NONE);
+    const bool planes = layout == TiffLayout::Planes;
+    TIFFSetField(t, TIFFTAG_PLANARCONFIG, planes ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
+    const std::size_t bs = img.bps / 8;
+    if (layout == TiffLayout::Tiled) {
+        TIFFSetField(t, TIFFTAG_TILEWIDTH, 16);
+        TIFFSetField(t, TIFFTAG_TILELENGTH, 16);
+        std::vector<std::uint8_t> tile(16 * 16 * img.spp * bs, 0);
+        for (int ty = 0; ty < img.height; ty += 16)
+            for (int tx = 0; tx < img.width; tx += 16) {
+                std::fill(tile.begin(), tile.end(), 0);
+                for (int y = 0; y < 16 && ty + y < img.height; ++y)
+                    for (int x = 0; x < 16 && tx + x < img.width; ++x)
+                        std::memcpy(&tile[(y * 16 + x) * img.spp * bs],
+                                    &img.pixels[((ty + y) * img.width + tx + x) * img.spp * bs], img.spp * bs);
+                TIFFWriteTile(t, tile.data(), tx, ty, 0, 0);
+            }
+    } else if (planes) {
+        TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, 5);
+        std::vector<std::uint8_t> row(img.width * bs);
+        for (int c = 0; c < img.spp; ++c)
+            for (int y = 0; y < img.height; ++y) {
+                for (int x = 0; x < img.width; ++x)
+                    std::memcpy(&row[x * bs], &img.pixels[((y * img.width + x) * img.spp + c) * bs], bs);
+                TIFFWriteScanline(t, row.data(), y, c);
+            }
+    } else {
+        TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, 7);
+        for (int y = 0; y < img.height; ++y) {
+            std::vector<std::uint8_t> row(img.pixels.begin() + y * img.rowBytes(),
+                                          img.pixels.begin() + (y + 1) * img.rowBytes());
+            TIFFWriteScanline(t, row.data(), y, 0);
+        }
+    }
+    TIFFClose(t);
+}
+
+TEST(Codecs, TiffFramesOfEveryLayoutReadAlike) {
+    Scratch s;
+    for (int bps : {8, 16})
+        for (TiffLayout layout : {TiffLayout::Strips, TiffLayout::BigEndian, TiffLayout::Tiled, TiffLayout::Planes,
+                                  TiffLayout::Lzw}) {
+            SCOPED_TRACE(std::to_string(bps) + " bits, layout " + std::to_string(static_cast<int>(layout)));
+            const Image img = gradient(37, 21, bps);  // not a multiple of the tile size
+            const std::string path = s.file("t.tif");
+            writeTiffAs(path, img, layout);
+            const Image back = readTiff(path);
+            EXPECT_EQ(back.width, 37);
+            EXPECT_EQ(back.height, 21);
+            EXPECT_EQ(back.bps, bps);
+            EXPECT_EQ(back.pixels, img.pixels);
+        }
+    // Grey is spread to three samples.
+    Image grey = gradient(9, 4, 16);
+    grey.spp = 1;
+    grey.pixels.resize(grey.byteCount());
+    writeTiffAs(s.file("g.tif"), grey, TiffLayout::Strips);
+    const Image rgb = readTiff(s.file("g.tif"));
+    ASSERT_EQ(rgb.spp, 3);
+    for (std::size_t i = 0; i < 36; ++i)
+        for (int c = 0; c < 3; ++c) EXPECT_EQ(rgb.sample16(i * 3 + c), grey.sample16(i));
 }
 
 TEST(Codecs, SniffLooksAtContentNotName) {
