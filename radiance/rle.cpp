@@ -42,7 +42,7 @@ inline std::uint8_t* putLiteral(std::uint8_t* o, const std::uint8_t* src, int n)
     return o + n;
 }
 
-// First i in [i, limit) whose bit is set, or limit.
+// First i in [i, limit) whose bit is set, or limit (bits past the row are 0).
 inline int findEqualPair(const std::uint64_t* bits, int i, int limit) noexcept {
     while (i < limit) {
         const std::uint64_t w = bits[i >> 6] >> (i & 63);
@@ -84,45 +84,42 @@ inline int runLength(const std::uint64_t* bits, int start, int maxRun) noexcept 
 //  - otherwise the last byte is the tail and joins the literal, unless the
 //    literal is full, in which case it gets a packet of its own next round;
 //  - a literal is emitted when full or when it reaches the end of the row.
+//
+// Followed through, these rounds give: from `pos`, find the first place r
+// where five equal bytes start (runs of two to four never break a literal);
+// code [pos, r) as literals of 127 bytes and a shorter last one; then a run
+// of the equal bytes from r, at most 127, and start again after it. A place
+// found this way is always the start of its stretch of equal bytes, or the
+// point where the previous packet ended, which is where the rounds would
+// count the run too. The coder works in that form, on bit sets.
 std::size_t encodeComponent(const std::uint8_t* b, int width, std::uint8_t* out) noexcept {
+    if (width <= 0 || width > 32768) return 0;
+    std::uint64_t bits[kMaxWords];
+    std::uint64_t five[kMaxWords];
+    buildEqualBits(b, width, bits);
+    // five: bit i when b[i..i+4] are equal, i.e. bits i..i+3 all set.
+    const int words = (width + 63) / 64;
+    for (int k = 0; k < words; ++k) {
+        const std::uint64_t w = bits[k];
+        const std::uint64_t n = k + 1 < words ? bits[k + 1] : 0;
+        five[k] = w & ((w >> 1) | (n << 63)) & ((w >> 2) | (n << 62)) & ((w >> 3) | (n << 61));
+    }
     std::uint8_t* o = out;
     int pos = 0;
-    int lit = 0;
-    std::uint64_t bits[kMaxWords];
-    if (width > 32768) return 0;  // flat rows are never coded
-    buildEqualBits(b, width, bits);
     while (pos < width) {
-        // Bytes that differ from their successor: the scan stops at the
-        // first pair of equal bytes.
-        const int limit = (width - 1 < pos + 127) ? width - 1 : pos + 127;
-        lit = findEqualPair(bits, pos + lit, limit) - pos;
-        if (pos + lit + 1 < width) {
-            const int start = pos + lit;
-            const int maxRun = (width - start < 127) ? width - start : 127;
-            const std::uint8_t v = b[start];
-            const int run = runLength(bits, start, maxRun);
-            if (run > 4) {
-                if (lit > 0) {
-                    o = putLiteral(o, b + pos, lit);
-                    pos += lit;
-                }
-                *o++ = static_cast<std::uint8_t>(run + 128);
-                *o++ = v;
-                pos += run;
-                lit = 0;
-                continue;
-            }
-            if (run > 1) {
-                lit += run;
-                if (lit > 127) lit = 127;
-            }
-        } else if (lit < 127) {
-            ++lit;  // the tail byte
+        const int r = findEqualPair(five, pos, width);
+        while (pos < r) {
+            const int n = r - pos < 127 ? r - pos : 127;
+            o = putLiteral(o, b + pos, n);
+            pos += n;
         }
-        if (pos + lit < width && lit < 127) continue;
-        o = putLiteral(o, b + pos, lit);
-        pos += lit;
-        lit = 0;
+        if (r < width) {
+            const int maxRun = width - r < 127 ? width - r : 127;
+            const int run = runLength(bits, r, maxRun);
+            *o++ = static_cast<std::uint8_t>(run + 128);
+            *o++ = b[r];
+            pos = r + run;
+        }
     }
     return static_cast<std::size_t>(o - out);
 }

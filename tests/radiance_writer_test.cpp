@@ -106,15 +106,25 @@ TEST(RadianceCoder, TailByteJoinsThePendingLiteralOrStandsAlone) {
 
 TEST(RadianceCoder, MatchesThePlainRulesOnVariedRows) {
     std::mt19937 rng(7);
-    for (int width = 1; width <= 700; width += (width < 300 ? 1 : 37)) {
-        for (int kind = 0; kind < 4; ++kind) {
+    for (int width = 1; width <= 1500; width += (width < 300 ? 1 : 37)) {
+        for (int kind = 0; kind < 5; ++kind) {
+            int left = 0;
+            std::uint8_t value = 0;
             Bytes b(static_cast<std::size_t>(width));
             for (int i = 0; i < width; ++i) {
                 switch (kind) {
                     case 0: b[i] = static_cast<std::uint8_t>(rng()); break;
                     case 1: b[i] = static_cast<std::uint8_t>(rng() % 3); break;          // many short runs
                     case 2: b[i] = static_cast<std::uint8_t>((i / (1 + rng() % 9)) & 1); break;
-                    default: b[i] = static_cast<std::uint8_t>(i / 40 + (rng() % 8 == 0)); break;
+                    case 3: b[i] = static_cast<std::uint8_t>(i / 40 + (rng() % 8 == 0)); break;
+                    default:  // stretches of 1 to 200 equal bytes, across the 127 limits
+                        if (left == 0) {
+                            left = 1 + static_cast<int>(rng() % (rng() % 2 ? 6 : 200));
+                            value = static_cast<std::uint8_t>(value + 1 + rng() % 2);
+                        }
+                        b[i] = value;
+                        --left;
+                        break;
                 }
             }
             const Bytes enc = encode(b);
