@@ -153,7 +153,9 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     const int lenPyram = pyram_len(w, h);
     if (lenPyram < w * h) throw Failure(kExitProcessing, "image too large to fuse");
     std::vector<std::uint16_t> work(static_cast<std::size_t>(lenPyram) * 3);
-    std::vector<int> indexFixedExpo(n, -1);  // no ghost masks
+    // No ghost masks: --deghost would detect the moving areas and hand their
+    // masks and chosen frames to the fusion here.
+    std::vector<int> indexFixedExpo(n, -1);
     std::vector<float> exposureTimes = exposures.deltaT;
     float params[7];
     std::memcpy(params, req.params, sizeof params);

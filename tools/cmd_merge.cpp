@@ -152,6 +152,9 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
 
     progress.stage("reading frames", 0.3);
     const FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    // Frame alignment (--align) belongs here, on the photo block, before the
+    // exposures are measured; ghost handling (--deghost) would choose a merge
+    // that keeps moving objects out. Both are refused up front for now.
     const Exposures exposures = frameExposures(frames, req.evStep, common.verbose);
 
     progress.stage("merging", 0.45);
