@@ -85,6 +85,33 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     const std::size_t lenPyr = static_cast<std::size_t>(lenPyram > 0 ? lenPyram : 0);
     const std::size_t photos = static_cast<std::size_t>(nbPhotos > 0 ? nbPhotos : 0);
 
+    // A float fused pyramid from 8 or 16-bit photos reads the 16-bit
+    // pipeline samples as floats, and its photo pyramid needs four bytes a
+    // sample where the caller's `work` has two. That combination is accepted
+    // without giving an image; it runs on a float pyramid of its own, so that
+    // nothing beyond `work` is touched.
+    Owned<float> floatWork;
+    void* pipeline = work;
+    if (bitDepthFusion == 32 && bspIn != 32) {
+        floatWork = makeOwnedZeroed<float>(lenPyr * static_cast<std::size_t>(channels > 0 ? channels : 1));
+        if (!floatWork) return -4;
+        pipeline = floatWork.get();
+    }
+
+    // Disk mode reuses `images` for the weight planes and the fused pyramid,
+    // `work` for the weight pyramid and the row buffer for rows of weights.
+    // Where one of them would not fit in the size the caller was asked for,
+    // the call runs in memory instead of writing past the buffer.
+    if (disk) {
+        const std::size_t ch = static_cast<std::size_t>(channels);
+        const std::size_t imagesBytes = photos * pixels * ch * inBytes;
+        const std::size_t workBytes = lenPyr * ch * (floatWork ? 4 : 2);
+        const std::size_t rowBytes = photos * static_cast<std::size_t>(width) * ch * inBytes;
+        disk = photos * pixels * wBytes <= imagesBytes && wBytes * ch * lenPyr <= imagesBytes &&
+               lenPyr * ch * fBytes <= imagesBytes && lenPyr * wBytes <= workBytes &&
+               pixels * wBytes <= workBytes && static_cast<std::size_t>(width) * wBytes <= rowBytes;
+    }
+
     // Scratch files; a failed open falls back to memory. Every path out of
     // this function closes what it opened and frees what it took (the
     // caller's files and buffers keep the content the steps gave them).
@@ -157,7 +184,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     unsigned char* weightArea;  // level 0 of the weight pyramid
     if (disk) {
         fused = images;
-        weightArea = static_cast<unsigned char*>(work);
+        weightArea = static_cast<unsigned char*>(pipeline);
         // The count is formed with the weight depth, not the fusion depth:
         // with 8-bit weights only the front of a 16-bit fused pyramid is
         // cleared, and its low-pass level keeps what `images` held there.
@@ -176,7 +203,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
 
     const float span = 1.0f - (start + 0.2f);
     const std::size_t rowSamples = static_cast<std::size_t>(width) * channels;
-    auto* work16 = static_cast<std::uint16_t*>(work);
+    auto* work16 = static_cast<std::uint16_t*>(pipeline);
     for (int i = nbPhotos - 1; i >= 0; --i) {
         if constexpr (traceProbe)
             std::fprintf(stderr, "------------- Pyramide laplace et Blending image %d ------------------\n", i);
@@ -228,7 +255,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             toPipeline(photo, bspIn, pixels * channels, work16);
         }
         const int r22 = fusion22(nivo, width, height, channels, bspOut, bitDepthFusion, bitDepthPoids, wrapX,
-                                 disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), work, fused);
+                                 disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), pipeline, fused);
         if (r22 < 0) return r22;
         const int k = nbPhotos - i;
         fusion_progress(progress, start + span * static_cast<float>(k) / static_cast<float>(nbPhotos));

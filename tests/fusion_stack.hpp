@@ -60,16 +60,6 @@ struct Job {
     std::vector<std::uint8_t> images;  // after the call
     std::vector<std::uint8_t> work;    // after the call
 
-    // Size of the images buffer: enough for the source, the weight planes
-    // and the fused pyramid when disk mode reuses it.
-    std::size_t imagesBytes(std::size_t srcBytes) const {
-        const std::size_t len = static_cast<std::size_t>(pyram_len(w, h));
-        std::size_t need = srcBytes;
-        need = std::max(need, static_cast<std::size_t>(n) * w * h * (bdp / 8));
-        need = std::max(need, len * ch * std::max(bdp / 8, bdf / 8));
-        return need;
-    }
-
     std::vector<std::uint8_t> output() const {
         const int stride = outStride ? outStride : w * ch;
         return std::vector<std::uint8_t>(work.begin(),
@@ -77,10 +67,11 @@ struct Job {
     }
 
     int go(const std::vector<std::uint8_t>& source) {
+        // Exactly the sizes the caller is asked for, so that the sanitizer
+        // builds see any access beyond them.
         images = source;
-        images.resize(imagesBytes(source.size()), 0x5a);
         const int len = pyram_len(w, h);
-        work.assign(static_cast<std::size_t>(len) * ch * (bdf == 32 ? 4 : 2) + 64, workFill);
+        work.assign(static_cast<std::size_t>(len) * ch * 2, workFill);
         std::vector<int> fixed = fixedExpo;
         if (fixed.empty()) fixed.assign(std::max(n, 1), -1);
         fixed.resize(std::max(n, 1), -1);
