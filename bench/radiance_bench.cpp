@@ -6,6 +6,9 @@
 //   radiance_bench [folder] [runs]     writes folder/radiance_bench.hdr
 //   radiance_bench --make FILE         only writes the picture (for the
 //                                      comparison script)
+//   radiance_bench --read FILE         reads FILE once with decomp2 (a whole
+//                                      process, to time beside programs)
+//   radiance_bench --copy IN OUT       reads IN with decomp2 and writes OUT
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -70,6 +73,16 @@ void report(const char* what, double s) {
 int main(int argc, char** argv) {
     ExifRecord exif;
     std::memset(&exif, 0, sizeof exif);
+    if (argc >= 3 && (std::string(argv[1]) == "--read" || std::string(argv[1]) == "--copy")) {
+        float prim[8];
+        int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+        if (rgbe_dim(argv[2], prim, dims) < 0) return 1;
+        std::vector<unsigned char> planes(4u * static_cast<std::size_t>(dims[0]) * dims[1]);
+        if (decomp2(argv[2], dims, planes.data(), nullptr) != dims[1]) return 1;
+        if (argc >= 4 && std::string(argv[1]) == "--copy")
+            return ol_io_rgbe_write(argv[3], dims[0], dims[1], &exif, nullptr, "", planes.data()) == dims[1] ? 0 : 1;
+        return 0;
+    }
     if (argc >= 3 && std::string(argv[1]) == "--make") {
         const auto planes = photoPlanes();
         return ol_io_rgbe_write(argv[2], kWidth, kHeight, &exif, nullptr, "", planes.data()) == kHeight ? 0 : 1;
