@@ -3,6 +3,7 @@
 // and stopping as soon as its last row is stored.
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "Ombrelumen40Lib1.h"
 #include "frame/alloc.hpp"
@@ -65,6 +66,16 @@ int previewComponent(ByteSource& src, int width, float xRatio, int outWidth,
     return 0;
 }
 
+// width/wanted as a float. A wanted size of 0 gives an infinite (or, for 0/0,
+// not-a-number) ratio, as IEEE division would, without dividing by zero:
+// no column or row then matches and nothing is stored.
+float ratio(int size, int wanted) noexcept {
+    if (wanted != 0) return static_cast<float>(size) / static_cast<float>(wanted);
+    if (size > 0) return std::numeric_limits<float>::infinity();
+    if (size < 0) return -std::numeric_limits<float>::infinity();
+    return std::numeric_limits<float>::quiet_NaN();
+}
+
 }  // namespace
 }  // namespace ol::radiance
 
@@ -75,8 +86,8 @@ extern "C" {
 
 OL_API int ol_io_read_preview_rgbe(int width, int height, int previewWidth, int previewHeight,
                                    const char* path, unsigned char* preview) {
-    const float xRatio = static_cast<float>(width) / static_cast<float>(previewWidth);
-    const float yRatio = static_cast<float>(height) / static_cast<float>(previewHeight);
+    const float xRatio = ratio(width, previewWidth);
+    const float yRatio = ratio(height, previewHeight);
 
     File file = openFile(path, "rb");
     if (!file) return -1;

@@ -335,6 +335,10 @@ TEST(RadiancePreview, TallerPreviewRunsOutOfRows) {
     EXPECT_EQ(ol_io_read_preview_rgbe(W, H, W, 2 * H, path.c_str(), out.data()), H);
     EXPECT_EQ(Bytes(out.begin(), out.begin() + 4 * W), Bytes(c.planes.begin(), c.planes.begin() + 4 * W));
     EXPECT_EQ(out[4 * W], 0xEE);
+    // A preview of no size stores nothing and reads the whole file.
+    Bytes none(16, 0xEE);
+    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 0, 0, path.c_str(), none.data()), H);
+    EXPECT_EQ(none, Bytes(16, 0xEE));
 }
 
 TEST(RadiancePreview, FlatFormAndTheBudget) {
