@@ -21,17 +21,25 @@
 namespace ol {
 
 float psdFloat(const std::uint8_t b[4]) noexcept {
-    const int sign = b[0] >> 7;
-    const int e = ((b[0] & 0x7F) << 1) | (b[1] >> 7);
-    const std::uint32_t fraction = (static_cast<std::uint32_t>(b[1] & 0x7F) << 16) |
-                                   (static_cast<std::uint32_t>(b[2]) << 8) | b[3];
-    if ((e == 0 || e == 255) && b[0] == 0 && b[1] == 0 && b[2] == 0 && b[3] == 0) return 0.0f;
-    // 2^(e-128) * (1 + fraction * 2^-23): a 24-bit integer scaled by a power of
-    // two, exact in double, rounded once to float (the largest, e 255 with all
-    // fraction bits set, is exactly FLT_MAX).
-    const double v = std::ldexp(static_cast<double>(0x800000u | fraction), e - 128 - 23);
+    const std::uint32_t u = getU32BE(b);
+    const std::uint32_t e = (u >> 23) & 0xFF;
+    if (e != 0 && e != 255) {
+        // 2^(e-128) * (1 + fraction * 2^-23) is the IEEE value of the same
+        // bits halved: one rounding of the same exact value either way (the
+        // halving can only round for e == 1, into the subnormals).
+        float f;
+        std::memcpy(&f, &u, 4);
+        return f * 0.5f;
+    }
+    if (u == 0) return 0.0f;
+    // Exponents 0 and 255 are ordinary exponents here: 2^(e-128) times
+    // (1 + fraction * 2^-23), a 24-bit integer scaled by a power of two, exact
+    // in double and rounded once to float (e 255 with every fraction bit set
+    // is exactly FLT_MAX).
+    const std::uint32_t fraction = u & 0x7FFFFFu;
+    const double v = std::ldexp(static_cast<double>(0x800000u | fraction), static_cast<int>(e) - 128 - 23);
     const float f = static_cast<float>(v);
-    return sign ? -f : f;
+    return (u >> 31) ? -f : f;
 }
 
 bool unpackBitsPlane(const std::uint8_t* rle, std::size_t rleSize, std::size_t* pos,
