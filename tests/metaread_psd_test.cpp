@@ -439,6 +439,19 @@ TEST(MetareadIcc, NamingRule) {
     // The text itself may be shorter than the name it starts.
     nameOf(profileWithDesc("sRG", 2), &r);
     EXPECT_EQ(r, 32);
+    // Only the first matching "desc" counts, even when a later one names a
+    // known space.
+    Bytes two = profileWithDesc("Display");
+    const Bytes second = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0, 5, 's', 'R', 'G', 'B', 0};
+    std::copy(second.begin(), second.end(), two.begin() + 160);
+    n = nameOf(two, &r);
+    EXPECT_EQ(r, 32);
+    EXPECT_EQ(n.substr(0, 8), std::string("Display\0", 8));
+    // A near miss (one of the seven zero bytes set) is passed over.
+    Bytes near = profileWithDesc("sRGB");
+    near[132 + 8] = 1;
+    nameOf(near, &r);
+    EXPECT_EQ(r, -1);
 }
 
 TEST(MetareadIcc, NoDescription) {
