@@ -78,27 +78,73 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
             const std::size_t rowStart = static_cast<std::size_t>(initFine) + y * rowSamples;
             const std::uint16_t* src = w16 + rowStart;
             std::uint16_t* dst = f16 + rowStart;
-            auto blendRow = [&](auto fraction) {
-                expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap,
-                          [&](int x, int c, std::int32_t up) {
-                              const std::size_t f = static_cast<std::size_t>(x) * channels + c;
-                              const std::int32_t d = static_cast<std::int32_t>(src[f]) - up;
-                              const std::int32_t v =
-                                  dst[f] + static_cast<std::int32_t>(static_cast<float>(d) * fraction(x));
-                              dst[f] = static_cast<std::uint16_t>(v < 0 ? 0 : (v > 65535 ? 65535 : v));
-                          });
-            };
-            if (wrow == nullptr) {
-                blendRow([](int) { return 1.0f; });
-            } else if (bitDepthPoids == 8) {
-                const auto* wp = static_cast<const std::uint8_t*>(wrow) + wfirst;
-                blendRow([wp](int x) { return static_cast<float>(wp[x]) * (1.0f / 256.0f); });
-            } else {
-                const unsigned char* wp = static_cast<const unsigned char*>(wrow) + wfirst * 2;
-                blendRow([wp](int x) {
-                    return static_cast<float>(loadWeight<std::uint16_t>(wp, static_cast<std::size_t>(x))) *
-                           (1.0f / 65536.0f);
-                });
+            const int span = spanPixels(channels);
+            if (span < 2) {
+                // Pixels too wide for the span tables: one sample at a time.
+                auto blendRow = [&](auto fraction) {
+                    expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap,
+                              [&](int x, int c, std::int32_t up) {
+                                  const std::size_t f = static_cast<std::size_t>(x) * channels + c;
+                                  const std::int32_t d = static_cast<std::int32_t>(src[f]) - up;
+                                  const std::int32_t v =
+                                      dst[f] + static_cast<std::int32_t>(static_cast<float>(d) * fraction(x));
+                                  dst[f] = static_cast<std::uint16_t>(v < 0 ? 0 : (v > 65535 ? 65535 : v));
+                              });
+                };
+                if (wrow == nullptr)
+                    blendRow([](int) { return 1.0f; });
+                else if (bitDepthPoids == 8)
+                    blendRow([&](int x) {
+                        return static_cast<float>(loadWeight<std::uint8_t>(wrow, wfirst + x)) * (1.0f / 256.0f);
+                    });
+                else
+                    blendRow([&](int x) {
+                        return static_cast<float>(loadWeight<std::uint16_t>(wrow, wfirst + x)) * (1.0f / 65536.0f);
+                    });
+                continue;
+            }
+            // A span at a time: the expansion and the per-sample weight
+            // fractions go to two small tables, then one straight loop blends.
+            std::int32_t up[kSpanSamples];
+            float mult[kSpanSamples];
+            for (int x0 = 0; x0 < wFine; x0 += span) {
+                const int n = wFine - x0 < span ? wFine - x0 : span;
+                if (channels == 3)
+                    expandSpan<3>(coarse, y, wFine, hFine, wCoarse, 3, wrap, x0, n, up);
+                else if (channels == 1)
+                    expandSpan<1>(coarse, y, wFine, hFine, wCoarse, 1, wrap, x0, n, up);
+                else if (channels == 4)
+                    expandSpan<4>(coarse, y, wFine, hFine, wCoarse, 4, wrap, x0, n, up);
+                else
+                    expandSpan<0>(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
+                const int count = n * channels;
+                if (wrow == nullptr) {
+                    for (int j = 0; j < count; ++j) mult[j] = 1.0f;
+                } else if (bitDepthPoids == 8) {
+                    const auto* wp = static_cast<const std::uint8_t*>(wrow) + wfirst + x0;
+                    for (int x = 0; x < n; ++x) {
+                        const float m = static_cast<float>(wp[x]) * (1.0f / 256.0f);
+                        for (int c = 0; c < channels; ++c) mult[x * channels + c] = m;
+                    }
+                } else {
+                    const unsigned char* wp = static_cast<const unsigned char*>(wrow) + (wfirst + x0) * 2;
+                    for (int x = 0; x < n; ++x) {
+                        const float m = static_cast<float>(loadWeight<std::uint16_t>(wp, static_cast<std::size_t>(x))) *
+                                        (1.0f / 65536.0f);
+                        for (int c = 0; c < channels; ++c) mult[x * channels + c] = m;
+                    }
+                }
+                const std::uint16_t* __restrict s = src + static_cast<std::size_t>(x0) * channels;
+                std::uint16_t* __restrict d = dst + static_cast<std::size_t>(x0) * channels;
+                for (int j = 0; j < count; ++j) {
+                    const std::int32_t diff = static_cast<std::int32_t>(s[j]) - up[j];
+                    // |diff| < 65536 and mult < 1: the product converts exactly.
+                    std::int32_t v = static_cast<std::int32_t>(d[j]) +
+                                     static_cast<std::int32_t>(static_cast<float>(diff) * mult[j]);
+                    v = v < 0 ? 0 : v;
+                    v = v > 65535 ? 65535 : v;
+                    d[j] = static_cast<std::uint16_t>(v);
+                }
             }
         }
     } else if (bitDepthFusion == 32) {

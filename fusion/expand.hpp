@@ -94,3 +94,78 @@ inline void expandRow(const T* coarse, int y, int wF, int hF, int wC, int ch, bo
 }
 
 }  // namespace ol
+
+namespace ol {
+
+// The same expansion for the fine pixels [x0, x0 + n) of row y, written
+// channel-interleaved into `up` (n * ch values). x0 is even. CH is the
+// channel count when known at compile time, else 0.
+template <int CH, class T>
+inline void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRuntime, bool wrap, int x0,
+                       int n, typename Expand<T>::Acc* up) noexcept {
+    using E = Expand<T>;
+    using Acc = typename E::Acc;
+    const int ch = CH > 0 ? CH : chRuntime;
+    const std::size_t row = static_cast<std::size_t>(wC) * ch;
+    const T* A = coarse + static_cast<std::size_t>(y >> 1) * row;
+    const int yMain = hF + (hF & 1) - 1;
+    const T* B = ((y & 1) && y < yMain) ? A + row : nullptr;
+    const int xMain = wF + (wF & 1) - 1;
+    const int xEnd = x0 + n;
+    const int pairEnd = xEnd < xMain ? xEnd : xMain;
+    int x = x0;
+    Acc* out = up;
+    if (B) {
+        for (; x + 1 < pairEnd; x += 2, out += 2 * ch) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            const T* b = B + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) {
+                const Acc a0 = E::one(a[c]), a1 = E::one(a[c + ch]), b0 = E::one(b[c]), b1 = E::one(b[c + ch]);
+                out[c] = E::mean2(a0, b0);
+                out[ch + c] = E::mean4(a0, a1, b0, b1);
+            }
+        }
+        if (x < pairEnd) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            const T* b = B + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) out[c] = E::mean2(E::one(a[c]), E::one(b[c]));
+            ++x;
+            out += ch;
+        }
+    } else {
+        for (; x + 1 < pairEnd; x += 2, out += 2 * ch) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) {
+                const Acc a0 = E::one(a[c]);
+                out[c] = a0;
+                out[ch + c] = E::mean2(a0, E::one(a[c + ch]));
+            }
+        }
+        if (x < pairEnd) {
+            const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+            for (int c = 0; c < ch; ++c) out[c] = E::one(a[c]);
+            ++x;
+            out += ch;
+        }
+    }
+    if (x < xEnd) {  // x == wF - 1 of an even width
+        const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
+        const T* b = B ? B + static_cast<std::size_t>(x >> 1) * ch : nullptr;
+        for (int c = 0; c < ch; ++c) {
+            Acc v;
+            if (!wrap)
+                v = b ? E::mean2(E::one(a[c]), E::one(b[c])) : E::one(a[c]);
+            else if (b)
+                v = E::mean4(E::one(a[c]), E::wrapped(A[c]), E::one(b[c]), E::wrapped(B[c]));
+            else
+                v = E::mean2(E::one(a[c]), E::wrapped(A[c]));
+            out[c] = v;
+        }
+    }
+}
+
+// Pixels per span, so that the values of a span fit a small stack table.
+inline constexpr int kSpanSamples = 3072;
+inline int spanPixels(int ch) noexcept { return (kSpanSamples / ch) & ~1; }
+
+}  // namespace ol

@@ -27,15 +27,39 @@ void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
     if (bitDepthFusion == 16) {
         auto* f16 = static_cast<std::uint16_t*>(fused);
         const std::uint16_t* coarse = f16 + initCoarse;
+        const int span = spanPixels(channels);
+        std::int32_t up[kSpanSamples];
         for (int y = 0; y < hFine; ++y) {
             std::uint16_t* dst = f16 + initFine + y * rowSamples;
             // Removing the bias of 32767 leaves the finished level.
-            expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap,
-                      [dst, channels](int x, int c, std::int32_t up) {
-                          const std::size_t f = static_cast<std::size_t>(x) * channels + c;
-                          const std::int32_t v = static_cast<std::int32_t>(dst[f]) - 32767 + up;
-                          dst[f] = static_cast<std::uint16_t>(v < 0 ? 0 : (v > 65535 ? 65535 : v));
-                      });
+            if (span < 2) {
+                expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap,
+                          [dst, channels](int x, int c, std::int32_t u) {
+                              const std::size_t f = static_cast<std::size_t>(x) * channels + c;
+                              const std::int32_t v = static_cast<std::int32_t>(dst[f]) - 32767 + u;
+                              dst[f] = static_cast<std::uint16_t>(v < 0 ? 0 : (v > 65535 ? 65535 : v));
+                          });
+                continue;
+            }
+            for (int x0 = 0; x0 < wFine; x0 += span) {
+                const int n = wFine - x0 < span ? wFine - x0 : span;
+                if (channels == 3)
+                    expandSpan<3>(coarse, y, wFine, hFine, wCoarse, 3, wrap, x0, n, up);
+                else if (channels == 1)
+                    expandSpan<1>(coarse, y, wFine, hFine, wCoarse, 1, wrap, x0, n, up);
+                else if (channels == 4)
+                    expandSpan<4>(coarse, y, wFine, hFine, wCoarse, 4, wrap, x0, n, up);
+                else
+                    expandSpan<0>(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
+                std::uint16_t* __restrict d = dst + static_cast<std::size_t>(x0) * channels;
+                const int count = n * channels;
+                for (int j = 0; j < count; ++j) {
+                    std::int32_t v = static_cast<std::int32_t>(d[j]) - 32767 + up[j];
+                    v = v < 0 ? 0 : v;
+                    v = v > 65535 ? 65535 : v;
+                    d[j] = static_cast<std::uint16_t>(v);
+                }
+            }
         }
         if constexpr (traceStats) {
             const int x = wFine / 2, y = hFine / 2;
