@@ -64,7 +64,8 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
                int bitDepthPoids, const float* fvalCurve, const float* sharpen,
                const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
                const void* images, bool removeGhost, const int* notMerged,
-               const unsigned char* ghostMask, void* poids, float* weight) noexcept {
+               const unsigned char* ghostMask, void* poids, float* weight,
+               const float* scaled) noexcept {
     constexpr bool readsSamples = !std::is_void_v<S>;
     const int levels = bspIn == 8 ? 256 : 65536;
     const int o1 = (channels - 1) / 2, o2 = channels - 1;
@@ -93,6 +94,7 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
         }
         for (int x = 0; x < width; ++x) {
             const std::size_t pix = static_cast<std::size_t>(y) * width + x;
+            const bool printed = (traceProbe && isProbePixel(x, y)) || (traceMerge && isSampledPixel(x, y));
             for (int p = 0; p < nbPhotos; ++p) {
                 if (removeGhost && notMerged[p] >= 0 &&
                     maskBit(ghostMask, static_cast<std::uint64_t>(notMerged[p]) * planePixels + pix)) {
@@ -113,8 +115,15 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
                     c0 = s[0];
                     c1 = s[o1];
                     c2 = s[o2];
-                    fval = 45875.2f * curve[c1] + 13107.2f * curve[c0];
-                    fval = fval + 6553.6f * curve[c2];
+                    if constexpr (sizeof(S) == 1) {
+                        // The three products, taken from tables of this photo.
+                        const float* t = scaled + static_cast<std::size_t>(p) * 768;
+                        fval = t[c1] + t[256 + c0];
+                        fval = fval + t[512 + c2];
+                    } else {
+                        fval = 45875.2f * curve[c1] + 13107.2f * curve[c0];
+                        fval = fval + 6553.6f * curve[c2];
+                    }
                 }
                 std::int32_t idx = truncToInt(fval);
                 if (idx > 65535) idx = 65535;
@@ -123,7 +132,7 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
                 if (photoFactor[p] > 0.0f) w *= photoFactor[p];
                 weight[p] = w;
                 if constexpr (traceProbe || traceMerge) {
-                    if ((traceProbe && isProbePixel(x, y)) || (traceMerge && isSampledPixel(x, y))) {
+                    if (printed) {
                         // The probe reads the samples as bytes, whatever the depth.
                         const unsigned char* b =
                             static_cast<const unsigned char*>(disk ? rowBuffer : images) + at;
@@ -147,11 +156,11 @@ int weightRowsFor(int bitDepthPoids, int nbPhotos, int width, int rows, int heig
                   int bspIn, const float* fvalCurve, const float* sharpen, const float* photoFactor,
                   int disk, std::FILE* fpSource, void* rowBuffer, const void* images,
                   bool removeGhost, const int* notMerged, const unsigned char* ghostMask,
-                  void* poids, float* weight) noexcept {
+                  void* poids, float* weight, const float* scaled) noexcept {
 #define OL_WEIGHT_ROWS(W)                                                                     \
     weightRows<S, W>(nbPhotos, width, rows, height, channels, bspIn, bitDepthPoids, fvalCurve, \
                      sharpen, photoFactor, disk, fpSource, rowBuffer, images, removeGhost,     \
-                     notMerged, ghostMask, poids, weight)
+                     notMerged, ghostMask, poids, weight, scaled)
     if (bitDepthPoids == 8) return OL_WEIGHT_ROWS(std::uint8_t);
     if (bitDepthPoids == 16) return OL_WEIGHT_ROWS(std::uint16_t);
     if (bitDepthPoids == 32) return OL_WEIGHT_ROWS(float);
@@ -215,8 +224,21 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
     const bool removeGhost = indexFixedExpo[0] >= 0 && ghostMask != nullptr;
     const std::size_t n = nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1;
     Owned<int> notMerged = makeOwned<int>(n);
-    Owned<float> weight = makeOwnedZeroed<float>(n);
+    // The weight scratch, and for 8-bit samples the curves of each photo
+    // times the three channel coefficients (256 entries each).
+    const std::size_t tables = bspIn == 8 ? 768 * n : 0;
+    Owned<float> weight = makeOwnedZeroed<float>(n + tables);
     if (!notMerged || !weight) return -4;
+    float* scaled = weight.get() + n;
+    for (int p = 0; p < nbPhotos && tables; ++p) {
+        const float* curve = fvalCurve + static_cast<std::size_t>(p) * 256;
+        float* t = scaled + static_cast<std::size_t>(p) * 768;
+        for (int k = 0; k < 256; ++k) {
+            t[k] = 45875.2f * curve[k];
+            t[256 + k] = 13107.2f * curve[k];
+            t[512 + k] = 6553.6f * curve[k];
+        }
+    }
     // indexPhotoNotMerged[p]: the mask plane that fixes photo p, or -1.
     for (int p = 0; p < nbPhotos; ++p) {
         notMerged[p] = -1;
@@ -237,7 +259,7 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
 #define OL_WEIGHT_ROWS_FOR(S)                                                                    \
     weightRowsFor<S>(bitDepthPoids, nbPhotos, width, rows, height, channels, bspIn, fvalCurve,    \
                      sharpen, photoFactor, disk, fpSource, rowBuffer, images, removeGhost,        \
-                     notMerged.get(), ghostMask, poids, weight.get())
+                     notMerged.get(), ghostMask, poids, weight.get(), scaled)
     if (bspIn == 8) return OL_WEIGHT_ROWS_FOR(std::uint8_t);
     if (bspIn == 16) return OL_WEIGHT_ROWS_FOR(std::uint16_t);
     return OL_WEIGHT_ROWS_FOR(void);
