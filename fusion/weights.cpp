@@ -32,39 +32,26 @@ inline bool maskBit(const unsigned char* mask, std::uint64_t i) noexcept {
     return (mask[i >> 3] & (0x80u >> (i & 7))) != 0;
 }
 
-template <class W>
-inline void storeWeights(W* plane0, std::size_t planeStride, std::size_t pix, const float* weight,
-                         int nbPhotos, int bitDepthPoids, int& cntZero) noexcept {
-    float sum = 0.0f;
-    for (int q = 0; q < nbPhotos; ++q) sum += weight[q];
-    if (sum > 0.0f) {
-        if constexpr (sizeof(W) == 4) {
-            for (int q = 0; q < nbPhotos; ++q) plane0[q * planeStride + pix] = weight[q] / sum;
-        } else {
-            const std::int32_t top = (1 << bitDepthPoids) - 1;
-            const float scale = static_cast<float>(1 << bitDepthPoids) / sum;
-            for (int q = 0; q < nbPhotos; ++q) {
-                const float v = weight[q] * scale;
-                std::int32_t t = truncToInt(v);
-                if (v - static_cast<float>(t) > 0.5f) ++t;
-                if (t < 0) t = 0;
-                if (t > top) t = top;
-                plane0[q * planeStride + pix] = static_cast<W>(t);
-            }
-        }
-    } else {
-        for (int q = 0; q < nbPhotos; ++q) plane0[q * planeStride + pix] = W(0);
-        ++cntZero;
-    }
-}
+// Weight of photo p at one pixel before normalisation: the curve of its
+// three samples, through the sharpening table and the photo's factor.
+struct PixelWeight {
+    int c0, c1, c2;
+    float fval;
+    std::int32_t idx;
+    float w;
+};
 
 // S: sample type (void for samples that are not read), W: weight element.
+//
+// A row at a time: the raw weights of every photo over the row, then the
+// ghost overrides, then the normalisation over the photos in straight loops.
+// `scratch` holds nbPhotos + 2 rows of floats.
 template <class S, class W>
 int weightRows(int nbPhotos, int width, int rows, int height, int channels, int bspIn,
                int bitDepthPoids, const float* fvalCurve, const float* sharpen,
                const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
                const void* images, bool removeGhost, const int* notMerged,
-               const unsigned char* ghostMask, void* poids, float* weight,
+               const unsigned char* ghostMask, void* poids, float* scratch,
                const float* scaled) noexcept {
     constexpr bool readsSamples = !std::is_void_v<S>;
     const int levels = bspIn == 8 ? 256 : 65536;
@@ -74,8 +61,49 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
     const std::size_t rowSamples = static_cast<std::size_t>(width) * channels;
     const int sampleBytes = bspIn / 8;
     W* plane0 = static_cast<W*>(poids);
+    float* sum = scratch + static_cast<std::size_t>(nbPhotos) * width;
+    float* scale = sum + width;
     int cntZero = 0;
-    float fval = 0.0f;  // keeps its value when no sample is read
+
+    // Samples of photo p in row y (the row buffer in disk mode).
+    auto rowOf = [&](int p, int y) -> const unsigned char* {
+        if (disk) return static_cast<const unsigned char*>(rowBuffer) + p * rowSamples * sampleBytes;
+        return static_cast<const unsigned char*>(images) +
+               (p * photoSamples + static_cast<std::size_t>(y) * rowSamples) * sampleBytes;
+    };
+    // No sample is read at other depths: fval stays at 0 there.
+    auto weighOne = [&](int p, const unsigned char* row, int x) {
+        PixelWeight r{0, 0, 0, 0.0f, 0, 0.0f};
+        if constexpr (readsSamples) {
+            const S* smp = reinterpret_cast<const S*>(row) + static_cast<std::size_t>(x) * channels;
+            r.c0 = smp[0];
+            r.c1 = smp[o1];
+            r.c2 = smp[o2];
+            if constexpr (sizeof(S) == 1) {
+                // The three products, taken from tables of this photo.
+                const float* t = scaled + static_cast<std::size_t>(p) * 768;
+                r.fval = t[r.c1] + t[256 + r.c0];
+                r.fval = r.fval + t[512 + r.c2];
+            } else {
+                const float* curve = fvalCurve + static_cast<std::size_t>(p) * levels;
+                r.fval = 45875.2f * curve[r.c1] + 13107.2f * curve[r.c0];
+                r.fval = r.fval + 6553.6f * curve[r.c2];
+            }
+        }
+        r.idx = truncToInt(r.fval);
+        if (r.idx > 65535) r.idx = 65535;
+        if (r.idx < 0) r.idx = 0;
+        r.w = sharpen[r.idx];
+        if (photoFactor[p] > 0.0f) r.w *= photoFactor[p];
+        return r;
+    };
+    auto ghostPhoto = [&](std::size_t pix) {
+        for (int p = 0; p < nbPhotos; ++p)
+            if (notMerged[p] >= 0 && maskBit(ghostMask, static_cast<std::uint64_t>(notMerged[p]) * planePixels + pix))
+                return p;
+        return -1;
+    };
+
     for (int y = 0; y < rows; ++y) {
         if (disk) {
             for (int p = 0; p < nbPhotos; ++p) {
@@ -92,59 +120,105 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
                 }
             }
         }
-        for (int x = 0; x < width; ++x) {
-            const std::size_t pix = static_cast<std::size_t>(y) * width + x;
-            const bool printed = (traceProbe && isProbePixel(x, y)) || (traceMerge && isSampledPixel(x, y));
-            for (int p = 0; p < nbPhotos; ++p) {
-                if (removeGhost && notMerged[p] >= 0 &&
-                    maskBit(ghostMask, static_cast<std::uint64_t>(notMerged[p]) * planePixels + pix)) {
-                    if constexpr (traceMerge)
-                        if (isSampledPixel(x, y))
-                            std::fprintf(stderr, "*** ghostMask for photo%d  at  %d,%d\n", p, x, y);
-                    for (int q = 0; q < nbPhotos; ++q) weight[q] = 0.0f;
-                    weight[p] = 1.0f;
-                    break;
-                }
-                const float* curve = fvalCurve + static_cast<std::size_t>(p) * levels;
-                int c0 = 0, c1 = 0, c2 = 0;
-                // Where this photo's samples of the pixel lie.
-                const std::size_t at = disk ? static_cast<std::size_t>(p) * rowSamples + static_cast<std::size_t>(x) * channels
-                                            : p * photoSamples + pix * channels;
-                if constexpr (readsSamples) {
-                    const S* s = (disk ? static_cast<const S*>(rowBuffer) : static_cast<const S*>(images)) + at;
-                    c0 = s[0];
-                    c1 = s[o1];
-                    c2 = s[o2];
-                    if constexpr (sizeof(S) == 1) {
-                        // The three products, taken from tables of this photo.
-                        const float* t = scaled + static_cast<std::size_t>(p) * 768;
-                        fval = t[c1] + t[256 + c0];
-                        fval = fval + t[512 + c2];
-                    } else {
-                        fval = 45875.2f * curve[c1] + 13107.2f * curve[c0];
-                        fval = fval + 6553.6f * curve[c2];
+        const std::size_t rowStart = static_cast<std::size_t>(y) * width;
+
+        // Printed pixels first, in the order of a pixel-by-pixel walk: the
+        // photos up to a ghost-forced one, each with its raw weight.
+        if constexpr (traceProbe || traceMerge) {
+            for (int x = 0; x < width; ++x) {
+                if (!((traceProbe && isProbePixel(x, y)) || (traceMerge && isSampledPixel(x, y)))) continue;
+                const int forced = removeGhost ? ghostPhoto(rowStart + x) : -1;
+                for (int p = 0; p < nbPhotos; ++p) {
+                    if (p == forced) {
+                        if constexpr (traceMerge)
+                            if (isSampledPixel(x, y))
+                                std::fprintf(stderr, "*** ghostMask for photo%d  at  %d,%d\n", p, x, y);
+                        break;
                     }
-                }
-                std::int32_t idx = truncToInt(fval);
-                if (idx > 65535) idx = 65535;
-                if (idx < 0) idx = 0;
-                float w = sharpen[idx];
-                if (photoFactor[p] > 0.0f) w *= photoFactor[p];
-                weight[p] = w;
-                if constexpr (traceProbe || traceMerge) {
-                    if (printed) {
-                        // The probe reads the samples as bytes, whatever the depth.
-                        const unsigned char* b =
-                            static_cast<const unsigned char*>(disk ? rowBuffer : images) + at;
-                        std::fprintf(stderr,
-                                     "photo%d  %d %d %d   %1.2f %1.2f %1.2f  fval: %1.2f -> %d  poids: %1.2f    %d,%d\n",
-                                     p, b[0], b[o1], b[o2], static_cast<double>(curve[c0]),
-                                     static_cast<double>(curve[c1]), static_cast<double>(curve[c2]),
-                                     static_cast<double>(fval), idx, static_cast<double>(w), x, y);
-                    }
+                    const unsigned char* row = rowOf(p, y);
+                    const PixelWeight r = weighOne(p, row, x);
+                    const float* curve = fvalCurve + static_cast<std::size_t>(p) * levels;
+                    // The probe reads the buffer as bytes, whatever the depth:
+                    // byte k stands for sample k of an 8-bit stack.
+                    const std::size_t at = disk ? static_cast<std::size_t>(p) * rowSamples + static_cast<std::size_t>(x) * channels
+                                                : p * photoSamples + (rowStart + x) * channels;
+                    const unsigned char* b = static_cast<const unsigned char*>(disk ? rowBuffer : images) + at;
+                    std::fprintf(stderr,
+                                 "photo%d  %d %d %d   %1.2f %1.2f %1.2f  fval: %1.2f -> %d  poids: %1.2f    %d,%d\n",
+                                 p, b[0], b[o1], b[o2], static_cast<double>(curve[r.c0]),
+                                 static_cast<double>(curve[r.c1]), static_cast<double>(curve[r.c2]),
+                                 static_cast<double>(r.fval), r.idx, static_cast<double>(r.w), x, y);
                 }
             }
-            storeWeights(plane0, planePixels, pix, weight, nbPhotos, bitDepthPoids, cntZero);
+        }
+
+        // Raw weights, photo by photo.
+        for (int p = 0; p < nbPhotos; ++p) {
+            const unsigned char* row = rowOf(p, y);
+            float* wrow = scratch + static_cast<std::size_t>(p) * width;
+            if constexpr (std::is_same_v<S, std::uint8_t>) {
+                const float* t = scaled + static_cast<std::size_t>(p) * 768;
+                const float factor = photoFactor[p];
+                const bool useFactor = factor > 0.0f;
+                for (int x = 0; x < width; ++x) {
+                    const unsigned char* smp = row + static_cast<std::size_t>(x) * channels;
+                    float fval = t[smp[o1]] + t[256 + smp[0]];
+                    fval = fval + t[512 + smp[o2]];
+                    // fval lies in 0 .. 65536: the conversion is exact.
+                    std::int32_t idx = static_cast<std::int32_t>(fval);
+                    idx = idx > 65535 ? 65535 : idx;
+                    float w = sharpen[idx];
+                    if (useFactor) w *= factor;
+                    wrow[x] = w;
+                }
+            } else {
+                for (int x = 0; x < width; ++x) wrow[x] = weighOne(p, row, x).w;
+            }
+        }
+        // Ghost masks: the first photo in index order whose plane has the
+        // pixel's bit set takes the pixel alone.
+        if (removeGhost) {
+            for (int x = 0; x < width; ++x) {
+                const int forced = ghostPhoto(rowStart + x);
+                if (forced < 0) continue;
+                for (int q = 0; q < nbPhotos; ++q) scratch[static_cast<std::size_t>(q) * width + x] = 0.0f;
+                scratch[static_cast<std::size_t>(forced) * width + x] = 1.0f;
+            }
+        }
+        // Sums over the photos, in photo order.
+        for (int x = 0; x < width; ++x) sum[x] = 0.0f;
+        for (int p = 0; p < nbPhotos; ++p) {
+            const float* wrow = scratch + static_cast<std::size_t>(p) * width;
+            for (int x = 0; x < width; ++x) sum[x] += wrow[x];
+        }
+        for (int x = 0; x < width; ++x) cntZero += sum[x] > 0.0f ? 0 : 1;
+        if constexpr (sizeof(W) == 4) {
+            for (int p = 0; p < nbPhotos; ++p) {
+                const float* wrow = scratch + static_cast<std::size_t>(p) * width;
+                W* out = plane0 + p * planePixels + rowStart;
+                for (int x = 0; x < width; ++x) out[x] = sum[x] > 0.0f ? wrow[x] / sum[x] : 0.0f;
+            }
+        } else {
+            // A pixel without weight gets the scale 0 and so stores 0.
+            const float full = static_cast<float>(1 << bitDepthPoids);
+            const std::int32_t top = (1 << bitDepthPoids) - 1;
+            for (int x = 0; x < width; ++x) scale[x] = sum[x] > 0.0f ? full / sum[x] : 0.0f;
+            for (int p = 0; p < nbPhotos; ++p) {
+                const float* wrow = scratch + static_cast<std::size_t>(p) * width;
+                W* out = plane0 + p * planePixels + rowStart;
+                for (int x = 0; x < width; ++x) {
+                    const float v = wrow[x] * scale[x];
+                    // v lies in 0 .. 2^bitDepthPoids, or is a NaN when an
+                    // infinite weight met a scale of 0; a NaN stores 0, as
+                    // its conversion to an integer would after the clamp.
+                    const float vc = v >= 0.0f ? (v < 65536.0f ? v : 65536.0f) : -1.0f;
+                    std::int32_t t = static_cast<std::int32_t>(vc);
+                    t += (vc - static_cast<float>(t) > 0.5f) ? 1 : 0;
+                    t = t < 0 ? 0 : t;
+                    t = t > top ? top : t;
+                    out[x] = static_cast<W>(t);
+                }
+            }
         }
     }
     if constexpr (traceWeights) std::fprintf(stderr, " cntZero: %d\n", cntZero);
@@ -224,12 +298,14 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
     const bool removeGhost = indexFixedExpo[0] >= 0 && ghostMask != nullptr;
     const std::size_t n = nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1;
     Owned<int> notMerged = makeOwned<int>(n);
-    // The weight scratch, and for 8-bit samples the curves of each photo
-    // times the three channel coefficients (256 entries each).
+    // The weight scratch (a row per photo, and two more), and for 8-bit
+    // samples the curves of each photo times the three channel coefficients
+    // (256 entries each).
+    const std::size_t rowsBytes = (n + 2) * static_cast<std::size_t>(width > 0 ? width : 0);
     const std::size_t tables = bspIn == 8 ? 768 * n : 0;
-    Owned<float> weight = makeOwnedZeroed<float>(n + tables);
+    Owned<float> weight = makeOwnedZeroed<float>(rowsBytes + tables);
     if (!notMerged || !weight) return -4;
-    float* scaled = weight.get() + n;
+    float* scaled = weight.get() + rowsBytes;
     for (int p = 0; p < nbPhotos && tables; ++p) {
         const float* curve = fvalCurve + static_cast<std::size_t>(p) * 256;
         float* t = scaled + static_cast<std::size_t>(p) * 768;

@@ -613,4 +613,29 @@ TEST(FusionDriver, ProbePixelLines) {
                                                "1@250,342", "0@250,343", "1@250,343", "0@250,344", "1@250,344"}));
 }
 
+TEST(FusionDriver, ProbeReadsSixteenBitPhotosAsBytes) {
+    // Every sample 0x1234: byte k of the buffer stands for sample k, so the
+    // probe shows the low and the high byte in turn.
+    const int w = 262, h = 346;
+    std::vector<std::uint8_t> stack(2 * w * h * 3 * 2);
+    for (std::size_t i = 0; i < stack.size(); i += 2) {
+        stack[i] = 0x34;
+        stack[i + 1] = 0x12;
+    }
+    Job r;
+    r.n = 2;
+    r.w = w;
+    r.h = h;
+    r.bspIn = 16;
+    oltest::CaptureFd capture(2);
+    ASSERT_GE(r.go(stack), 0);
+    const std::string text = capture.finish();
+    // Pixel (250,305) is sample 3 * 80160, an even byte; (260,305) the same.
+    EXPECT_NE(text.find("photo0  52 18 52   "), std::string::npos);
+    EXPECT_NE(text.find("photo1  52 18 52   "), std::string::npos);
+    // (250,343): pixel 89866, sample 269598, even again; photo 1 starts at
+    // sample 3 * 90652, so its bytes are the same.
+    EXPECT_EQ(text.find("photo0  18 52 18"), std::string::npos);
+}
+
 }  // namespace
