@@ -45,7 +45,7 @@ measure() {
 # Median of the first or second column of the lines on stdin.
 median() { "$py" -c "import sys,statistics; v=[float(l.split()[$1]) for l in sys.stdin if l.strip()]; print(statistics.median(v))"; }
 
-printf "%-12s %-7s %-10s %10s %10s %12s %12s\n" "size" "frames" "tool" "wall s" "peak MiB" "ol speed-up" "ol mem ratio"
+printf "%-12s %-7s %-10s %10s %10s %12s %12s\n" "size" "frames" "tool" "wall s" "peak MiB" "time/ol_mem" "peak/ol_mem"
 cases="3000x2000"
 [ "$large" = 1 ] && cases="$cases 6000x4000"
 for size in $cases; do
