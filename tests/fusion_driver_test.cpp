@@ -206,6 +206,32 @@ TEST(FusionDriver, FailedScratchOpenFallsBackToMemory) {
     EXPECT_FALSE(std::filesystem::exists(dir.file("s.tmp")));
 }
 
+TEST(FusionDriver, ScratchWriteFailures) {
+    // /dev/full opens but takes no byte: a short copy of the photos falls
+    // back to memory; short writes of the weights or of a weight pyramid
+    // end the call with -2.
+    if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
+    oltest::TempDir dir;
+    const auto stack = fustest::makeStack(3, 80, 60, 3, 8);
+    Job mem;
+    mem.w = 80;
+    mem.h = 60;
+    ASSERT_GE(mem.go(stack), 0);
+    Job r = mem;
+    r.disk = 1;
+    r.dir = dir.path().string();
+    r.nameSource = "/dev/full";
+    ASSERT_GE(r.go(stack), 0);
+    EXPECT_EQ(r.output(), mem.output());
+    EXPECT_TRUE(std::equal(stack.begin(), stack.end(), r.images.begin()));
+    r.nameSource.clear();
+    r.namePoids = "/dev/full";
+    EXPECT_EQ(r.go(stack), -2);
+    r.namePoids.clear();
+    r.namePyramPoids = "/dev/full";
+    EXPECT_EQ(r.go(stack), -2);
+}
+
 TEST(FusionDriver, RefusedAndUnservedDepthCombinations) {
     const auto stack = fustest::makeStack(3, 12, 10, 3, 8);
     std::vector<std::uint8_t> floats(3 * 12 * 10 * 3 * 4, 0);

@@ -88,6 +88,20 @@ TEST(FusionTrace, OddLevelsAndHighlightCurve) {
     expectLines(text, {" mult : 1  4   puissance: 2  3\n", "== lapl nivo0  nivFine 9 x 7   nivCoarse 5 x 4  fin: 4 3\n"});
 }
 
+TEST(FusionTrace, BlownPixelsCountAsZeroWeight) {
+    // A float output makes the sharpening linear, so fval 0 weighs nothing:
+    // with highlightCut every curve is 0 at 240, and no photo weighs any
+    // pixel.
+    Job job;
+    job.w = 8;
+    job.h = 6;
+    job.bspOut = 32;
+    job.params[2] = 1.5f;
+    const std::string text = traceOf(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 240));
+    ASSERT_GE(job.status, 0);
+    expectLines(text, {"photo2 -  perc noisy: 0   sat: 100      surexNivo: 0\n", " cntZero: 48\n"});
+}
+
 TEST(FusionTrace, GhostMaskAndSampledPixels) {
     Job job;
     job.w = 8;
