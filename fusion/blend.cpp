@@ -167,13 +167,35 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
         }
     }
     if constexpr (tracePreview) {
+        // One sampled sample per level: channel 0 of the centre pixel.
         const int x = wFine / 2, y = hFine / 2;
-        std::fprintf(stderr, " mult: %1.2f   up:  %d     Coarse: %d   Fine: %d     Res: %d     at %d %d\n",
-                     0.0, 0, initCoarse, initFine,
-                     bitDepthFusion == 16
-                         ? static_cast<int>(static_cast<const std::uint16_t*>(fused)[initFine + (static_cast<std::size_t>(y) * wFine + x) * channels])
-                         : 0,
-                     x, y);
+        const std::size_t f = static_cast<std::size_t>(initFine) + (static_cast<std::size_t>(y) * wFine + x) * channels;
+        const std::size_t cpos = static_cast<std::size_t>(initCoarse) +
+                                 (static_cast<std::size_t>(y >> 1) * wCoarse + (x >> 1)) * channels;
+        const bool weighted = (bitDepthPoids == 8 || bitDepthPoids == 16) && pyrPoids != nullptr && !diskRows;
+        const double mult =
+            weighted ? weightFraction(pyrPoids, static_cast<std::size_t>(offPoids) + static_cast<std::size_t>(y) * wFine + x,
+                                      bitDepthPoids)
+                     : 1.0;
+        if (bitDepthFusion == 16) {
+            const auto* w16 = static_cast<const std::uint16_t*>(work);
+            std::int32_t up[2 * 4096];
+            if (channels <= 4096)
+                expandSpan<0>(w16 + initCoarse, y, wFine, hFine, wCoarse, channels, wrap, x & ~1, (x & 1) + 1, up);
+            std::fprintf(stderr, " mult: %1.2f   up:  %d     Coarse: %d   Fine: %d     Res: %d     at %d %d\n", mult,
+                         channels <= 4096 ? up[(x & 1) * channels] : 0, w16[cpos], w16[f],
+                         static_cast<const std::uint16_t*>(fused)[f], x, y);
+        } else if (bitDepthFusion == 32) {
+            const auto* wf = static_cast<const float*>(work);
+            float up[2 * 4096];
+            if (channels <= 4096)
+                expandSpan<0>(wf + initCoarse, y, wFine, hFine, wCoarse, channels, wrap, x & ~1, (x & 1) + 1, up);
+            std::fprintf(stderr,
+                         " mult: %1.2f   up:  %1.2f     Coarse: %1.2f   Fine: %1.2f     Res: %1.2f     at %d %d\n", mult,
+                         channels <= 4096 ? static_cast<double>(up[(x & 1) * channels]) : 0.0,
+                         static_cast<double>(wf[cpos]), static_cast<double>(wf[f]),
+                         static_cast<double>(static_cast<const float*>(fused)[f]), x, y);
+        }
     }
     return 0;
 }
