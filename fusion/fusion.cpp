@@ -85,6 +85,13 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     const std::size_t lenPyr = static_cast<std::size_t>(lenPyram > 0 ? lenPyram : 0);
     const std::size_t photos = static_cast<std::size_t>(nbPhotos > 0 ? nbPhotos : 0);
 
+    // The levels of step 9. A lenPyram below what they take (pyram_len gives
+    // at least that) would send every pyramid past its buffer: such a call
+    // is refused as missing input, before anything is allocated.
+    int nivo = pyramidReductions(width, height);
+    if (bspOut == 32 && nivo > 5) --nivo;
+    if (static_cast<std::int64_t>(lenPyr) < pyramidPixels(width, height, (nivo > 0 ? nivo : 0) + 1)) return -1;
+
     // A float fused pyramid from 8 or 16-bit photos reads the 16-bit
     // pipeline samples as floats, and its photo pyramid needs four bytes a
     // sample where the caller's `work` has two. That combination is accepted
@@ -175,8 +182,6 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         if (written != count) return -2;
     }
 
-    int nivo = pyramidReductions(width, height);
-    if (bspOut == 32 && nivo > 5) --nivo;
     const std::int64_t biasedPixels = pyramidPixels(width, height, nivo > 0 ? nivo : 0);
 
     Owned<unsigned char> fusedOwned;

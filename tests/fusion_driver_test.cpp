@@ -270,6 +270,21 @@ TEST(FusionDriver, RefusedAndUnservedDepthCombinations) {
     EXPECT_GE(f.go(stack), 0);
 }
 
+TEST(FusionDriver, PyramidLengthBelowTheLevelsIsRefused) {
+    const auto stack = fustest::makeStack(3, 16, 12, 3, 8);
+    std::vector<float> expo(3, 1.0f);
+    std::vector<int> fixed(3, -1);
+    std::vector<std::uint8_t> images = stack, work(pyram_len(16, 12) * 3 * 2);
+    FusionFiles files{0, 0, nullptr, nullptr, nullptr};
+    float params[7] = {};
+    const long allocations = oltest::countAllocations([&] {
+        EXPECT_EQ(ol_fusion(&files, nullptr, params, 3, 16, 12, 48, 0, 3, 8, 8, 16, 16, pyram_len(16, 12) - 1, 0,
+                            1.0f, expo.data(), images.data(), fixed.data(), nullptr, nullptr, work.data()),
+                  -1);
+    });
+    EXPECT_EQ(allocations, 0);
+}
+
 TEST(FusionDriver, TinyImagesWriteNoOutput) {
     // 3 x 3: nivo 0. Only the low-pass blend runs and fusion3 writes nothing,
     // so work still holds photo 0 on the pipeline scale.
