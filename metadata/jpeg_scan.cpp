@@ -79,8 +79,10 @@ void scanJpegApp13(ReadStream& s, RawExif& raw) noexcept {
         if (marker == kMarkerApp13) {
             std::uint8_t id[14];
             if (!s.bytes(id, 14)) return;
-            // The rest of the segment after the length and the identifier.
-            if (std::memcmp(id, "Photoshop 3.0\0", 14) == 0) read8bim(s, length - 16, raw);
+            // The block scan takes as many bytes as the length field gives,
+            // counted from behind the identifier, so it reaches 16 bytes
+            // past the segment.
+            if (std::memcmp(id, "Photoshop 3.0\0", 14) == 0) read8bim(s, length, raw);
             return;
         }
         if (!s.skip(length - 2)) return;

@@ -307,6 +307,19 @@ TEST(MetareadExif, App13BlockGivesIptcAndThumbnail) {
     EXPECT_EQ(got, iptc);
 }
 
+TEST(MetareadExif, App13BlockIsScannedForItsWholeLengthField) {
+    // A small IPTC block as the only resource: the block scan takes as many
+    // bytes as the segment's length field, which reaches 16 bytes past the
+    // segment, so a resource near the segment's end is still found.
+    const Bytes iptc = {0x1C, 2, 0, 0, 2, 0, 4, 0};
+    const Bytes tiff = buildTiff(TiffSpec{});
+    const Bytes jpg = jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(resource8bim(0x0404, iptc))}});
+    const Records r = readBytes(jpg, 1);
+    EXPECT_EQ(r.exif.iptcLen, 8);
+    const std::size_t app13 = 2 + 4 + 6 + tiff.size();
+    EXPECT_EQ(r.exif.iptcOffset, static_cast<int>(app13 + 4 + 14 + 12));
+}
+
 TEST(MetareadExif, App13IsOnlyLookedAtAfterAnExifApp1) {
     const Bytes blocks = photoshopBlocks(iptcKeywords({"alpha", "beta"}), false);
     Records r = readBytes(jpegWith({{0xED, app13Payload(blocks)}}), 1);
