@@ -124,9 +124,13 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
 
         // Printed pixels first, in the order of a pixel-by-pixel walk: the
         // photos up to a ghost-forced one, each with its raw weight.
-        if constexpr (traceProbe || traceMerge) {
-            for (int x = 0; x < width; ++x) {
-                if (!((traceProbe && isProbePixel(x, y)) || (traceMerge && isSampledPixel(x, y)))) continue;
+        if constexpr (traceProbe != 0 || traceMerge != 0) {
+            // Only columns 250 and 260 hold probe pixels; the sampling behind
+            // traceMerge needs every column.
+            const int xFirst = traceMerge != 0 ? 0 : 250;
+            const int xLast = traceMerge != 0 ? width - 1 : (width - 1 < 260 ? width - 1 : 260);
+            for (int x = xFirst; x <= xLast; ++x) {
+                if (!((traceProbe != 0 && isProbePixel(x, y)) || (traceMerge != 0 && isSampledPixel(x, y)))) continue;
                 const int forced = removeGhost ? ghostPhoto(rowStart + x) : -1;
                 for (int p = 0; p < nbPhotos; ++p) {
                     if (p == forced) {
