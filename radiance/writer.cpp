@@ -32,8 +32,9 @@ bool writeMetadataHeader(std::FILE* f, int width, int height, const ExifRecord* 
         date[20] = '\0';
         if (camera[0] != '\0' && std::fprintf(f, "CAMERA=%s\n", camera) < 0) return false;
         if (date[0] != '\0') {
-            // A date that carries its own line feed ends the line with it.
-            const char* fmt = std::strchr(date, '\n') ? "CAPDATE=%s" : "CAPDATE=%s\n";
+            // A line feed anywhere in the 20 bytes of the field (even past a
+            // terminator) drops the format's own line feed.
+            const char* fmt = std::memchr(date, '\n', 20) ? "CAPDATE=%s" : "CAPDATE=%s\n";
             if (std::fprintf(f, fmt, date) < 0) return false;
         }
     }

@@ -216,6 +216,20 @@ TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
                                   std::string(32, 'p') + "\n" + tail);
 }
 
+TEST(RadianceWriter, DateLineFeedIsLookedForInAllTwentyBytes) {
+    // The line feed stands after the date's terminator: the whole field is
+    // searched, so the line gets no line feed of its own.
+    oltest::TempDir dir;
+    const Bytes px = photoPlanes(2, 1, 2);
+    const std::string path = dir.file("d.hdr");
+    ExifRecord e = emptyExif();
+    std::memcpy(e.date, "2020:01:02\0\n", 12);
+    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, "", px.data()), 1);
+    const Bytes f = oltest::readFile(path);
+    EXPECT_EQ(std::string(f.begin(), f.begin() + 62),
+              "#?RADIANCE\nCAPDATE=2020:01:02Generated with Ombrelumen Pro 4.0");
+}
+
 TEST(RadianceWriter, HeightZeroWritesTheHeaderOnly) {
     oltest::TempDir dir;
     const std::string path = dir.file("z.hdr");
