@@ -88,6 +88,21 @@ TEST(FusionTrace, OddLevelsAndHighlightCurve) {
     expectLines(text, {" mult : 1  4   puissance: 2  3\n", "== lapl nivo0  nivFine 9 x 7   nivCoarse 5 x 4  fin: 4 3\n"});
 }
 
+TEST(FusionTrace, HighlightCurveOfASaturatedStack) {
+    // Every pixel saturated: r = 1 > 0.2 for each photo, so powerLow is c + 1
+    // and powerHigh (c - 1) * 0.5 + 2 = 2.5, multHigh 1 / 0.640625^2.5.
+    Job job;
+    job.w = 8;
+    job.h = 6;
+    job.params[2] = 2.0f;
+    const std::string text = traceOf(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 255));
+    ASSERT_GE(job.status, 0);
+    expectLines(text, {"photo0 -  perc noisy: 0   sat: 100      surexNivo: 48\n",
+                       "photo2 -  perc noisy: 0   sat: 100      surexNivo: 144\n",
+                       " mult : 1  3   puissance: 3  2\n", " mult : 1  3   puissance: 3  2\n",
+                       " mult : 1  3   puissance: 3  2\n"});
+}
+
 TEST(FusionTrace, BlownPixelsCountAsZeroWeight) {
     // A float output makes the sharpening linear, so fval 0 weighs nothing:
     // with highlightCut every curve is 0 at 240, and no photo weighs any

@@ -136,6 +136,31 @@ TEST(FusionWeights, OnePhotoTakesAllButOneStep) {
     EXPECT_EQ(wt.at(poids, 0, 17), 255);
 }
 
+TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
+    // Three nearly equal photos, 120 < 128 < 136: ranks by brightness 2, 1, 0.
+    // With half = 1 a bias b multiplies the weights by 4^(b/4 * (1 - rank)).
+    Weights wt;
+    wt.w = 4;
+    wt.h = 2;
+    wt.bdp = 32;
+    std::vector<std::uint8_t> img(3 * 8 * 3);
+    std::fill_n(img.begin(), 24, 120);
+    std::fill_n(img.begin() + 24, 24, 128);
+    std::fill_n(img.begin() + 48, 24, 136);
+    const auto plain = wt.run(img);
+    wt.params[1] = 4.0f;
+    const auto bright = wt.run(img);
+    wt.params[1] = -4.0f;
+    const auto dark = wt.run(img);
+    auto ratio = [&](const std::vector<std::uint8_t>& p, int a, int b) { return wt.at(p, a, 0) / wt.at(p, b, 0); };
+    EXPECT_NEAR(ratio(bright, 2, 1) / ratio(plain, 2, 1), 4.0, 1e-4);
+    EXPECT_NEAR(ratio(bright, 1, 0) / ratio(plain, 1, 0), 4.0, 1e-4);
+    EXPECT_NEAR(ratio(dark, 0, 1) / ratio(plain, 0, 1), 4.0, 1e-4);
+    // A bias whose integer part is 0 is off.
+    wt.params[1] = 0.9f;
+    EXPECT_EQ(wt.run(img), plain);
+}
+
 TEST(FusionWeights, MidGreyWinsOverClippedPhotos) {
     Weights wt;
     wt.w = 4;
