@@ -97,7 +97,11 @@ TEST(MetawriteXmp, SmoothingTextsKeepTheirBlanks) {
 TEST(MetawriteXmp, GammaLineFollowsTheSlider) {
     float tm[15] = {};
     const std::vector<std::pair<float, std::string>> cases = {
-        {50.0f, "1.0"}, {0.0f, "2.0"}, {100.0f, "0.5"}, {25.0f, "1.4"}, {75.0f, "0.7"}, {-50.0f, "4.0"}};
+        {50.0f, "1.0"}, {0.0f, "2.0"}, {100.0f, "0.5"}, {25.0f, "1.4"}, {75.0f, "0.7"}, {-50.0f, "4.0"},
+        // Sliders whose gamma lies within a float's rounding of a printing
+        // boundary: the value is narrowed to float before it is printed, and
+        // the double alone would print the other digit.
+        {93.12482452392578f, "0.6"}, {46.480533599853516f, "1.0"}};
     for (const auto& [slider, text] : cases) {
         tm[8] = slider;
         EXPECT_EQ(lineOf(packet(1, tm), "Gamma"), text) << slider;
