@@ -121,11 +121,13 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
     const float maxT =
         static_cast<float>(std::log(static_cast<double>(deltaT[ordre[nPhotos - 1]])) / ln2);
     for (int k = 0; k < nPhotos; ++k) {
-        const double curT = std::log(static_cast<double>(deltaT[k])) / ln2;
+        // Rounded to float like minT and maxT, so that x is exactly 0 for the
+        // shortest exposure and 1 for the longest.
+        const float curT = static_cast<float>(std::log(static_cast<double>(deltaT[k])) / ln2);
         if (maxT > minT) {
-            const double x = (curT - minT) / static_cast<double>(maxT - minT);
-            saturationLevel[k] = truncToInt(64000.0 - 3840.0 * x);
-            noiseLevel[k] = truncToInt(3072.0 - 512.0 * x);
+            const float x = (curT - minT) / (maxT - minT);
+            saturationLevel[k] = truncToInt(64000.0 - 3840.0 * static_cast<double>(x));
+            noiseLevel[k] = truncToInt(3072.0 - 512.0 * static_cast<double>(x));
         } else {
             saturationLevel[k] = 64000;
             noiseLevel[k] = 3072;

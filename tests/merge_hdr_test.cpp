@@ -104,8 +104,9 @@ Result refMerge(int mode, const Stack& s, float gamma, const std::vector<float>&
     for (int k = 0; k < n; ++k) {
         inv[k] = 1.0f / dt[k];
         if (maxT > minT) {
-            const double x = (log2d(dt[k]) - minT) / (maxT - minT);
-            sat[k] = static_cast<int>(64000 - 3840 * x);
+            const float curT = static_cast<float>(log2d(dt[k]));
+            const float x = (curT - minT) / (maxT - minT);
+            sat[k] = static_cast<int>(64000 - 3840 * static_cast<double>(x));
         }
     }
     const int first = 0, middle = (s.spp - 1) / 2, last = s.spp - 1;
@@ -437,6 +438,31 @@ TEST(HdrMerge, EqualExposuresKeepTheFullSaturationLevel) {
     std::vector<float> spread = {1.0f, 2.0f, 4.0f};
     const Result r2 = runMerge(2, p.s, spread);
     EXPECT_TRUE(samePixel(pixelAt(r2, 1, 0, 0), ol::kRgbeBurnt));
+}
+
+TEST(HdrMerge, ShortestAndLongestExposuresKeepTheirSaturationLevels) {
+    // Whatever the exposures, the shortest frame has level 64000 and the
+    // longest 60160: log2 of each exposure is rounded to float as minT and
+    // maxT are, so x is exactly 0 and 1 at the two ends. Pixel 0 is at
+    // 64000 (level 250) in the shortest frame, pixel 1 at 60160 (235) in the
+    // longest; every other sample is 255. Neither pixel is burnt out.
+    const std::vector<std::vector<float>> exposures = {
+        {1.0f, 3.0f}, {0.3f, 1.0f}, {10.0f, 0.01f}, {3.0f, 0.3f, 0.0322580636f}, {5.0f, 0.7f, 6.0f, 3.0f}};
+    for (const std::vector<float>& dt : exposures) {
+        const int n = static_cast<int>(dt.size());
+        const int shortest = static_cast<int>(std::min_element(dt.begin(), dt.end()) - dt.begin());
+        const int longest = static_cast<int>(std::max_element(dt.begin(), dt.end()) - dt.begin());
+        Pixelwise p(n, 2);
+        for (int k = 0; k < n; ++k) {
+            p.set(k, 0, k == shortest ? 250 : 255);
+            p.set(k, 1, k == longest ? 235 : 255);
+        }
+        std::vector<float> dtIn = dt;
+        const Result r = runMerge(2, p.s, dtIn);
+        EXPECT_NE(pixelAt(r, 2, 0, 0).e, 255) << "shortest of " << n << ", first " << dt[0];
+        EXPECT_NE(pixelAt(r, 2, 1, 0).e, 255) << "longest of " << n << ", first " << dt[0];
+        expectSameResult(r, refMerge(2, p.s, 2.2f, dt), "saturation levels");
+    }
 }
 
 TEST(HdrMerge, SixteenBitLevelsFromHighBytesLutFromWholeWords) {
