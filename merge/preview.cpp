@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/alloc.hpp"
 #include "frame/numeric.hpp"
 #include "frame/rgbe.hpp"
 
@@ -34,18 +35,25 @@ inline void previewPixel(const RgbeRow& src, int x, float scale, const float* ta
 
 inline float previewScale(float mean) noexcept { return mean > 0.0f ? 128.0f / mean : 1.0f; }
 
+// The exponent table of one call; empty when it cannot be allocated.
+inline Owned<float> previewTable() noexcept {
+    Owned<float> table = makeOwned<float>(256);
+    if (table) fillRgbeExpTable(table.get());
+    return table;
+}
+
 }  // namespace
 }  // namespace ol
 
 extern "C" {
 
-// The exponent table is the library's read-only copy, so there is no
-// allocation to fail and -4 is never returned.
 int rgbe_rep(int width, int height, int dstStride, float mean, const unsigned char* rgbe,
              unsigned char* dst) {
     using namespace ol;
     if (height < 1) return 0;
-    const float* table = rgbeExpTable().v;
+    const Owned<float> owned = previewTable();
+    if (!owned) return -4;
+    const float* table = owned.get();
     const float scale = previewScale(mean);
     auto* planes = const_cast<std::uint8_t*>(rgbe);
     for (int y = 0; y < height; ++y) {
@@ -62,7 +70,9 @@ int hdr_rep8(int width, int height, int outWidth, int outHeight, int dstStride, 
     if (outHeight < 1) return 0;
     // Nothing to sample from, or no column to write.
     if (width < 1 || height < 1 || outWidth < 1) return 0;
-    const float* table = rgbeExpTable().v;
+    const Owned<float> owned = previewTable();
+    if (!owned) return -4;
+    const float* table = owned.get();
     const float scale = previewScale(mean);
     // One ratio for both axes, from the widths.
     const float ratio = static_cast<float>(width) / static_cast<float>(outWidth);

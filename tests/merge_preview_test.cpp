@@ -97,6 +97,24 @@ TEST(RgbeRep, MatchesTextOnRandomPlanes) {
     }
 }
 
+TEST(RgbeRep, FailedTableAllocationGivesMinusFour) {
+    // Both previews build their exponent table per call; when it cannot be
+    // had they report -4 and leave the output alone.
+    const Planes p = randomPlanes(6, 4, 13);
+    std::vector<std::uint8_t> out(4 * 18, 0xEE);
+    {
+        oltest::FailAllocation fail(1);
+        EXPECT_EQ(rgbe_rep(6, 4, 18, 10.0f, p.bytes.data(), out.data()), -4);
+    }
+    {
+        oltest::FailAllocation fail(1);
+        EXPECT_EQ(hdr_rep8(6, 4, 3, 2, 9, 10.0f, p.bytes.data(), out.data()), -4);
+    }
+    EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](std::uint8_t b) { return b == 0xEE; }));
+    EXPECT_EQ(rgbe_rep(6, 4, 18, 10.0f, p.bytes.data(), out.data()), 4);
+    EXPECT_EQ(hdr_rep8(6, 4, 3, 2, 9, 10.0f, p.bytes.data(), out.data()), 2);
+}
+
 TEST(HdrRep8, PointSamplingWithOneRatio) {
     const Planes p = randomPlanes(40, 30, 12);
     // Half width: columns and rows 0, 2, 4...; rows past the source are held
