@@ -359,7 +359,10 @@ void parseDescription(const char* t, std::size_t n, RawExif& raw) noexcept {
         if (v < lo) lo = v;
     }
     const std::int32_t m = truncToInt(static_cast<double>(hi + lo) * 0.5);
-    raw.iso = 200 * truncToInt(std::pow(2.0, static_cast<double>(m) / 30.0));
+    // Large colour numbers overflow the product: it wraps in unsigned
+    // arithmetic (the low 32 bits) instead of being undefined.
+    raw.iso = static_cast<std::int32_t>(
+        200u * static_cast<std::uint32_t>(truncToInt(std::pow(2.0, static_cast<double>(m) / 30.0))));
     if (a >= 1 && a <= 99998 && b > 0 && lastColour >= 1 && lastColour <= 99998) raw.mark = 2;
 }
 

@@ -416,6 +416,16 @@ TEST(MetareadDescription, FieldsAndRefusals) {
     EXPECT_EQ(r.iso, 0);
 }
 
+TEST(MetareadDescription, LargeColourNumbersWrapTheIso) {
+    // m = 750: 200 * 2^25 leaves 32 bits and keeps its low 32.
+    ol::RawExif r = describe("a, b, c, d, e, f, g, 1/60s, R750, G750, B750");
+    EXPECT_EQ(r.iso, static_cast<std::int32_t>(200u * 33554432u));
+    // m = 1000: 2^33.3 is no 32-bit integer (0x80000000), times 200 is 0.
+    r = describe("a, b, c, d, e, f, g, 1/60s, R1000, G1000, B1000");
+    EXPECT_EQ(r.iso, 0);
+    EXPECT_EQ(r.mark, 2);
+}
+
 TEST(MetareadIptc, ReadCodes) {
     TempDir dir;
     const std::string p = dir.file("f.bin");
