@@ -37,7 +37,9 @@ inline RgbePixel encodeRgbe(float a, float b, float c, RgbeForm form,
     float m = a;
     if (b > m) m = b;
     if (c > m) m = c;
-    if (guard == ZeroGuard::On && !(m > 1e-32f)) return kRgbeDark;
+    // The threshold is the double 1e-32; the nearest float, 1e-32f, lies just
+    // above it, so "m > 1e-32" in double is "m >= 1e-32f" in float.
+    if (guard == ZeroGuard::On && !(static_cast<double>(m) > 1e-32)) return kRgbeDark;
     int e = 0;
     const float f = std::frexp(m, &e);
     const float s = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(m));

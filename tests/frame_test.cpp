@@ -44,6 +44,11 @@ TEST(Rgbe, EncodesAndDecodesToTimes256) {
 TEST(Rgbe, GuardAndMarkers) {
     const RgbePixel dark = encodeRgbe(1e-33f, 0.0f, 0.0f, RgbeForm::Wrapped);
     EXPECT_EQ(std::memcmp(&dark, &kRgbeDark, 4), 0);
+    // The guard compares with the double 1e-32: the float 1e-32f is above it
+    // and is encoded; the float just below it is not.
+    EXPECT_NE(encodeRgbe(1e-32f, 0.0f, 0.0f, RgbeForm::Wrapped).e, 0);
+    const RgbePixel below = encodeRgbe(std::nextafter(1e-32f, 0.0f), 0.0f, 0.0f, RgbeForm::Wrapped);
+    EXPECT_EQ(std::memcmp(&below, &kRgbeDark, 4), 0);
     // Without the guard a zero triple has a NaN scale: mantissas 0, exponent 128.
     const RgbePixel z = encodeRgbe(0.0f, 0.0f, 0.0f, RgbeForm::Clamped, ZeroGuard::Off);
     EXPECT_EQ(z.r, 0);
