@@ -48,6 +48,15 @@ TEST(MergeTrace, HeaderFramesWeightsAndSamplePixels) {
         "photo1   saturationLevel: 60160     beta:  5.72\n" +
         pixelLines("0.13", "0.58");
     EXPECT_EQ(got, want);
+
+    // Exposures whose log2 is not a float: the ends still get 64000 and 60160.
+    const std::string odd = mergeTwoFrames(8, {1.0f, 3.0f}, -1.0f);
+    const std::string frames =
+        "0  minT: 0.00 maxT: 1.58  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n"
+        "1  minT: 0.00 maxT: 1.58  curT: 1.58      saturationLevel: 60160  235   noiseLevel: 10\n"
+        "photo0   saturationLevel: 64000     beta:  4.40\n"
+        "photo1   saturationLevel: 60160     beta:  5.72\n";
+    EXPECT_NE(odd.find(frames), std::string::npos) << odd.substr(0, 400);
 }
 
 TEST(MergeTrace, SixteenBitLinesIndexTheLutByHighByte) {
