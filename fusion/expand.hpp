@@ -166,6 +166,6 @@ inline void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRun
 
 // Pixels per span, so that the values of a span fit a small stack table.
 inline constexpr int kSpanSamples = 3072;
-inline int spanPixels(int ch) noexcept { return (kSpanSamples / ch) & ~1; }
+inline int spanPixels(int ch) noexcept { return ch > 0 ? (kSpanSamples / ch) & ~1 : 0; }
 
 }  // namespace ol
