@@ -142,7 +142,9 @@ OL_API int ol_io_read_preview_rgbe(int width, int height, int previewWidth, int 
             if (src.read(line.get(), rowBytes) != rowBytes) return -1;
             if (y != wantRow) continue;
             std::uint8_t* row = preview + static_cast<std::size_t>(j) * 4u * pw;
-            for (std::size_t i = 0; i < pw; ++i) {
+            // A row of no width has no column to take (the limit width-1
+            // would point before it): the output is left as it was.
+            for (std::size_t i = 0; width > 0 && i < pw; ++i) {
                 int c = truncToInt(static_cast<float>(i) * xRatio);
                 if (c > width - 1) c = width - 1;
                 if (c < 0) c = 0;  // only for a ratio that is not a number

@@ -368,6 +368,13 @@ TEST(RadiancePreview, FlatFormAndTheBudget) {
     Bytes third = radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7));
     oltest::writeFile(path, third);
     EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), -200);
+
+    // A picture of no width in flat form has no column to take: the rows are
+    // counted and the output is left alone.
+    oltest::writeFile(path, radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)));
+    Bytes o3(64, 0xEE);
+    EXPECT_EQ(ol_io_read_preview_rgbe(0, 2, 4, 2, path.c_str(), o3.data()), 3);
+    EXPECT_EQ(o3, Bytes(64, 0xEE));
 }
 
 TEST(RadianceHeader, ExtractsValuesAsFractions) {
