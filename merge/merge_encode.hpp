@@ -21,7 +21,9 @@ inline RgbePixel encodeMergePixel(float r, float g, float b) noexcept {
     float m = r;
     if (g > m) m = g;
     if (b > m) m = b;
-    if (!(m > 1e-32f)) return kRgbeDark;
+    // The threshold is the double 1e-32, as in encodeRgbe (1e-32f itself lies
+    // just above it and is encoded).
+    if (!(static_cast<double>(m) > 1e-32)) return kRgbeDark;
     if (m >= kMergeBurnt) return kRgbeBurnt;
     const std::uint32_t bits = std::bit_cast<std::uint32_t>(m);
     const int e = static_cast<int>(bits >> 23) - 126;  // frexp exponent

@@ -114,6 +114,8 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
     const __m256 zero = _mm256_setzero_ps();
     const __m256 burntValue = _mm256_set1_ps(kMergeBurnt);
     const __m256d k02 = _mm256_set1_pd(0.2), k07 = _mm256_set1_pd(0.7), k01 = _mm256_set1_pd(0.1);
+    // m > 1e-32 in double is m >= 1e-32f in float: 1e-32f is the nearest
+    // float to 1e-32 and lies just above it.
     const __m256 tiny = _mm256_set1_ps(1e-32f);
     const __m256i allPhotos = _mm256_set1_epi32(n);
     const __m256i i0 = _mm256_setzero_si256(), i255 = _mm256_set1_epi32(255);
@@ -196,7 +198,7 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
             // Encoding: m as the plain kernel picks it (a NaN stays where it
             // was first), the scale 2^(8-e) from the exponent bits.
             const __m256 m = _mm256_max_ps(B, _mm256_max_ps(G, R));
-            const __m256i notDark = _mm256_castps_si256(_mm256_cmp_ps(m, tiny, _CMP_GT_OQ));
+            const __m256i notDark = _mm256_castps_si256(_mm256_cmp_ps(m, tiny, _CMP_GE_OQ));
             const __m256i burnt = _mm256_castps_si256(_mm256_cmp_ps(m, burntValue, _CMP_GE_OQ));
             const __m256i e = _mm256_sub_epi32(_mm256_srli_epi32(_mm256_castps_si256(m), 23), i126);
             const __m256 scale = _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_sub_epi32(i135, e), 23));

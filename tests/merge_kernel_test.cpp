@@ -1,6 +1,7 @@
 // The vector kernel of the merge against the plain one, on tables that reach
 // the corners: zero and tiny weights, huge, negative and infinite inverse
 // exposures, sums that overflow, every sample layout.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -107,6 +108,41 @@ TEST(MergeKernel, WildTablesReachEveryEncodingBranch) {
     EXPECT_GT(dark, 0);
     EXPECT_GT(burnt, 0);
     EXPECT_GT(negativeChannel, 0);
+}
+
+TEST(MergeKernel, ValueAtTheDarknessThresholdIsEncoded) {
+    // 1e-32f lies just above the threshold 1e-32, so a pixel of that value
+    // is encoded, not marked dark; the float just below it is dark.
+    const float below = std::nextafter(1e-32f, 0.0f);
+    const ol::RgbePixel at = ol::encodeMergePixel(1e-32f, 0.0f, 0.0f);
+    const ol::RgbePixel want = ol::encodeRgbe(1e-32f, 0.0f, 0.0f, ol::RgbeForm::Clamped);
+    EXPECT_NE(at.e, 0);
+    EXPECT_EQ(std::memcmp(&at, &want, 4), 0);
+    const ol::RgbePixel dark = ol::encodeMergePixel(below, below, below);
+    EXPECT_EQ(std::memcmp(&dark, &ol::kRgbeDark, 4), 0);
+
+    // The same through both kernels: one frame of weight 1 and exposure 1,
+    // 8 pixels of level 1 (lut 1e-32f) and 8 of level 2 (the float below).
+    KernelCase s = makeSetup(1, 16, 1, 1, 8, 3, false);
+    for (int x = 0; x < 16; ++x) s.photos[x] = x < 8 ? 1 : 2;
+    std::fill(s.weights.begin(), s.weights.end(), 1.0f);
+    s.lut[1] = 1e-32f;
+    s.lut[2] = below;
+    s.visits[0].invT = 1.0f;
+    s.visits[0].darkLevel = 0;
+    const ol::RgbePixel grey = ol::encodeRgbe(1e-32f, 1e-32f, 1e-32f, ol::RgbeForm::Clamped);
+    ASSERT_NE(grey.e, 0);
+    bool ran = false;
+    const Output v = run(s, true, &ran);
+    const Output p = run(s, false);
+    for (const Output* o : {&p, &v}) {
+        if (o == &v && !ran) continue;
+        for (int x = 0; x < 16; ++x) {
+            const ol::RgbePixel px{o->rgbe[x], o->rgbe[16 + x], o->rgbe[32 + x], o->rgbe[48 + x]};
+            const ol::RgbePixel expect = x < 8 ? grey : ol::kRgbeDark;
+            EXPECT_EQ(std::memcmp(&px, &expect, 4), 0) << x << (o == &v ? " vector" : " plain");
+        }
+    }
 }
 
 }  // namespace
