@@ -48,15 +48,25 @@ struct Tap {
 };
 
 // Source position of destination index d: trunc(d * ratio) and its fraction.
-// An enlarging call would reach one past the last source pixel through the
-// +1 tap; that tap is held on the last pixel so the read stays inside.
-inline Tap tapFor(int d, float ratio, int srcSize) noexcept {
+// A call that enlarges twofold or more reaches one past the last source
+// pixel through the +1 tap. A row tap there would lie past the buffer: it is
+// held on the last row. A column tap is the pixel that follows the row in
+// memory, which the caller's buffer holds on every row but the last (see
+// columnTap).
+inline Tap tapFor(int d, float ratio, int srcSize, bool holdLast) noexcept {
     const float f = static_cast<float>(d) * ratio;
     const int i = truncToInt(f);
     Tap t{i, i + 1, f - static_cast<float>(i)};
-    if (t.i1 > srcSize - 1) t.i1 = srcSize - 1;
+    if (holdLast && t.i1 > srcSize - 1) t.i1 = srcSize - 1;
     if (t.i0 > srcSize - 1) t.i0 = srcSize - 1;
     return t;
+}
+
+// The +1 column tap on source row `row`: one past the row's end reads on
+// into the memory after it, except on the last row, where that memory is not
+// the caller's and the last pixel stands in.
+inline int columnTap(int i1, int row, int srcW, int srcH) noexcept {
+    return i1 > srcW - 1 && row >= srcH - 1 ? srcW - 1 : i1;
 }
 
 template <class T>
@@ -66,23 +76,24 @@ void bilinear(int srcW, int srcH, int srcStride, int dstW, int dstH, int dstStri
     const float sy = static_cast<float>(srcH) / static_cast<float>(dstH);
     const int nSamples = spp > 1 ? 3 : 1;
     for (int y = 0; y < dstH - 1; ++y) {
-        const Tap ty = tapFor(y, sy, srcH);
+        const Tap ty = tapFor(y, sy, srcH, true);
         const float b = ty.frac;
         const T* r0 = src + static_cast<std::size_t>(ty.i0) * srcStride;
         const T* r1 = src + static_cast<std::size_t>(ty.i1) * srcStride;
         T* out = dst + static_cast<std::size_t>(y) * dstStride;
         for (int x = 0; x < dstW - 1; ++x) {
-            const Tap tx = tapFor(x, sx, srcW);
+            const Tap tx = tapFor(x, sx, srcW, false);
             const float a = tx.frac;
             const float w00 = (1.0f - a) * (1.0f - b), w10 = a * (1.0f - b);
             const float w01 = (1.0f - a) * b, w11 = a * b;
             const std::size_t p0 = static_cast<std::size_t>(tx.i0) * spp;
-            const std::size_t p1 = static_cast<std::size_t>(tx.i1) * spp;
+            const std::size_t p1r0 = static_cast<std::size_t>(columnTap(tx.i1, ty.i0, srcW, srcH)) * spp;
+            const std::size_t p1r1 = static_cast<std::size_t>(columnTap(tx.i1, ty.i1, srcW, srcH)) * spp;
             for (int s = 0; s < nSamples; ++s) {
                 const float v = w00 * static_cast<float>(r0[p0 + s]) +
-                                w10 * static_cast<float>(r0[p1 + s]) +
+                                w10 * static_cast<float>(r0[p1r0 + s]) +
                                 w01 * static_cast<float>(r1[p0 + s]) +
-                                w11 * static_cast<float>(r1[p1 + s]);
+                                w11 * static_cast<float>(r1[p1r1 + s]);
                 out[static_cast<std::size_t>(x) * spp + s] = static_cast<T>(truncToInt(v));
             }
         }
@@ -111,7 +122,7 @@ int bilinearRgbe(int srcW, int srcH, int dstW, int dstH, const std::uint8_t* src
     for (int e = 0; e < 256; ++e) table[e] = static_cast<float>(std::ldexp(1.0, e - 136));
     const float sx = static_cast<float>(srcW) / static_cast<float>(dstW);
     const float sy = static_cast<float>(srcH) / static_cast<float>(dstH);
-    for (int x = 0; x < dstW; ++x) cols[x] = tapFor(x, sx, srcW);
+    for (int x = 0; x < dstW; ++x) cols[x] = tapFor(x, sx, srcW, false);
     const std::size_t srcRow = 4u * static_cast<std::size_t>(srcW);
     const std::size_t dstRow = 4u * static_cast<std::size_t>(dstW);
     auto decode = [&](const std::uint8_t* row, int x, float* rgb) {
@@ -121,7 +132,7 @@ int bilinearRgbe(int srcW, int srcH, int dstW, int dstH, const std::uint8_t* src
                             : static_cast<float>(row[c * static_cast<std::size_t>(srcW) + x]) * table[e];
     };
     for (int y = 0; y < dstH - 1; ++y) {
-        const Tap ty = tapFor(y, sy, srcH);
+        const Tap ty = tapFor(y, sy, srcH, true);
         const float b = ty.frac;
         const std::uint8_t* r0 = src + static_cast<std::size_t>(ty.i0) * srcRow;
         const std::uint8_t* r1 = src + static_cast<std::size_t>(ty.i1) * srcRow;
@@ -134,10 +145,13 @@ int bilinearRgbe(int srcW, int srcH, int dstW, int dstH, const std::uint8_t* src
             const float w00 = (1.0f - a) * (1.0f - b), w10 = a * (1.0f - b);
             const float w01 = (1.0f - a) * b, w11 = a * b;
             float p00[3], p10[3], p01[3], p11[3], v[3];
+            // Pixel srcW of a row is read through the runs as they lie:
+            // run c + 1's first byte, and the next row's first for the
+            // exponent.
             decode(r0, tx.i0, p00);
-            decode(r0, tx.i1, p10);
+            decode(r0, columnTap(tx.i1, ty.i0, srcW, srcH), p10);
             decode(r1, tx.i0, p01);
-            decode(r1, tx.i1, p11);
+            decode(r1, columnTap(tx.i1, ty.i1, srcW, srcH), p11);
             for (int c = 0; c < 3; ++c) v[c] = w00 * p00[c] + w10 * p10[c] + w01 * p01[c] + w11 * p11[c];
             storeRgbe(orow, x, encodeRgbe(v[0], v[1], v[2], RgbeForm::Wrapped));
         }

@@ -2,6 +2,7 @@
 // shrinkers, on small levels computed by hand.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -293,6 +294,49 @@ TEST(FusionDownsample, BilinearBlendsAndCopiesTheLastRowAndColumn) {
     EXPECT_EQ(dst[4], static_cast<int>((1 - a) * (1 - a) * 60 + a * (1 - a) * 70 + (1 - a) * a * 110 + a * a * 120));
     EXPECT_EQ(std::vector<int>(dst.begin() + 6, dst.end()), std::vector<int>(dst.begin() + 3, dst.begin() + 6));
     EXPECT_EQ(ol_downsample(4, 4, 4, 3, 3, 3, 1, 12, src.data(), dst.data()), 3);  // unknown depth
+}
+
+TEST(FusionDownsample, EnlargingReadsThePixelAfterTheRowEnd) {
+    // 2x2 to 8x8: column 6 stands at fx = 1.5, so its +1 tap is pixel 2 of
+    // a two-pixel row, the sample that follows the row in the buffer (the
+    // next row's first). On the last source row that sample would lie past
+    // the buffer: there the last pixel stands in for it.
+    const std::vector<std::uint8_t> src{10, 20, 30, 40};
+    std::vector<std::uint8_t> dst(64, 0);
+    EXPECT_EQ(ol_downsample(2, 2, 2, 8, 8, 8, 1, 8, src.data(), dst.data()), 7);
+    EXPECT_EQ(dst[6], 25);          // 0.5 * 20 + 0.5 * 30
+    EXPECT_EQ(dst[7], 25);          // last column copies its left neighbour
+    EXPECT_EQ(dst[2 * 8 + 6], 32);  // fy = 0.5: 0.25 * (20 + 30 + 40 + 40), row 1's tap held
+    EXPECT_EQ(dst[4 * 8 + 6], 40);  // source row 1 alone
+
+    // 16 bits, three samples a pixel: the tap reads the next row's samples.
+    const std::vector<std::uint16_t> s16{100, 200, 300, 1000, 2000, 3000, 5000, 6000, 7000, 9000, 9100, 9200};
+    std::vector<std::uint16_t> d16(8 * 2 * 3, 0);
+    EXPECT_EQ(ol_downsample(2, 2, 6, 8, 2, 24, 3, 16, s16.data(), d16.data()), 1);
+    EXPECT_EQ(d16[6 * 3 + 0], 3000);  // 0.5 * 1000 + 0.5 * 5000
+    EXPECT_EQ(d16[6 * 3 + 2], 5000);  // 0.5 * 3000 + 0.5 * 7000
+
+    // Packed radiance rows: pixel 2 of run c is the first byte of run c + 1,
+    // and its exponent is the first byte of the next row.
+    std::vector<std::uint8_t> rg(2 * 2 * 4);
+    const std::uint8_t row0[8] = {64, 128, 96, 32, 200, 16, 130, 130};
+    const std::uint8_t row1[8] = {131, 20, 40, 40, 60, 60, 129, 129};
+    std::memcpy(rg.data(), row0, 8);
+    std::memcpy(rg.data() + 8, row1, 8);
+    std::vector<std::uint8_t> dr(8 * 2 * 4, 0);
+    EXPECT_EQ(ol_downsample(2, 2, 0, 8, 2, 0, 0, 32, rg.data(), dr.data()), 1);
+    // Tap (1,0): 128, 32, 16 at exponent 130; tap (2,0): 96, 200, 130 at
+    // exponent 131. Half of each, in units of 2^(e-136).
+    const float r = 0.5f * 128 * 0.015625f + 0.5f * 96 * 0.03125f;
+    const float g = 0.5f * 32 * 0.015625f + 0.5f * 200 * 0.03125f;
+    const float b = 0.5f * 16 * 0.015625f + 0.5f * 130 * 0.03125f;
+    int e = 0;
+    const float f = std::frexp(g, &e);
+    const float scale = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(g));
+    EXPECT_EQ(dr[6], static_cast<int>(r * scale));
+    EXPECT_EQ(dr[8 + 6], static_cast<int>(g * scale));
+    EXPECT_EQ(dr[16 + 6], static_cast<int>(b * scale));
+    EXPECT_EQ(dr[24 + 6], e + 128);
 }
 
 TEST(FusionDownsample, PackedRgbeHalvesAndReencodes) {
