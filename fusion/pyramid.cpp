@@ -180,6 +180,14 @@ struct Reducer {
     }
 };
 
+// One sample of a pyramid for the diagnostic lines, as an integer.
+[[maybe_unused]] int sampleValue(const void* buffer, int bps, int off) noexcept {
+    if (bps == 8) return static_cast<const std::uint8_t*>(buffer)[off];
+    if (bps == 16) return static_cast<const std::uint16_t*>(buffer)[off];
+    if (bps == 32) return truncToInt(static_cast<const float*>(buffer)[off]);
+    return 0;
+}
+
 template <class T>
 void reduceLevel(int wF, int hF, int wC, int hC, int ch, int wrapX, int initFine, int initCoarse,
                  void* buffer) noexcept {
@@ -208,15 +216,14 @@ void fusion21a(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int
         reduceLevel<float>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine, initCoarse,
                            buffer);
     if constexpr (traceStats) {
-        // One sampled coarse pixel per level: the centre.
+        // One sampled coarse pixel per level: the centre, channel 0.
         const int cx = wCoarse / 2, cy = hCoarse / 2;
         const int off = initCoarse + (cy * wCoarse + cx) * channels;
-        int v = 0;
-        if (bps == 8) v = static_cast<const std::uint8_t*>(buffer)[off];
-        else if (bps == 16) v = static_cast<const std::uint16_t*>(buffer)[off];
-        else if (bps == 32) v = truncToInt(static_cast<const float*>(buffer)[off]);
+        const int fine = initFine + (2 * cy * wFine + 2 * cx) * channels;
+        std::fprintf(stderr, "%d,%d %d   Fine: %d   Coarse: %d\n", cx, cy, channels,
+                     sampleValue(buffer, bps, fine), sampleValue(buffer, bps, off));
         std::fprintf(stderr, "Down %d,%d %d   Fine: %d   Coarse: %d\n", cx, cy, channels,
-                     initFine, v);
+                     initFine, sampleValue(buffer, bps, off));
     }
 }
 
@@ -232,6 +239,13 @@ int adjust21(int nivo, int width, int height, int bps, int wrapX, void* buffer) 
         const int initCoarse = initFine + w * h;
         fusion21a(w, h, wc, hc, 1, bps, wrapX, initFine, initCoarse, nullptr, buffer,
                   "fusion21a");
+        if constexpr (traceFlow) {
+            // The centre of the new level beside the fine pixel it stands on.
+            const int cx = wc / 2, cy = hc / 2;
+            std::fprintf(stderr, "adjust21a %dx%d    %d  ->  %d       %d,%d\n", w, h,
+                         sampleValue(buffer, bps, initFine + 2 * cy * w + 2 * cx),
+                         sampleValue(buffer, bps, initCoarse + cy * wc + cx), cx, cy);
+        }
         initFine = initCoarse;
         w = wc;
         h = hc;

@@ -58,6 +58,8 @@ TEST(FusionTrace, DiskRunPrintsEveryStage) {
         "adjust21  - rangMax: 1\n",
         "gauss_pyram nivo0  nivFine 8 x 6   nivCoarse 4 x 3\n",
         "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 48\n",
+        "2,1 1   Fine: ",
+        "adjust21a 8x6    ",
         "retour adjust21: 1\n",
         "retour dump pyramPoids: 60\n",
         "== lapl nivo0  nivFine 8 x 6   nivCoarse 4 x 3  fin: 4 3\n",
