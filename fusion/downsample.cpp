@@ -75,12 +75,27 @@ void bilinear(int srcW, int srcH, int srcStride, int dstW, int dstH, int dstStri
     const float sx = static_cast<float>(srcW) / static_cast<float>(dstW);
     const float sy = static_cast<float>(srcH) / static_cast<float>(dstH);
     const int nSamples = spp > 1 ? 3 : 1;
+    // With two samples a pixel the third blended sample is the next pixel's
+    // first, which after the last pixel of the last row lies past either
+    // buffer: such a read counts as 0 and such a write is dropped. Every
+    // other access is as written.
+    const bool guard = spp == 2;
+    const std::size_t srcLimit =
+        static_cast<std::size_t>(srcH - 1) * srcStride + static_cast<std::size_t>(srcW) * spp;
+    const std::size_t dstLimit =
+        static_cast<std::size_t>(dstH - 1) * dstStride + static_cast<std::size_t>(dstW) * spp;
+    auto rd = [&](std::size_t i) -> float {
+        return guard && i >= srcLimit ? 0.0f : static_cast<float>(src[i]);
+    };
+    auto wr = [&](std::size_t i, T v) {
+        if (!(guard && i >= dstLimit)) dst[i] = v;
+    };
     for (int y = 0; y < dstH - 1; ++y) {
         const Tap ty = tapFor(y, sy, srcH, true);
         const float b = ty.frac;
-        const T* r0 = src + static_cast<std::size_t>(ty.i0) * srcStride;
-        const T* r1 = src + static_cast<std::size_t>(ty.i1) * srcStride;
-        T* out = dst + static_cast<std::size_t>(y) * dstStride;
+        const std::size_t r0 = static_cast<std::size_t>(ty.i0) * srcStride;
+        const std::size_t r1 = static_cast<std::size_t>(ty.i1) * srcStride;
+        const std::size_t out = static_cast<std::size_t>(y) * dstStride;
         for (int x = 0; x < dstW - 1; ++x) {
             const Tap tx = tapFor(x, sx, srcW, false);
             const float a = tx.frac;
@@ -90,26 +105,24 @@ void bilinear(int srcW, int srcH, int srcStride, int dstW, int dstH, int dstStri
             const std::size_t p1r0 = static_cast<std::size_t>(columnTap(tx.i1, ty.i0, srcW, srcH)) * spp;
             const std::size_t p1r1 = static_cast<std::size_t>(columnTap(tx.i1, ty.i1, srcW, srcH)) * spp;
             for (int s = 0; s < nSamples; ++s) {
-                const float v = w00 * static_cast<float>(r0[p0 + s]) +
-                                w10 * static_cast<float>(r0[p1r0 + s]) +
-                                w01 * static_cast<float>(r1[p0 + s]) +
-                                w11 * static_cast<float>(r1[p1r1 + s]);
-                out[static_cast<std::size_t>(x) * spp + s] = static_cast<T>(truncToInt(v));
+                const float v = w00 * rd(r0 + p0 + s) + w10 * rd(r0 + p1r0 + s) +
+                                w01 * rd(r1 + p0 + s) + w11 * rd(r1 + p1r1 + s);
+                wr(out + static_cast<std::size_t>(x) * spp + s, static_cast<T>(truncToInt(v)));
             }
         }
         // The last column repeats its left neighbour. A destination width of 1
         // has no left neighbour: nothing is copied then.
         if (dstW >= 2)
             for (int s = 0; s < nSamples; ++s)
-                out[static_cast<std::size_t>(dstW - 1) * spp + s] =
-                    out[static_cast<std::size_t>(dstW - 2) * spp + s];
+                wr(out + static_cast<std::size_t>(dstW - 1) * spp + s,
+                   dst[out + static_cast<std::size_t>(dstW - 2) * spp + s]);
     }
     if (dstH >= 2) {
-        T* last = dst + static_cast<std::size_t>(dstH - 1) * dstStride;
-        const T* above = last - dstStride;
+        const std::size_t last = static_cast<std::size_t>(dstH - 1) * dstStride;
+        const std::size_t above = last - dstStride;
         for (int x = 0; x < dstW; ++x)
             for (int s = 0; s < nSamples; ++s)
-                last[static_cast<std::size_t>(x) * spp + s] = above[static_cast<std::size_t>(x) * spp + s];
+                wr(last + static_cast<std::size_t>(x) * spp + s, dst[above + static_cast<std::size_t>(x) * spp + s]);
     }
 }
 

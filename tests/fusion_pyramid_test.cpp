@@ -339,6 +339,23 @@ TEST(FusionDownsample, EnlargingReadsThePixelAfterTheRowEnd) {
     EXPECT_EQ(dr[24 + 6], e + 128);
 }
 
+TEST(FusionDownsample, TwoSamplesAPixelStayInsideTheBuffers) {
+    // With two samples a pixel the third blended sample is the next pixel's
+    // first; after the last pixel it would lie past both buffers. Buffers of
+    // exactly the image's size (the sanitizer builds see any access beyond).
+    std::vector<std::uint8_t> src(4 * 3 * 2);
+    for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<std::uint8_t>(10 + 7 * i);
+    std::vector<std::uint8_t> dst(3 * 2 * 2, 0);
+    EXPECT_EQ(ol_downsample(4, 3, 8, 3, 2, 6, 2, 8, src.data(), dst.data()), 1);
+    // Row 0 from source row 0 at columns 0 and 4/3; the last column and the
+    // last row are copies.
+    EXPECT_EQ(dst[0], 10);
+    EXPECT_EQ(dst[1], 17);
+    EXPECT_EQ(dst[4], dst[2]);
+    EXPECT_EQ(dst[5], dst[3]);
+    EXPECT_EQ(std::vector<int>(dst.begin() + 6, dst.end()), std::vector<int>(dst.begin(), dst.begin() + 6));
+}
+
 TEST(FusionDownsample, PackedRgbeHalvesAndReencodes) {
     // 2x2 source, all pixels mantissa 128 at exponent 130: 2.0 each.
     std::vector<std::uint8_t> src(2 * 2 * 4);
