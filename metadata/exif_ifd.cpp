@@ -217,54 +217,32 @@ std::size_t putGpsIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, in
     entry += 12;
 
     std::size_t cursor = data;
-    if constexpr (traceFiles) {
-        if (tiff) std::fprintf(stdout, "buf2tif - lat_ref: %d  \n", gps->lat_ref);
-    }
-    if (refPresent(gps->lat_ref)) {
-        putRefEntry(entry, 1, gps->lat_ref);
-        entry += 12;
-    }
-    if constexpr (traceFiles) {
-        if (tiff) std::fprintf(stdout, "buf2tif - latitude: %d  \n", static_cast<int>(gps->latitude[0]));
-    }
-    if (lat) {
-        putEntry(entry, 2, kTiffRational, 3, offsetOf(cursor));
-        entry += 12;
-        cursor += 24;
-    }
-    if constexpr (traceFiles) {
-        if (tiff) std::fprintf(stdout, "buf2tif - long_ref: %d  \n", gps->long_ref);
-    }
-    if (refPresent(gps->long_ref)) {
-        putRefEntry(entry, 3, gps->long_ref);
-        entry += 12;
-    }
-    if constexpr (traceFiles) {
-        if (tiff) std::fprintf(stdout, "buf2tif - longitude: %d  \n", static_cast<int>(gps->longitude[0]));
-    }
-    if (lon) {
-        putEntry(entry, 4, kTiffRational, 3, offsetOf(cursor));
-        entry += 12;
-        cursor += 24;
-    }
-    if constexpr (traceFiles) {
-        if (tiff) std::fprintf(stdout, "buf2tif - alt_ref: %d  \n", gps->alt_ref);
-    }
-    // Written as a two-byte ASCII item like the other references, not as the
-    // BYTE that the Exif standard gives GPSAltitudeRef; readers of the files
-    // this writer has always produced expect it so.
-    if (refPresent(gps->alt_ref)) {
-        putRefEntry(entry, 5, gps->alt_ref);
-        entry += 12;
-    }
-    if constexpr (traceFiles) {
-        if (tiff) std::fprintf(stdout, "buf2tif - altitude: %d  \n", static_cast<int>(gps->altitude[0]));
-    }
-    if (alt) {
-        putEntry(entry, 6, kTiffRational, 1, offsetOf(cursor));
-        entry += 12;
-        cursor += 8;
-    }
+    // A reference entry (inline) and the entry of its `count` rationals (in
+    // the data area) behind it, each value announced on the trace first.
+    const auto refAndRationals = [&](std::uint16_t tag, const char* refName, char ref, const char* valueName,
+                                     std::uint32_t first, bool present, std::uint32_t count) {
+        if constexpr (traceFiles) {
+            if (tiff) std::fprintf(stdout, "buf2tif - %s: %d  \n", refName, ref);
+        }
+        if (refPresent(ref)) {
+            putRefEntry(entry, tag, ref);
+            entry += 12;
+        }
+        if constexpr (traceFiles) {
+            if (tiff) std::fprintf(stdout, "buf2tif - %s: %d  \n", valueName, static_cast<int>(first));
+        }
+        if (present) {
+            putEntry(entry, static_cast<std::uint16_t>(tag + 1), kTiffRational, count, offsetOf(cursor));
+            entry += 12;
+            cursor += 8 * static_cast<std::size_t>(count);
+        }
+    };
+    refAndRationals(1, "lat_ref", gps->lat_ref, "latitude", gps->latitude[0], lat, 3);
+    refAndRationals(3, "long_ref", gps->long_ref, "longitude", gps->longitude[0], lon, 3);
+    // GPSAltitudeRef is written as a two-byte ASCII item like the other
+    // references, not as the BYTE that the Exif standard gives it; readers
+    // of the files this writer has always produced expect it so.
+    refAndRationals(5, "alt_ref", gps->alt_ref, "altitude", gps->altitude[0], alt, 1);
     if constexpr (traceFiles) {
         if (tiff) std::fprintf(stdout, "buf2tif - timestamp: %d  \n", static_cast<int>(gps->timestamp[0]));
     }
@@ -283,37 +261,22 @@ std::size_t putGpsIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, in
     }
 
     // The data area: latitude, longitude, altitude, timestamp, date.
-    if (lat) {
+    const auto putData = [&](bool present, const std::uint32_t* words, int count, const char* name) {
+        if (!present) return;
         if constexpr (traceFiles) {
-            if (tiff) std::fprintf(stdout, "buf2tif - ecriture lat\n");
-            if (!tiff)
-                for (int i = 0; i < 6; ++i)
-                    std::fprintf(stdout, "gpsBuf[%d]: %d \n", i, static_cast<int>(gps->latitude[i]));
+            if (tiff) std::fprintf(stdout, "buf2tif - ecriture %s\n", name);
         }
-        putRationals(out + data, gps->latitude, 3);
-        data += 24;
+        putRationals(out + data, words, count);
+        data += 8 * static_cast<std::size_t>(count);
+    };
+    if constexpr (traceFiles) {
+        if (lat && !tiff)
+            for (int i = 0; i < 6; ++i) std::fprintf(stdout, "gpsBuf[%d]: %d \n", i, static_cast<int>(gps->latitude[i]));
     }
-    if (lon) {
-        if constexpr (traceFiles) {
-            if (tiff) std::fprintf(stdout, "buf2tif - ecriture long\n");
-        }
-        putRationals(out + data, gps->longitude, 3);
-        data += 24;
-    }
-    if (alt) {
-        if constexpr (traceFiles) {
-            if (tiff) std::fprintf(stdout, "buf2tif - ecriture alt\n");
-        }
-        putRationals(out + data, gps->altitude, 1);
-        data += 8;
-    }
-    if (time) {
-        if constexpr (traceFiles) {
-            if (tiff) std::fprintf(stdout, "buf2tif - ecriture time\n");
-        }
-        putRationals(out + data, gps->timestamp, 3);
-        data += 24;
-    }
+    putData(lat, gps->latitude, 3, "lat");
+    putData(lon, gps->longitude, 3, "long");
+    putData(alt, gps->altitude, 1, "alt");
+    putData(time, gps->timestamp, 3, "time");
     if constexpr (traceFiles) {
         if (!tiff) std::fprintf(stdout, "write_exif_buf gpsDatestampLen %d \n", gpsDateLen);
     }

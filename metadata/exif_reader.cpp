@@ -217,39 +217,36 @@ void parseGpsIfd(ReadStream& s, std::int64_t base, RawExif& raw) noexcept {
         const std::int64_t next = s.tell();
         if (!s.seek(base + value)) continue;
         const std::uint32_t n = cnt < 3 ? cnt : 3;
+        // A reference is the first byte of the value field; a position is
+        // three rationals at the offset.
+        const auto readRef = [&](char& ref, const char* label) {
+            s.seek(valueField);
+            ref = static_cast<char>(s.u8());
+            if constexpr (traceFiles) std::fprintf(stdout, "%s: %c\n", label, ref);
+        };
+        const auto readTriple = [&](std::uint32_t* r, const char* label) {
+            readGpsRationals(s, r, n);
+            if constexpr (traceFiles)
+                std::fprintf(stdout, "%s: %d/%d %d/%d %d/%d\n", label, r[0], r[1], r[2], r[3], r[4], r[5]);
+        };
         switch (tag) {
             case 1:
-                s.seek(valueField);
-                raw.lat_ref = static_cast<char>(s.u8());
-                if constexpr (traceFiles) std::fprintf(stdout, "latitude_ref: %c\n", raw.lat_ref);
+                readRef(raw.lat_ref, "latitude_ref");
                 break;
             case 3:
-                s.seek(valueField);
-                raw.long_ref = static_cast<char>(s.u8());
-                if constexpr (traceFiles) std::fprintf(stdout, "long_ref: %c\n", raw.long_ref);
+                readRef(raw.long_ref, "long_ref");
                 break;
             case 5:
-                s.seek(valueField);
-                raw.alt_ref = static_cast<char>(s.u8());
-                if constexpr (traceFiles) std::fprintf(stdout, "alt_ref: %c\n", raw.alt_ref);
+                readRef(raw.alt_ref, "alt_ref");
                 break;
             case 2:
-                readGpsRationals(s, raw.latitude, n);
-                if constexpr (traceFiles)
-                    std::fprintf(stdout, "Latitude: %d/%d %d/%d %d/%d\n", raw.latitude[0], raw.latitude[1],
-                                 raw.latitude[2], raw.latitude[3], raw.latitude[4], raw.latitude[5]);
+                readTriple(raw.latitude, "Latitude");
                 break;
             case 4:
-                readGpsRationals(s, raw.longitude, n);
-                if constexpr (traceFiles)
-                    std::fprintf(stdout, "Longitude: %d/%d %d/%d %d/%d\n", raw.longitude[0], raw.longitude[1],
-                                 raw.longitude[2], raw.longitude[3], raw.longitude[4], raw.longitude[5]);
+                readTriple(raw.longitude, "Longitude");
                 break;
             case 7:
-                readGpsRationals(s, raw.timestamp, n);
-                if constexpr (traceFiles)
-                    std::fprintf(stdout, "GPS timestamp: %d/%d %d/%d %d/%d\n", raw.timestamp[0], raw.timestamp[1],
-                                 raw.timestamp[2], raw.timestamp[3], raw.timestamp[4], raw.timestamp[5]);
+                readTriple(raw.timestamp, "GPS timestamp");
                 break;
             case 6:
                 readGpsRationals(s, raw.altitude, 1);
