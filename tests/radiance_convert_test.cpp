@@ -16,12 +16,9 @@ std::vector<float> rampLut(int levels) {
     return lut;
 }
 
-std::array<std::uint8_t, 4> pixelAt(const Bytes& planes, int width, int x, int y) {
-    const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
-    return {row[x], row[width + x], row[2 * width + x], row[3 * width + x]};
-}
+using Px = std::array<std::uint8_t, 4>;
 
-float decodeR(const std::array<std::uint8_t, 4>& p) {
+float decodeR(const Px& p) {
     return p[3] == 0 ? 0.0f : static_cast<float>(p[0]) * std::ldexp(1.0f, p[3] - 128);
 }
 
@@ -35,7 +32,7 @@ TEST(RadianceConvert, AllDarkGivesGreyAtTheStartingMinimum) {
     // 1e11 = 0.7276 * 2^37: mantissas 186, exponent byte 165.
     for (int y = 0; y < 3; ++y)
         for (int x = 0; x < 5; ++x)
-            EXPECT_EQ(pixelAt(out, 5, x, y), (std::array<std::uint8_t, 4>{186, 186, 186, 165}));
+            EXPECT_EQ(pixelAt(out, 5, x, y), (Px{186, 186, 186, 165}));
 }
 
 TEST(RadianceConvert, AllWhiteGivesNotANumberScale) {
@@ -43,7 +40,7 @@ TEST(RadianceConvert, AllWhiteGivesNotANumberScale) {
     Bytes src(4 * 2 * 3, 254);
     Bytes out(4 * 4 * 2, 0xAA);
     EXPECT_EQ(convert_to_rgbe(8, 4, 2, 3, 12, 0, lut.data(), src.data(), out.data()), 2);
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(pixelAt(out, 4, x, 1), (std::array<std::uint8_t, 4>{0, 0, 0, 128}));
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(pixelAt(out, 4, x, 1), (Px{0, 0, 0, 128}));
 }
 
 TEST(RadianceConvert, LevelEdgesAndMarkerReplacement) {
@@ -68,7 +65,7 @@ TEST(RadianceConvert, LevelEdgesAndMarkerReplacement) {
     lut2[5] = 0.0f;
     ASSERT_EQ(convert_to_rgbe(8, 6, 1, 3, 18, 0, lut2.data(), src.data(), out.data()), 1);
     EXPECT_NEAR(decodeR(pixelAt(out, 6, 0, 0)), 256.0f * 100 / 255, 1.0f);
-    EXPECT_EQ(pixelAt(out, 6, 1, 0), (std::array<std::uint8_t, 4>{0, 0, 0, 128})) << "unguarded zero";
+    EXPECT_EQ(pixelAt(out, 6, 1, 0), (Px{0, 0, 0, 128})) << "unguarded zero";
 }
 
 TEST(RadianceConvert, SixteenBitPureBlueIsDark) {
@@ -78,7 +75,7 @@ TEST(RadianceConvert, SixteenBitPureBlueIsDark) {
     const std::uint8_t blue8[] = {0, 0, 255, 128, 128, 128};
     Bytes out(8);
     convert_to_rgbe(8, 2, 1, 3, 6, 0, lut8.data(), blue8, out.data());
-    EXPECT_EQ(pixelAt(out, 2, 0, 0), (std::array<std::uint8_t, 4>{0, 0, 128, 129}));
+    EXPECT_EQ(pixelAt(out, 2, 0, 0), (Px{0, 0, 128, 129}));
     // 16 bits: the blue term is 19 * (word > 8), so the level is 0: dark
     // marker, replaced by grey at the minimum (the mid-grey pixel).
     const std::uint16_t blue16[] = {0, 0, 65535, 32896, 32896, 32896};
@@ -135,14 +132,14 @@ struct Entry {
     std::uint16_t tag, type;
     std::uint32_t count, value;
 };
-Bytes floatTiff(const std::vector<float>& rgb, const std::vector<Entry>& entries) {
-    Bytes f = {'I', 'I', 42, 0, 0, 0, 0, 0};
-    for (float v : rgb) {
-        std::uint8_t b[4];
-        ol::putF32LE(b, v);
-        f.insert(f.end(), b, b + 4);
+void appendFloats(Bytes& f, const std::vector<float>& values) {
+    for (float v : values) {
+        f.resize(f.size() + 4);
+        ol::putF32LE(f.data() + f.size() - 4, v);
     }
-    ol::putU32LE(f.data() + 4, static_cast<std::uint32_t>(f.size()));
+}
+// A directory of the given entries with no next one.
+void appendDirectory(Bytes& f, const std::vector<Entry>& entries) {
     std::uint8_t b[12];
     ol::putU16LE(b, static_cast<std::uint32_t>(entries.size()));
     f.insert(f.end(), b, b + 2);
@@ -154,6 +151,12 @@ Bytes floatTiff(const std::vector<float>& rgb, const std::vector<Entry>& entries
         f.insert(f.end(), b, b + 12);
     }
     f.insert(f.end(), {0, 0, 0, 0});
+}
+Bytes floatTiff(const std::vector<float>& rgb, const std::vector<Entry>& entries) {
+    Bytes f = {'I', 'I', 42, 0, 0, 0, 0, 0};
+    appendFloats(f, rgb);
+    ol::putU32LE(f.data() + 4, static_cast<std::uint32_t>(f.size()));
+    appendDirectory(f, entries);
     return f;
 }
 
@@ -167,10 +170,10 @@ TEST(RadianceFloatTiff, ReadsPixelsAndStats) {
     Bytes out(4 * 2 * 2, 0xAA);
     float stats[3] = {-1, -1, -1};
     ASSERT_EQ(fp2rgbe(path.c_str(), 2, 2, stats, out.data()), 2);
-    EXPECT_EQ(pixelAt(out, 2, 0, 0), (std::array<std::uint8_t, 4>{128, 64, 32, 129}));
-    EXPECT_EQ(pixelAt(out, 2, 1, 0), (std::array<std::uint8_t, 4>{0, 0, 0, 0})) << "black";
-    EXPECT_EQ(pixelAt(out, 2, 0, 1), (std::array<std::uint8_t, 4>{0, 0, 0, 0})) << "below 1e-32";
-    EXPECT_EQ(pixelAt(out, 2, 1, 1), (std::array<std::uint8_t, 4>{192, 128, 64, 130}));
+    EXPECT_EQ(pixelAt(out, 2, 0, 0), (Px{128, 64, 32, 129}));
+    EXPECT_EQ(pixelAt(out, 2, 1, 0), (Px{0, 0, 0, 0})) << "black";
+    EXPECT_EQ(pixelAt(out, 2, 0, 1), (Px{0, 0, 0, 0})) << "below 1e-32";
+    EXPECT_EQ(pixelAt(out, 2, 1, 1), (Px{192, 128, 64, 130}));
     const float lum0 = static_cast<float>(0.3 * 1.0 + 0.6 * 0.5 + 0.1 * 0.25);
     const float lum2 = static_cast<float>(0.3 * 1e-33f);
     const float lum3 = static_cast<float>(0.3 * 3.0 + 0.6 * 2.0 + 0.1 * 1.0);
@@ -198,7 +201,7 @@ TEST(RadianceFloatTiff, DirectoryRules) {
     Bytes g = floatTiff({0.5f, 0.5f, 0.5f}, {{0x111, 3, 1, 0xABCD0008u}});
     oltest::writeFile(path, g);
     ASSERT_EQ(fp2rgbe(path.c_str(), 1, 1, stats, out.data()), 1);
-    EXPECT_EQ(pixelAt(out, 1, 0, 0), (std::array<std::uint8_t, 4>{128, 128, 128, 128}));
+    EXPECT_EQ(pixelAt(out, 1, 0, 0), (Px{128, 128, 128, 128}));
     // Byte order and magic.
     g[0] = g[1] = 'M';
     oltest::writeFile(path, g);
@@ -222,24 +225,14 @@ TEST(RadianceFloatTiff, EndOfFileRepeatsTheLastPixel) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.tif");
     // Directory first, pixels last: the file ends after two pixels.
-    Bytes f = {'I', 'I', 42, 0, 8, 0, 0, 0, 1, 0};
-    const Entry so{0x111, 4, 1, 8 + 2 + 12 + 4};
-    std::uint8_t b[12];
-    ol::putU16LE(b, so.tag);
-    ol::putU16LE(b + 2, so.type);
-    ol::putU32LE(b + 4, so.count);
-    ol::putU32LE(b + 8, so.value);
-    f.insert(f.end(), b, b + 12);
-    f.insert(f.end(), {0, 0, 0, 0});
-    for (float v : {0.5f, 0.5f, 0.5f, 1.0f, 0.25f, 0.5f}) {
-        ol::putF32LE(b, v);
-        f.insert(f.end(), b, b + 4);
-    }
+    Bytes f = {'I', 'I', 42, 0, 8, 0, 0, 0};
+    appendDirectory(f, {{0x111, 4, 1, 8 + 2 + 12 + 4}});
+    appendFloats(f, {0.5f, 0.5f, 0.5f, 1.0f, 0.25f, 0.5f});
     oltest::writeFile(path, f);
     Bytes out(4 * 5);
     float stats[3];
     ASSERT_EQ(fp2rgbe(path.c_str(), 5, 1, stats, out.data()), 1);
-    for (int x = 1; x < 5; ++x) EXPECT_EQ(pixelAt(out, 5, x, 0), (std::array<std::uint8_t, 4>{128, 32, 64, 129}));
+    for (int x = 1; x < 5; ++x) EXPECT_EQ(pixelAt(out, 5, x, 0), (Px{128, 32, 64, 129}));
 }
 
 TEST(RadianceFloatTiff, SaveWritesTheExactDirectory) {

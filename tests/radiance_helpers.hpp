@@ -2,11 +2,14 @@
 // and composing files byte by byte.
 #pragma once
 
+#include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "frame/rgbe.hpp"
 #include "support/testsupport.hpp"
 
 namespace radtest {
@@ -92,6 +95,59 @@ inline Bytes literalRows(const Bytes& planes, int width, int height) {
 
 inline std::string resolution(int width, int height) {
     return "-Y " + std::to_string(height) + " +X " + std::to_string(width) + "\n";
+}
+
+inline ExifRecord zeroExif() {
+    ExifRecord e;
+    std::memset(&e, 0, sizeof e);
+    return e;
+}
+
+// The two full decoders with the caller's width, height and file size (the
+// file's own size unless `size` is given).
+inline int callerSize(const std::string& path, int size) {
+    return size >= 0 ? size : static_cast<int>(oltest::fs::file_size(path));
+}
+inline int decodeRle(const std::string& path, int width, int height, Bytes& out, int size = -1) {
+    const int dims[7] = {width, height, callerSize(path, size), 0, 0, 0, 0};
+    return decomp_rle(path.c_str(), dims, out.data());
+}
+inline int decodeStream(const std::string& path, int width, int height, Bytes& out, int size = -1) {
+    const int dims[7] = {width, height, callerSize(path, size), 0, 0, 0, 0};
+    return decomp2(path.c_str(), dims, out.data(), nullptr);
+}
+
+// Pixel (x, y) of rgbe planes: r, g, b, e.
+inline std::array<std::uint8_t, 4> pixelAt(const Bytes& planes, int width, int x, int y) {
+    const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
+    return {row[x], row[width + x], row[2 * width + x], row[3 * width + x]};
+}
+
+// RGB floats of planes as other programs decode them: mantissa * 2^(E-136),
+// plus `offset` mantissa steps; 0 when E is 0.
+inline std::vector<float> decodedRgb(const Bytes& planes, int width, int height, double offset = 0.0) {
+    std::vector<float> v;
+    v.reserve(3u * width * height);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const auto p = pixelAt(planes, width, x, y);
+            for (int c = 0; c < 3; ++c)
+                v.push_back(p[3] == 0 ? 0.0f : static_cast<float>((p[c] + offset) * std::ldexp(1.0, p[3] - 136)));
+        }
+    return v;
+}
+
+// Pixels of planes that differ from the wrapped encoding of interleaved
+// RGB floats.
+inline long encodingMismatches(const Bytes& planes, int width, int height, const std::vector<float>& rgb) {
+    long bad = 0;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const float* v = &rgb[(static_cast<std::size_t>(y) * width + x) * 3];
+            const ol::RgbePixel p = ol::encodeRgbe(v[0], v[1], v[2], ol::RgbeForm::Wrapped);
+            bad += pixelAt(planes, width, x, y) != std::array<std::uint8_t, 4>{p.r, p.g, p.b, p.e};
+        }
+    return bad;
 }
 
 }  // namespace radtest

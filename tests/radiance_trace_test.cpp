@@ -5,21 +5,11 @@
 
 using namespace radtest;
 
-namespace {
-
-ExifRecord noExif() {
-    ExifRecord e;
-    std::memset(&e, 0, sizeof e);
-    return e;
-}
-
-}  // namespace
-
 TEST(RadianceTrace, DecoderStages) {
     oltest::TempDir dir;
     const int W = 30, H = 40;
     const Bytes px = photoPlanes(W, H, 1);
-    ExifRecord e = noExif();
+    ExifRecord e = zeroExif();
     const std::string path = dir.file("a.hdr");
     {
         oltest::CaptureFd out(1);
@@ -27,30 +17,28 @@ TEST(RadianceTrace, DecoderStages) {
         EXPECT_EQ(out.finish(), "") << "the whole writer prints nothing when it succeeds";
     }
     const int size = static_cast<int>(oltest::readFile(path).size());
-    int dims[7] = {W, H, size, 0, 0, 0, 0};
     Bytes buf(px.size());
     {
         oltest::CaptureFd out(1);
-        EXPECT_EQ(decomp_rle(path.c_str(), dims, buf.data()), H);
-        EXPECT_EQ(decomp2(path.c_str(), dims, buf.data(), nullptr), H);
+        EXPECT_EQ(decodeRle(path, W, H, buf), H);
+        EXPECT_EQ(decodeStream(path, W, H, buf), H);
         EXPECT_EQ(out.finish(), "in decomp-rle, infos=30,40," + std::to_string(size) +
                                     "\nin decomp2-0\nin decomp2-1\nin decomp2-2\nin decomp2-3\n"
                                     "in decomp2-3-7\n");
     }
     {
         // A size mismatch stops after the first stage.
-        int bad[7] = {W, H + 1, size, 0, 0, 0, 0};
         oltest::CaptureFd out(1);
-        EXPECT_EQ(decomp2(path.c_str(), bad, buf.data(), nullptr), -3);
+        EXPECT_EQ(decodeStream(path, W, H + 1, buf), -3);
         EXPECT_EQ(out.finish(), "in decomp2-0\n");
     }
     {
         // The other readers print nothing.
         oltest::CaptureFd out(1);
         float prim[8];
-        int d[7] = {0, 0, 0, 0, 0, 0, 0};
+        int d[7] = {};
         rgbe_dim(path.c_str(), prim, d);
-        ExifRecord x = noExif();
+        ExifRecord x = zeroExif();
         extract_rgbe_exif(path.c_str(), &x);
         Bytes prev(4 * 10 * 10);
         ol_io_read_preview_rgbe(W, H, 10, 10, path.c_str(), prev.data());
@@ -63,13 +51,11 @@ TEST(RadianceTrace, FlatRowsReportEachQuarter) {
     const int W = 6, H = 9;
     const std::string head = resolution(W, H);  // a budget of one line
     Bytes data(4u * W * H, 200);
-    const Bytes file = radianceFile(head, data);
     const std::string path = dir.file("f.hdr");
-    oltest::writeFile(path, file);
-    int dims[7] = {W, H, static_cast<int>(file.size()), 0, 0, 0, 0};
+    oltest::writeFile(path, radianceFile(head, data));
     Bytes buf(data.size());
     oltest::CaptureFd out(1);
-    EXPECT_EQ(decomp2(path.c_str(), dims, buf.data(), nullptr), H);
+    EXPECT_EQ(decodeStream(path, W, H, buf), H);
     EXPECT_EQ(out.finish(), "in decomp2-0\nin decomp2-1\nin decomp2-2\nin decomp2-3\n"
                             "ligne=0\nligne=2\nligne=4\nligne=6\nligne=8\nin decomp2-3-7\n");
 }
@@ -94,7 +80,7 @@ TEST(RadianceTrace, FlatWriteFailureMessage) {
     if (!oltest::fs::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
     const int W = 40000;
     const Bytes px = photoPlanes(W, 1, 3);
-    ExifRecord e = noExif();
+    ExifRecord e = zeroExif();
     oltest::CaptureFd out(1);
     EXPECT_EQ(ol_io_rgbe_write("/dev/full", W, 1, &e, nullptr, "", px.data()), -2);
     EXPECT_EQ(ol_write_strip_rgbe("/dev/full", 0, 1, W, 1, nullptr, px.data()), -2);
