@@ -94,19 +94,14 @@ void expectTruth(const fs::path& file, const Bytes& planes, int width, int heigh
     const Npy raw = readNpy(file.string() + ".rgbe.npy");
     ASSERT_EQ(truth.count(), 3u * width * height);
     ASSERT_EQ(raw.count(), 4u * width * height);
+    const std::vector<float> rgb = decodedRgb(planes, width, height);
     long mismatches = 0;
-    for (int y = 0; y < height; ++y) {
-        const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
+    for (std::size_t i = 0; i < rgb.size(); ++i) mismatches += truth.f32(i) != rgb[i];
+    for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
-            const std::size_t px = static_cast<std::size_t>(y) * width + x;
-            const int e = row[3 * width + x];
-            for (int c = 0; c < 4; ++c) mismatches += raw.data[4 * px + c] != row[c * width + x];
-            for (int c = 0; c < 3; ++c) {
-                const float v = e == 0 ? 0.0f : static_cast<float>(row[c * width + x] * std::ldexp(1.0, e - 136));
-                mismatches += truth.f32(3 * px + c) != v;
-            }
+            const auto p = pixelAt(planes, width, x, y);
+            mismatches += !std::equal(p.begin(), p.end(), raw.data.begin() + 4 * (static_cast<long>(y) * width + x));
         }
-    }
     EXPECT_EQ(mismatches, 0) << file.filename();
 }
 
@@ -134,7 +129,7 @@ TEST(RadianceRealFiles, EachFileDecodesOrFailsByTheRules) {
         const int size = static_cast<int>(fs::file_size(entry.path()));
 
         float prim[8];
-        int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+        int dims[7] = {};
         const int lines = rgbe_dim(path.c_str(), prim, dims);
         if (c->dim == 0) {
             EXPECT_EQ(lines, jsonInt(json, "line_reads_127_through_resolution_line") - 1);
@@ -148,10 +143,9 @@ TEST(RadianceRealFiles, EachFileDecodesOrFailsByTheRules) {
         } else {
             EXPECT_EQ(lines, c->dim);
         }
-        int given[7] = {width, height, size, 0, 0, 0, 0};
         Bytes a(4u * width * height), b(a.size()), p(a.size());
-        EXPECT_EQ(decomp_rle(path.c_str(), given, a.data()), c->decoded);
-        EXPECT_EQ(decomp2(path.c_str(), given, b.data(), nullptr), c->stream);
+        EXPECT_EQ(decodeRle(path, width, height, a), c->decoded);
+        EXPECT_EQ(decodeStream(path, width, height, b), c->stream);
         EXPECT_EQ(ol_io_read_preview_rgbe(width, height, width, height, path.c_str(), p.data()), c->preview);
         if (c->decoded == height) expectTruth(entry.path(), a, width, height);
         if (c->stream == height) {
@@ -160,9 +154,7 @@ TEST(RadianceRealFiles, EachFileDecodesOrFailsByTheRules) {
         if (c->preview == height + 1) {
             EXPECT_EQ(a, p);
         }
-
-        ExifRecord e;
-        std::memset(&e, 0, sizeof e);
+        ExifRecord e = zeroExif();
         EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), jsonInt(json, "line_reads_127_through_resolution_line") - 1);
     }
     EXPECT_EQ(seen, static_cast<int>(std::size(kHdrCases)));
@@ -215,23 +207,13 @@ TEST(RadianceRealFiles, FloatTiffsByTheReadingRules) {
         }
         EXPECT_EQ(r, height);
         // Pixels as the encoder gives them from the truth's values.
-        long mismatches = 0;
+        std::vector<float> rgb(3u * width * height, -1.0f);  // half floats: never equal
         float maxLum = 0.0f;
-        for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x) {
-                const std::size_t i = (static_cast<std::size_t>(y) * width + x) * spp;
-                float rgb[3];
-                if (truth.descr == "<f4")
-                    for (int k = 0; k < 3; ++k) rgb[k] = truth.f32(i + k);
-                else
-                    rgb[0] = rgb[1] = rgb[2] = -1.0f;  // half floats: never equal
-                const ol::RgbePixel px = ol::encodeRgbe(rgb[0], rgb[1], rgb[2], ol::RgbeForm::Wrapped);
-                const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
-                mismatches += px.r != row[x] || px.g != row[width + x] || px.b != row[2 * width + x] ||
-                              px.e != row[3 * width + x];
-                const float lum = static_cast<float>(0.3 * rgb[0] + 0.6 * rgb[1] + 0.1 * rgb[2]);
-                if (lum > maxLum) maxLum = lum;
-            }
+        for (std::size_t i = 0; truth.descr == "<f4" && i < rgb.size() / 3; ++i) {
+            for (int k = 0; k < 3; ++k) rgb[3 * i + k] = truth.f32(i * spp + k);
+            maxLum = std::max(maxLum, static_cast<float>(0.3 * rgb[3 * i] + 0.6 * rgb[3 * i + 1] + 0.1 * rgb[3 * i + 2]));
+        }
+        const long mismatches = encodingMismatches(planes, width, height, rgb);
         if (it->second == 1) {
             EXPECT_EQ(mismatches, 0);
             EXPECT_EQ(stats[1], 256.0f * maxLum);
@@ -248,25 +230,20 @@ namespace {
 // be a success or a family code.
 void runAllReaders(const std::string& path) {
     float prim[8];
-    int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+    int dims[7] = {};
     const int r = rgbe_dim(path.c_str(), prim, dims);
     EXPECT_TRUE(r >= 0 || r == -1 || r == -2 || r == -3) << r;
-    const long long size = static_cast<long long>(fs::file_size(path));
     std::vector<std::pair<int, int>> sizes = {{16, 16}, {1, 1}, {64, 80}};
     if (r >= 0 && dims[0] > 0 && dims[1] > 0 && static_cast<long long>(dims[0]) * dims[1] <= (1 << 22))
         sizes.emplace_back(dims[0], dims[1]);
     for (auto [w, h] : sizes) {
-        int given[7] = {w, h, static_cast<int>(size), 0, 0, 0, 0};
         Bytes out(4u * w * h);
-        const int a = decomp_rle(path.c_str(), given, out.data());
-        EXPECT_TRUE(a == h || (a <= -1 && a >= -6)) << a;
-        const int b = decomp2(path.c_str(), given, out.data(), nullptr);
-        EXPECT_TRUE(b == h || (b <= -1 && b >= -6)) << b;
+        for (const int a : {decodeRle(path, w, h, out), decodeStream(path, w, h, out)})
+            EXPECT_TRUE(a == h || (a <= -1 && a >= -6)) << a;
         const int p = ol_io_read_preview_rgbe(w, h, (w + 1) / 2, (h + 1) / 2, path.c_str(), out.data());
         EXPECT_TRUE(p == h || p == h + 1 || p == -1 || p == -4 || (p <= -200 && p >= -202)) << p;
     }
-    ExifRecord e;
-    std::memset(&e, 0, sizeof e);
+    ExifRecord e = zeroExif();
     const int x = extract_rgbe_exif(path.c_str(), &e);
     EXPECT_TRUE(x >= -1 && x <= 100);
     Bytes planes(4u * 16 * 16);
@@ -294,8 +271,7 @@ TEST(RadianceDamaged, CutAndScrambledFilesReturn) {
     oltest::TempDir dir;
     const int W = 96, H = 200;
     const Bytes px = photoPlanes(W, H, 5);
-    ExifRecord e;
-    std::memset(&e, 0, sizeof e);
+    const ExifRecord e = zeroExif();
     const std::string good = dir.file("good.hdr");
     ASSERT_EQ(ol_io_rgbe_write(good.c_str(), W, H, &e, nullptr, "sRGB", px.data()), H);
     const Bytes file = oltest::readFile(good);
@@ -314,10 +290,9 @@ TEST(RadianceDamaged, CutAndScrambledFilesReturn) {
         runAllReaders(path);
         // A cut file is never read whole.
         if (round % 3 == 0) {
-            int dims[7] = {W, H, static_cast<int>(b.size()), 0, 0, 0, 0};
             Bytes out(px.size());
-            EXPECT_LT(decomp_rle(path.c_str(), dims, out.data()), 0);
-            EXPECT_LT(decomp2(path.c_str(), dims, out.data(), nullptr), 0);
+            EXPECT_LT(decodeRle(path, W, H, out), 0);
+            EXPECT_LT(decodeStream(path, W, H, out), 0);
         }
     }
     for (int round = 0; round < 20; ++round) {

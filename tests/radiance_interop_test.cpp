@@ -80,29 +80,11 @@ Bytes variedPlanes(int width, int height, int eMin, int eMax) {
     return p;
 }
 
-// Values as other programs decode them: mantissa * 2^(E-136), plus `offset`
-// mantissa steps (vips adds half a step); 0 when E is 0.
-std::vector<float> expectedRgb(const Bytes& planes, int width, int height, double offset) {
-    std::vector<float> v;
-    v.reserve(3u * width * height);
-    for (int y = 0; y < height; ++y) {
-        const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
-        for (int x = 0; x < width; ++x) {
-            const int e = row[3 * width + x];
-            for (int c = 0; c < 3; ++c)
-                v.push_back(e == 0 ? 0.0f
-                                   : static_cast<float>((row[c * width + x] + offset) * std::ldexp(1.0, e - 136)));
-        }
-    }
-    return v;
-}
-
-// The library's own decoding of a file it can read, divided by 256.
+// The library's own decoding of a file it can read.
 Bytes decodeWithLibrary(const std::string& path, int width, int height) {
-    int dims[7] = {width, height, static_cast<int>(oltest::fs::file_size(path)), 0, 0, 0, 0};
     Bytes a(4u * width * height), b(a.size());
-    EXPECT_EQ(decomp_rle(path.c_str(), dims, a.data()), height);
-    EXPECT_EQ(decomp2(path.c_str(), dims, b.data(), nullptr), height);
+    EXPECT_EQ(decodeRle(path, width, height, a), height);
+    EXPECT_EQ(decodeStream(path, width, height, b), height);
     EXPECT_EQ(a, b);
     return a;
 }
@@ -116,8 +98,7 @@ long countDifferences(const std::vector<float>& a, const std::vector<float>& b, 
 }
 
 ExifRecord someExif() {
-    ExifRecord e;
-    std::memset(&e, 0, sizeof e);
+    ExifRecord e = zeroExif();
     e.exposureNum = 1;
     e.exposureDen = 125;
     e.iso = 100;
@@ -142,7 +123,7 @@ TEST_F(Interop, LibraryFilesReadByOpenCV) {
         ASSERT_TRUE(py("cv2read " + hdr + " " + raw));
         const Bytes own = decodeWithLibrary(hdr, width, height);
         EXPECT_EQ(own, planes);
-        EXPECT_EQ(countDifferences(readF32(raw), expectedRgb(own, width, height, 0.0)), 0);
+        EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(own, width, height)), 0);
     }
     // The strip writer's file as well.
     const int W = 120, H = 30;
@@ -151,7 +132,7 @@ TEST_F(Interop, LibraryFilesReadByOpenCV) {
     for (int s = 0; s < 4; ++s)
         ASSERT_GT(ol_write_strip_rgbe(hdr.c_str(), s, 8, W, H, nullptr, planes.data() + 4u * W * 8 * s), 0);
     ASSERT_TRUE(py("cv2read " + hdr + " " + raw));
-    EXPECT_EQ(countDifferences(readF32(raw), expectedRgb(planes, W, H, 0.0)), 0);
+    EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(planes, W, H)), 0);
 }
 
 TEST_F(Interop, LibraryFilesReadByVips) {
@@ -164,7 +145,7 @@ TEST_F(Interop, LibraryFilesReadByVips) {
     ASSERT_TRUE(sh("vips rad2float " + hdr + " " + tif));
     ASSERT_TRUE(py("tiffread " + tif + " " + raw));
     // vips decodes with half a mantissa step added.
-    EXPECT_EQ(countDifferences(readF32(raw), expectedRgb(planes, W, H, 0.5)), 0);
+    EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(planes, W, H, 0.5)), 0);
 }
 
 TEST_F(Interop, LibraryFilesReadByImageMagick) {
@@ -179,7 +160,7 @@ TEST_F(Interop, LibraryFilesReadByImageMagick) {
     sh("convert " + hdr + " -define quantum:format=floating-point -depth 32 " + tif);
     if (!oltest::fs::exists(tif)) GTEST_SKIP() << "ImageMagick did not convert";
     ASSERT_TRUE(py("tiffread " + tif + " " + raw));
-    EXPECT_EQ(countDifferences(readF32(raw), expectedRgb(planes, W, H, 0.0), 1.0 / 65535 + 1e-6), 0);
+    EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(planes, W, H), 1.0 / 65535 + 1e-6), 0);
 }
 
 TEST_F(Interop, OpenCVFilesReadByTheLibrary) {
@@ -201,12 +182,12 @@ TEST_F(Interop, OpenCVFilesReadByTheLibrary) {
         ASSERT_TRUE(py("cv2write " + in + " " + std::to_string(W) + " " + std::to_string(H) + " " + hdr));
         ASSERT_TRUE(py("cv2read " + hdr + " " + back));
         float prim[8];
-        int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+        int dims[7] = {};
         EXPECT_GE(rgbe_dim(hdr.c_str(), prim, dims), 0);
         EXPECT_EQ(dims[0], W);
         EXPECT_EQ(dims[1], H);
         const Bytes own = decodeWithLibrary(hdr, W, H);
-        EXPECT_EQ(countDifferences(readF32(back), expectedRgb(own, W, H, 0.0)), 0);
+        EXPECT_EQ(countDifferences(readF32(back), decodedRgb(own, W, H)), 0);
         if (oltest::fs::file_size(hdr) >= 16640) {
             Bytes prev(own.size());
             EXPECT_EQ(ol_io_read_preview_rgbe(W, H, W, H, hdr.c_str(), prev.data()), H + 1);
@@ -232,7 +213,7 @@ TEST_F(Interop, VipsAndImageMagickFilesReadByTheLibrary) {
         const Bytes own = decodeWithLibrary(hdr, W, H);
         ASSERT_TRUE(sh("vips rad2float " + hdr + " " + tif));
         ASSERT_TRUE(py("tiffread " + tif + " " + raw));
-        EXPECT_EQ(countDifferences(readF32(raw), expectedRgb(own, W, H, 0.5)), 0);
+        EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(own, W, H, 0.5)), 0);
         Bytes prev(4u * 60 * 40);
         EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 60, 40, hdr.c_str(), prev.data()), H + 1);
         EXPECT_EQ(prev[0], own[0]);
@@ -244,14 +225,14 @@ TEST_F(Interop, VipsAndImageMagickFilesReadByTheLibrary) {
         const std::string hdr = file("im.hdr"), tif = file("im.tif"), raw = file("im.f32");
         ASSERT_TRUE(sh("convert " + src + " " + hdr));
         float prim[8];
-        int dims[7] = {0, 0, 0, 0, 0, 0, 0};
+        int dims[7] = {};
         EXPECT_GE(rgbe_dim(hdr.c_str(), prim, dims), 0);
         EXPECT_EQ(dims[6], 32) << "ImageMagick writes a PRIMARIES line";
         EXPECT_FLOAT_EQ(prim[0], 0.64f);
         const Bytes own = decodeWithLibrary(hdr, W, H);
         sh("convert " + hdr + " -define quantum:format=floating-point -depth 32 " + tif);
         ASSERT_TRUE(py("tiffread " + tif + " " + raw));
-        EXPECT_EQ(countDifferences(readF32(raw), expectedRgb(own, W, H, 0.0), 1.0 / 65535 + 1e-6), 0);
+        EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(own, W, H), 1.0 / 65535 + 1e-6), 0);
     }
     if (!tried) GTEST_SKIP() << "neither vips nor ImageMagick";
 }
@@ -280,15 +261,7 @@ TEST_F(Interop, FloatTiffsOfOtherProgramsReadByFp2rgbe) {
         Bytes planes(4u * W * H);
         float stats[3];
         ASSERT_EQ(fp2rgbe(f.c_str(), W, H, stats, planes.data()), H);
-        long bad = 0;
-        for (int y = 0; y < H; ++y)
-            for (int x = 0; x < W; ++x) {
-                const float* v = &held[(static_cast<std::size_t>(y) * W + x) * 3];
-                const ol::RgbePixel p = ol::encodeRgbe(v[0], v[1], v[2], ol::RgbeForm::Wrapped);
-                const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * W;
-                bad += p.r != row[x] || p.g != row[W + x] || p.b != row[2 * W + x] || p.e != row[3 * W + x];
-            }
-        EXPECT_EQ(bad, 0);
+        EXPECT_EQ(encodingMismatches(planes, W, H, held), 0);
     }
 }
 
@@ -301,7 +274,7 @@ TEST_F(Interop, FpSaveFilesReadByTiffinfoAndTifffile) {
     ASSERT_EQ(fp_save(tif.c_str(), W, H, planes.data()), H);
     ASSERT_TRUE(py("tiffread " + tif + " " + raw));
     // tifffile holds the library's decoded values: 256 times the others'.
-    std::vector<float> want = expectedRgb(planes, W, H, 0.0);
+    std::vector<float> want = decodedRgb(planes, W, H);
     for (float& v : want) v *= 256.0f;
     EXPECT_EQ(countDifferences(readF32(raw), want), 0);
     if (oltest::haveProgram("tiffinfo")) {
