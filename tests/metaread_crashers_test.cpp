@@ -8,57 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "metaread_builders.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mrtest;
+using namespace metatest;
 namespace fs = std::filesystem;
 
 namespace {
-
-// Runs every reader over one file the way a host would, sizing its buffers
-// from what the readers report (bounded, as a host would refuse a huge size).
-struct Outcome {
-    int psdInfo = 0;
-    int psdLoad = 0;
-    int bmp = 0;
-    int icc = 0;
-};
-
-Outcome runAllReaders(const std::string& path) {
-    Outcome o;
-    const std::vector<std::uint8_t> bytes = oltest::readFile(path);
-    const std::size_t fileSize = bytes.size();
-    oltest::CaptureFd quietOut(1);
-    oltest::CaptureFd quietErr(2);
-    for (int type : {0, 1, 2}) {
-        ExifRecord e{};
-        GpsRecord g{};
-        get_exif_data(path.c_str(), type, &e, &g);
-        if (e.iptcLen > 0 && static_cast<std::size_t>(e.iptcLen) <= fileSize) {
-            std::vector<unsigned char> block(static_cast<std::size_t>(e.iptcLen));
-            read_iptc(path.c_str(), e.iptcLen, e.iptcOffset, block.data());
-        }
-    }
-    PsdInfo info{};
-    o.psdInfo = getPsdInfo(path.c_str(), &info);
-    if (o.psdInfo > 0) {
-        std::vector<unsigned char> prof(fileSize + 1);
-        psd_profile(path.c_str(), prof.data());
-        const long long pixels = static_cast<long long>(info.width) * info.height;
-        if (info.width > 0 && info.height > 0 && pixels <= (1 << 20)) {
-            std::vector<std::uint8_t> out(static_cast<std::size_t>(pixels) * 6 + 8);
-            o.psdLoad = load_psd(1, path.c_str(), &info, 3 * info.width, out.data());
-        }
-    }
-    int dims[3];
-    o.bmp = olbmp_dim(path.c_str(), dims);
-    std::vector<unsigned char> prof(fileSize + 1);
-    o.icc = extract_profile(path.c_str(), prof.data());
-    char name[32];
-    get_profile_name(static_cast<int>(fileSize), bytes.data(), name);
-    return o;
-}
 
 TEST(MetareadCrashers, KeptFilesReturnTheirCodes) {
     const fs::path dir = fs::path(OL_SOURCE_DIR) / "tests" / "crashers" / "metadata";
@@ -108,11 +63,9 @@ std::vector<Bytes> seeds() {
     out.push_back(tiff);
     t.little = true;
     out.push_back(buildTiff(t));
-    Bytes res = resource8bim(0x0404, iptcKeywords({"one", "two"}));
     Bytes th(40, 0);
     th[7] = 4;
-    const Bytes thumb = resource8bim(0x040C, th);
-    res.insert(res.end(), thumb.begin(), thumb.end());
+    const Bytes res = cat({resource8bim(0x0404, iptcKeywords({"one", "two"})), resource8bim(0x040C, th)});
     out.push_back(jpegWith({{0xE0, Bytes(14, 0)}, {0xE1, exifPayload(tiff)}, {0xED, app13Payload(res)}}));
     for (int depth : {8, 16, 32}) {
         for (int comp : {0, 1}) {
@@ -121,11 +74,7 @@ std::vector<Bytes> seeds() {
             s.depth = depth;
             s.width = 3;
             s.height = 2;
-            s.resources = resource8bim(1005, Bytes(16, 1));
-            const Bytes r2 = resource8bim(1039, Bytes(40, 2));
-            const Bytes r3 = resource8bim(1058, tiff);
-            s.resources.insert(s.resources.end(), r2.begin(), r2.end());
-            s.resources.insert(s.resources.end(), r3.begin(), r3.end());
+            s.resources = cat({resource8bim(1005, Bytes(16, 1)), resource8bim(1039, Bytes(40, 2)), resource8bim(1058, tiff)});
             s.compression = comp;
             const std::size_t plane = 3 * 2 * static_cast<std::size_t>(depth / 8);
             if (comp == 0) {
@@ -204,9 +153,7 @@ TEST(MetareadCrashers, SelfReferencingHugeIfdsEndQuickly) {
         w.u32(0);
         oltest::writeFile(path, b);
         const auto start = std::chrono::steady_clock::now();
-        ExifRecord e{};
-        GpsRecord g{};
-        get_exif_data(path.c_str(), 0, &e, &g);
+        readExif(path, 0);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << tag;
     }
 }

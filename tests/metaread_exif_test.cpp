@@ -4,37 +4,25 @@
 #include <cstring>
 #include <string>
 
+#include "meta_bytes.hpp"
 #include "metadata/exif_reader.hpp"
-#include "metaread_builders.hpp"
-#include "support/testsupport.hpp"
 
-using namespace mrtest;
+using namespace metatest;
 using oltest::TempDir;
 
 namespace {
 
-struct Records {
-    ExifRecord exif;
-    GpsRecord gps;
-    int result;
-};
-
-Records readRecords(const std::string& path, int type) {
-    Records r;
-    std::memset(&r.exif, 0, sizeof r.exif);
-    std::memset(&r.gps, 0, sizeof r.gps);
-    r.result = get_exif_data(path.c_str(), type, &r.exif, &r.gps);
-    return r;
+// The record read from a TIFF of the given Exif IFD, or of the given IFD0.
+ExifRecord withExif(std::vector<Entry> exif) {
+    TiffSpec t;
+    t.exif = std::move(exif);
+    return readExifBytes(buildTiff(t), 0).exif;
 }
-
-Records readBytes(const Bytes& bytes, int type) {
-    TempDir dir;
-    const std::string p = dir.file("in.bin");
-    oltest::writeFile(p, bytes);
-    return readRecords(p, type);
+ExifRecord withIfd0(std::vector<Entry> ifd0) {
+    TiffSpec t;
+    t.ifds = {std::move(ifd0)};
+    return readExifBytes(buildTiff(t), 0).exif;
 }
-
-std::string field(const char* f, std::size_t n) { return std::string(f, strnlen(f, n)); }
 
 TiffSpec fullSpec(bool little) {
     TiffSpec t;
@@ -57,7 +45,7 @@ TiffSpec fullSpec(bool little) {
 class ByteOrderTest : public ::testing::TestWithParam<bool> {};
 
 TEST_P(ByteOrderTest, TiffFileGivesEveryHandledValue) {
-    const Records r = readBytes(buildTiff(fullSpec(GetParam())), 0);
+    const Records r = readExifBytes(buildTiff(fullSpec(GetParam())), 0);
     EXPECT_EQ(r.result, 100);
     EXPECT_EQ(r.exif.exposureNum, 100);
     EXPECT_EQ(r.exif.exposureDen, 12500);
@@ -91,18 +79,16 @@ TEST_P(ByteOrderTest, TiffFileGivesEveryHandledValue) {
 
 TEST_P(ByteOrderTest, JpegAndPsdCarryTheSameTiffBlock) {
     const Bytes tiff = buildTiff(fullSpec(GetParam()));
-    const Records j = readBytes(jpegWith({{0xE0, Bytes(14, 0)}, {0xE1, exifPayload(tiff)}}), 1);
+    const Records j = readExifBytes(jpegWith({{0xE0, Bytes(14, 0)}, {0xE1, exifPayload(tiff)}}), 1);
     EXPECT_EQ(j.exif.exposureDen, 12500);
     EXPECT_EQ(j.exif.iso, 400);
     EXPECT_EQ(field(j.exif.camera, 64), "Camera X100");
     EXPECT_EQ(j.gps.altitude[0], 3512u);
 
     PsdSpec s;
-    s.resources = resource8bim(1005, Bytes(16, 0));
-    const Bytes exifRes = resource8bim(1058, tiff);
-    s.resources.insert(s.resources.end(), exifRes.begin(), exifRes.end());
+    s.resources = cat({resource8bim(1005, Bytes(16, 0)), resource8bim(1058, tiff)});
     s.image = Bytes(12, 7);
-    const Records p = readBytes(buildPsd(s), 2);
+    const Records p = readExifBytes(buildPsd(s), 2);
     EXPECT_EQ(p.exif.exposureDen, 12500);
     EXPECT_EQ(p.exif.orientation, 6);
     EXPECT_EQ(field(p.gps.datestamp, 11), "2024:05:06");
@@ -133,101 +119,71 @@ TEST(MetareadRational, TwoDecimalsOfScale) {
 }
 
 TEST(MetareadExif, ExposureTimeWinsOverShutterSpeedInEitherOrder) {
-    for (bool shutterFirst : {true, false}) {
-        TiffSpec t;
-        t.exif = {srationalE(37377, 7, 1), rationalE(33434, 1, 50)};
-        if (!shutterFirst) std::swap(t.exif[0], t.exif[1]);
-        const Records r = readBytes(buildTiff(t), 0);
-        EXPECT_EQ(r.exif.exposureDen, 5000) << shutterFirst;
-    }
+    EXPECT_EQ(withExif({srationalE(37377, 7, 1), rationalE(33434, 1, 50)}).exposureDen, 5000);
+    EXPECT_EQ(withExif({rationalE(33434, 1, 50), srationalE(37377, 7, 1)}).exposureDen, 5000);
     // Alone, Tv 7 gives 2^-7 s.
-    TiffSpec t;
-    t.exif = {srationalE(37377, 7, 1)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.exposureDen, 12800);
+    EXPECT_EQ(withExif({srationalE(37377, 7, 1)}).exposureDen, 12800);
     // A negative Tv is a long exposure: 2^2 s.
-    t.exif = {srationalE(37377, -2, 1)};
-    const Records r = readBytes(buildTiff(t), 0);
-    EXPECT_EQ(r.exif.exposureNum, 400);
-    EXPECT_EQ(r.exif.exposureDen, 100);
+    const ExifRecord r = withExif({srationalE(37377, -2, 1)});
+    EXPECT_EQ(r.exposureNum, 400);
+    EXPECT_EQ(r.exposureDen, 100);
     // A zero denominator leaves no exposure, and the rational words untouched.
+    TiffSpec t;
     t.exif = {srationalE(37377, 7, 0)};
-    const Records z = readBytes(buildTiff(t), 0);
+    const Records z = readExifBytes(buildTiff(t), 0);
     EXPECT_EQ(z.exif.exposureNum, 0);
     EXPECT_EQ(z.result, 0);
 }
 
-TEST(MetareadExif, ApertureValueOnlyFillsAMissingFNumber) {
-    TiffSpec t;
-    t.exif = {rationalE(33437, 4, 1), rationalE(37378, 56, 10)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.apertureNum, 400);
-    // Taken as it stands (no APEX conversion); MaxApertureValue likewise.
-    t.exif = {rationalE(37378, 56, 10)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.apertureNum, 560);
-    t.exif = {rationalE(37381, 3, 1), rationalE(37378, 8, 1)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.apertureNum, 300);
-}
-
-TEST(MetareadExif, ExposureIndexStandsInForAZeroIso) {
-    TiffSpec t;
-    t.exif = {shortE(34855, 0), rationalE(41493, 800, 2)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 400);
-    t.exif = {rationalE(41493, 640, 0)};  // denominator 0: the numerator
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 640);
-    t.exif = {shortE(34855, 200), rationalE(41493, 800, 1)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 200);
-    // Only an index that comes after the zero ISO helps.
-    t.exif = {rationalE(41493, 800, 1), shortE(34855, 0)};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iso, 0);
-}
-
-TEST(MetareadExif, OrientationOnlyFromAShort) {
-    TiffSpec t;
-    t.ifds = {{longE(274, 3)}};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 0);
-    t.ifds = {{shortE(274, 8)}};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 8);
+TEST(MetareadExif, ApertureIsoAndOrientationSources) {
+    // ApertureValue only fills a missing FNumber, taken as it stands (no
+    // APEX conversion); MaxApertureValue likewise.
+    EXPECT_EQ(withExif({rationalE(33437, 4, 1), rationalE(37378, 56, 10)}).apertureNum, 400);
+    EXPECT_EQ(withExif({rationalE(37378, 56, 10)}).apertureNum, 560);
+    EXPECT_EQ(withExif({rationalE(37381, 3, 1), rationalE(37378, 8, 1)}).apertureNum, 300);
+    // ExposureIndex stands in for a zero ISO (its numerator when the
+    // denominator is 0), but only when it comes after the zero ISO.
+    EXPECT_EQ(withExif({shortE(34855, 0), rationalE(41493, 800, 2)}).iso, 400);
+    EXPECT_EQ(withExif({rationalE(41493, 640, 0)}).iso, 640);
+    EXPECT_EQ(withExif({shortE(34855, 200), rationalE(41493, 800, 1)}).iso, 200);
+    EXPECT_EQ(withExif({rationalE(41493, 800, 1), shortE(34855, 0)}).iso, 0);
+    // Orientation only from a SHORT.
+    EXPECT_EQ(withIfd0({longE(274, 3)}).orientation, 0);
+    EXPECT_EQ(withIfd0({shortE(274, 8)}).orientation, 8);
 }
 
 TEST(MetareadExif, ThumbnailOnlyFromLaterIfdsAndOnlyThreeIfdsWalked) {
     TiffSpec t;
     t.ifds = {{longE(513, 1000), longE(514, 50)}, {longE(513, 2000), longE(514, 60)}};
     Bytes tiff = buildTiff(t);
-    Records r = readBytes(tiff, 0);
+    Records r = readExifBytes(tiff, 0);
     EXPECT_EQ(r.exif.thumbOffset, 2000);
     EXPECT_EQ(r.exif.thumbLen, 60);
     // In a JPEG the offset becomes a file offset: the TIFF base is added.
-    r = readBytes(jpegWith({{0xE1, exifPayload(tiff)}}), 1);
+    r = readExifBytes(jpegWith({{0xE1, exifPayload(tiff)}}), 1);
     EXPECT_EQ(r.exif.thumbOffset, 2000 + 2 + 4 + 6);
 
     // A third IFD (number 2) is read, a fourth is not.
     t.ifds = {{shortE(274, 1)}, {shortE(274, 2)}, {shortE(274, 3)}, {shortE(274, 4)}};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 3);
+    EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 3);
     // A loop in the chain ends there too.
     t.ifds = {{shortE(274, 1)}, {shortE(274, 2)}};
     t.loopTo = 0;
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 1);
-}
-
-TEST(MetareadExif, AnIfdOf255EntriesEndsTheChain) {
-    TiffSpec t;
+    EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 1);
+    // An IFD of 255 entries ends the chain; one of 256 does not.
     std::vector<Entry> big(254, longE(0x9999, 0));
     big.push_back(shortE(274, 5));
+    t = TiffSpec{};
     t.ifds = {big, {shortE(274, 7)}};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 5);
-    big.push_back(longE(0x9998, 0));  // 256 entries: the chain goes on
+    EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 5);
+    big.push_back(longE(0x9998, 0));
     t.ifds = {big, {shortE(274, 7)}};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.orientation, 7);
+    EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 7);
 }
 
 TEST(MetareadExif, ModelIsALineRead) {
-    TiffSpec t;
-    const std::string longName(80, 'M');
-    t.ifds = {{asciiE(272, longName)}};
-    Records r = readBytes(buildTiff(t), 0);
-    EXPECT_EQ(field(r.exif.camera, 64), std::string(63, 'M'));
-    t.ifds = {{asciiE(272, "Line one\nLine two")}};
-    r = readBytes(buildTiff(t), 0);
-    EXPECT_EQ(field(r.exif.camera, 64), "Line one\n");
+    EXPECT_EQ(field(withIfd0({asciiE(272, std::string(80, 'M'))}).camera, 64), std::string(63, 'M'));
+    EXPECT_EQ(field(withIfd0({asciiE(272, "Line one\nLine two")}).camera, 64), "Line one\n");
 }
 
 TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
@@ -256,55 +212,43 @@ TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
 }
 
 TEST(MetareadExif, XmpAndIptcTags) {
-    TiffSpec t;
-    t.ifds = {{rawE(700, 1, 4321, 900), rawE(33723, 4, 10, 1234)}};
-    Records r = readBytes(buildTiff(t), 0);
-    EXPECT_EQ(r.exif.xmpLen, 4321);
-    EXPECT_EQ(r.exif.xmpOffset, 900);
-    EXPECT_EQ(r.exif.iptcOffset, 1234);
-    EXPECT_EQ(r.exif.iptcLen, 40);
-    t.ifds = {{rawE(33723, 7, 10, 1234)}};
-    EXPECT_EQ(readBytes(buildTiff(t), 0).exif.iptcLen, 10);
-    t.ifds = {{rawE(33723, 3, 10, 1234)}};  // another type: length unchanged
-    r = readBytes(buildTiff(t), 0);
-    EXPECT_EQ(r.exif.iptcOffset, 1234);
-    EXPECT_EQ(r.exif.iptcLen, 0);
+    ExifRecord r = withIfd0({rawE(700, 1, 4321, 900), rawE(33723, 4, 10, 1234)});
+    EXPECT_EQ(r.xmpLen, 4321);
+    EXPECT_EQ(r.xmpOffset, 900);
+    EXPECT_EQ(r.iptcOffset, 1234);
+    EXPECT_EQ(r.iptcLen, 40);
+    EXPECT_EQ(withIfd0({rawE(33723, 7, 10, 1234)}).iptcLen, 10);
+    r = withIfd0({rawE(33723, 3, 10, 1234)});  // another type: length unchanged
+    EXPECT_EQ(r.iptcOffset, 1234);
+    EXPECT_EQ(r.iptcLen, 0);
 }
 
+// An IPTC block, optionally a thumbnail resource (28-byte header and 333
+// bytes), and a resource behind them.
 Bytes photoshopBlocks(const Bytes& iptc, bool withThumb) {
-    Bytes res = resource8bim(0x0404, iptc);
-    if (withThumb) {
-        Bytes th;
-        Writer w{false, &th};
-        for (std::uint32_t v : {1u, 160u, 120u, 480u, 57600u, 333u}) w.u32(v);
-        w.u16(24);
-        w.u16(1);
-        th.resize(th.size() + 333, 0xAB);
-        const Bytes r = resource8bim(0x040C, th);
-        res.insert(res.end(), r.begin(), r.end());
-    }
-    const Bytes pad = resource8bim(0x0425, Bytes(16, 1));
-    res.insert(res.end(), pad.begin(), pad.end());
-    return res;
+    Bytes th;
+    Writer w{false, &th};
+    for (std::uint32_t v : {1u, 160u, 120u, 480u, 57600u, 333u}) w.u32(v);
+    w.u16(24);
+    w.u16(1);
+    th.resize(th.size() + 333, 0xAB);
+    return cat({resource8bim(0x0404, iptc), withThumb ? resource8bim(0x040C, th) : Bytes{},
+                resource8bim(0x0425, Bytes(16, 1))});
 }
 
 TEST(MetareadExif, App13BlockGivesIptcAndThumbnail) {
     const Bytes iptc = iptcKeywords({"alpha", "beta"});
     const Bytes tiff = buildTiff(TiffSpec{});
-    const Bytes blocks = photoshopBlocks(iptc, true);
-    const Bytes jpg = jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(blocks)}});
     TempDir dir;
     const std::string p = dir.file("a.jpg");
-    oltest::writeFile(p, jpg);
-    const Records r = readRecords(p, 1);
+    oltest::writeFile(p, jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(photoshopBlocks(iptc, true))}}));
+    const Records r = readExif(p, 1);
     ASSERT_EQ(r.exif.iptcLen, static_cast<int>(iptc.size()));
     const std::size_t app13 = 2 + 4 + 6 + tiff.size();
     EXPECT_EQ(r.exif.iptcOffset, static_cast<int>(app13 + 4 + 14 + 12));
     EXPECT_EQ(r.exif.thumbLen, 333);
     EXPECT_EQ(r.exif.thumbOffset, static_cast<int>(app13 + 4 + 14 + resource8bim(0x0404, iptc).size() + 12 + 28));
-    Bytes got(static_cast<std::size_t>(r.exif.iptcLen));
-    EXPECT_EQ(read_iptc(p.c_str(), r.exif.iptcLen, r.exif.iptcOffset, got.data()), r.exif.iptcLen);
-    EXPECT_EQ(got, iptc);
+    EXPECT_EQ(iptcBlock(p, r.exif), std::string(iptc.begin(), iptc.end()));
 }
 
 TEST(MetareadExif, App13BlockIsScannedForItsWholeLengthField) {
@@ -314,7 +258,7 @@ TEST(MetareadExif, App13BlockIsScannedForItsWholeLengthField) {
     const Bytes iptc = {0x1C, 2, 0, 0, 2, 0, 4, 0};
     const Bytes tiff = buildTiff(TiffSpec{});
     const Bytes jpg = jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(resource8bim(0x0404, iptc))}});
-    const Records r = readBytes(jpg, 1);
+    const Records r = readExifBytes(jpg, 1);
     EXPECT_EQ(r.exif.iptcLen, 8);
     const std::size_t app13 = 2 + 4 + 6 + tiff.size();
     EXPECT_EQ(r.exif.iptcOffset, static_cast<int>(app13 + 4 + 14 + 12));
@@ -322,13 +266,13 @@ TEST(MetareadExif, App13BlockIsScannedForItsWholeLengthField) {
 
 TEST(MetareadExif, App13IsOnlyLookedAtAfterAnExifApp1) {
     const Bytes blocks = photoshopBlocks(iptcKeywords({"alpha", "beta"}), false);
-    Records r = readBytes(jpegWith({{0xED, app13Payload(blocks)}}), 1);
+    Records r = readExifBytes(jpegWith({{0xED, app13Payload(blocks)}}), 1);
     EXPECT_EQ(r.exif.iptcLen, 0);
     // The second pass needs exactly one 0xFF before each marker.
     Bytes jpg = jpegWith({{0xE1, exifPayload(buildTiff(TiffSpec{}))}, {0xED, app13Payload(blocks)}});
-    EXPECT_GT(readBytes(jpg, 1).exif.iptcLen, 0);
+    EXPECT_GT(readExifBytes(jpg, 1).exif.iptcLen, 0);
     jpg.insert(jpg.begin() + 2, 0xFF);  // padding before the APP1
-    EXPECT_EQ(readBytes(jpg, 1).exif.iptcLen, 0);
+    EXPECT_EQ(readExifBytes(jpg, 1).exif.iptcLen, 0);
 }
 
 TEST(MetareadExif, JpegScanStopsAndSaysWhy) {
@@ -357,7 +301,7 @@ TEST(MetareadExif, JpegScanStopsAndSaysWhy) {
     };
     for (const auto& c : cases) {
         oltest::CaptureFd out(1);
-        const Records r = readBytes(c.file, 1);
+        const Records r = readExifBytes(c.file, 1);
         EXPECT_EQ(out.finish(), c.printed);
         EXPECT_EQ(r.exif.iso, c.iso);
     }
@@ -368,15 +312,15 @@ TEST(MetareadExif, DescriptionOnlyParsedInTiff) {
     TiffSpec t;
     t.ifds = {{asciiE(270, desc)}};
     const Bytes tiff = buildTiff(t);
-    const Records r = readBytes(tiff, 0);
+    const Records r = readExifBytes(tiff, 0);
     EXPECT_EQ(r.exif.exposureNum, 100);
     EXPECT_EQ(r.exif.exposureDen, 25000);
     // m = trunc((512 + 300) / 2) = 406, iso = 200 * trunc(2^(406/30)).
     EXPECT_EQ(r.exif.iso, 200 * 11856);
     EXPECT_EQ(r.exif.descriptionMark, 2);
     // Other types read as TIFF (any value but 1 and 2) leave it alone.
-    EXPECT_EQ(readBytes(tiff, 5).exif.iso, 0);
-    const Records j = readBytes(jpegWith({{0xE1, exifPayload(tiff)}}), 1);
+    EXPECT_EQ(readExifBytes(tiff, 5).exif.iso, 0);
+    const Records j = readExifBytes(jpegWith({{0xE1, exifPayload(tiff)}}), 1);
     EXPECT_EQ(j.exif.iso, 0);
     EXPECT_EQ(j.exif.descriptionMark, 0);
 }

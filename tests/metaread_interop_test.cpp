@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
+using namespace metatest;
 using oltest::TempDir;
 
 namespace {
@@ -19,36 +20,6 @@ namespace {
     } while (0)
 
 void run(const std::string& cmd) { ASSERT_EQ(oltest::runCommand(cmd + " 2>/dev/null"), 0) << cmd; }
-
-std::string quoted(const std::string& s) { return "'" + s + "'"; }
-
-struct Read {
-    ExifRecord e;
-    GpsRecord g;
-};
-
-Read readMeta(const std::string& path, int type) {
-    Read r;
-    std::memset(&r, 0, sizeof r);
-    get_exif_data(path.c_str(), type, &r.e, &r.g);
-    return r;
-}
-
-double dms(const std::uint32_t* r) {
-    double v = 0, scale = 1;
-    for (int k = 0; k < 3; ++k, scale *= 60)
-        if (r[2 * k + 1] != 0) v += static_cast<double>(r[2 * k]) / r[2 * k + 1] / scale;
-    return v;
-}
-
-std::string str(const char* f, std::size_t n) { return std::string(f, strnlen(f, n)); }
-
-std::string iptcBlock(const std::string& path, const ExifRecord& e) {
-    if (e.iptcLen <= 0) return {};
-    std::vector<unsigned char> b(static_cast<std::size_t>(e.iptcLen));
-    EXPECT_EQ(read_iptc(path.c_str(), e.iptcLen, e.iptcOffset, b.data()), e.iptcLen);
-    return std::string(b.begin(), b.end());
-}
 
 std::string fileBytes(const std::string& path, long offset, long len) {
     const auto all = oltest::readFile(path);
@@ -75,40 +46,40 @@ TEST_P(JpegOrder, ExiftoolTagsGpsIptcAndThumbnail) {
     oltest::runCommand("exiftool -s3 -n -ExifByteOrder " + jpg, &order);
     ASSERT_EQ(order.substr(0, 2), GetParam());
 
-    const Read r = readMeta(jpg, 1);
-    EXPECT_EQ(r.e.exposureNum, 100);
-    EXPECT_EQ(r.e.exposureDen, 25000);
-    EXPECT_EQ(r.e.apertureNum, 560);
-    EXPECT_EQ(r.e.apertureDen, 100);
-    EXPECT_EQ(r.e.iso, 400);
-    EXPECT_EQ(r.e.focalNum, 3500);
-    EXPECT_EQ(r.e.focal35, 52);
-    EXPECT_EQ(r.e.planeResNum, 320050);
-    EXPECT_EQ(r.e.planeResUnit, 3);
-    EXPECT_EQ(r.e.orientation, 6);
-    EXPECT_EQ(str(r.e.camera, 64), "Interop Cam");
-    EXPECT_EQ(str(r.e.date, 20), "2023:04:05 06:07:08");
-    EXPECT_EQ(r.g.lat_ref, 'N');
-    EXPECT_EQ(r.g.long_ref, 'W');
-    EXPECT_EQ(r.g.alt_ref, 1);
-    EXPECT_NEAR(dms(r.g.latitude), 48.8583, 1e-6);
-    EXPECT_NEAR(dms(r.g.longitude), 2.2945, 1e-6);
-    ASSERT_NE(r.g.altitude[1], 0u);
-    EXPECT_DOUBLE_EQ(static_cast<double>(r.g.altitude[0]) / r.g.altitude[1], 35.5);
-    EXPECT_NEAR(dms(r.g.timestamp), 10 + 20 / 60.0 + 30.5 / 3600.0, 1e-9);
-    EXPECT_EQ(str(r.g.datestamp, 11), "2023:04:05");
+    const Records r = readExif(jpg, 1);
+    EXPECT_EQ(r.exif.exposureNum, 100);
+    EXPECT_EQ(r.exif.exposureDen, 25000);
+    EXPECT_EQ(r.exif.apertureNum, 560);
+    EXPECT_EQ(r.exif.apertureDen, 100);
+    EXPECT_EQ(r.exif.iso, 400);
+    EXPECT_EQ(r.exif.focalNum, 3500);
+    EXPECT_EQ(r.exif.focal35, 52);
+    EXPECT_EQ(r.exif.planeResNum, 320050);
+    EXPECT_EQ(r.exif.planeResUnit, 3);
+    EXPECT_EQ(r.exif.orientation, 6);
+    EXPECT_EQ(field(r.exif.camera, 64), "Interop Cam");
+    EXPECT_EQ(field(r.exif.date, 20), "2023:04:05 06:07:08");
+    EXPECT_EQ(r.gps.lat_ref, 'N');
+    EXPECT_EQ(r.gps.long_ref, 'W');
+    EXPECT_EQ(r.gps.alt_ref, 1);
+    EXPECT_NEAR(dms(r.gps.latitude), 48.8583, 1e-6);
+    EXPECT_NEAR(dms(r.gps.longitude), 2.2945, 1e-6);
+    ASSERT_NE(r.gps.altitude[1], 0u);
+    EXPECT_DOUBLE_EQ(static_cast<double>(r.gps.altitude[0]) / r.gps.altitude[1], 35.5);
+    EXPECT_NEAR(dms(r.gps.timestamp), 10 + 20 / 60.0 + 30.5 / 3600.0, 1e-9);
+    EXPECT_EQ(field(r.gps.datestamp, 11), "2023:04:05");
 
     // The thumbnail the reader points at is the one exiftool embedded.
     const auto th = oltest::readFile(thumb);
-    EXPECT_EQ(fileBytes(jpg, r.e.thumbOffset, r.e.thumbLen), std::string(th.begin(), th.end()));
+    EXPECT_EQ(fileBytes(jpg, r.exif.thumbOffset, r.exif.thumbLen), std::string(th.begin(), th.end()));
     // The IPTC block of the APP13 segment holds both keywords.
-    const std::string iptc = iptcBlock(jpg, r.e);
+    const std::string iptc = iptcBlock(jpg, r.exif);
     ASSERT_FALSE(iptc.empty());
     EXPECT_EQ(static_cast<unsigned char>(iptc[0]), 0x1C);
     EXPECT_NE(iptc.find("alpha"), std::string::npos);
     EXPECT_NE(iptc.find("beta"), std::string::npos);
     // XMP in a JPEG lives in its own APP1 segment, which the walk never sees.
-    EXPECT_EQ(r.e.xmpLen, 0);
+    EXPECT_EQ(r.exif.xmpLen, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Orders, JpegOrder, ::testing::Values("II", "MM"));
@@ -128,24 +99,24 @@ TEST_P(TiffOrder, ExiftoolTagsXmpAndIptc) {
         " -ExposureIndex=250 -FocalLength=200 -GPSLatitude=10.5 -GPSLatitudeRef=S -Keywords=gamma"
         " -Keywords=delta -XMP-dc:Title=Yo " + tif);
 
-    const Read r = readMeta(tif, 0);
-    EXPECT_EQ(r.e.exposureNum, 250);
-    EXPECT_EQ(r.e.exposureDen, 100);
-    EXPECT_EQ(r.e.apertureNum, 1100);
-    EXPECT_EQ(r.e.iso, 100);  // ISO present: ExposureIndex not used
-    EXPECT_EQ(r.e.focalNum, 20000);
-    EXPECT_EQ(str(r.e.camera, 64), "Tiff Cam");
-    EXPECT_EQ(r.e.orientation, 1);
-    EXPECT_EQ(r.g.lat_ref, 'S');
-    EXPECT_NEAR(dms(r.g.latitude), 10.5, 1e-9);
+    const Records r = readExif(tif, 0);
+    EXPECT_EQ(r.exif.exposureNum, 250);
+    EXPECT_EQ(r.exif.exposureDen, 100);
+    EXPECT_EQ(r.exif.apertureNum, 1100);
+    EXPECT_EQ(r.exif.iso, 100);  // ISO present: ExposureIndex not used
+    EXPECT_EQ(r.exif.focalNum, 20000);
+    EXPECT_EQ(field(r.exif.camera, 64), "Tiff Cam");
+    EXPECT_EQ(r.exif.orientation, 1);
+    EXPECT_EQ(r.gps.lat_ref, 'S');
+    EXPECT_NEAR(dms(r.gps.latitude), 10.5, 1e-9);
 
     // Tag 700: the packet exiftool reports, at the offset the reader gives.
     std::string xmp;
     oltest::runCommand("exiftool -b -XMP " + tif, &xmp);
-    ASSERT_GT(r.e.xmpLen, 0);
-    EXPECT_EQ(fileBytes(tif, r.e.xmpOffset, r.e.xmpLen), xmp);
+    ASSERT_GT(r.exif.xmpLen, 0);
+    EXPECT_EQ(fileBytes(tif, r.exif.xmpOffset, r.exif.xmpLen), xmp);
     // Tag 33723: the IPTC block with both keywords.
-    const std::string iptc = iptcBlock(tif, r.e);
+    const std::string iptc = iptcBlock(tif, r.exif);
     EXPECT_NE(iptc.find("gamma"), std::string::npos);
     EXPECT_NE(iptc.find("delta"), std::string::npos);
 }
@@ -159,12 +130,12 @@ TEST(MetareadInterop, ExifInsideAPsd) {
     run("convert -size 20x10 gradient:red-blue -depth 8 " + psd);
     run("exiftool -q -overwrite_original -Model='Psd Cam' -ExposureTime=1/30 -ISO=800 -Orientation#=3"
         " -FocalLength=24 " + psd);
-    const Read r = readMeta(psd, 2);
-    EXPECT_EQ(str(r.e.camera, 64), "Psd Cam");
-    EXPECT_EQ(r.e.exposureDen, 3000);
-    EXPECT_EQ(r.e.iso, 800);
-    EXPECT_EQ(r.e.orientation, 3);
-    EXPECT_EQ(r.e.focalNum, 2400);
+    const Records r = readExif(psd, 2);
+    EXPECT_EQ(field(r.exif.camera, 64), "Psd Cam");
+    EXPECT_EQ(r.exif.exposureDen, 3000);
+    EXPECT_EQ(r.exif.iso, 800);
+    EXPECT_EQ(r.exif.orientation, 3);
+    EXPECT_EQ(r.exif.focalNum, 2400);
     PsdInfo info{};
     ASSERT_GT(getPsdInfo(psd.c_str(), &info), 0);
     EXPECT_GT(info.exifStart, 0);
@@ -188,7 +159,7 @@ TEST_P(ImageMagickPsd, CompositeMatchesImageMagicksReading) {
     run("convert -size 37x23 gradient:red-blue -swirl 90 -alpha off " + src);
     std::string extra = c.depth == 16 ? " -evaluate add 0.37% +noise Uniform" : "";
     run("convert " + src + extra + " -depth " + std::to_string(c.depth) + " -compress " + c.compression + " " + psd);
-    run("convert " + quoted(psd + "[0]") + " -depth " + std::to_string(c.depth) + " -endian LSB rgb:" + raw);
+    run("convert '" + psd + "[0]'" + " -depth " + std::to_string(c.depth) + " -endian LSB rgb:" + raw);
     PsdInfo info{};
     ASSERT_GT(getPsdInfo(psd.c_str(), &info), 0);
     ASSERT_EQ(info.width, 37);

@@ -6,11 +6,10 @@
 #include <string>
 
 #include "frame/rgbe.hpp"
+#include "meta_bytes.hpp"
 #include "metadata/psd_reader.hpp"
-#include "metaread_builders.hpp"
-#include "support/testsupport.hpp"
 
-using namespace mrtest;
+using namespace metatest;
 using oltest::TempDir;
 
 namespace {
@@ -147,33 +146,31 @@ TEST(MetareadPsd, LengthBitsFromTheHostOverridesTheVersion) {
 }
 
 TEST(MetareadPsd, PackBitsRunsCrossRowsAndStopAtThePlane) {
-    // 2x2, one repeat run covering the whole plane for each channel, then a
-    // no-op byte (-128) between channels 1 and 2.
-    PsdSpec s;
-    s.compression = 1;
-    Bytes img(2 * 2 * 3, 0);  // row table, not checked
-    const Bytes runs = {0xFD, 10, 0x80, 0xFD, 20, 0x80, 0x01, 30, 31, 0x01, 32, 33};
-    img.insert(img.end(), runs.begin(), runs.end());
-    s.image = img;
-    Loaded l = loadBytes(buildPsd(s), 1, 6, 12);
-    ASSERT_EQ(l.result, 2);
-    const Bytes want = {10, 20, 30, 10, 20, 31, 10, 20, 32, 10, 20, 33};
-    EXPECT_EQ(l.out, want);
-
-    // A run longer than the plane writes only up to its end; the rest of the
-    // run is consumed, so the next channel starts behind it.
-    s.image = Bytes(12, 0);
-    const Bytes over = {0xF9, 10, 0x05, 1, 2, 3, 4, 5, 6, 0xFD, 40};
-    s.image.insert(s.image.end(), over.begin(), over.end());
-    l = loadBytes(buildPsd(s), 1, 6, 12);
-    ASSERT_EQ(l.result, 2);
-    const Bytes want2 = {10, 1, 40, 10, 2, 40, 10, 3, 40, 10, 4, 40};
-    EXPECT_EQ(l.out, want2);
-
-    // Data that ends before the planes are full.
-    s.image = Bytes(12, 0);
-    s.image.insert(s.image.end(), {0xFD, 10, 0x07, 1, 2});
-    EXPECT_EQ(loadBytes(buildPsd(s), 1, 6, 12).result, -3);
+    // 2x2 planes behind a row table that is not checked.
+    struct Case {
+        Bytes runs;
+        int result;
+        Bytes out;
+    } cases[] = {
+        // One repeat run covering the whole plane for each channel, then a
+        // no-op byte (-128) between channels 1 and 2.
+        {{0xFD, 10, 0x80, 0xFD, 20, 0x80, 0x01, 30, 31, 0x01, 32, 33}, 2, {10, 20, 30, 10, 20, 31, 10, 20, 32, 10, 20, 33}},
+        // A run longer than the plane writes only up to its end; the rest of
+        // the run is consumed, so the next channel starts behind it.
+        {{0xF9, 10, 0x05, 1, 2, 3, 4, 5, 6, 0xFD, 40}, 2, {10, 1, 40, 10, 2, 40, 10, 3, 40, 10, 4, 40}},
+        // Data that ends before the planes are full.
+        {{0xFD, 10, 0x07, 1, 2}, -3, {}},
+    };
+    for (const auto& c : cases) {
+        PsdSpec s;
+        s.compression = 1;
+        s.image = cat({Bytes(2 * 2 * 3, 0), c.runs});
+        const Loaded l = loadBytes(buildPsd(s), 1, 6, 12);
+        ASSERT_EQ(l.result, c.result);
+        if (c.result > 0) {
+            EXPECT_EQ(l.out, c.out);
+        }
+    }
 }
 
 TEST(MetareadPsd, MemoryFailuresGiveMinusFour) {
@@ -272,11 +269,9 @@ TEST(MetareadPsd, InfoAndResources) {
     s.width = 7;
     s.height = 9;
     s.colorData = Bytes(6, 1);
-    Bytes res;
     const Bytes r1 = resource8bim(1005, {0x01, 0x2C, 0x80, 0x00, 0, 1, 0, 1, 0x00, 0x96, 0x40, 0x00, 0, 1, 0, 1});
     const Bytes r2 = resource8bim(1039, Bytes{'p', 'r', 'o', 'f', 'i', 'l', 'e'});
-    const Bytes r3 = resource8bim(1058, Bytes(9, 3));
-    for (const Bytes* r : {&r1, &r2, &r3}) res.insert(res.end(), r->begin(), r->end());
+    const Bytes res = cat({r1, r2, resource8bim(1058, Bytes(9, 3))});
     s.resources = res;
     s.image = rawPlanes(3, 7, 9, 8);
     TempDir dir;
@@ -381,16 +376,13 @@ TEST(MetareadBmp, Dimensions) {
     oltest::writeFile(p, bmpHeader(3, 2, 8));
     EXPECT_EQ(olbmp_dim(p.c_str(), dims), 8);
     EXPECT_EQ(dims[2], 1);
-    oltest::writeFile(p, bmpHeader(3, 2, 32));
-    EXPECT_EQ(olbmp_dim(p.c_str(), dims), -3);
-    oltest::writeFile(p, {'B', 'X', 0, 0});
-    EXPECT_EQ(olbmp_dim(p.c_str(), dims), -2);
-    oltest::writeFile(p, {'B'});
-    EXPECT_EQ(olbmp_dim(p.c_str(), dims), -1);
     Bytes cut = bmpHeader(3, 2, 24);
     cut.resize(24);
-    oltest::writeFile(p, cut);
-    EXPECT_EQ(olbmp_dim(p.c_str(), dims), -3);
+    const std::pair<Bytes, int> refused[] = {{bmpHeader(3, 2, 32), -3}, {{'B', 'X', 0, 0}, -2}, {{'B'}, -1}, {cut, -3}};
+    for (const auto& [file, code] : refused) {
+        oltest::writeFile(p, file);
+        EXPECT_EQ(olbmp_dim(p.c_str(), dims), code);
+    }
     EXPECT_EQ(olbmp_dim(dir.file("none").c_str(), dims), -1);
 }
 
@@ -417,36 +409,38 @@ std::string nameOf(const Bytes& prof, int* result = nullptr) {
 
 TEST(MetareadIcc, NamingRule) {
     int r = 0;
-    std::string n = nameOf(profileWithDesc("Adobe RGB (1998)"), &r);
+    EXPECT_EQ(nameOf(profileWithDesc("Adobe RGB (1998)"), &r), std::string("Adobe RGB") + std::string(23, '\0'));
     EXPECT_EQ(r, 9);
-    EXPECT_EQ(n, std::string("Adobe RGB") + std::string(23, '\0'));
-    n = nameOf(profileWithDesc("Compatible with sRGB"), &r);
+    EXPECT_EQ(nameOf(profileWithDesc("Compatible with sRGB"), &r).substr(0, 5), std::string("sRGB\0", 5));
     EXPECT_EQ(r, 4);
-    EXPECT_EQ(n.substr(0, 5), std::string("sRGB\0", 5));
-    nameOf(profileWithDesc("ProPhoto RGB"), &r);
-    EXPECT_EQ(r, 12);
-    // At each position the names are tried in order: "sRGB" found later in
-    // the text still loses to an earlier "Adobe RGB".
-    nameOf(profileWithDesc("xAdobe RGB sRGB"), &r);
-    EXPECT_EQ(r, 9);
     // An unknown name: the first 32 bytes of the text, past its end.
-    n = nameOf(profileWithDesc("Mine"), &r);
+    EXPECT_EQ(nameOf(profileWithDesc("Mine"), &r), std::string("Mine") + std::string(28, '\0'));
     EXPECT_EQ(r, 32);
-    EXPECT_EQ(n, std::string("Mine") + std::string(28, '\0'));
-    // The search covers only the counted length; a count of 0 searches nothing.
-    nameOf(profileWithDesc("sRGB", 0), &r);
-    EXPECT_EQ(r, 32);
-    // The text itself may be shorter than the name it starts.
-    nameOf(profileWithDesc("sRG", 2), &r);
-    EXPECT_EQ(r, 32);
+    const struct {
+        const char* text;
+        int countByte;
+        int result;
+    } cases[] = {
+        {"ProPhoto RGB", -1, 12},
+        // At each position the names are tried in order: "sRGB" found later
+        // in the text still loses to an earlier "Adobe RGB".
+        {"xAdobe RGB sRGB", -1, 9},
+        // The search covers only the counted length; a count of 0 searches
+        // nothing, and the text may be shorter than the name it starts.
+        {"sRGB", 0, 32},
+        {"sRG", 2, 32},
+    };
+    for (const auto& c : cases) {
+        nameOf(profileWithDesc(c.text, c.countByte), &r);
+        EXPECT_EQ(r, c.result) << c.text;
+    }
     // Only the first matching "desc" counts, even when a later one names a
     // known space.
     Bytes two = profileWithDesc("Display");
     const Bytes second = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0, 5, 's', 'R', 'G', 'B', 0};
     std::copy(second.begin(), second.end(), two.begin() + 160);
-    n = nameOf(two, &r);
+    EXPECT_EQ(nameOf(two, &r).substr(0, 8), std::string("Display\0", 8));
     EXPECT_EQ(r, 32);
-    EXPECT_EQ(n.substr(0, 8), std::string("Display\0", 8));
     // A near miss (one of the seven zero bytes set) is passed over.
     Bytes near = profileWithDesc("sRGB");
     near[132 + 8] = 1;
@@ -487,14 +481,12 @@ TEST(MetareadIcc, ExtractProfile) {
     EXPECT_TRUE(std::equal(prof.begin(), prof.end(), buf.begin()));
     EXPECT_EQ(extract_profile(nullptr, buf.data()), -1);
     EXPECT_EQ(extract_profile(dir.file("none").c_str(), buf.data()), -2);
-    oltest::writeFile(p, {0, 0, 1});
-    EXPECT_EQ(extract_profile(p.c_str(), buf.data()), -3);
-    oltest::writeFile(p, {0, 0, 0, 0, 1, 2});
-    EXPECT_EQ(extract_profile(p.c_str(), buf.data()), -4);
-    oltest::writeFile(p, {0x80, 0, 0, 0, 1, 2});
-    EXPECT_EQ(extract_profile(p.c_str(), buf.data()), -4);
-    oltest::writeFile(p, {0, 0, 0, 9, 1, 2});
-    EXPECT_EQ(extract_profile(p.c_str(), buf.data()), -5);
+    const std::pair<Bytes, int> refused[] = {
+        {{0, 0, 1}, -3}, {{0, 0, 0, 0, 1, 2}, -4}, {{0x80, 0, 0, 0, 1, 2}, -4}, {{0, 0, 0, 9, 1, 2}, -5}};
+    for (const auto& [file, code] : refused) {
+        oltest::writeFile(p, file);
+        EXPECT_EQ(extract_profile(p.c_str(), buf.data()), code);
+    }
 }
 
 }  // namespace

@@ -11,8 +11,9 @@
 #include <vector>
 
 #include "frame/rgbe.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
+using namespace metatest;
 namespace fs = std::filesystem;
 
 namespace {
@@ -186,14 +187,6 @@ std::optional<std::pair<long, long>> xmpEntry(const fs::path& file) {
     return std::nullopt;
 }
 
-double dms(const std::uint32_t* r) {
-    double v = 0, scale = 1;
-    for (int k = 0; k < 3; ++k, scale *= 60) {
-        if (r[2 * k + 1] != 0) v += static_cast<double>(r[2 * k]) / r[2 * k + 1] / scale;
-    }
-    return v;
-}
-
 void checkRational(const char* what, std::int32_t num, std::int32_t den, double t, long slack = 0) {
     const auto [n, d] = expectedRational(t);
     EXPECT_NEAR(num, n, slack) << what << " " << t;
@@ -212,14 +205,13 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
     for (const auto& file : filesIn(dir, {".jpg", ".tif", ".tiff"})) {
         SCOPED_TRACE(file.filename().string());
         const bool jpeg = file.extension() == ".jpg";
-        ExifRecord e;
-        GpsRecord g;
-        std::memset(&e, 0, sizeof e);
-        std::memset(&g, 0, sizeof g);
+        Records rec;
         {
             oltest::CaptureFd quiet(1);
-            get_exif_data(file.c_str(), jpeg ? 1 : 0, &e, &g);
+            rec = readExif(file, jpeg ? 1 : 0);
         }
+        const ExifRecord& e = rec.exif;
+        const GpsRecord& g = rec.gps;
         if (isDamaged(file)) continue;  // surviving is enough (other test)
         if (jpeg && !jpegExifReachable(file)) {
             EXPECT_EQ(e.exposureNum, 0);
@@ -232,10 +224,10 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
 
         if (j.has("IFD0:Model")) {
             std::string model = j.str("IFD0:Model").substr(0, 63);
-            EXPECT_EQ(trimRight(std::string(e.camera, strnlen(e.camera, 64))), trimRight(model));
+            EXPECT_EQ(trimRight(field(e.camera, 64)), trimRight(model));
         }
         if (j.has("ExifIFD:DateTimeOriginal")) {
-            EXPECT_EQ(std::string(e.date, strnlen(e.date, 20)), j.str("ExifIFD:DateTimeOriginal").substr(0, 19));
+            EXPECT_EQ(field(e.date, 20), j.str("ExifIFD:DateTimeOriginal").substr(0, 19));
         }
 
         if (auto t = j.num("ExifIFD:ExposureTime"); t && *t > 0) {
@@ -281,7 +273,7 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
             EXPECT_NEAR(dms(g.timestamp), h + m / 60.0 + s / 3600.0, 1e-7);
         }
         if (j.has("GPS:GPSDateStamp")) {
-            EXPECT_EQ(std::string(g.datestamp, strnlen(g.datestamp, 11)), j.str("GPS:GPSDateStamp").substr(0, 10));
+            EXPECT_EQ(field(g.datestamp, 11), j.str("GPS:GPSDateStamp").substr(0, 10));
         }
 
         // IPTC: the block the reader points at holds the tool's keywords.
@@ -289,9 +281,7 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
         for (const auto& [k, v] : j.values) hasIptc |= k.rfind("IPTC:", 0) == 0;
         if (hasIptc) {
             ASSERT_GT(e.iptcLen, 0);
-            std::vector<unsigned char> block(static_cast<std::size_t>(e.iptcLen));
-            EXPECT_EQ(read_iptc(file.c_str(), e.iptcLen, e.iptcOffset, block.data()), e.iptcLen);
-            const std::string text(block.begin(), block.end());
+            const std::string text = iptcBlock(file, e);
             std::istringstream kw(j.str("IPTC:Keywords"));
             std::string word;
             while (std::getline(kw, word, '\x1f')) EXPECT_NE(text.find(word), std::string::npos) << word;
@@ -418,23 +408,7 @@ TEST(MetareadTestdata, DamagedFilesAreSurvived) {
         const bool psd = name.find(".psd") != std::string::npos;
         const fs::path p = oltest::testdataDir() / (psd ? "psd" : "exif") / name;
         ASSERT_TRUE(fs::exists(p)) << name;
-        oltest::CaptureFd quietOut(1);
-        oltest::CaptureFd quietErr(2);
-        for (int type : {0, 1, 2}) {
-            ExifRecord e{};
-            GpsRecord g{};
-            get_exif_data(p.c_str(), type, &e, &g);
-            if (e.iptcLen > 0 && e.iptcLen < (1 << 24)) {
-                std::vector<unsigned char> block(static_cast<std::size_t>(e.iptcLen));
-                read_iptc(p.c_str(), e.iptcLen, e.iptcOffset, block.data());
-            }
-        }
-        PsdInfo info{};
-        if (getPsdInfo(p.c_str(), &info) > 0 && info.width > 0 && info.height > 0 &&
-            static_cast<long>(info.width) * info.height < (1L << 24)) {
-            std::vector<std::uint8_t> out(static_cast<std::size_t>(info.width) * info.height * 6 + 16);
-            load_psd(1, p.c_str(), &info, 3 * info.width, out.data());
-        }
+        runAllReaders(p.string(), 1 << 24);
     }
 }
 

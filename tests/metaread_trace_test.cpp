@@ -2,10 +2,9 @@
 #include <cstring>
 #include <string>
 
-#include "metaread_builders.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mrtest;
+using namespace metatest;
 using oltest::TempDir;
 
 namespace {
@@ -49,19 +48,11 @@ TEST(MetareadTrace, ExifGpsXmpAndPhotoshopBlocks) {
               rationalE(41486, 4000, 3), shortE(41488, 3), shortE(41989, 75)};
     t.gps = {bytesE(1, 2, std::string("N\0", 2)), rationalsE(2, {48, 1, 51, 1, 24, 1}), rationalE(6, 35, 1)};
     const Bytes tiff = buildTiff(t);
-    Bytes iptc = {0x1C, 2, 0, 0, 2, 0, 4};
+    Bytes iptc = kIptcVersion;
     iptc.resize(30, 0);
-    Bytes res = resource8bim(0x0404, iptc);
-    const Bytes pad = resource8bim(0x0425, Bytes(16, 1));
-    res.insert(res.end(), pad.begin(), pad.end());
-    const Bytes jpg = jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(res)}});
-    TempDir dir;
-    const std::string p = dir.file("t.jpg");
-    oltest::writeFile(p, jpg);
-    ExifRecord e{};
-    GpsRecord g{};
+    const Bytes res = cat({resource8bim(0x0404, iptc), resource8bim(0x0425, Bytes(16, 1))});
     oltest::CaptureFd out(1);
-    get_exif_data(p.c_str(), 1, &e, &g);
+    readExifBytes(jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(res)}}), 1);
     const std::string text = out.finish();
     // Layout: IFD0 (3 entries) at 8, the Exif IFD at 50, the GPS IFD at 128,
     // their data from 170 on.

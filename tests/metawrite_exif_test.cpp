@@ -1,10 +1,9 @@
 // Exif census and the free-standing Exif block.
 #include <cstring>
 
-#include "metawrite_fixture.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mwtest;
+using namespace metatest;
 
 namespace {
 

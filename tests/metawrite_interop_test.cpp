@@ -17,10 +17,9 @@
 #include <set>
 #include <sstream>
 
-#include "metawrite_fixture.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mwtest;
+using namespace metatest;
 using oltest::haveProgram;
 using oltest::runCommand;
 using oltest::TempDir;
@@ -296,19 +295,14 @@ TEST(MetawriteInteropJpeg, ExifBlockInAnApp1SegmentReadByExiftool) {
 
     const ExifRecord ex = fullExif();
     const GpsRecord gps = fullGps();
-    int c[7];
-    get_exif_count(&ex, &c[0], &c[1], &gps, &c[2], &c[3], &c[4], &c[5], &c[6]);
     std::vector<std::uint8_t> block(1024, 0);
-    const int len = write_exif_buf(c[0], c[1], c[2], c[3], c[4], c[5], c[6], 6, &ex, &gps, block.data());
+    const int len = exifBlockInto(ex, gps, 6, block.data());
     ASSERT_GT(len, 0);
+    block.resize(static_cast<std::size_t>(len));
 
     // SOI, then APP1 "Exif\0\0" + block, then the rest of the JPEG.
-    std::vector<std::uint8_t> jpeg(base.begin(), base.begin() + 2);
-    const int segLen = 2 + 6 + len;
-    const std::uint8_t app1[] = {0xFF, 0xE1, static_cast<std::uint8_t>(segLen >> 8), static_cast<std::uint8_t>(segLen),
-                                 'E', 'x', 'i', 'f', 0, 0};
-    jpeg.insert(jpeg.end(), app1, app1 + sizeof app1);
-    jpeg.insert(jpeg.end(), block.begin(), block.begin() + len);
+    Bytes jpeg(base.begin(), base.begin() + 2);
+    appendSegment(jpeg, 0xE1, exifPayload(block));
     jpeg.insert(jpeg.end(), base.begin() + 2, base.end());
     const std::string path = dir.file("exif.jpg");
     oltest::writeFile(path, jpeg);

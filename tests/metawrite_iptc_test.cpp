@@ -3,23 +3,13 @@
 #include <string>
 #include <vector>
 
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
+
+using namespace metatest;
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-Bytes dataset(std::uint8_t number, const std::string& data) {
-    Bytes d = {0x1C, 0x02, number, static_cast<std::uint8_t>(data.size() >> 8), static_cast<std::uint8_t>(data.size())};
-    d.insert(d.end(), data.begin(), data.end());
-    return d;
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
+Bytes dataset(std::uint8_t number, const std::string& data) { return iptcDataset(number, data); }
 
 // Adds `keyword`; returns the result and the new block at its stated length
 // (checking nothing is written beyond it).
@@ -47,7 +37,7 @@ TEST(MetawriteIptc, NewBlockStartsWithRecordVersion) {
 }
 
 TEST(MetawriteIptc, KeywordGoesBehindTheLastKeyword) {
-    const Bytes version = {0x1C, 0x02, 0x00, 0x00, 0x02, 0x00, 0x04};
+    const Bytes& version = kIptcVersion;
     const Bytes block = cat({version, dataset(0x19, "one"), dataset(0x19, "two"), dataset(0x78, "a caption")});
     const auto [r, out] = add(block, "three");
     EXPECT_EQ(r, 23);

@@ -1,10 +1,9 @@
 // What buf2tifOld writes, read back by the library's own metadata reader.
 #include <cstring>
 
-#include "metawrite_fixture.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mwtest;
+using namespace metatest;
 
 namespace {
 

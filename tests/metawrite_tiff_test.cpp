@@ -6,10 +6,9 @@
 #include <cstring>
 #include <numeric>
 
-#include "metawrite_fixture.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mwtest;
+using namespace metatest;
 using oltest::readFile;
 using oltest::TempDir;
 
@@ -490,11 +489,9 @@ TEST(MetawriteTiff, PlainBuildPrintsNothing) {
     const std::vector<std::uint8_t> px(2 * 2 * 4, 5);
     const tif_info info = makeInfo(2, 2, 4, 8);
     std::vector<std::uint8_t> block(1024, 0);
-    int c[7];
     oltest::CaptureFd out(1);
     oltest::CaptureFd err(2);
-    get_exif_count(&ex, &c[0], &c[1], &gps, &c[2], &c[3], &c[4], &c[5], &c[6]);
-    write_exif_buf(c[0], c[1], c[2], c[3], c[4], c[5], c[6], 1, &ex, &gps, block.data());
+    exifBlockInto(ex, gps, 1, block.data());
     buf2tifOld(px.data(), &info, 8, nullptr, &ex, &gps, 0, nullptr, 1, nullptr, dir.file("q.tif").c_str());
     EXPECT_EQ(err.finish(), "");
     EXPECT_EQ(out.finish(), "");

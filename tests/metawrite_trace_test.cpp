@@ -2,10 +2,9 @@
 #include <string>
 #include <vector>
 
-#include "metawrite_fixture.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
-using namespace mwtest;
+using namespace metatest;
 
 namespace {
 
@@ -18,11 +17,9 @@ const std::string kCensusLines =
 TEST(MetawriteTrace, ExifCensusAndBlock) {
     const ExifRecord ex = fullExif();
     const GpsRecord gps = fullGps();
-    int c[7];
     std::vector<std::uint8_t> out(1024, 0);
     oltest::CaptureFd capture(1);
-    get_exif_count(&ex, &c[0], &c[1], &gps, &c[2], &c[3], &c[4], &c[5], &c[6]);
-    const int r = write_exif_buf(c[0], c[1], c[2], c[3], c[4], c[5], c[6], 1, &ex, &gps, out.data());
+    const int r = exifBlockInto(ex, gps, 1, out.data());
     const std::string printed = capture.finish();
     EXPECT_EQ(r, 387);
     EXPECT_EQ(printed, kCensusLines +

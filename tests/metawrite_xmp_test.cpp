@@ -2,8 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "metawrite_fixture.hpp"
-#include "support/testsupport.hpp"
+#include "meta_bytes.hpp"
 
 namespace {
 
