@@ -259,14 +259,9 @@ int cmdBracket(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"size", 0, true}, {"frames", 0, true},
                            {"ev-step", 0, true}, {"format", 0, true}, {"bits", 'b', true},
                            {"no-metadata", 0, false}});
-    if (args.has("help")) {
-        std::fputs(kBracketHelp, stdout);
-        return kExitOk;
-    }
+    if (printHelpIfAsked(args, kBracketHelp)) return kExitOk;
     if (!args.positional().empty()) throw Failure(kExitUsage, "unexpected argument '" + args.positional()[0] + "'");
-    Common common;
-    common.quiet = args.has("quiet");
-    common.verbose = args.has("verbose");
+    const Common common = commonOptions(args);
     BracketOptions opt;
     if (args.has("size")) parseSize("size", *args.value("size"), 8, 20000, opt.spec.width, opt.spec.height);
     opt.spec.frames = args.integer("frames", 3, 1, 9);
@@ -290,14 +285,9 @@ int cmdBracket(const std::vector<std::string>& argv) {
 
 int cmdDemo(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"size", 0, true}});
-    if (args.has("help")) {
-        std::fputs(kDemoHelp, stdout);
-        return kExitOk;
-    }
+    if (printHelpIfAsked(args, kDemoHelp)) return kExitOk;
     if (!args.positional().empty()) throw Failure(kExitUsage, "unexpected argument '" + args.positional()[0] + "'");
-    Common common;
-    common.quiet = args.has("quiet");
-    common.verbose = args.has("verbose");
+    const Common common = commonOptions(args);
     const std::string dir = args.text("out", "olhdr-demo");
     BracketOptions opt;
     if (args.has("size")) parseSize("size", *args.value("size"), 8, 20000, opt.spec.width, opt.spec.height);

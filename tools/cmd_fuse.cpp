@@ -55,13 +55,8 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
                            {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
                            {"align", 0, false}, {"deghost", 0, false}});
-    if (args.has("help")) {
-        std::fputs(kFuseHelp, stdout);
-        return kExitOk;
-    }
-    Common common;
-    common.quiet = args.has("quiet");
-    common.verbose = args.has("verbose");
+    if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
+    const Common common = commonOptions(args);
     FuseRequest req;
     req.frames = args.positional();
     req.out = args.text("out", "");
@@ -79,9 +74,7 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.scratch = args.text("scratch", "");
     req.quality = args.integer("quality", 92, 1, 100);
     req.dpi = args.integer("dpi", 300, 1, 100000);
-    refuseUnavailable(args.has("align"), args.has("deghost"));
-    if (req.frames.empty()) throw Failure(kExitUsage, "no frames given (olhdr fuse --help)");
-    if (req.out.empty()) throw Failure(kExitUsage, "no output given: -o OUT.tif");
+    requireFramesAndOutput(args, "fuse", "OUT.tif");
     Progress progress(!common.quiet, 2);
     runFuse(req, common, progress);
     return kExitOk;

@@ -181,10 +181,7 @@ std::vector<Field> describe(const std::string& path, bool verbose) {
 
 int cmdInfo(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"json", 0, false}});
-    if (args.has("help")) {
-        std::fputs(kInfoHelp, stdout);
-        return kExitOk;
-    }
+    if (printHelpIfAsked(args, kInfoHelp)) return kExitOk;
     const bool verbose = args.has("verbose");
     const bool json = args.has("json");
     if (args.positional().empty()) throw Failure(kExitUsage, "no file given (olhdr info --help)");

@@ -40,13 +40,8 @@ int cmdMerge(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"preview", 0, true},
                            {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
                            {"align", 0, false}, {"deghost", 0, false}});
-    if (args.has("help")) {
-        std::fputs(kMergeHelp, stdout);
-        return kExitOk;
-    }
-    Common common;
-    common.quiet = args.has("quiet");
-    common.verbose = args.has("verbose");
+    if (printHelpIfAsked(args, kMergeHelp)) return kExitOk;
+    const Common common = commonOptions(args);
     MergeRequest req;
     req.frames = args.positional();
     req.out = args.text("out", "");
@@ -54,9 +49,7 @@ int cmdMerge(const std::vector<std::string>& argv) {
     req.evStep = args.number("ev-step", 0, 0.01, 10);
     req.gamma = args.number("gamma", 0, 0.1, 10);
     req.stripRows = args.integer("strip-rows", 0, 1, 1 << 20);
-    refuseUnavailable(args.has("align"), args.has("deghost"));
-    if (req.frames.empty()) throw Failure(kExitUsage, "no frames given (olhdr merge --help)");
-    if (req.out.empty()) throw Failure(kExitUsage, "no output given: -o OUT.hdr");
+    requireFramesAndOutput(args, "merge", "OUT.hdr");
     Progress progress(!common.quiet, 2);
     runMerge(req, common, progress);
     return kExitOk;

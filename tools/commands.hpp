@@ -9,6 +9,8 @@
 
 namespace olhdr {
 
+class Args;
+
 int cmdMerge(const std::vector<std::string>& args);
 int cmdFuse(const std::vector<std::string>& args);
 int cmdInfo(const std::vector<std::string>& args);
@@ -28,6 +30,17 @@ extern const char* const kBracketHelp;
 // `--align` and `--deghost` are accepted on the command line and refused
 // with kExitUnavailable until frame alignment and ghost handling are wired in.
 void refuseUnavailable(bool align, bool deghost);
+
+// Prints `help` on stdout when --help was given, and says whether it was.
+bool printHelpIfAsked(const Args& args, const char* help);
+
+// The common options (--quiet, --verbose) as given.
+Common commonOptions(const Args& args);
+
+// The last checks of a command that turns frames into one output, once its
+// options are read: --align and --deghost, then the frames, then -o
+// (`outExample` names the output in the message, e.g. "OUT.hdr").
+void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample);
 
 // Prints one result line on stdout ("wrote ..."), unless quiet.
 void report(const Common& common, const std::string& line);

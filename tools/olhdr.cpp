@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "args.hpp"
 #include "commands.hpp"
 #include "outfile.hpp"
 
@@ -48,6 +49,25 @@ void refuseUnavailable(bool align, bool deghost) {
         throw Failure(kExitUnavailable, "--align is not available yet: frames must be aligned already");
     if (deghost)
         throw Failure(kExitUnavailable, "--deghost is not available yet: frames must be free of motion");
+}
+
+bool printHelpIfAsked(const Args& args, const char* help) {
+    if (!args.has("help")) return false;
+    std::fputs(help, stdout);
+    return true;
+}
+
+Common commonOptions(const Args& args) {
+    Common common;
+    common.quiet = args.has("quiet");
+    common.verbose = args.has("verbose");
+    return common;
+}
+
+void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample) {
+    refuseUnavailable(args.has("align"), args.has("deghost"));
+    if (args.positional().empty()) throw Failure(kExitUsage, "no frames given (olhdr " + command + " --help)");
+    if (args.text("out", "").empty()) throw Failure(kExitUsage, "no output given: -o " + outExample);
 }
 
 void report(const Common& common, const std::string& line) {
