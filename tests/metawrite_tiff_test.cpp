@@ -16,24 +16,45 @@ namespace {
 
 struct Written {
     int result;
-    std::vector<std::uint8_t> bytes;
+    Bytes bytes;
 };
 
-Written write(const void* data, const tif_info& info, int stride, const std::vector<std::uint8_t>* profile,
-              const ExifRecord* exif, const GpsRecord* gps, const std::vector<std::uint8_t>* iptc = nullptr,
-              int tmMethod = 0, const float* tm = nullptr) {
+// What goes beside the pixels; nothing by default.
+struct Extras {
+    const Bytes* profile = nullptr;
+    const ExifRecord* exif = nullptr;
+    const GpsRecord* gps = nullptr;
+    const Bytes* iptc = nullptr;
+    int tmMethod = 0;
+    const float* tm = nullptr;
+};
+
+Written write(const void* data, const tif_info& info, int stride, const Extras& x = {}) {
     TempDir dir;
     const std::string path = dir.file("out.tif");
     tif_info ti = info;
-    ti.lProfil = profile ? static_cast<int>(profile->size()) : 0;
-    const int r = buf2tifOld(data, &ti, stride, profile ? profile->data() : nullptr, exif, gps,
-                             iptc ? static_cast<int>(iptc->size()) : 0, iptc ? iptc->data() : nullptr, tmMethod,
-                             tm, path.c_str());
+    ti.lProfil = x.profile ? static_cast<int>(x.profile->size()) : 0;
+    const int r = buf2tifOld(data, &ti, stride, x.profile ? x.profile->data() : nullptr, x.exif, x.gps,
+                             x.iptc ? static_cast<int>(x.iptc->size()) : 0, x.iptc ? x.iptc->data() : nullptr,
+                             x.tmMethod, x.tm, path.c_str());
     return {r, readFile(path)};
 }
 
-std::vector<std::uint8_t> ramp(std::size_t n, int step = 7) {
-    std::vector<std::uint8_t> v(n);
+// A file of one RGB pixel, whose IFD starts at 11.
+Written onePixel(const Extras& x = {}, int orientation = 1) {
+    const std::uint8_t px[3] = {1, 2, 3};
+    tif_info info = makeInfo(1, 1, 3, 8);
+    info.orientation = orientation;
+    return write(px, info, 3, x);
+}
+
+std::vector<IfdEntry> ifd0(const Written& w) { return readIfd(w.bytes, u32(w.bytes, 4)); }
+
+// The `n` bytes the pixels take behind the header.
+Bytes pixels(const Written& w, std::size_t n) { return Bytes(w.bytes.begin() + 8, w.bytes.begin() + 8 + n); }
+
+Bytes ramp(std::size_t n, int step = 7) {
+    Bytes v(n);
     for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(i * step + 1);
     return v;
 }
@@ -48,7 +69,7 @@ TEST(MetawriteTiff, MinimalRgbFileHasThirteenEntriesAndExactLayout) {
     const GpsRecord gps = emptyGps();
     tif_info info = makeInfo(2, 2, 3, 8);
     info.orientation = 0;
-    const Written w = write(px.data(), info, 6, nullptr, &ex, &gps);
+    const Written w = write(px.data(), info, 6, {.exif = &ex, .gps = &gps});
 
     // IFD 2 + 13*12, next pointer 4, bits array 6, two resolutions 16.
     ASSERT_EQ(w.result, 184);
@@ -88,12 +109,11 @@ TEST(MetawriteTiff, EightAndSixteenBitFilesDifferOnlyInBitsStripAndPixels) {
     const GpsRecord gps = emptyGps();
     const auto px8 = ramp(3 * 2 * 3);
     const auto px16 = ramp(3 * 2 * 3 * 2, 11);
-    const Written a = write(px8.data(), makeInfo(3, 2, 3, 8), 9, nullptr, &ex, &gps);
-    const Written b = write(px16.data(), makeInfo(3, 2, 3, 16), 18, nullptr, &ex, &gps);
+    const Written a = write(px8.data(), makeInfo(3, 2, 3, 8), 9, {.exif = &ex, .gps = &gps});
+    const Written b = write(px16.data(), makeInfo(3, 2, 3, 16), 18, {.exif = &ex, .gps = &gps});
     ASSERT_EQ(a.result, b.result);
     EXPECT_TRUE(std::equal(px16.begin(), px16.end(), b.bytes.begin() + 8));
-    const auto ia = readIfd(a.bytes, u32(a.bytes, 4));
-    const auto ib = readIfd(b.bytes, u32(b.bytes, 4));
+    const auto ia = ifd0(a), ib = ifd0(b);
     EXPECT_EQ(find(ia, 279)->value, 18u);
     EXPECT_EQ(find(ib, 279)->value, 36u);
     const std::size_t bitsB = find(ib, 258)->value;
@@ -109,7 +129,7 @@ TEST(MetawriteTiff, EightAndSixteenBitFilesDifferOnlyInBitsStripAndPixels) {
 
 TEST(MetawriteTiff, OneSampleImageHasInlineBitsAndNoArray) {
     const auto px = ramp(5 * 2);
-    const Written w = write(px.data(), makeInfo(5, 2, 1, 8), 5, nullptr, nullptr, nullptr);
+    const Written w = write(px.data(), makeInfo(5, 2, 1, 8), 5);
     ASSERT_EQ(w.result, 2 + 156 + 4 + 16);
     const auto ifd = readIfd(w.bytes, 18);
     EXPECT_EQ(find(ifd, 258)->count, 1u);
@@ -123,11 +143,11 @@ TEST(MetawriteTiff, EveryOffsetOfTheFullLayout) {
     const ExifRecord ex = fullExif();
     const GpsRecord gps = fullGps();
     const auto icc = iccHeader("RGB ");
-    const std::vector<std::uint8_t> iptc = {0x1C, 2, 0, 0, 2, 0, 4, 0x1C, 2, 0x19, 0, 5, 'a', 'l', 'p', 'h', 'a',
+    const Bytes iptc = {0x1C, 2, 0, 0, 2, 0, 4, 0x1C, 2, 0x19, 0, 5, 'a', 'l', 'p', 'h', 'a',
                                             0x1C, 2, 0x19, 0, 4, 'b', 'e', 't', 'a', 0x1C};  // 27 bytes
     const float tm[15] = {1, 2, 3, 0.5f, 0.1f, 2, 3, 4, 25, 5, 6, 7, 8, 9, 10};
     const int xmp = embed_xmp(0, nullptr, 1, tm) + 1;
-    const Written w = write(px.data(), makeInfo(4, 3, 3, 8), 12, &icc, &ex, &gps, &iptc, 1, tm);
+    const Written w = write(px.data(), makeInfo(4, 3, 3, 8), 12, {&icc, &ex, &gps, &iptc, 1, tm});
 
     // Exif: 4 rationals/text (8+8+20+8 = 44 data bytes) and ISO, 5 entries.
     // GPS: 9 entries, 24+24+8+24+11 = 91 data bytes. IFD: 19 entries.
@@ -201,13 +221,10 @@ TEST(MetawriteTiff, EveryOffsetOfTheFullLayout) {
 }
 
 TEST(MetawriteTiff, GpsDateTakesTheLengthOfTheExifDate) {
-    const auto px = ramp(3);
     const GpsRecord gps = fullGps();
     const auto gpsDate = [&](const ExifRecord& ex) {
-        const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, &ex, &gps);
-        const auto ifd = readIfd(w.bytes, u32(w.bytes, 4));
-        const auto g = readIfd(w.bytes, find(ifd, 34853)->value);
-        return text(w.bytes, find(g, 29)->value, 11);
+        const Written w = onePixel({.exif = &ex, .gps = &gps});
+        return text(w.bytes, find(readIfd(w.bytes, find(ifd0(w), 34853)->value), 29)->value, 11);
     };
     ExifRecord shortDate = emptyExif();
     std::strcpy(shortDate.date, "2024:05");  // 8 bytes with the terminator
@@ -217,10 +234,9 @@ TEST(MetawriteTiff, GpsDateTakesTheLengthOfTheExifDate) {
 }
 
 TEST(MetawriteTiff, TagPresenceRules) {
-    const auto px = ramp(3);
     const auto ifdsOf = [&](const ExifRecord& ex, const GpsRecord& gps) {
-        const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, &ex, &gps);
-        const auto ifd = readIfd(w.bytes, u32(w.bytes, 4));
+        const Written w = onePixel({.exif = &ex, .gps = &gps});
+        const auto ifd = ifd0(w);
         std::vector<int> exifTags, gpsTags;
         if (const auto e = find(ifd, 34665)) exifTags = tagsOf(readIfd(w.bytes, e->value));
         if (const auto e = find(ifd, 34853)) gpsTags = tagsOf(readIfd(w.bytes, e->value));
@@ -250,41 +266,33 @@ TEST(MetawriteTiff, TagPresenceRules) {
 }
 
 TEST(MetawriteTiff, OrientationOutsideOneToEightIsOne) {
-    const auto px = ramp(3);
-    for (const auto& [given, expected] : std::vector<std::pair<int, int>>{{0, 1}, {9, 1}, {-3, 1}, {8, 8}, {1, 1}}) {
-        tif_info info = makeInfo(1, 1, 3, 8);
-        info.orientation = given;
-        const Written w = write(px.data(), info, 3, nullptr, nullptr, nullptr);
-        EXPECT_EQ(find(readIfd(w.bytes, 11), 274)->shortValue(), expected) << given;
-    }
+    for (const auto& [given, expected] : std::vector<std::pair<int, int>>{{0, 1}, {9, 1}, {-3, 1}, {8, 8}, {1, 1}})
+        EXPECT_EQ(find(ifd0(onePixel({}, given)), 274)->shortValue(), expected) << given;
 }
 
 TEST(MetawriteTiff, ProfilesOtherThanRgbAreDroppedUnlessShort) {
-    const auto px = ramp(3);
-    const auto profileTag = [&](const std::vector<std::uint8_t>& icc) {
-        const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, &icc, nullptr, nullptr);
-        const auto e = find(readIfd(w.bytes, 11), 34675);
+    const auto profileTag = [&](const Bytes& icc) {
+        const Written w = onePixel({.profile = &icc});
+        const auto e = find(ifd0(w), 34675);
         return std::make_pair(e ? static_cast<int>(e->count) : 0, w.result);
     };
     EXPECT_EQ(profileTag(iccHeader("RGB ")), std::make_pair(132, 184 + 12 + 132));
     EXPECT_EQ(profileTag(iccHeader("GRAY")), std::make_pair(0, 184));
     EXPECT_EQ(profileTag(iccHeader("CMYK")), std::make_pair(0, 184));
     // 21 bytes is examined; 20 and fewer are not.
-    std::vector<std::uint8_t> p21(21, 0);
+    Bytes p21(21, 0);
     std::memcpy(&p21[16], "RGB", 3);
     EXPECT_EQ(profileTag(p21).first, 21);
     p21[18] = 'X';
     EXPECT_EQ(profileTag(p21).first, 0);
-    EXPECT_EQ(profileTag(std::vector<std::uint8_t>(20, 0x55)).first, 20);
+    EXPECT_EQ(profileTag(Bytes(20, 0x55)).first, 20);
 }
 
 TEST(MetawriteTiff, IptcIsPaddedToWholeLongs) {
-    const auto px = ramp(3);
-    const std::vector<std::uint8_t> iptc = {0x1C, 2, 0, 0, 0};
-    std::vector<std::uint8_t> block(iptc);
-    const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, nullptr, nullptr, &iptc);
+    const Bytes iptc = {0x1C, 2, 0, 0, 0};
+    const Written w = onePixel({.iptc = &iptc});
     ASSERT_EQ(w.result, 184 + 12 + 8);
-    const auto e = find(readIfd(w.bytes, 11), 33723);
+    const auto e = find(ifd0(w), 33723);
     ASSERT_TRUE(e);
     EXPECT_EQ(e->type, 4);
     EXPECT_EQ(e->count, 2u);
@@ -293,18 +301,16 @@ TEST(MetawriteTiff, IptcIsPaddedToWholeLongs) {
 }
 
 TEST(MetawriteTiff, XmpPacketIsSpaceFilledToItsCount) {
-    const auto px = ramp(3);
     const float tm[15] = {};
-    const Written w = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, nullptr, nullptr, nullptr, 3, tm);
+    const Written w = onePixel({.tmMethod = 3, .tm = tm});
     const int len = embed_xmp(0, nullptr, 3, tm);
-    const auto e = find(readIfd(w.bytes, 11), 700);
+    const auto e = find(ifd0(w), 700);
     ASSERT_TRUE(e);
     EXPECT_EQ(e->count, static_cast<std::uint32_t>(len + 1));
     EXPECT_EQ(w.bytes[e->value + len], ' ');
     EXPECT_EQ(text(w.bytes, e->value + len - 13, 13), "</x:xmpmeta>\n");
     // A method of 0 or below writes no packet.
-    const Written none = write(px.data(), makeInfo(1, 1, 3, 8), 3, nullptr, nullptr, nullptr, nullptr, -1, tm);
-    EXPECT_FALSE(find(readIfd(none.bytes, 11), 700));
+    EXPECT_FALSE(find(ifd0(onePixel({.tmMethod = -1, .tm = tm})), 700));
 }
 
 TEST(MetawriteTiff, ShortModelTextIsStillWrittenAtAnOffset) {
@@ -313,12 +319,11 @@ TEST(MetawriteTiff, ShortModelTextIsStillWrittenAtAnOffset) {
     // ASCII value inline see four bytes of offset instead; pin the bytes.
     ExifRecord ex = emptyExif();
     std::strcpy(ex.camera, "EOS");
-    const std::uint8_t px[3] = {1, 2, 3};
-    const Written w = write(px, makeInfo(1, 1, 3, 8), 3, nullptr, &ex, nullptr);
+    const Written w = onePixel({.exif = &ex});
     ASSERT_EQ(w.result, 2 + 14 * 12 + 4 + 6 + 4 + 16);
-    const std::vector<std::uint8_t> entry(w.bytes.begin() + 11 + 2 + 5 * 12, w.bytes.begin() + 11 + 2 + 6 * 12);
+    const Bytes entry(w.bytes.begin() + 11 + 2 + 5 * 12, w.bytes.begin() + 11 + 2 + 6 * 12);
     // Tag 272, ASCII, count 4, offset 11 + 170 + 4 + 6 = 191.
-    EXPECT_EQ(entry, (std::vector<std::uint8_t>{0x10, 0x01, 2, 0, 4, 0, 0, 0, 191, 0, 0, 0}));
+    EXPECT_EQ(entry, (Bytes{0x10, 0x01, 2, 0, 4, 0, 0, 0, 191, 0, 0, 0}));
     EXPECT_EQ(text(w.bytes, 191, 4), std::string("EOS\0", 4));
     EXPECT_EQ(u32(w.bytes, 195), 300000u);
 }
@@ -327,9 +332,8 @@ TEST(MetawriteTiff, FullCameraAndDateFieldsGetATerminator) {
     ExifRecord ex = emptyExif();
     std::memset(ex.camera, 'C', sizeof ex.camera);
     std::memset(ex.date, 'D', sizeof ex.date);
-    const std::uint8_t px[3] = {1, 2, 3};
-    const Written w = write(px, makeInfo(1, 1, 3, 8), 3, nullptr, &ex, nullptr);
-    const auto ifd = readIfd(w.bytes, 11);
+    const Written w = onePixel({.exif = &ex});
+    const auto ifd = ifd0(w);
     ASSERT_EQ(find(ifd, 272)->count, 65u);
     EXPECT_EQ(text(w.bytes, find(ifd, 272)->value, 65), std::string(64, 'C') + std::string(1, '\0'));
     const auto eifd = readIfd(w.bytes, find(ifd, 34665)->value);
@@ -340,13 +344,12 @@ TEST(MetawriteTiff, FullCameraAndDateFieldsGetATerminator) {
 
 TEST(MetawriteTiff, FourAndTwoSampleInputDropsASampleButStatesFullSizes) {
     // 2x2 pixels of four samples, rows padded to 10 bytes.
-    const std::vector<std::uint8_t> px = {1, 2, 3, 4, 5, 6, 7, 8, 90, 91, 11, 12, 13, 14, 15, 16, 17, 18, 92, 93};
-    const Written w = write(px.data(), makeInfo(2, 2, 4, 8), 10, nullptr, nullptr, nullptr);
+    const Bytes px = {1, 2, 3, 4, 5, 6, 7, 8, 90, 91, 11, 12, 13, 14, 15, 16, 17, 18, 92, 93};
+    const Written w = write(px.data(), makeInfo(2, 2, 4, 8), 10);
     // Header and strip length count four samples a pixel: ifddebut 8 + 16.
     ASSERT_EQ(w.result, 184);
     EXPECT_EQ(u32(w.bytes, 4), 24u);
-    EXPECT_EQ(std::vector<std::uint8_t>(w.bytes.begin() + 8, w.bytes.begin() + 20),
-              (std::vector<std::uint8_t>{1, 2, 3, 5, 6, 7, 11, 12, 13, 15, 16, 17}));
+    EXPECT_EQ(pixels(w, 12), (Bytes{1, 2, 3, 5, 6, 7, 11, 12, 13, 15, 16, 17}));
     // Twelve pixel bytes went out, so the IFD actually starts at 20.
     ASSERT_EQ(w.bytes.size(), 20u + 184u);
     const auto ifd = readIfd(w.bytes, 20);
@@ -355,11 +358,10 @@ TEST(MetawriteTiff, FourAndTwoSampleInputDropsASampleButStatesFullSizes) {
     EXPECT_EQ(find(ifd, 277)->shortValue(), 3);
     EXPECT_EQ(find(ifd, 258)->value, 24u + 158 + 4);
 
-    const std::vector<std::uint8_t> gray = {10, 20, 11, 21, 12, 22, 99};  // 3x1, padded
-    const Written g = write(gray.data(), makeInfo(3, 1, 2, 8), 7, nullptr, nullptr, nullptr);
+    const Bytes gray = {10, 20, 11, 21, 12, 22, 99};  // 3x1, padded
+    const Written g = write(gray.data(), makeInfo(3, 1, 2, 8), 7);
     EXPECT_EQ(u32(g.bytes, 4), 14u);
-    EXPECT_EQ(std::vector<std::uint8_t>(g.bytes.begin() + 8, g.bytes.begin() + 11),
-              (std::vector<std::uint8_t>{10, 11, 12}));
+    EXPECT_EQ(pixels(g, 3), (Bytes{10, 11, 12}));
     const auto gifd = readIfd(g.bytes, 11);
     EXPECT_EQ(find(gifd, 262)->shortValue(), 1);
     EXPECT_EQ(find(gifd, 279)->value, 6u);
@@ -368,37 +370,34 @@ TEST(MetawriteTiff, FourAndTwoSampleInputDropsASampleButStatesFullSizes) {
 TEST(MetawriteTiff, SixteenBitFourSampleInputStepsInBytes) {
     // The sample-dropping path moves `samples` bytes a pixel, so 16-bit
     // pixels overlap: each pixel takes 6 bytes starting 4 bytes apart.
-    std::vector<std::uint8_t> px(2 * 4 * 2);
+    Bytes px(2 * 4 * 2);
     std::iota(px.begin(), px.end(), 0);
-    const Written w = write(px.data(), makeInfo(2, 1, 4, 16), 16, nullptr, nullptr, nullptr);
+    const Written w = write(px.data(), makeInfo(2, 1, 4, 16), 16);
     EXPECT_EQ(u32(w.bytes, 4), 8u + 16u);
     // pad = 16/2 - 8 = 0.
-    EXPECT_EQ(std::vector<std::uint8_t>(w.bytes.begin() + 8, w.bytes.begin() + 20),
-              (std::vector<std::uint8_t>{0, 1, 2, 3, 4, 5, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(pixels(w, 12), (Bytes{0, 1, 2, 3, 4, 5, 4, 5, 6, 7, 8, 9}));
 }
 
 TEST(MetawriteTiff, RowsFollowTheStride) {
-    const std::vector<std::uint8_t> px = {1, 2, 3, 4, 5, 6, 0xEE, 0xEE, 7, 8, 9, 10, 11, 12, 0xEE, 0xEE};
-    const Written w = write(px.data(), makeInfo(2, 2, 3, 8), 8, nullptr, nullptr, nullptr);
-    EXPECT_EQ(std::vector<std::uint8_t>(w.bytes.begin() + 8, w.bytes.begin() + 20),
-              (std::vector<std::uint8_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
+    const Bytes px = {1, 2, 3, 4, 5, 6, 0xEE, 0xEE, 7, 8, 9, 10, 11, 12, 0xEE, 0xEE};
+    const Written w = write(px.data(), makeInfo(2, 2, 3, 8), 8);
+    EXPECT_EQ(pixels(w, 12), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
 }
 
 TEST(MetawriteTiff, ModeOneKeepsHighBytesAndSkipsPadSamples) {
     // 2x2 one-sample 16-bit little-endian input, rows of 3 samples.
     const std::vector<std::uint16_t> words = {0x1101, 0x2202, 0xFFFF, 0x3303, 0x4404, 0xFFFF};
-    std::vector<std::uint8_t> px;
+    Bytes px;
     for (auto v : words) px.push_back(static_cast<std::uint8_t>(v)), px.push_back(static_cast<std::uint8_t>(v >> 8));
-    const Written w = write(px.data(), makeInfo(2, 2, 1, 8, 1), 3, nullptr, nullptr, nullptr);
+    const Written w = write(px.data(), makeInfo(2, 2, 1, 8, 1), 3);
     EXPECT_EQ(u32(w.bytes, 4), 12u);
-    EXPECT_EQ(std::vector<std::uint8_t>(w.bytes.begin() + 8, w.bytes.begin() + 12),
-              (std::vector<std::uint8_t>{0x11, 0x22, 0x33, 0x44}));
+    EXPECT_EQ(pixels(w, 4), (Bytes{0x11, 0x22, 0x33, 0x44}));
     EXPECT_EQ(w.bytes.size(), 12u + 178u);
 }
 
 TEST(MetawriteTiff, OtherModesWriteNoPixels) {
     const auto px = ramp(2 * 2 * 3);
-    const Written w = write(px.data(), makeInfo(2, 2, 3, 8, 2), 6, nullptr, nullptr, nullptr);
+    const Written w = write(px.data(), makeInfo(2, 2, 3, 8, 2), 6);
     ASSERT_EQ(w.result, 184);
     EXPECT_EQ(u32(w.bytes, 4), 20u);  // as stated, though the IFD is at 8
     EXPECT_EQ(w.bytes.size(), 8u + 184u);
@@ -406,7 +405,7 @@ TEST(MetawriteTiff, OtherModesWriteNoPixels) {
 }
 
 TEST(MetawriteTiff, WidthAndHeightAreCutTo16Bits) {
-    const Written w = write(nullptr, makeInfo(70000, 65539, 1, 8, 2), 70000, nullptr, nullptr, nullptr);
+    const Written w = write(nullptr, makeInfo(70000, 65539, 1, 8, 2), 70000);
     const auto ifd = readIfd(w.bytes, 8);
     EXPECT_EQ(find(ifd, 256)->shortValue(), 70000 & 0xFFFF);
     EXPECT_EQ(find(ifd, 257)->shortValue(), 3);
@@ -486,9 +485,9 @@ TEST(MetawriteTiff, PlainBuildPrintsNothing) {
     TempDir dir;
     const ExifRecord ex = fullExif();
     const GpsRecord gps = fullGps();
-    const std::vector<std::uint8_t> px(2 * 2 * 4, 5);
+    const Bytes px(2 * 2 * 4, 5);
     const tif_info info = makeInfo(2, 2, 4, 8);
-    std::vector<std::uint8_t> block(1024, 0);
+    Bytes block(1024, 0);
     oltest::CaptureFd out(1);
     oltest::CaptureFd err(2);
     exifBlockInto(ex, gps, 1, block.data());
