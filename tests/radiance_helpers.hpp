@@ -103,6 +103,21 @@ inline ExifRecord zeroExif() {
     return e;
 }
 
+// A record with the shot's exposure time, F-number, ISO and focal length,
+// everything else zero.
+inline ExifRecord shotExif(int exposureNum, int exposureDen, int apertureNum, int apertureDen, int iso,
+                           int focalNum, int focalDen) {
+    ExifRecord e = zeroExif();
+    e.exposureNum = exposureNum;
+    e.exposureDen = exposureDen;
+    e.apertureNum = apertureNum;
+    e.apertureDen = apertureDen;
+    e.iso = iso;
+    e.focalNum = focalNum;
+    e.focalDen = focalDen;
+    return e;
+}
+
 // The two full decoders with the caller's width, height and file size (the
 // file's own size unless `size` is given).
 inline int callerSize(const std::string& path, int size) {

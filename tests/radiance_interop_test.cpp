@@ -98,10 +98,7 @@ long countDifferences(const std::vector<float>& a, const std::vector<float>& b, 
 }
 
 ExifRecord someExif() {
-    ExifRecord e = zeroExif();
-    e.exposureNum = 1;
-    e.exposureDen = 125;
-    e.iso = 100;
+    ExifRecord e = shotExif(1, 125, 0, 0, 100, 0, 0);
     std::strcpy(e.camera, "Interop Camera");
     std::strcpy(e.date, "2023:03:04 05:06:07");
     return e;

@@ -43,6 +43,11 @@ void expectCodes(const Decoded& d, int rle, int stream, int preview) {
     EXPECT_EQ(d.preview, preview) << "ol_io_read_preview_rgbe";
 }
 
+// Exposure, aperture and focal length as fractions, then the ISO.
+std::array<int, 7> fractions(const ExifRecord& e) {
+    return {e.exposureNum, e.exposureDen, e.apertureNum, e.apertureDen, e.focalNum, e.focalDen, e.iso};
+}
+
 // The crafted file written to `dir`, its path returned.
 std::string writeCrafted(const oltest::TempDir& dir, const Crafted& c = Crafted()) {
     const std::string path = dir.file("f.hdr");
@@ -350,13 +355,7 @@ TEST(RadianceHeader, ExtractsValuesAsFractions) {
     EXPECT_EQ(std::string(e.date), "2019:12:31 23:59:59");
     EXPECT_EQ(e.colorSpace, 1);
     // 100/0.004f is 24999.998 in float arithmetic.
-    EXPECT_EQ(e.exposureNum, 100);
-    EXPECT_EQ(e.exposureDen, 24999);
-    EXPECT_EQ(e.apertureNum, 280);
-    EXPECT_EQ(e.apertureDen, 100);
-    EXPECT_EQ(e.focalNum, 1850);
-    EXPECT_EQ(e.focalDen, 100);
-    EXPECT_EQ(e.iso, 400);
+    EXPECT_EQ(fractions(e), (std::array<int, 7>{100, 24999, 280, 100, 1850, 100, 400}));
     EXPECT_EQ(e.focal35, 11) << "not read back";
     EXPECT_EQ(e.planeResNum, 0);
 
@@ -369,10 +368,7 @@ TEST(RadianceHeader, ExtractsValuesAsFractions) {
     e.exposureNum = 3;
     EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 6);
     EXPECT_STREQ(e.camera, "kept");
-    EXPECT_EQ(e.exposureNum, 3);
-    EXPECT_EQ(e.apertureNum, 0);
-    EXPECT_EQ(e.focalNum, 100);
-    EXPECT_EQ(e.focalDen, 100);
+    EXPECT_EQ(fractions(e), (std::array<int, 7>{3, 0, 0, 0, 100, 100, 0}));
     EXPECT_EQ(e.colorSpace, 2);
     for (auto [name, cs] : {std::pair{"sRGB IEC61966-2.1", 0}, {"Display P3", -1}, {"adobe rgb", -1}}) {
         oltest::writeText(path, std::string("ICC_PROFILE=") + name + "\n-Y 1 +X 1\n");
@@ -394,14 +390,7 @@ TEST(RadianceHeader, ExtractsValuesAsFractions) {
 
 TEST(RadianceHeader, WrittenValuesReadBack) {
     oltest::TempDir dir;
-    ExifRecord in = zeroExif();
-    in.exposureNum = 1;
-    in.exposureDen = 60;
-    in.apertureNum = 56;
-    in.apertureDen = 10;
-    in.iso = 1600;
-    in.focalNum = 35;
-    in.focalDen = 1;
+    ExifRecord in = shotExif(1, 60, 56, 10, 1600, 35, 1);
     std::memset(in.camera, 'M', 64);
     std::memcpy(in.date, "2022:02:02 02:02:02\n", 20);
     const Bytes px = photoPlanes(4, 4, 3);
@@ -412,13 +401,8 @@ TEST(RadianceHeader, WrittenValuesReadBack) {
     EXPECT_EQ(std::string(out.camera, 64), std::string(64, 'M'));
     EXPECT_EQ(std::string(out.date), "2022:02:02 02:02:02");
     EXPECT_EQ(out.colorSpace, 2);
-    // 1/60 is written as 0.016667 and comes back as 100/6000.
-    EXPECT_EQ(out.exposureNum, 100);
-    EXPECT_EQ(out.exposureDen, 5999);
-    EXPECT_EQ(out.apertureNum, 560);
-    EXPECT_EQ(out.apertureDen, 100);
-    EXPECT_EQ(out.iso, 1600);
-    EXPECT_EQ(out.focalNum, 3500);
+    // 1/60 is written as 0.016667 and comes back as 100/6000 (5999 in float).
+    EXPECT_EQ(fractions(out), (std::array<int, 7>{100, 5999, 560, 100, 3500, 100, 1600}));
 }
 
 TEST(RadianceReader, WriterOutputRoundTripsAtManyWidths) {

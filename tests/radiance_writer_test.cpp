@@ -148,14 +148,7 @@ std::string headerOf(const std::string& path) {
 
 TEST(RadianceWriter, FullHeaderInItsOrder) {
     oltest::TempDir dir;
-    ExifRecord e = zeroExif();
-    e.exposureNum = 1;
-    e.exposureDen = 250;
-    e.apertureNum = 28;
-    e.apertureDen = 10;
-    e.iso = 200;
-    e.focalNum = 50;
-    e.focalDen = 1;
+    ExifRecord e = shotExif(1, 250, 28, 10, 200, 50, 1);
     e.focal35 = 75;
     e.planeResNum = 3000;
     e.planeResDen = 7;
@@ -181,12 +174,7 @@ TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
         "Generated with Ombrelumen Pro 4.0 for Windows\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 2\n";
 
     // Nothing present: a denominator of 0 or a negative value is missing.
-    ExifRecord e = zeroExif();
-    e.exposureNum = 1;
-    e.apertureDen = 10;
-    e.iso = -5;
-    e.focalNum = -3;
-    e.focalDen = -1;
+    ExifRecord e = shotExif(1, 0, 0, 10, -5, -3, -1);
     ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, "", px.data()), 1);
     EXPECT_EQ(headerOf(path), "#?RADIANCE\n" + tail);
 
