@@ -164,6 +164,21 @@ inline void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRun
     }
 }
 
+// expandSpan with the common channel counts (3, 1, 4) compiled in, any
+// other count at run time.
+template <class T>
+inline void expandSpanChannels(const T* coarse, int y, int wF, int hF, int wC, int ch, bool wrap, int x0, int n,
+                               typename Expand<T>::Acc* up) noexcept {
+    if (ch == 3)
+        expandSpan<3>(coarse, y, wF, hF, wC, 3, wrap, x0, n, up);
+    else if (ch == 1)
+        expandSpan<1>(coarse, y, wF, hF, wC, 1, wrap, x0, n, up);
+    else if (ch == 4)
+        expandSpan<4>(coarse, y, wF, hF, wC, 4, wrap, x0, n, up);
+    else
+        expandSpan<0>(coarse, y, wF, hF, wC, ch, wrap, x0, n, up);
+}
+
 // Pixels per span, so that the values of a span fit a small stack table.
 inline constexpr int kSpanSamples = 3072;
 inline int spanPixels(int ch) noexcept { return ch > 0 ? (kSpanSamples / ch) & ~1 : 0; }

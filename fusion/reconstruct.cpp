@@ -43,14 +43,7 @@ void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
             }
             for (int x0 = 0; x0 < wFine; x0 += span) {
                 const int n = wFine - x0 < span ? wFine - x0 : span;
-                if (channels == 3)
-                    expandSpan<3>(coarse, y, wFine, hFine, wCoarse, 3, wrap, x0, n, up);
-                else if (channels == 1)
-                    expandSpan<1>(coarse, y, wFine, hFine, wCoarse, 1, wrap, x0, n, up);
-                else if (channels == 4)
-                    expandSpan<4>(coarse, y, wFine, hFine, wCoarse, 4, wrap, x0, n, up);
-                else
-                    expandSpan<0>(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
+                expandSpanChannels(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
                 std::uint16_t* __restrict d = dst + static_cast<std::size_t>(x0) * channels;
                 const int count = n * channels;
                 for (int j = 0; j < count; ++j) {
