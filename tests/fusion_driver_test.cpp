@@ -19,30 +19,25 @@
 namespace {
 
 using fustest::Job;
+using fustest::sized;
 
 TEST(FusionDriver, ThreadCountsGiveIdenticalBytes) {
-    const auto stack = fustest::makeStack(3, 31, 19, 3, 8);
-    Job base;
-    base.w = 31;
-    base.h = 19;
+    Job base = sized(31, 19);
+    const auto stack = base.stack();
     ASSERT_GE(base.go(stack), 0);
-    const auto want = base.output();
     for (int t : {1, 2, 3, 7}) {
         Job r = base;
         r.nbProc = t;
         ASSERT_GE(r.go(stack), 0);
-        EXPECT_EQ(r.output(), want) << "nbProc " << t;
+        EXPECT_EQ(r.output(), base.output()) << "nbProc " << t;
     }
 }
 
 TEST(FusionDriver, OnePhotoComesBackNearlyUnchanged) {
     // One photo, 16-bit weights: every weight is 65535/65536, and the
     // Laplacian pyramid gives the photo back up to rounding.
-    const auto stack = fustest::makeStack(1, 40, 24, 3, 8);
-    Job r;
-    r.n = 1;
-    r.w = 40;
-    r.h = 24;
+    Job r = sized(40, 24, 3, 1);
+    const auto stack = r.stack();
     ASSERT_GE(r.go(stack), 0);
     const auto out = r.output();
     int worst = 0;
@@ -51,11 +46,8 @@ TEST(FusionDriver, OnePhotoComesBackNearlyUnchanged) {
 }
 
 TEST(FusionDriver, FlatGreyStackStaysGreyInside) {
-    std::vector<std::uint8_t> stack(3 * 32 * 16 * 3, 128);
-    Job r;
-    r.w = 32;
-    r.h = 16;
-    ASSERT_GE(r.go(stack), 0);
+    Job r = sized(32, 16);
+    ASSERT_GE(r.go(std::vector<std::uint8_t>(3 * 32 * 16 * 3, 128)), 0);
     for (std::uint8_t v : r.output()) {
         EXPECT_LE(v, 128);
         EXPECT_GE(v, 124);  // the border kernels lose a little per level
@@ -64,20 +56,16 @@ TEST(FusionDriver, FlatGreyStackStaysGreyInside) {
 
 TEST(FusionDriver, DiskModeMatchesMemoryModeWhereTheClearingCoversThePyramid) {
     oltest::TempDir dir;
-    for (int bspIn : {8, 16}) {
-        for (int bdp : {16, 32}) {
+    for (int bspIn : {8, 16})
+        for (int bdp : {16, 32})
             for (int wrapX : {0, 1}) {
-                const auto stack = fustest::makeStack(3, 26, 18, 3, bspIn, 5);
-                Job mem;
-                mem.w = 26;
-                mem.h = 18;
+                Job mem = sized(26, 18);
                 mem.bspIn = bspIn;
                 mem.bdp = bdp;
                 mem.wrapX = wrapX;
+                const auto stack = mem.stack(5);
                 ASSERT_GE(mem.go(stack), 0);
-                Job disk = mem;
-                disk.disk = 1;
-                disk.dir = dir.path().string();
+                Job disk = mem.onDisk(dir.path().string());
                 std::filesystem::remove(dir.file("source.tmp"));
                 ASSERT_GE(disk.go(stack), 0);
                 EXPECT_EQ(disk.output(), mem.output()) << bspIn << " " << bdp << " " << wrapX;
@@ -90,14 +78,11 @@ TEST(FusionDriver, DiskModeMatchesMemoryModeWhereTheClearingCoversThePyramid) {
                 // The source scratch file is a copy of the photos.
                 EXPECT_EQ(oltest::readFile(dir.file("source.tmp")), stack);
                 EXPECT_EQ(oltest::readFile(dir.file("poids.tmp")).size(), std::size_t(3 * 26 * 18 * bdp / 8));
-                EXPECT_EQ(oltest::readFile(dir.file("pyram.tmp")).size(),
-                          std::size_t(pyram_len(26, 18) * bdp / 8));
+                EXPECT_EQ(oltest::readFile(dir.file("pyram.tmp")).size(), std::size_t(pyram_len(26, 18) * bdp / 8));
                 // Memory mode leaves the photos alone; disk mode reuses them.
-                EXPECT_TRUE(std::equal(stack.begin(), stack.end(), mem.images.begin()));
-                EXPECT_FALSE(std::equal(stack.begin(), stack.end(), disk.images.begin()));
+                EXPECT_TRUE(mem.photosKept(stack));
+                EXPECT_FALSE(disk.photosKept(stack));
             }
-        }
-    }
 }
 
 TEST(FusionDriver, DiskModeWithByteWeightsClearsOnlyPartOfTheFusedPyramid) {
@@ -105,105 +90,87 @@ TEST(FusionDriver, DiskModeWithByteWeightsClearsOnlyPartOfTheFusedPyramid) {
     // only half of a 16-bit fused pyramid is cleared, and its low-pass level
     // starts from what `images` held there.
     oltest::TempDir dir;
-    const auto stack = fustest::makeStack(3, 26, 18, 3, 8, 5);
-    Job mem;
-    mem.w = 26;
-    mem.h = 18;
+    Job mem = sized(26, 18);
     mem.bdp = 8;
+    const auto stack = mem.stack(5);
     ASSERT_GE(mem.go(stack), 0);
-    Job disk = mem;
-    disk.disk = 1;
-    disk.dir = dir.path().string();
+    Job disk = mem.onDisk(dir.path().string());
     ASSERT_GE(disk.go(stack), 0);
     EXPECT_NE(disk.output(), mem.output());
     // The low-pass level is the only difference: where `images` holds zeros
     // under the low-pass level, disk mode agrees again (those bytes are also
     // part of the last photo, so memory mode runs on the same input).
-    const int len = pyram_len(26, 18);
     const int lowPixels = 4 * 3;  // 26x18 -> 13x9 -> 7x5 -> 4x3
-    const std::size_t lowStart = std::size_t(len - lowPixels) * 3 * 2;
+    const std::size_t lowStart = std::size_t(pyram_len(26, 18) - lowPixels) * 3 * 2;
     std::vector<std::uint8_t> zeroed = stack;
     std::fill(zeroed.begin() + lowStart, zeroed.begin() + lowStart + lowPixels * 3 * 2, 0);
-    Job disk2 = disk;
+    Job disk2 = disk, mem2 = mem;
     ASSERT_GE(disk2.go(zeroed), 0);
-    Job mem2 = mem;
     ASSERT_GE(mem2.go(zeroed), 0);
     EXPECT_EQ(disk2.output(), mem2.output());
     EXPECT_NE(mem2.output(), mem.output());
 }
 
-TEST(FusionDriver, DiskModeThatWouldOverrunTheCallersBuffersRunsInMemory) {
+// Disk mode asked for where it cannot run: each case ends in memory mode,
+// with the memory output, the photos left alone and no source scratch file.
+TEST(FusionDriver, DiskModeThatCannotRunFallsBackToMemory) {
+    oltest::TempDir dir;
+    const std::string folder = dir.path().string(), bad = dir.file("missing/folder.tmp");
+    struct Case {
+        const char* what;
+        Job job;
+        bool sourceFileChecked = true;
+    };
+    std::vector<Case> cases;
     // One 8-bit channel: 16-bit weight planes need twice the photos' bytes.
-    oltest::TempDir dir;
-    const auto stack = fustest::makeStack(3, 20, 12, 1, 8);
-    Job mem;
-    mem.w = 20;
-    mem.h = 12;
-    mem.ch = 1;
-    ASSERT_GE(mem.go(stack), 0);
-    Job disk = mem;
-    disk.disk = 1;
-    disk.dir = dir.path().string();
-    ASSERT_GE(disk.go(stack), 0);
-    EXPECT_FALSE(std::filesystem::exists(dir.file("source.tmp")));
-    EXPECT_EQ(disk.output(), mem.output());
-    EXPECT_TRUE(std::equal(stack.begin(), stack.end(), disk.images.begin()));
-    // With 8-bit weights everything fits, and disk mode runs.
-    disk.bdp = 8;
-    ASSERT_GE(disk.go(stack), 0);
-    EXPECT_TRUE(std::filesystem::exists(dir.file("source.tmp")));
-}
-
-TEST(FusionDriver, TwoBytePhotosNeverUseDisk) {
-    oltest::TempDir dir;
-    const auto stack = fustest::makeStack(2, 16, 12, 3, 8);
-    Job r;
-    r.n = 2;
-    r.w = 16;
-    r.h = 12;
-    r.disk = 1;
-    r.dir = dir.path().string();
-    ASSERT_GE(r.go(stack), 0);
-    EXPECT_FALSE(std::filesystem::exists(dir.file("source.tmp")));
-    // Two 16-bit photos do.
-    const auto stack16 = fustest::makeStack(2, 16, 12, 3, 16);
-    r.bspIn = 16;
-    ASSERT_GE(r.go(stack16), 0);
-    EXPECT_TRUE(std::filesystem::exists(dir.file("source.tmp")));
-    Job mem = r;
-    mem.disk = 0;
-    ASSERT_GE(mem.go(stack16), 0);
-    EXPECT_EQ(r.output(), mem.output());
-}
-
-TEST(FusionDriver, FailedScratchOpenFallsBackToMemory) {
-    oltest::TempDir dir;
-    const auto stack = fustest::makeStack(3, 20, 14, 3, 8);
-    Job mem;
-    mem.w = 20;
-    mem.h = 14;
-    mem.nbProc = 2;
-    ASSERT_GE(mem.go(stack), 0);
+    cases.push_back({"overrun", sized(20, 12, 1).onDisk(folder)});
+    // Two photos of one byte a sample never use disk.
+    cases.push_back({"two 8-bit photos", sized(16, 12, 3, 2).onDisk(folder)});
+    // A scratch file that cannot be opened, on two threads.
     for (int which = 0; which < 3; ++which) {
-        Job r = mem;
-        r.disk = 1;
-        r.dir = dir.path().string();
-        const std::string bad = dir.file("missing/folder.tmp");
-        if (which == 0) r.nameSource = bad;
-        if (which == 1) r.namePoids = bad;
-        if (which == 2) r.namePyramPoids = bad;
-        ASSERT_GE(r.go(stack), 0) << which;
-        EXPECT_EQ(r.output(), mem.output()) << which;
-        // Memory mode: the photos were not overwritten.
-        EXPECT_TRUE(std::equal(stack.begin(), stack.end(), r.images.begin())) << which;
+        Job r = sized(20, 14).onDisk(folder);
+        r.nbProc = 2;
+        (which == 0 ? r.nameSource : which == 1 ? r.namePoids : r.namePyramPoids) = bad;
+        cases.push_back({"unopened scratch file", r, false});
     }
     // A missing name is no disk mode either.
-    Job r = mem;
-    r.disk = 1;
-    r.nameSource = dir.file("s.tmp");
-    ASSERT_GE(r.go(stack), 0);
-    EXPECT_EQ(r.output(), mem.output());
-    EXPECT_FALSE(std::filesystem::exists(dir.file("s.tmp")));
+    {
+        Job r = sized(20, 14);
+        r.nbProc = 2;
+        r.disk = 1;
+        r.nameSource = dir.file("s.tmp");
+        cases.push_back({"missing names", r});
+    }
+    for (Case& c : cases) {
+        Job mem = c.job;
+        mem.disk = 0;
+        const auto stack = mem.stack();
+        ASSERT_GE(mem.go(stack), 0) << c.what;
+        std::filesystem::remove(dir.file("source.tmp"));
+        ASSERT_GE(c.job.go(stack), 0) << c.what;
+        EXPECT_EQ(c.job.output(), mem.output()) << c.what;
+        EXPECT_TRUE(c.job.photosKept(stack)) << c.what;
+        if (c.sourceFileChecked) {
+            EXPECT_FALSE(std::filesystem::exists(dir.file("source.tmp"))) << c.what;
+            EXPECT_FALSE(std::filesystem::exists(dir.file("s.tmp"))) << c.what;
+        }
+    }
+    // With 8-bit weights the one-channel stack fits, and disk mode runs; so
+    // do two 16-bit photos, with the memory output.
+    Job byteWeights = sized(20, 12, 1).onDisk(folder);
+    byteWeights.bdp = 8;
+    ASSERT_GE(byteWeights.go(byteWeights.stack()), 0);
+    EXPECT_TRUE(std::filesystem::exists(dir.file("source.tmp")));
+    std::filesystem::remove(dir.file("source.tmp"));
+    Job wide = sized(16, 12, 3, 2).onDisk(folder);
+    wide.bspIn = 16;
+    const auto stack16 = wide.stack();
+    ASSERT_GE(wide.go(stack16), 0);
+    EXPECT_TRUE(std::filesystem::exists(dir.file("source.tmp")));
+    Job mem = wide;
+    mem.disk = 0;
+    ASSERT_GE(mem.go(stack16), 0);
+    EXPECT_EQ(wide.output(), mem.output());
 }
 
 TEST(FusionDriver, ScratchWriteFailures) {
@@ -212,18 +179,14 @@ TEST(FusionDriver, ScratchWriteFailures) {
     // end the call with -2.
     if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
     oltest::TempDir dir;
-    const auto stack = fustest::makeStack(3, 80, 60, 3, 8);
-    Job mem;
-    mem.w = 80;
-    mem.h = 60;
+    Job mem = sized(80, 60);
+    const auto stack = mem.stack();
     ASSERT_GE(mem.go(stack), 0);
-    Job r = mem;
-    r.disk = 1;
-    r.dir = dir.path().string();
+    Job r = mem.onDisk(dir.path().string());
     r.nameSource = "/dev/full";
     ASSERT_GE(r.go(stack), 0);
     EXPECT_EQ(r.output(), mem.output());
-    EXPECT_TRUE(std::equal(stack.begin(), stack.end(), r.images.begin()));
+    EXPECT_TRUE(r.photosKept(stack));
     r.nameSource.clear();
     r.namePoids = "/dev/full";
     EXPECT_EQ(r.go(stack), -2);
@@ -233,23 +196,15 @@ TEST(FusionDriver, ScratchWriteFailures) {
 }
 
 TEST(FusionDriver, RefusedAndUnservedDepthCombinations) {
-    const auto stack = fustest::makeStack(3, 12, 10, 3, 8);
     std::vector<std::uint8_t> floats(3 * 12 * 10 * 3 * 4, 0);
-    for (int out : {8, 16}) {
-        Job r;
-        r.w = 12;
-        r.h = 10;
-        r.bspIn = 32;
-        r.bspOut = out;
-        r.bdf = 32;
-        long allocations = oltest::countAllocations([&] { r.go(floats); });
-        EXPECT_EQ(r.status, -2);
-        EXPECT_EQ(allocations, 0);
-    }
-    Job r;
-    r.w = 12;
-    r.h = 10;
+    Job r = sized(12, 10);
     r.bspIn = 32;
+    r.bdf = 32;
+    for (int out : {8, 16}) {
+        r.bspOut = out;
+        EXPECT_EQ(oltest::countAllocations([&] { r.go(floats); }), 0);
+        EXPECT_EQ(r.status, -2);
+    }
     r.bspOut = 32;
     r.bdf = 16;
     EXPECT_EQ(r.go(floats), -2);
@@ -260,38 +215,26 @@ TEST(FusionDriver, RefusedAndUnservedDepthCombinations) {
     EXPECT_GE(r.go(floats), 0);
     // A float fused pyramid from 8-bit photos is accepted too; the 16-bit
     // samples are read as floats, so only the status is defined.
-    Job f;
-    f.w = 12;
-    f.h = 10;
+    Job f = sized(12, 10);
     f.bdf = 32;
+    const auto stack = f.stack();
     EXPECT_GE(f.go(stack), 0);
     f.bspOut = 32;
     f.workFill = 0xab;
     EXPECT_GE(f.go(stack), 0);
-}
-
-TEST(FusionDriver, PyramidLengthBelowTheLevelsIsRefused) {
-    const auto stack = fustest::makeStack(3, 16, 12, 3, 8);
-    std::vector<float> expo(3, 1.0f);
-    std::vector<int> fixed(3, -1);
-    std::vector<std::uint8_t> images = stack, work(pyram_len(16, 12) * 3 * 2);
-    FusionFiles files{0, 0, nullptr, nullptr, nullptr};
-    float params[7] = {};
-    const long allocations = oltest::countAllocations([&] {
-        EXPECT_EQ(ol_fusion(&files, nullptr, params, 3, 16, 12, 48, 0, 3, 8, 8, 16, 16, pyram_len(16, 12) - 1, 0,
-                            1.0f, expo.data(), images.data(), fixed.data(), nullptr, nullptr, work.data()),
-                  -1);
-    });
-    EXPECT_EQ(allocations, 0);
+    // A pyramid length below the levels' is refused before any allocation.
+    Job shortLen = sized(16, 12);
+    shortLen.lenPyram = pyram_len(16, 12) - 1;
+    const auto stack16 = shortLen.stack();
+    EXPECT_EQ(oltest::countAllocations([&] { shortLen.go(stack16); }), 0);
+    EXPECT_EQ(shortLen.status, -1);
 }
 
 TEST(FusionDriver, TinyImagesWriteNoOutput) {
     // 3 x 3: nivo 0. Only the low-pass blend runs and fusion3 writes nothing,
     // so work still holds photo 0 on the pipeline scale.
-    const auto stack = fustest::makeStack(3, 3, 3, 3, 8);
-    Job r;
-    r.w = 3;
-    r.h = 3;
+    Job r = sized(3, 3);
+    const auto stack = r.stack();
     EXPECT_EQ(r.go(stack), 0);
     for (int i = 0; i < 27; ++i) {
         std::uint16_t v;
@@ -301,10 +244,7 @@ TEST(FusionDriver, TinyImagesWriteNoOutput) {
 }
 
 TEST(FusionDriver, NoPhotosGivesABlackImage) {
-    Job r;
-    r.n = 0;
-    r.w = 10;
-    r.h = 8;
+    Job r = sized(10, 8, 3, 0);
     r.workFill = 0x77;
     EXPECT_GE(r.go({}), 0);
     for (std::uint8_t v : r.output()) EXPECT_EQ(v, 0);
@@ -318,10 +258,8 @@ void record(float f, std::int32_t* cancel) {
 void throwing(float, std::int32_t*) { throw std::runtime_error("host failure"); }
 
 TEST(FusionDriver, ProgressFractionsAndIgnoredCancel) {
-    const auto stack = fustest::makeStack(3, 14, 10, 3, 8);
-    Job plain;
-    plain.w = 14;
-    plain.h = 10;
+    Job plain = sized(14, 10);
+    const auto stack = plain.stack();
     ASSERT_GE(plain.go(stack), 0);
     gFractions.clear();
     Job r = plain;
@@ -346,8 +284,6 @@ TEST(FusionDriver, ProgressFractionsAndIgnoredCancel) {
     t.progress = throwing;
     ASSERT_GE(t.go(stack), 0);
     EXPECT_EQ(t.output(), plain.output());
-    std::int32_t dummy = 0;
-    (void)dummy;
     EXPECT_EQ(ol::fusion_progress(nullptr, 0.5f), 1);
     EXPECT_EQ(ol::fusion_progress(record, 0.5f), 0);
     EXPECT_EQ(ol::fusion_progress(throwing, 0.5f), 0);
@@ -355,13 +291,10 @@ TEST(FusionDriver, ProgressFractionsAndIgnoredCancel) {
 }
 
 TEST(FusionDriver, OutputStrideSwapAndFourChannels) {
-    const auto stack = fustest::makeStack(3, 12, 8, 4, 8);
-    Job r;
-    r.w = 12;
-    r.h = 8;
-    r.ch = 4;
+    Job r = sized(12, 8, 4);
     r.outStride = 12 * 4 + 5;
     r.workFill = 0xee;
+    const auto stack = r.stack();
     ASSERT_GE(r.go(stack), 0);
     Job s = r;
     s.outSwap = 1;
@@ -378,11 +311,9 @@ TEST(FusionDriver, OutputStrideSwapAndFourChannels) {
 }
 
 TEST(FusionDriver, SixteenBitOutputIsTheEightBitOneRefined) {
-    const auto stack = fustest::makeStack(3, 20, 12, 3, 16);
-    Job a;
-    a.w = 20;
-    a.h = 12;
+    Job a = sized(20, 12);
     a.bspIn = 16;
+    const auto stack = a.stack();
     ASSERT_GE(a.go(stack), 0);
     Job b = a;
     b.bspOut = 16;
@@ -459,10 +390,8 @@ TEST(FusionFinish, MidtoneAndSaturation) {
 }
 
 TEST(FusionFinish, FusionParamsReachTheDriver) {
-    const auto stack = fustest::makeStack(3, 16, 12, 3, 8);
-    Job plain;
-    plain.w = 16;
-    plain.h = 12;
+    Job plain = sized(16, 12);
+    const auto stack = plain.stack();
     ASSERT_GE(plain.go(stack), 0);
     for (int k = 0; k < 7; ++k) {
         Job r = plain;
@@ -476,10 +405,8 @@ TEST(FusionDriver, GhostMasksReachTheOutput) {
     // A mask that fixes the darkest photo over the whole left half pulls the
     // output there toward that photo.
     const int w = 24, h = 16;
-    const auto stack = fustest::makeStack(3, w, h, 3, 8);
-    Job plain;
-    plain.w = w;
-    plain.h = h;
+    Job plain = sized(w, h);
+    const auto stack = plain.stack();
     ASSERT_GE(plain.go(stack), 0);
     Job g = plain;
     for (int y = 0; y < h; ++y)
@@ -504,17 +431,13 @@ TEST(FusionDriver, GhostMasksReachTheOutput) {
 
 TEST(FusionDriver, NoMemoryInEveryMode) {
     oltest::TempDir dir;
-    const auto stack = fustest::makeStack(3, 18, 12, 3, 8);
-    for (int disk : {0, 1}) {
+    for (int disk : {0, 1})
         for (int nbProc : {0, 2}) {
-            Job base;
-            base.w = 18;
-            base.h = 12;
+            Job base = sized(18, 12).onDisk(dir.path().string());
             base.disk = disk;
             base.nbProc = nbProc;
-            base.dir = dir.path().string();
+            const auto stack = base.stack();
             ASSERT_GE(base.go(stack), 0);
-            const auto good = base.output();
             const long count = oltest::countAllocations([&] { Job r = base; r.go(stack); });
             ASSERT_GT(count, 3);
             int reported = 0;
@@ -526,18 +449,17 @@ TEST(FusionDriver, NoMemoryInEveryMode) {
                 }
                 if (r.status == -4) {
                     ++reported;
-                } else {
-                    EXPECT_GE(r.status, 0) << n;
-                    // Only the last worker's result is seen: a failure in an
-                    // earlier slice leaves its weights at 0 and goes unreported.
-                    if (nbProc == 0) {
-                        EXPECT_EQ(r.output(), good) << "disk " << disk << " allocation " << n;
-                    }
+                    continue;
+                }
+                EXPECT_GE(r.status, 0) << n;
+                // Only the last worker's result is seen: a failure in an
+                // earlier slice leaves its weights at 0 and goes unreported.
+                if (nbProc == 0) {
+                    EXPECT_EQ(r.output(), base.output()) << "disk " << disk << " allocation " << n;
                 }
             }
             EXPECT_GE(reported, 3) << disk << " " << nbProc;
         }
-    }
 }
 
 // Every combination of the modes, on a small stack: must finish (the
@@ -554,23 +476,15 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                         std::vector<std::vector<std::uint8_t>> outputs;
                         for (int disk : {0, 1})
                             for (int nbProc : {0, 3}) {
-                                Job r;
-                                r.w = 21;
-                                r.h = 14;
+                                Job r = sized(21, 14).onDisk(dir.path().string());
                                 r.bspIn = bspIn;
                                 r.bspOut = bspOut;
                                 r.bdp = bdp;
                                 r.wrapX = wrapX;
                                 r.disk = disk;
                                 r.nbProc = nbProc;
-                                r.dir = dir.path().string();
-                                r.params[0] = 2;
-                                r.params[1] = 2;
-                                r.params[2] = 1.5f;
-                                r.params[3] = 3;
-                                r.params[4] = 1;
-                                r.params[5] = 1;
-                                r.params[6] = -4;
+                                const float params[7] = {2, 2, 1.5f, 3, 1, 1, -4};
+                                std::copy(params, params + 7, r.params);
                                 if (masked) {
                                     // Rows of 21 pixels: the slices of 3 threads start inside mask bytes.
                                     for (int pix = 40; pix < 90; ++pix) fustest::setMaskBit(r.mask, 21, 14, 0, pix);
@@ -604,28 +518,24 @@ TEST(FusionDriver, TinyAndOddGeometriesRun) {
         for (int h : {1, 2, 3, 7})
             for (int ch : {1, 4})
                 for (int variant = 0; variant < 4; ++variant) {
-                    Job r;
-                    r.w = w;
-                    r.h = h;
-                    r.ch = ch;
+                    Job r = sized(w, h, ch).onDisk(dir.path().string());
                     r.bspIn = variant & 1 ? 16 : 8;
                     r.bspOut = variant & 2 ? 16 : 8;
                     r.bdp = variant == 3 ? 32 : 8 << (variant & 1);
                     r.wrapX = variant & 1;
                     r.nbProc = variant + 1;
                     r.disk = variant >= 2;
-                    r.dir = dir.path().string();
                     if (variant == 1) {
                         fustest::setMaskBit(r.mask, w, h, 0, 0);
                         r.fixedExpo = {1, -1, -1};
                     }
-                    const auto stack = fustest::makeStack(3, w, h, ch, r.bspIn, w * 31 + h);
                     // A side of 1 makes nivo -1, which adjust21 hands back as
                     // its result: the call stops there with -1.
+                    const int status = r.go(r.stack(w * 31 + h));
                     if (w == 1 || h == 1)
-                        EXPECT_EQ(r.go(stack), -1) << w << "x" << h << " ch " << ch << " variant " << variant;
+                        EXPECT_EQ(status, -1) << w << "x" << h << " ch " << ch << " variant " << variant;
                     else
-                        EXPECT_GE(r.go(stack), 0) << w << "x" << h << " ch " << ch << " variant " << variant;
+                        EXPECT_GE(status, 0) << w << "x" << h << " ch " << ch << " variant " << variant;
                 }
 }
 
@@ -634,10 +544,7 @@ TEST(FusionDriver, AlwaysPrintedLines) {
     const int w = 8, h = 6;
     std::vector<std::uint8_t> stack(2 * w * h * 3, 100);
     std::fill(stack.begin() + w * h * 3, stack.end(), 200);
-    Job r;
-    r.n = 2;
-    r.w = w;
-    r.h = h;
+    Job r = sized(w, h, 3, 2);
     oltest::CaptureFd capture(2);
     ASSERT_GE(r.go(stack), 0);
     const std::string text = capture.finish();
@@ -645,31 +552,26 @@ TEST(FusionDriver, AlwaysPrintedLines) {
     const int px = (3 * w + 4) * 3;
     char last[128];
     std::snprintf(last, sizeof last, "fusion33  4 3              %d  %d  %d\n", out[px], out[px + 1], out[px + 2]);
+    const std::string blend =
+        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 48\n"
+        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 144\n"
+        "fusion22et23  up 4 x 3   to  8 x 6    total coarse: 12  fine: 48  -  initFine: 0  coarse: 144  fromDisk: 0  \n";
     const std::string want =
         "ol_fusion:  2 photos  8 x 6  lenPyram: 60  bspIn: 8  out: 8     bitDepthPoids: 16   bitDepthFusion: 16  nbProc: 0\n"
         "photo0 -  perc noisy: 0   sat: 0      surexNivo: 0\n"
         "photo1 -  perc noisy: 0   sat: 0      surexNivo: 0\n"
-        "------------- Pyramide laplace et Blending image 1 ------------------\n"
-        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 48\n"
-        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 144\n"
-        "fusion22et23  up 4 x 3   to  8 x 6    total coarse: 12  fine: 48  -  initFine: 0  coarse: 144  fromDisk: 0  \n"
-        "------------- Pyramide laplace et Blending image 0 ------------------\n"
-        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 48\n"
-        "fusion21a  8 x 6  ->  4 x 3    bps: 16     initFine: 0  coarse: 144\n"
-        "fusion22et23  up 4 x 3   to  8 x 6    total coarse: 12  fine: 48  -  initFine: 0  coarse: 144  fromDisk: 0  \n" +
-        std::string(last) + "retour fusion3 144 \n";
+        "------------- Pyramide laplace et Blending image 1 ------------------\n" +
+        blend + "------------- Pyramide laplace et Blending image 0 ------------------\n" + blend + last +
+        "retour fusion3 144 \n";
     EXPECT_EQ(text, want);
 }
 
+// The five fixed probe pixels print for each photo, samples read as bytes.
 TEST(FusionDriver, ProbePixelLines) {
-    // The five fixed pixels print for each photo, samples read as bytes.
     const int w = 262, h = 346;
     std::vector<std::uint8_t> stack(2 * w * h * 3, 100);
     std::fill(stack.begin() + w * h * 3, stack.end(), 180);
-    Job r;
-    r.n = 2;
-    r.w = w;
-    r.h = h;
+    Job r = sized(w, h, 3, 2);
     oltest::CaptureFd capture(2);
     ASSERT_GE(r.go(stack), 0);
     const std::string text = capture.finish();
@@ -685,31 +587,24 @@ TEST(FusionDriver, ProbePixelLines) {
     }
     EXPECT_EQ(where, (std::vector<std::string>{"0@250,305", "1@250,305", "0@260,305", "1@260,305", "0@250,342",
                                                "1@250,342", "0@250,343", "1@250,343", "0@250,344", "1@250,344"}));
-}
 
-TEST(FusionDriver, ProbeReadsSixteenBitPhotosAsBytes) {
-    // Every sample 0x1234: byte k of the buffer stands for sample k, so the
-    // probe shows the low and the high byte in turn.
-    const int w = 262, h = 346;
-    std::vector<std::uint8_t> stack(2 * w * h * 3 * 2);
-    for (std::size_t i = 0; i < stack.size(); i += 2) {
-        stack[i] = 0x34;
-        stack[i + 1] = 0x12;
+    // 16-bit photos, every sample 0x1234: byte k of the buffer stands for
+    // sample k, so the probe shows the low and the high byte in turn.
+    std::vector<std::uint8_t> words(2 * w * h * 3 * 2);
+    for (std::size_t i = 0; i < words.size(); i += 2) {
+        words[i] = 0x34;
+        words[i + 1] = 0x12;
     }
-    Job r;
-    r.n = 2;
-    r.w = w;
-    r.h = h;
     r.bspIn = 16;
-    oltest::CaptureFd capture(2);
-    ASSERT_GE(r.go(stack), 0);
-    const std::string text = capture.finish();
+    oltest::CaptureFd capture16(2);
+    ASSERT_GE(r.go(words), 0);
+    const std::string text16 = capture16.finish();
     // Pixel (250,305) is sample 3 * 80160, an even byte; (260,305) the same.
-    EXPECT_NE(text.find("photo0  52 18 52   "), std::string::npos);
-    EXPECT_NE(text.find("photo1  52 18 52   "), std::string::npos);
+    EXPECT_NE(text16.find("photo0  52 18 52   "), std::string::npos);
+    EXPECT_NE(text16.find("photo1  52 18 52   "), std::string::npos);
     // (250,343): pixel 89866, sample 269598, even again; photo 1 starts at
     // sample 3 * 90652, so its bytes are the same.
-    EXPECT_EQ(text.find("photo0  18 52 18"), std::string::npos);
+    EXPECT_EQ(text16.find("photo0  18 52 18"), std::string::npos);
 }
 
 }  // namespace

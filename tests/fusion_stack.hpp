@@ -48,6 +48,7 @@ struct Job {
     int bspIn = 8, bspOut = 8, bdp = 16, bdf = 16;
     int nbProc = 0, disk = 0, wrapX = 0, outSwap = 0;
     int outStride = 0;  // 0: w * ch
+    int lenPyram = 0;   // 0: pyram_len(w, h); the work buffer is always that size
     float params[7] = {0, 0, 0, 0, 0, 0, 0};
     std::vector<int> fixedExpo;          // empty: {-1, ...}
     std::vector<unsigned char> mask;     // empty: null
@@ -59,6 +60,23 @@ struct Job {
     int status = 0;
     std::vector<std::uint8_t> images;  // after the call
     std::vector<std::uint8_t> work;    // after the call
+
+    // The synthetic stack of this job's count, size, channels and depth.
+    std::vector<std::uint8_t> stack(unsigned seed = 1) const { return makeStack(n, w, h, ch, bspIn, seed); }
+
+    // The same job in disk mode with its scratch files in `folder`.
+    Job onDisk(const std::string& folder) const {
+        Job j = *this;
+        j.disk = 1;
+        j.dir = folder;
+        return j;
+    }
+
+    // Whether the photos buffer still holds `source` after the call (memory
+    // mode leaves it alone; disk mode reuses it).
+    bool photosKept(const std::vector<std::uint8_t>& source) const {
+        return std::equal(source.begin(), source.end(), images.begin());
+    }
 
     std::vector<std::uint8_t> output() const {
         const int stride = outStride ? outStride : w * ch;
@@ -85,11 +103,22 @@ struct Job {
         float prm[7];
         std::memcpy(prm, params, sizeof prm);
         status = ol_fusion(&files, progress, prm, n, w, h, outStride ? outStride : w * ch, outSwap, ch, bspIn,
-                           bspOut, bdp, bdf, len, wrapX, 1.0f, expo.data(), images.data(), fixed.data(),
+                           bspOut, bdp, bdf, lenPyram ? lenPyram : len, wrapX, 1.0f, expo.data(), images.data(), fixed.data(),
                            mask.empty() ? nullptr : mask.data(), nullptr, work.data());
         return status;
     }
 };
+
+// A job of w x h pixels, `ch` channels and `n` photos, other settings at
+// their defaults.
+inline Job sized(int w, int h, int ch = 3, int n = 3) {
+    Job j;
+    j.w = w;
+    j.h = h;
+    j.ch = ch;
+    j.n = n;
+    return j;
+}
 
 // Sets bit `pixel` of plane `plane` in a mask of `planes` planes.
 inline void setMaskBit(std::vector<unsigned char>& mask, int w, int h, int plane, std::size_t pixel) {
