@@ -58,10 +58,18 @@ protected:
         for (std::size_t i = 0; i < v.size(); ++i) v[i] = ol::getF32LE(b.data() + 4 * i);
         return v;
     }
-    void writeF32(const std::string& path, const std::vector<float>& v) {
-        Bytes b(v.size() * 4);
-        for (std::size_t i = 0; i < v.size(); ++i) ol::putF32LE(b.data() + 4 * i, v[i]);
-        oltest::writeFile(path, b);
+    // Interleaved RGB floats written to `out` by the helper's cv2write or
+    // tiffwrite.
+    bool writeWith(const std::string& cmd, const std::vector<float>& rgb, int w, int h, const std::string& out) {
+        Bytes b(rgb.size() * 4);
+        for (std::size_t i = 0; i < rgb.size(); ++i) ol::putF32LE(b.data() + 4 * i, rgb[i]);
+        oltest::writeFile(file("in.f32"), b);
+        return py(cmd + " " + file("in.f32") + " " + std::to_string(w) + " " + std::to_string(h) + " " + out);
+    }
+    // ImageMagick's float TIFF of a picture; false when it wrote none.
+    bool magickFloatTiff(const std::string& src, const std::string& tif) {
+        sh("convert " + src + " -define quantum:format=floating-point -depth 32 " + tif);
+        return oltest::fs::exists(tif);
     }
     std::string file(const std::string& name) const { return dir_.file(name); }
 
@@ -154,8 +162,7 @@ TEST_F(Interop, LibraryFilesReadByImageMagick) {
     const ExifRecord e = someExif();
     const std::string hdr = file("lib.hdr"), tif = file("im.tif"), raw = file("im.f32");
     ASSERT_EQ(ol_io_rgbe_write(hdr.c_str(), W, H, &e, nullptr, "", planes.data()), H);
-    sh("convert " + hdr + " -define quantum:format=floating-point -depth 32 " + tif);
-    if (!oltest::fs::exists(tif)) GTEST_SKIP() << "ImageMagick did not convert";
+    if (!magickFloatTiff(hdr, tif)) GTEST_SKIP() << "ImageMagick did not convert";
     ASSERT_TRUE(py("tiffread " + tif + " " + raw));
     EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(planes, W, H), 1.0 / 65535 + 1e-6), 0);
 }
@@ -174,9 +181,8 @@ TEST_F(Interop, OpenCVFilesReadByTheLibrary) {
                     rgb[i] = std::ldexp(0.5f + x / float(W), y / 20 - 4) * (1.0f + c) + noise[i] / 4096.0f;
                 }
         rgb[0] = 0.0f;
-        const std::string in = file("in.f32"), hdr = file("cv.hdr"), back = file("back.f32");
-        writeF32(in, rgb);
-        ASSERT_TRUE(py("cv2write " + in + " " + std::to_string(W) + " " + std::to_string(H) + " " + hdr));
+        const std::string hdr = file("cv.hdr"), back = file("back.f32");
+        ASSERT_TRUE(writeWith("cv2write", rgb, W, H, hdr));
         ASSERT_TRUE(py("cv2read " + hdr + " " + back));
         float prim[8];
         int dims[7] = {};
@@ -198,9 +204,8 @@ TEST_F(Interop, VipsAndImageMagickFilesReadByTheLibrary) {
     const int W = 180, H = 120;
     std::vector<float> rgb(3u * W * H);
     for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = 0.05f + 0.9f * static_cast<float>((i * 7919) % 1000) / 1000.0f;
-    const std::string in = file("in.f32"), src = file("src.tif");
-    writeF32(in, rgb);
-    ASSERT_TRUE(py("tiffwrite " + in + " " + std::to_string(W) + " " + std::to_string(H) + " " + src));
+    const std::string src = file("src.tif");
+    ASSERT_TRUE(writeWith("tiffwrite", rgb, W, H, src));
     int tried = 0;
     if (oltest::haveProgram("vips")) {
         SCOPED_TRACE("vips");
@@ -227,7 +232,7 @@ TEST_F(Interop, VipsAndImageMagickFilesReadByTheLibrary) {
         EXPECT_EQ(dims[6], 32) << "ImageMagick writes a PRIMARIES line";
         EXPECT_FLOAT_EQ(prim[0], 0.64f);
         const Bytes own = decodeWithLibrary(hdr, W, H);
-        sh("convert " + hdr + " -define quantum:format=floating-point -depth 32 " + tif);
+        ASSERT_TRUE(magickFloatTiff(hdr, tif));
         ASSERT_TRUE(py("tiffread " + tif + " " + raw));
         EXPECT_EQ(countDifferences(readF32(raw), decodedRgb(own, W, H), 1.0 / 65535 + 1e-6), 0);
     }
@@ -240,15 +245,11 @@ TEST_F(Interop, FloatTiffsOfOtherProgramsReadByFp2rgbe) {
     std::vector<float> rgb(3u * W * H);
     for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<float>((i * 104729) % 997) / 1000.0f;
     rgb[3] = rgb[4] = rgb[5] = 0.0f;
-    const std::string in = file("in.f32"), tf = file("tf.tif");
-    writeF32(in, rgb);
-    ASSERT_TRUE(py("tiffwrite " + in + " " + std::to_string(W) + " " + std::to_string(H) + " " + tf));
+    const std::string tf = file("tf.tif");
+    ASSERT_TRUE(writeWith("tiffwrite", rgb, W, H, tf));
     std::vector<std::string> files = {tf};
     if (oltest::haveProgram("vips") && sh("vips copy " + tf + " " + file("vips.tif"))) files.push_back(file("vips.tif"));
-    if (oltest::haveProgram("convert")) {
-        sh("convert " + tf + " -define quantum:format=floating-point -depth 32 " + file("im.tif"));
-        if (oltest::fs::exists(file("im.tif"))) files.push_back(file("im.tif"));
-    }
+    if (oltest::haveProgram("convert") && magickFloatTiff(tf, file("im.tif"))) files.push_back(file("im.tif"));
     for (const std::string& f : files) {
         SCOPED_TRACE(f);
         const std::string raw = file("held.f32");
