@@ -169,47 +169,38 @@ TEST(RadianceWriter, FullHeaderInItsOrder) {
 TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
     oltest::TempDir dir;
     const Bytes px = photoPlanes(2, 1, 2);
-    const std::string path = dir.file("b.hdr");
+    const auto headerFor = [&](const ExifRecord& e, const char* profile) {
+        const std::string path = dir.file("b.hdr");
+        EXPECT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, profile, px.data()), 1);
+        return headerOf(path);
+    };
     const std::string tail =
         "Generated with Ombrelumen Pro 4.0 for Windows\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 2\n";
 
     // Nothing present: a denominator of 0 or a negative value is missing.
-    ExifRecord e = shotExif(1, 0, 0, 10, -5, -3, -1);
-    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, "", px.data()), 1);
-    EXPECT_EQ(headerOf(path), "#?RADIANCE\n" + tail);
+    EXPECT_EQ(headerFor(shotExif(1, 0, 0, 10, -5, -3, -1), ""), "#?RADIANCE\n" + tail);
 
     // A camera of the full 64 bytes has no terminator; the date's own line
     // feed ends its line; a profile name whose first byte is above 127 is
     // left out.
-    e = zeroExif();
+    ExifRecord e = zeroExif();
     std::memset(e.camera, 'C', 64);
     std::memcpy(e.date, "2020:01:02 03:04:05\n", 20);
-    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, "\xC3\xA9sRGB", px.data()), 1);
-    EXPECT_EQ(headerOf(path), "#?RADIANCE\nCAMERA=" + std::string(64, 'C') +
-                                  "\nCAPDATE=2020:01:02 03:04:05\n" + tail);
+    EXPECT_EQ(headerFor(e, "\xC3\xA9sRGB"),
+              "#?RADIANCE\nCAMERA=" + std::string(64, 'C') + "\nCAPDATE=2020:01:02 03:04:05\n" + tail);
 
     // A date of the full 20 bytes with no line feed; the profile name stops
     // after 32 characters.
     e = zeroExif();
     std::memset(e.date, 'D', 20);
-    const std::string longName(40, 'p');
-    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, longName.c_str(), px.data()), 1);
-    EXPECT_EQ(headerOf(path), "#?RADIANCE\nCAPDATE=" + std::string(20, 'D') + "\nICC_PROFILE=" +
-                                  std::string(32, 'p') + "\n" + tail);
-}
+    EXPECT_EQ(headerFor(e, std::string(40, 'p').c_str()),
+              "#?RADIANCE\nCAPDATE=" + std::string(20, 'D') + "\nICC_PROFILE=" + std::string(32, 'p') + "\n" + tail);
 
-TEST(RadianceWriter, DateLineFeedIsLookedForInAllTwentyBytes) {
     // The line feed stands after the date's terminator: the whole field is
     // searched, so the line gets no line feed of its own.
-    oltest::TempDir dir;
-    const Bytes px = photoPlanes(2, 1, 2);
-    const std::string path = dir.file("d.hdr");
-    ExifRecord e = zeroExif();
+    e = zeroExif();
     std::memcpy(e.date, "2020:01:02\0\n", 12);
-    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, "", px.data()), 1);
-    const Bytes f = oltest::readFile(path);
-    EXPECT_EQ(std::string(f.begin(), f.begin() + 62),
-              "#?RADIANCE\nCAPDATE=2020:01:02Generated with Ombrelumen Pro 4.0");
+    EXPECT_EQ(headerFor(e, ""), "#?RADIANCE\nCAPDATE=2020:01:02" + tail);
 }
 
 TEST(RadianceWriter, HeightZeroWritesTheHeaderOnly) {
