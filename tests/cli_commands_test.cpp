@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "support/testsupport.hpp"
@@ -30,17 +29,16 @@ std::string quote(const std::string& s) {
     return q + "'";
 }
 
+std::string readText(const std::string& path) {
+    const std::vector<std::uint8_t> b = oltest::readFile(path);
+    return std::string(b.begin(), b.end());
+}
+
 Result run(const std::string& args) {
-    char errName[] = "/tmp/olhdr-test-err-XXXXXX";
-    const int fd = mkstemp(errName);
-    close(fd);
+    const TempDir errDir;
     Result r;
-    r.code = oltest::runCommand(quote(kProgram) + " " + args + " 2>" + errName, &r.out);
-    std::ifstream in(errName);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    r.err = ss.str();
-    std::remove(errName);
+    r.code = oltest::runCommand(quote(kProgram) + " " + args + " 2>" + quote(errDir.file("err")), &r.out);
+    r.err = readText(errDir.file("err"));
     return r;
 }
 
@@ -72,13 +70,6 @@ void expectCleanFailure(const Result& r, int code, const std::string& mention) {
 
 std::size_t entries(const std::string& dir) {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
-}
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
 }
 
 // The Radiance header lines (up to the blank line).
