@@ -325,49 +325,45 @@ TEST(MetareadExif, DescriptionOnlyParsedInTiff) {
     EXPECT_EQ(j.exif.descriptionMark, 0);
 }
 
-ol::RawExif describe(const std::string& text) {
-    ol::RawExif raw;
-    std::memset(&raw, 0, sizeof raw);
-    ol::parseDescription(text.c_str(), text.size(), raw);
-    return raw;
-}
-
-TEST(MetareadDescription, FieldsAndRefusals) {
-    // A whole number of seconds, a '.' that ends the conversion.
-    ol::RawExif r = describe("a, b, c, d, e, f, g, 2s, R30, G30, B30");
-    EXPECT_FLOAT_EQ(r.exposure, 2.0f);
-    EXPECT_EQ(r.iso, 400);  // m = 30: 2^1
-    EXPECT_EQ(r.mark, 2);
-    r = describe("a, b, c, d, e, f, g, 1/8.5s, R0, G0, B0");
-    EXPECT_FLOAT_EQ(r.exposure, 0.125f);
-    EXPECT_EQ(r.iso, 200);
-    EXPECT_EQ(r.mark, 0);  // last colour 0
-    // A missing colour stores nothing at all.
-    r = describe("a, b, c, d, e, f, g, 1/60s, R30, G30, X30");
-    EXPECT_EQ(r.exposure, 0.0f);
-    EXPECT_EQ(r.iso, 0);
-    // More than six characters abandon the exposure; the colours still count.
-    r = describe("a, b, c, d, e, f, g, 1234567/2s, R60, G60, B60");
-    EXPECT_EQ(r.exposure, 0.0f);
-    EXPECT_EQ(r.iso, 800);
-    EXPECT_EQ(r.mark, 0);
-    // A numerator of 99999 is not marked.
-    r = describe("a, b, c, d, e, f, g, 99999/1s, R1, G1, B1");
-    EXPECT_FLOAT_EQ(r.exposure, 99999.0f);
-    EXPECT_EQ(r.mark, 0);
-    // No separator at all.
-    r = describe("R1 G1 B1");
-    EXPECT_EQ(r.iso, 0);
-}
-
-TEST(MetareadDescription, LargeColourNumbersWrapTheIso) {
-    // m = 750: 200 * 2^25 leaves 32 bits and keeps its low 32.
-    ol::RawExif r = describe("a, b, c, d, e, f, g, 1/60s, R750, G750, B750");
-    EXPECT_EQ(r.iso, static_cast<std::int32_t>(200u * 33554432u));
-    // m = 1000: 2^33.3 is no 32-bit integer (0x80000000), times 200 is 0.
-    r = describe("a, b, c, d, e, f, g, 1/60s, R1000, G1000, B1000");
-    EXPECT_EQ(r.iso, 0);
-    EXPECT_EQ(r.mark, 2);
+TEST(MetareadDescription, FieldsRefusalsAndWrappedIso) {
+    constexpr int kAny = -99;  // not looked at
+    const struct {
+        const char* text;
+        float exposure;  // kAny: not looked at
+        std::int32_t iso;
+        int mark;
+    } cases[] = {
+        // A whole number of seconds (m = 30: 2^1); a '.' ends the conversion;
+        // a last colour of 0 is not marked.
+        {"a, b, c, d, e, f, g, 2s, R30, G30, B30", 2.0f, 400, 2},
+        {"a, b, c, d, e, f, g, 1/8.5s, R0, G0, B0", 0.125f, 200, 0},
+        // A missing colour stores nothing at all.
+        {"a, b, c, d, e, f, g, 1/60s, R30, G30, X30", 0.0f, 0, kAny},
+        // More than six characters abandon the exposure; the colours still count.
+        {"a, b, c, d, e, f, g, 1234567/2s, R60, G60, B60", 0.0f, 800, 0},
+        // A numerator of 99999 is not marked.
+        {"a, b, c, d, e, f, g, 99999/1s, R1, G1, B1", 99999.0f, kAny, 0},
+        // No separator at all.
+        {"R1 G1 B1", kAny, 0, kAny},
+        // m = 750: 200 * 2^25 leaves 32 bits and keeps its low 32.
+        {"a, b, c, d, e, f, g, 1/60s, R750, G750, B750", kAny, static_cast<std::int32_t>(200u * 33554432u), kAny},
+        // m = 1000: 2^33.3 is no 32-bit integer (0x80000000), times 200 is 0.
+        {"a, b, c, d, e, f, g, 1/60s, R1000, G1000, B1000", kAny, 0, 2},
+    };
+    for (const auto& c : cases) {
+        ol::RawExif r;
+        std::memset(&r, 0, sizeof r);
+        ol::parseDescription(c.text, std::strlen(c.text), r);
+        if (c.exposure != kAny) {
+            EXPECT_FLOAT_EQ(r.exposure, c.exposure) << c.text;
+        }
+        if (c.iso != kAny) {
+            EXPECT_EQ(r.iso, c.iso) << c.text;
+        }
+        if (c.mark != kAny) {
+            EXPECT_EQ(r.mark, c.mark) << c.text;
+        }
+    }
 }
 
 TEST(MetareadIptc, ReadCodes) {
