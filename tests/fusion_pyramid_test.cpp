@@ -69,29 +69,39 @@ TEST(FusionReduce, ThreeByThreeGivesFourCorners) {
     EXPECT_EQ(b[12], ((61 + 80) >> 2) + (93 >> 1));
 }
 
-int f5(int x, int y) { return 1000 + 37 * x + 211 * y + ((x * y) % 3) * 5; }
+// A smooth test level with a little texture.
+int F(int x, int y) { return 1000 + 37 * x + 211 * y + ((x * y) % 3) * 5; }
+
+// A one-channel 16-bit level of F, followed by zeroed room for the coarse level.
+std::vector<std::uint16_t> levelOfF(int w, int h) {
+    std::vector<std::uint16_t> b(w * h + ol::halveUp(w) * ol::halveUp(h), 0);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) b[y * w + x] = static_cast<std::uint16_t>(F(x, y));
+    return b;
+}
+
+// The integer kernels of a coarse pixel over fine (x, y): full 5x5 inside,
+// and the six-tap edge kernel (three sides, the centre, two diagonals).
+int interiorKernel(int x, int y) {
+    return ((F(x - 1, y - 1) + F(x + 1, y - 1) + F(x - 1, y + 1) + F(x + 1, y + 1)) >> 4) +
+           ((F(x, y - 1) + F(x, y + 1) + F(x - 1, y) + F(x + 1, y)) >> 3) + (F(x, y) >> 2);
+}
+int edgeKernel(int a, int b, int d, int c, int p, int q) {
+    return static_cast<int>((a + b + d) * 0.1667 + c * 0.333 + (p + q) / 12.0);
+}
 
 TEST(FusionReduce, FiveByFiveInteriorEdgesAndCorners) {
-    std::vector<std::uint16_t> b(25 + 9, 0);
-    for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 5; ++x) b[y * 5 + x] = static_cast<std::uint16_t>(f5(x, y));
+    auto b = levelOfF(5, 5);
     ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
-    auto F = [](int x, int y) { return f5(x, y); };
-    auto edge = [](int a, int bb, int d, int c, int p, int q) {
-        return static_cast<int>((a + bb + d) * 0.1667 + c * 0.333 + (p + q) / 12.0);
-    };
-    // Interior (1,1) at fine (2,2).
-    const int full = ((F(1, 1) + F(3, 1) + F(1, 3) + F(3, 3)) >> 4) +
-                     ((F(2, 1) + F(2, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(2, 2) >> 2);
-    EXPECT_EQ(b[25 + 4], full);
+    EXPECT_EQ(b[25 + 4], interiorKernel(2, 2));  // interior (1,1) at fine (2,2)
     // Top (1,0): S, W, E, C, SW, SE.
-    EXPECT_EQ(b[25 + 1], edge(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1)));
+    EXPECT_EQ(b[25 + 1], edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1)));
     // Bottom (1,2) at fine (2,4): N, W, E, C, NW, NE.
-    EXPECT_EQ(b[25 + 7], edge(F(2, 3), F(1, 4), F(3, 4), F(2, 4), F(1, 3), F(3, 3)));
+    EXPECT_EQ(b[25 + 7], edgeKernel(F(2, 3), F(1, 4), F(3, 4), F(2, 4), F(1, 3), F(3, 3)));
     // Left (0,1) at (0,2): N, S, E, C, NE, SE.
-    EXPECT_EQ(b[25 + 3], edge(F(0, 1), F(0, 3), F(1, 2), F(0, 2), F(1, 1), F(1, 3)));
+    EXPECT_EQ(b[25 + 3], edgeKernel(F(0, 1), F(0, 3), F(1, 2), F(0, 2), F(1, 1), F(1, 3)));
     // Right (2,1) at (4,2): N, S, W, C, NW, SW.
-    EXPECT_EQ(b[25 + 5], edge(F(4, 1), F(4, 3), F(3, 2), F(4, 2), F(3, 1), F(3, 3)));
+    EXPECT_EQ(b[25 + 5], edgeKernel(F(4, 1), F(4, 3), F(3, 2), F(4, 2), F(3, 1), F(3, 3)));
     // Corners.
     EXPECT_EQ(b[25 + 0], ((F(0, 1) + F(1, 0)) >> 2) + (F(0, 0) >> 1));
     EXPECT_EQ(b[25 + 2], ((F(4, 1) + F(3, 0)) >> 2) + (F(4, 0) >> 1));
@@ -114,61 +124,50 @@ TEST(FusionReduce, FlatLevelDarkensAtTheEdgesOnly) {
 
 TEST(FusionReduce, EvenWidthLastColumnIsInterior) {
     // 4 x 5: the last coarse column sits at fine x = 2, an inner pixel.
-    std::vector<std::uint16_t> b(20 + 6, 0);
-    for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 4; ++x) b[y * 4 + x] = static_cast<std::uint16_t>(f5(x, y));
+    auto b = levelOfF(4, 5);
     ol::fusion21a(4, 5, 2, 3, 1, 16, 0, 0, 20, nullptr, b.data(), "fusion21a");
-    auto F = [](int x, int y) { return f5(x, y); };
-    const int full = ((F(1, 1) + F(3, 1) + F(1, 3) + F(3, 3)) >> 4) +
-                     ((F(2, 1) + F(2, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(2, 2) >> 2);
-    EXPECT_EQ(b[20 + 3], full);
+    EXPECT_EQ(b[20 + 3], interiorKernel(2, 2));
     // Top row's last pixel (fine (2,0)) takes the top kernel, not a corner.
-    EXPECT_EQ(b[20 + 1], static_cast<int>((F(2, 1) + F(1, 0) + F(3, 0)) * 0.1667 + F(2, 0) * 0.333 +
-                                          (F(1, 1) + F(3, 1)) / 12.0));
+    EXPECT_EQ(b[20 + 1], edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1)));
 }
 
 TEST(FusionReduce, WrapTakesTheOtherEndOfTheRow) {
-    std::vector<std::uint16_t> b(20 + 6, 0);
-    for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 4; ++x) b[y * 4 + x] = static_cast<std::uint16_t>(f5(x, y));
+    auto b = levelOfF(4, 5);
     ol::fusion21a(4, 5, 2, 3, 1, 16, 1, 0, 20, nullptr, b.data(), "fusion21a");
-    auto F = [](int x, int y) { return f5(x, y); };
     // Left column (0,1) at (0,2) becomes interior, W = x 3.
     EXPECT_EQ(b[20 + 2], ((F(3, 1) + F(1, 1) + F(3, 3) + F(1, 3)) >> 4) +
                              ((F(0, 1) + F(0, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(0, 2) >> 2));
     // Top-left corner takes the top kernel with the wrapped W.
-    EXPECT_EQ(b[20 + 0], static_cast<int>((F(0, 1) + F(3, 0) + F(1, 0)) * 0.1667 + F(0, 0) * 0.333 +
-                                          (F(3, 1) + F(1, 1)) / 12.0));
+    EXPECT_EQ(b[20 + 0], edgeKernel(F(0, 1), F(3, 0), F(1, 0), F(0, 0), F(3, 1), F(1, 1)));
     // Bottom-left corner (0,2) at (0,4): bottom kernel, wrapped.
-    EXPECT_EQ(b[20 + 4], static_cast<int>((F(0, 3) + F(3, 4) + F(1, 4)) * 0.1667 + F(0, 4) * 0.333 +
-                                          (F(3, 3) + F(1, 3)) / 12.0));
+    EXPECT_EQ(b[20 + 4], edgeKernel(F(0, 3), F(3, 4), F(1, 4), F(0, 4), F(3, 3), F(1, 3)));
 }
 
 TEST(FusionReduce, WrapOnWidthTwoReadsOnePixelTwice) {
     // 2 x 3: W and E of column 0 are both column 1.
     std::vector<std::uint16_t> b = {100, 200, 300, 400, 500, 600, 0, 0};
     ol::fusion21a(2, 3, 1, 2, 1, 16, 1, 0, 6, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[6], static_cast<int>((300 + 200 + 200) * 0.1667 + 100 * 0.333 + (400 + 400) / 12.0));
-    EXPECT_EQ(b[7], static_cast<int>((300 + 600 + 600) * 0.1667 + 500 * 0.333 + (400 + 400) / 12.0));
+    EXPECT_EQ(b[6], edgeKernel(300, 200, 200, 100, 400, 400));
+    EXPECT_EQ(b[7], edgeKernel(300, 600, 600, 500, 400, 400));
 }
 
 TEST(FusionReduce, FloatKernelsAndTheWrapTruncation) {
     std::vector<float> b(5 * 5 + 9, 0.0f);
     for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 5; ++x) b[y * 5 + x] = 0.25f * f5(x, y) + 0.75f;
-    auto F = [&](int x, int y) { return b[y * 5 + x]; };
+        for (int x = 0; x < 5; ++x) b[y * 5 + x] = 0.25f * F(x, y) + 0.75f;
+    auto V = [&](int x, int y) { return b[y * 5 + x]; };
     std::vector<float> plain = b;
     ol::fusion21a(5, 5, 3, 3, 1, 32, 0, 0, 25, nullptr, plain.data(), "fusion21a");
-    const float full = (F(2, 1) + F(2, 3) + F(3, 2) + F(1, 2)) * 0.125f + F(2, 2) * 0.25f +
-                       (F(1, 1) + F(3, 1) + F(1, 3) + F(3, 3)) * 0.0625f;
+    const float full = (V(2, 1) + V(2, 3) + V(3, 2) + V(1, 2)) * 0.125f + V(2, 2) * 0.25f +
+                       (V(1, 1) + V(3, 1) + V(1, 3) + V(3, 3)) * 0.0625f;
     EXPECT_EQ(plain[25 + 4], full);
-    EXPECT_EQ(plain[25 + 0], (F(0, 1) + F(1, 0)) * 0.25f + F(0, 0) * 0.5f);
+    EXPECT_EQ(plain[25 + 0], (V(0, 1) + V(1, 0)) * 0.25f + V(0, 0) * 0.5f);
     // With wrapX the left column's W is x 4, fetched as an integer.
     std::vector<float> wrapped = b;
     ol::fusion21a(5, 5, 3, 3, 1, 32, 1, 0, 25, nullptr, wrapped.data(), "fusion21a");
-    auto T = [&](int x, int y) { return static_cast<float>(static_cast<int>(F(x, y))); };
-    const float left = (F(0, 1) + F(0, 3) + F(1, 2) + T(4, 2)) * 0.125f + F(0, 2) * 0.25f +
-                       (T(4, 1) + F(1, 1) + T(4, 3) + F(1, 3)) * 0.0625f;
+    auto T = [&](int x, int y) { return static_cast<float>(static_cast<int>(V(x, y))); };
+    const float left = (V(0, 1) + V(0, 3) + V(1, 2) + T(4, 2)) * 0.125f + V(0, 2) * 0.25f +
+                       (T(4, 1) + V(1, 1) + T(4, 3) + V(1, 3)) * 0.0625f;
     EXPECT_EQ(wrapped[25 + 3], left);
     EXPECT_NE(wrapped[25 + 3], plain[25 + 3]);
 }
@@ -177,7 +176,7 @@ TEST(FusionReduce, ChannelsAreFilteredIndependently) {
     // Three channels: channel c holds c * 100 + the one-channel level.
     std::vector<std::uint16_t> one(25 + 9), three((25 + 9) * 3);
     for (int i = 0; i < 25; ++i) {
-        one[i] = static_cast<std::uint16_t>(f5(i % 5, i / 5));
+        one[i] = static_cast<std::uint16_t>(F(i % 5, i / 5));
         for (int c = 0; c < 3; ++c) three[i * 3 + c] = static_cast<std::uint16_t>(one[i] + c * 100);
     }
     ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, one.data(), "fusion21a");
@@ -356,12 +355,16 @@ TEST(FusionDownsample, TwoSamplesAPixelStayInsideTheBuffers) {
     EXPECT_EQ(std::vector<int>(dst.begin() + 6, dst.end()), std::vector<int>(dst.begin(), dst.begin() + 6));
 }
 
+// Packed rgbe rows (four runs of w bytes a row), every pixel mantissa 128
+// at exponent 130: 2.0 each.
+std::vector<std::uint8_t> rgbeOfTwos(int w, int h) {
+    std::vector<std::uint8_t> b(static_cast<std::size_t>(w) * h * 4, 128);
+    for (int y = 0; y < h; ++y) std::fill_n(b.begin() + (y * 4 + 3) * w, w, 130);
+    return b;
+}
+
 TEST(FusionDownsample, PackedRgbeHalvesAndReencodes) {
-    // 2x2 source, all pixels mantissa 128 at exponent 130: 2.0 each.
-    std::vector<std::uint8_t> src(2 * 2 * 4);
-    for (int y = 0; y < 2; ++y)
-        for (int run = 0; run < 4; ++run)
-            for (int x = 0; x < 2; ++x) src[y * 8 + run * 2 + x] = run == 3 ? 130 : 128;
+    std::vector<std::uint8_t> src = rgbeOfTwos(2, 2);
     src[3 * 2 + 0] = 0;  // pixel (0,0) is black
     std::vector<std::uint8_t> dst(2 * 2 * 4, 0x77);
     EXPECT_EQ(ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, src.data(), dst.data()), 1);
@@ -376,10 +379,7 @@ TEST(FusionDownsample, PackedRgbeHalvesAndReencodes) {
         EXPECT_EQ(ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, src.data(), dst.data()), -4);
     }
     // A larger source: 4x2 to 2x2 keeps a non-black value: 2.0 re-encoded.
-    std::vector<std::uint8_t> s4(4 * 2 * 4);
-    for (int y = 0; y < 2; ++y)
-        for (int run = 0; run < 4; ++run)
-            for (int x = 0; x < 4; ++x) s4[y * 16 + run * 4 + x] = run == 3 ? 130 : 128;
+    const auto s4 = rgbeOfTwos(4, 2);
     EXPECT_EQ(ol_downsample(4, 2, 0, 2, 2, 0, 0, 32, s4.data(), dst.data()), 1);
     // 128 * 2^(130-136) = 2.0 = 0.5 * 2^2: mantissa 128, exponent 130.
     EXPECT_EQ(dst[0], 128);

@@ -11,13 +11,13 @@ namespace {
 
 using fustest::Job;
 
-std::string traceOf(Job& job, const std::vector<std::uint8_t>& stack) {
+// Runs the job with stderr captured; the call must succeed and print
+// `lines` in this order (other lines may come between).
+void expectTrace(Job& job, const std::vector<std::uint8_t>& stack, const std::vector<std::string>& lines) {
     oltest::CaptureFd capture(2);
     job.go(stack);
-    return capture.finish();
-}
-
-void expectLines(const std::string& text, const std::vector<std::string>& lines) {
+    const std::string text = capture.finish();
+    EXPECT_GE(job.status, 0);
     std::size_t from = 0;
     for (const auto& l : lines) {
         const std::size_t at = text.find(l, from);
@@ -26,6 +26,7 @@ void expectLines(const std::string& text, const std::vector<std::string>& lines)
     }
 }
 
+// Three flat 8-bit photos at 100, 150 and 200.
 std::vector<std::uint8_t> flatStack(int w, int h) {
     std::vector<std::uint8_t> s(3 * w * h * 3);
     for (int p = 0; p < 3; ++p) std::fill_n(s.begin() + p * w * h * 3, w * h * 3, 100 + 50 * p);
@@ -34,14 +35,8 @@ std::vector<std::uint8_t> flatStack(int w, int h) {
 
 TEST(FusionTrace, DiskRunPrintsEveryStage) {
     oltest::TempDir dir;
-    Job job;
-    job.w = 8;
-    job.h = 6;
-    job.disk = 1;
-    job.dir = dir.path().string();
-    const std::string text = traceOf(job, flatStack(8, 6));
-    ASSERT_GE(job.status, 0);
-    expectLines(text, {
+    Job job = fustest::sized(8, 6).onDisk(dir.path().string());
+    expectTrace(job, flatStack(8, 6), {
         "ol_fusion:  3 photos  8 x 6  lenPyram: 60  bspIn: 8  out: 8     bitDepthPoids: 16   bitDepthFusion: 16  nbProc: 0\n",
         "exposureTimes0:  1.0000\n",
         "exposureTimes1:  1.0000\n",
@@ -78,28 +73,20 @@ TEST(FusionTrace, DiskRunPrintsEveryStage) {
 }
 
 TEST(FusionTrace, OddLevelsAndHighlightCurve) {
-    Job job;
-    job.w = 9;
-    job.h = 7;
+    Job job = fustest::sized(9, 7);
     job.params[2] = 2.0f;
-    const std::string text = traceOf(job, flatStack(9, 7));
-    ASSERT_GE(job.status, 0);
     // highlightCut 2 without saturation: powers 2 and 3, multHigh
     // 1 / 0.640625^3 = 3.8. 9x7 -> 5x4: the last coarse column and row lie
     // on the odd borders.
-    expectLines(text, {" mult : 1  4   puissance: 2  3\n", "== lapl nivo0  nivFine 9 x 7   nivCoarse 5 x 4  fin: 4 3\n"});
+    expectTrace(job, flatStack(9, 7), {" mult : 1  4   puissance: 2  3\n", "== lapl nivo0  nivFine 9 x 7   nivCoarse 5 x 4  fin: 4 3\n"});
 }
 
 TEST(FusionTrace, HighlightCurveOfASaturatedStack) {
     // Every pixel saturated: r = 1 > 0.2 for each photo, so powerLow is c + 1
     // and powerHigh (c - 1) * 0.5 + 2 = 2.5, multHigh 1 / 0.640625^2.5.
-    Job job;
-    job.w = 8;
-    job.h = 6;
+    Job job = fustest::sized(8, 6);
     job.params[2] = 2.0f;
-    const std::string text = traceOf(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 255));
-    ASSERT_GE(job.status, 0);
-    expectLines(text, {"photo0 -  perc noisy: 0   sat: 100      surexNivo: 48\n",
+    expectTrace(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 255), {"photo0 -  perc noisy: 0   sat: 100      surexNivo: 48\n",
                        "photo2 -  perc noisy: 0   sat: 100      surexNivo: 144\n",
                        " mult : 1  3   puissance: 3  2\n", " mult : 1  3   puissance: 3  2\n",
                        " mult : 1  3   puissance: 3  2\n"});
@@ -109,42 +96,27 @@ TEST(FusionTrace, BlownPixelsCountAsZeroWeight) {
     // A float output makes the sharpening linear, so fval 0 weighs nothing:
     // with highlightCut every curve is 0 at 240, and no photo weighs any
     // pixel.
-    Job job;
-    job.w = 8;
-    job.h = 6;
+    Job job = fustest::sized(8, 6);
     job.bspOut = 32;
     job.params[2] = 1.5f;
-    const std::string text = traceOf(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 240));
-    ASSERT_GE(job.status, 0);
-    expectLines(text, {"photo2 -  perc noisy: 0   sat: 100      surexNivo: 0\n", " cntZero: 48\n"});
+    expectTrace(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 240), {"photo2 -  perc noisy: 0   sat: 100      surexNivo: 0\n", " cntZero: 48\n"});
 }
 
 TEST(FusionTrace, GhostMaskAndSampledPixels) {
-    Job job;
-    job.w = 8;
-    job.h = 6;
+    Job job = fustest::sized(8, 6);
     fustest::setMaskBit(job.mask, 8, 6, 0, 0);
     job.fixedExpo = {1, -1, -1};
-    const std::string text = traceOf(job, flatStack(8, 6));
-    ASSERT_GE(job.status, 0);
-    expectLines(text, {"1  indexFixedExpo: -1   indexPhotoNotMerged: 0\n",
+    expectTrace(job, flatStack(8, 6), {"1  indexFixedExpo: -1   indexPhotoNotMerged: 0\n",
                        "aj1b_orig 3 photos 8 x 6   bps: 8    removeGhost: 1\n",
                        "photo0  100 100 100   ",
                        "*** ghostMask for photo1  at  0,0\n"});
 }
 
 TEST(FusionTrace, FloatStackBound) {
-    Job job;
-    job.w = 8;
-    job.h = 6;
-    job.bspIn = 32;
-    job.bspOut = 32;
-    job.bdf = 32;
-    std::vector<std::uint8_t> floats(3 * 8 * 6 * 3 * 4, 0);
-    const std::string text = traceOf(job, floats);
-    EXPECT_GE(job.status, 0);
+    Job job = fustest::sized(8, 6);
+    job.bspIn = job.bspOut = job.bdf = 32;
     // Exposure times are all 1 here: the bound stays at 32768 * 1^(1/2.2).
-    expectLines(text, {"ol_fusion:  3 photos  8 x 6  lenPyram: 60  bspIn: 32  out: 32     bitDepthPoids: 16   bitDepthFusion: 32  nbProc: 0\n",
+    expectTrace(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3 * 4, 0), {"ol_fusion:  3 photos  8 x 6  lenPyram: 60  bspIn: 32  out: 32     bitDepthPoids: 16   bitDepthFusion: 32  nbProc: 0\n",
                        "minExpo: 1.0000  scaleToMax7:  32768.00\n"});
 }
 

@@ -99,6 +99,21 @@ struct Weights {
     }
 };
 
+Weights sizedWeights(int w, int h) {
+    Weights wt;
+    wt.w = w;
+    wt.h = h;
+    return wt;
+}
+
+// Three flat photos of `pixels` 3-channel pixels at the given levels.
+std::vector<std::uint8_t> flatPhotos(int pixels, int a, int b, int c) {
+    std::vector<std::uint8_t> img(3 * pixels * 3);
+    const int level[3] = {a, b, c};
+    for (int p = 0; p < 3; ++p) std::fill_n(img.begin() + p * pixels * 3, pixels * 3, level[p]);
+    return img;
+}
+
 TEST(FusionWeights, PlanesSumToFullScaleAtEveryDepth) {
     for (int bspIn : {8, 16}) {
         const auto images = fustest::makeStack(3, 29, 13, 3, bspIn);
@@ -139,14 +154,9 @@ TEST(FusionWeights, OnePhotoTakesAllButOneStep) {
 TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
     // Three nearly equal photos, 120 < 128 < 136: ranks by brightness 2, 1, 0.
     // With half = 1 a bias b multiplies the weights by 4^(b/4 * (1 - rank)).
-    Weights wt;
-    wt.w = 4;
-    wt.h = 2;
+    Weights wt = sizedWeights(4, 2);
     wt.bdp = 32;
-    std::vector<std::uint8_t> img(3 * 8 * 3);
-    std::fill_n(img.begin(), 24, 120);
-    std::fill_n(img.begin() + 24, 24, 128);
-    std::fill_n(img.begin() + 48, 24, 136);
+    const auto img = flatPhotos(8, 120, 128, 136);
     const auto plain = wt.run(img);
     wt.params[1] = 4.0f;
     const auto bright = wt.run(img);
@@ -162,14 +172,8 @@ TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
 }
 
 TEST(FusionWeights, MidGreyWinsOverClippedPhotos) {
-    Weights wt;
-    wt.w = 4;
-    wt.h = 2;
-    std::vector<std::uint8_t> img(3 * 8 * 3);
-    std::fill_n(img.begin(), 24, 5);          // nearly black
-    std::fill_n(img.begin() + 24, 24, 130);   // mid grey
-    std::fill_n(img.begin() + 48, 24, 252);   // nearly white
-    const auto poids = wt.run(img);
+    Weights wt = sizedWeights(4, 2);
+    const auto poids = wt.run(flatPhotos(8, 5, 130, 252));  // nearly black, mid grey, nearly white
     EXPECT_GT(wt.at(poids, 1, 0), 65000);
     EXPECT_LT(wt.at(poids, 0, 0) + wt.at(poids, 2, 0), 536);
 }
@@ -178,9 +182,7 @@ TEST(FusionWeights, BlownPixelsWeighNothingWithLinearSharpening) {
     // highlightCut puts every curve at 0 from 0.8203 of the range on. With
     // the linear curve of a float output, sharpen[0] is 0: no photo weighs
     // the pixel and all planes hold 0 there.
-    Weights wt;
-    wt.w = 4;
-    wt.h = 2;
+    Weights wt = sizedWeights(4, 2);
     wt.outIsFloat = 1;
     wt.params[2] = 1.5f;
     std::vector<std::uint8_t> img(3 * 8 * 3, 240);
@@ -198,17 +200,13 @@ TEST(FusionWeights, BlownPixelsWeighNothingWithLinearSharpening) {
 }
 
 TEST(FusionWeights, GhostMaskForcesOnePhotoAndTheFirstPhotoWins) {
-    Weights wt;
-    wt.w = 8;
-    wt.h = 4;
+    Weights wt = sizedWeights(8, 4);
     const auto images = fustest::makeStack(3, wt.w, wt.h, 3, 8);
     const auto plain = wt.run(images);
     // Plane 0 fixes photo 2 at pixels 5 and 9; plane 1 fixes photo 0 at
     // pixels 9 and 20. At 9 both are set: photo 0 comes first and wins.
-    fustest::setMaskBit(wt.mask, wt.w, wt.h, 0, 5);
-    fustest::setMaskBit(wt.mask, wt.w, wt.h, 0, 9);
-    fustest::setMaskBit(wt.mask, wt.w, wt.h, 1, 9);
-    fustest::setMaskBit(wt.mask, wt.w, wt.h, 1, 20);
+    for (auto [plane, pix] : {std::pair{0, 5}, std::pair{0, 9}, std::pair{1, 9}, std::pair{1, 20}})
+        fustest::setMaskBit(wt.mask, wt.w, wt.h, plane, pix);
     wt.fixed = {2, 0, -1};
     const auto masked = wt.run(images);
     auto expectOneHot = [&](std::size_t pix, int photo) {
@@ -233,9 +231,7 @@ TEST(FusionWeights, GhostMaskForcesOnePhotoAndTheFirstPhotoWins) {
 
 TEST(FusionWeights, ThreadCountsGiveIdenticalPlanes) {
     for (int bdp : {8, 16, 32}) {
-        Weights wt;
-        wt.w = 37;
-        wt.h = 23;
+        Weights wt = sizedWeights(37, 23);
         wt.bdp = bdp;
         wt.params[0] = 4.0f;
         const auto images = fustest::makeStack(3, wt.w, wt.h, 3, 8, 7);
@@ -253,9 +249,7 @@ TEST(FusionWeights, SliceStartingInsideAMaskByteReadsTheMaskDisplaced) {
     // starts at pixel 10, its mask view at byte 10 >> 3 = 1, i.e. at pixel 8:
     // its pixel 10 + i reads the bit of pixel 8 + i. Thread 2 starts at pixel
     // 20 = byte 2 + 4 bits, so it reads the bit of pixel 16 + i.
-    Weights wt;
-    wt.w = 5;
-    wt.h = 8;
+    Weights wt = sizedWeights(5, 8);
     const auto images = fustest::makeStack(3, wt.w, wt.h, 3, 8, 3);
     const auto images8 = fustest::makeStack(3, 8, 6, 3, 8, 3);
     fustest::setMaskBit(wt.mask, wt.w, wt.h, 0, 12);
