@@ -43,22 +43,9 @@ public:
     Json firstObject() {
         Json j;
         skipWs();
-        if (peek() == '[') {
-            ++i_;
-            skipWs();
-        }
-        if (peek() != '{') return j;
-        ++i_;
-        for (;;) {
-            skipWs();
-            if (peek() == '}' || i_ >= t_.size()) break;
-            const std::string key = stringValue();
-            skipWs();
-            ++i_;  // ':'
-            j.values[key] = value();
-            skipWs();
-            if (peek() == ',') ++i_;
-        }
+        if (peek() == '[') ++i_;
+        skipWs();
+        if (peek() == '{') items('}', [&](const std::string& k, std::string v) { j.values[k] = std::move(v); });
         return j;
     }
 
@@ -66,6 +53,24 @@ private:
     char peek() const { return i_ < t_.size() ? t_[i_] : '\0'; }
     void skipWs() {
         while (i_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[i_]))) ++i_;
+    }
+    // The members of an object or the items of an array (key empty), from
+    // the opening bracket past `close`, each handed to `take`.
+    template <class F>
+    void items(char close, F take) {
+        ++i_;
+        for (skipWs(); i_ < t_.size() && peek() != close; skipWs()) {
+            std::string key;
+            if (close == '}') {
+                key = stringValue();
+                skipWs();
+                ++i_;  // ':'
+            }
+            take(key, value());
+            skipWs();
+            if (peek() == ',') ++i_;
+        }
+        ++i_;
     }
     std::string stringValue() {
         std::string s;
@@ -92,28 +97,15 @@ private:
         const char c = peek();
         if (c == '"') return stringValue();
         if (c == '[' || c == '{') {
-            const char close = c == '[' ? ']' : '}';
-            ++i_;
             std::string joined;
-            for (;;) {
-                skipWs();
-                if (peek() == close || i_ >= t_.size()) break;
-                if (c == '{') {
-                    stringValue();
-                    skipWs();
-                    ++i_;
-                }
+            items(c == '[' ? ']' : '}', [&](const std::string&, const std::string& v) {
                 if (!joined.empty()) joined += '\x1f';
-                joined += value();
-                skipWs();
-                if (peek() == ',') ++i_;
-            }
-            ++i_;
+                joined += v;
+            });
             return joined;
         }
         const std::size_t start = i_;
-        while (i_ < t_.size() && t_[i_] != ',' && t_[i_] != '}' && t_[i_] != ']' && !std::isspace(static_cast<unsigned char>(t_[i_])))
-            ++i_;
+        while (i_ < t_.size() && !std::strchr(",}] \t\r\n", t_[i_])) ++i_;
         return t_.substr(start, i_ - start);
     }
     std::string t_;
