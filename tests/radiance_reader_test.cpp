@@ -214,54 +214,43 @@ TEST(RadianceReader, SizeQueryAndItsLineBudget) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.hdr");
     float prim[8];
+    int dims[7] = {};
+    const auto dimOf = [&](const std::string& text) {
+        oltest::writeText(path, text);
+        return rgbe_dim(path.c_str(), prim, dims);
+    };
     // Under 128 bytes there is no line to read.
-    oltest::writeText(path, "#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80");
-    int dims[7] = {0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -3);
-
+    EXPECT_EQ(dimOf("#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80"), -3);
     // 128 bytes give one line.
-    std::string t = "-Y 2 +X 3\n";
-    t += std::string(128 - t.size(), 'x');
-    oltest::writeText(path, t);
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 0);
+    EXPECT_EQ(dimOf("-Y 2 +X 3\n" + std::string(128 - 10, 'x')), 0);
     EXPECT_EQ(dims[0], 3);
     EXPECT_EQ(dims[1], 2);
     EXPECT_EQ(dims[2], 128);
-
     // Zero numbers are no resolution line.
-    oltest::writeText(path, "-Y 0 +X 3\n" + std::string(200, 'x'));
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -3);
+    EXPECT_EQ(dimOf("-Y 0 +X 3\n" + std::string(200, 'x')), -3);
 
     // At most 100 lines however large the file; a long line counts as
     // several reads of 127 bytes.
     auto withLines = [&](int lines) {
         std::string s;
         for (int i = 0; i < lines; ++i) s += "# comment\n";
-        s += "-Y 5 +X 7\n";
-        s += std::string(13000, 'z');
-        return s;
+        return s + "-Y 5 +X 7\n" + std::string(13000, 'z');
     };
-    oltest::writeText(path, withLines(99));
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 99);
-    oltest::writeText(path, withLines(100));
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), -3);
-    oltest::writeText(path, std::string(127 * 3, 'L') + "\n-Y 5 +X 7\n" + std::string(13000, 'z'));
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 4);
+    EXPECT_EQ(dimOf(withLines(99)), 99);
+    EXPECT_EQ(dimOf(withLines(100)), -3);
+    EXPECT_EQ(dimOf(std::string(127 * 3, 'L') + "\n-Y 5 +X 7\n" + std::string(13000, 'z')), 4);
 
     // Primaries are returned when the line has all eight numbers.
-    oltest::writeText(path, "#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06 0.3127 0.329\n"
-                            "-Y 5 +X 7\n" + std::string(400, 'z'));
-    int d2[7] = {0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, d2), 2);
-    EXPECT_EQ(d2[6], 32);
+    const std::string rest = "\n-Y 5 +X 7\n" + std::string(400, 'z');
+    dims[6] = 0;
+    EXPECT_EQ(dimOf("#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06 0.3127 0.329" + rest), 2);
+    EXPECT_EQ(dims[6], 32);
     EXPECT_FLOAT_EQ(prim[0], 0.64f);
     EXPECT_FLOAT_EQ(prim[7], 0.329f);
-    oltest::writeText(path, "#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06 0.3127\n"
-                            "-Y 5 +X 7\n" + std::string(400, 'z'));
-    int d3[7] = {0, 0, 0, 0, 0, 0, 5};
+    dims[6] = 5;
     std::fill(prim, prim + 8, 9.0f);
-    EXPECT_EQ(rgbe_dim(path.c_str(), prim, d3), 2);
-    EXPECT_EQ(d3[6], 5) << "left as the caller put it";
+    EXPECT_EQ(dimOf("#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06 0.3127" + rest), 2);
+    EXPECT_EQ(dims[6], 5) << "left as the caller put it";
     EXPECT_EQ(prim[0], 0.0f);
 }
 
@@ -343,14 +332,17 @@ TEST(RadiancePreview, FlatFormAndTheBudget) {
 TEST(RadianceHeader, ExtractsValuesAsFractions) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.hdr");
-    oltest::writeText(path,
-                      "#?RADIANCE\nCAMERA=" + std::string(70, 'K') + "\nCAPDATE=2019:12:31 23:59:59\n"
+    ExifRecord e = zeroExif();
+    const auto extract = [&](const std::string& text) {
+        oltest::writeText(path, text);
+        return extract_rgbe_exif(path.c_str(), &e);
+    };
+    e.focal35 = 11;
+    EXPECT_EQ(extract("#?RADIANCE\nCAMERA=" + std::string(70, 'K') + "\nCAPDATE=2019:12:31 23:59:59\n"
                       "ICC_PROFILE=Adobe RGB (1998)\nSHUTTER=0.004000\nAPERTURE=2.80\nISO=400\n"
                       "FOCAL_LENGTH=18.50\n35MM_EQUIV=28\nFOCAL_PLANE_XRESOLUTION=1.00\n"
-                      "FORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 1\n\x80\x80\x80\x80");
-    ExifRecord e = zeroExif();
-    e.focal35 = 11;
-    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 12);
+                      "FORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 1\n\x80\x80\x80\x80"),
+              12);
     EXPECT_EQ(std::string(e.camera, 64), std::string(64, 'K'));
     EXPECT_EQ(std::string(e.date), "2019:12:31 23:59:59");
     EXPECT_EQ(e.colorSpace, 1);
@@ -361,19 +353,18 @@ TEST(RadianceHeader, ExtractsValuesAsFractions) {
 
     // Values of 0 or below are dropped; an empty camera is not stored; the
     // colour space is matched by the start of the name only.
-    oltest::writeText(path, "#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\n"
-                            "ICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n");
     e = zeroExif();
     std::strcpy(e.camera, "kept");
     e.exposureNum = 3;
-    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 6);
+    EXPECT_EQ(extract("#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\n"
+                      "ICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n"),
+              6);
     EXPECT_STREQ(e.camera, "kept");
     EXPECT_EQ(fractions(e), (std::array<int, 7>{3, 0, 0, 0, 100, 100, 0}));
     EXPECT_EQ(e.colorSpace, 2);
     for (auto [name, cs] : {std::pair{"sRGB IEC61966-2.1", 0}, {"Display P3", -1}, {"adobe rgb", -1}}) {
-        oltest::writeText(path, std::string("ICC_PROFILE=") + name + "\n-Y 1 +X 1\n");
         e.colorSpace = 7;
-        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 1);
+        EXPECT_EQ(extract(std::string("ICC_PROFILE=") + name + "\n-Y 1 +X 1\n"), 1);
         EXPECT_EQ(e.colorSpace, cs) << name;
     }
 
@@ -381,10 +372,8 @@ TEST(RadianceHeader, ExtractsValuesAsFractions) {
     // before: -1.
     std::string many;
     for (int i = 0; i < 120; ++i) many += "#\n";
-    oltest::writeText(path, many);
-    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), 100);
-    oltest::writeText(path, "#?RADIANCE\nISO=5\n");
-    EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), -1);
+    EXPECT_EQ(extract(many), 100);
+    EXPECT_EQ(extract("#?RADIANCE\nISO=5\n"), -1);
     EXPECT_EQ(e.iso, 5);
 }
 
