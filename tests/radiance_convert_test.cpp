@@ -1,5 +1,6 @@
 // Conversions into and out of rgbe planes: from an 8 or 16-bit picture
 // through a table, and from and to a float TIFF.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -187,38 +188,34 @@ TEST(RadianceFloatTiff, DirectoryRules) {
     const std::string path = dir.file("f.tif");
     Bytes out(4 * 4);
     float stats[3];
+    const auto read = [&](const Bytes& file, int width, int height) {
+        oltest::writeFile(path, file);
+        return fp2rgbe(path.c_str(), width, height, stats, out.data());
+    };
     // No StripOffsets: the pixels are read from offset `width` (here 4,
     // which is the directory offset field and then the floats).
-    Bytes f = floatTiff({1.0f, 1.0f, 1.0f, 2.0f, 2.0f, 2.0f}, {{0x100, 3, 1, 2}});
-    oltest::writeFile(path, f);
-    ASSERT_EQ(fp2rgbe(path.c_str(), 4, 1, stats, out.data()), 1);
-    const float first[3] = {ol::getF32LE(f.data() + 4), ol::getF32LE(f.data() + 8), ol::getF32LE(f.data() + 12)};
-    float m = std::max(first[0], std::max(first[1], first[2]));
+    const Bytes f = floatTiff({1.0f, 1.0f, 1.0f, 2.0f, 2.0f, 2.0f}, {{0x100, 3, 1, 2}});
+    ASSERT_EQ(read(f, 4, 1), 1);
     int e;
-    std::frexp(m, &e);
+    std::frexp(std::max({ol::getF32LE(f.data() + 4), ol::getF32LE(f.data() + 8), ol::getF32LE(f.data() + 12)}), &e);
     EXPECT_EQ(out[3 * 4], static_cast<std::uint8_t>(e + 128));
     // A SHORT offset with fewer than 3 values uses the low two bytes only.
     Bytes g = floatTiff({0.5f, 0.5f, 0.5f}, {{0x111, 3, 1, 0xABCD0008u}});
-    oltest::writeFile(path, g);
-    ASSERT_EQ(fp2rgbe(path.c_str(), 1, 1, stats, out.data()), 1);
+    ASSERT_EQ(read(g, 1, 1), 1);
     EXPECT_EQ(pixelAt(out, 1, 0, 0), (Px{128, 128, 128, 128}));
     // Byte order and magic.
     g[0] = g[1] = 'M';
-    oltest::writeFile(path, g);
-    EXPECT_EQ(fp2rgbe(path.c_str(), 1, 1, stats, out.data()), -3);
+    EXPECT_EQ(read(g, 1, 1), -3);
     g[0] = g[1] = 'I';
     g[2] = 43;
-    oltest::writeFile(path, g);
-    EXPECT_EQ(fp2rgbe(path.c_str(), 1, 1, stats, out.data()), -4);
-    oltest::writeText(path, "I");
-    EXPECT_EQ(fp2rgbe(path.c_str(), 1, 1, stats, out.data()), -3);
+    EXPECT_EQ(read(g, 1, 1), -4);
+    EXPECT_EQ(read({'I'}, 1, 1), -3);
     EXPECT_EQ(fp2rgbe(dir.file("absent.tif").c_str(), 1, 1, stats, out.data()), -1);
     EXPECT_EQ(fp2rgbe(path.c_str(), 1, 0, stats, out.data()), 0);
     // A directory chain that loops ends.
     Bytes loop = floatTiff({0.5f, 0.5f, 0.5f}, {{0x111, 4, 1, 8}});
     ol::putU32LE(loop.data() + loop.size() - 4, ol::getU32LE(loop.data() + 4));
-    oltest::writeFile(path, loop);
-    EXPECT_EQ(fp2rgbe(path.c_str(), 1, 1, stats, out.data()), 1);
+    EXPECT_EQ(read(loop, 1, 1), 1);
 }
 
 TEST(RadianceFloatTiff, EndOfFileRepeatsTheLastPixel) {

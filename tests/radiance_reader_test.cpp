@@ -302,31 +302,28 @@ TEST(RadiancePreview, FlatFormAndTheBudget) {
         for (int x = 0; x < W; ++x)
             for (int k = 0; k < 4; ++k) data.push_back(planes[(static_cast<std::size_t>(y) * 4 + k) * W + x]);
     const std::string path = dir.file("flat.hdr");
-    oltest::writeFile(path, radianceFile(kHead + resolution(W, H), data));
-    Bytes out(4u * 10 * 10);
-    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 10, 10, path.c_str(), out.data()), H + 1);
+    Bytes out(4u * 10 * 10, 0xEE);
+    const auto preview = [&](const Bytes& file, int w, int h, int pw, int ph) {
+        oltest::writeFile(path, file);
+        return ol_io_read_preview_rgbe(w, h, pw, ph, path.c_str(), out.data());
+    };
+    EXPECT_EQ(preview(radianceFile(kHead + resolution(W, H), data), W, H, 10, 10), H + 1);
     EXPECT_EQ(out[(3 * 4 + 2) * 10 + 7], planes[(static_cast<std::size_t>(24) * 4 + 2) * W + 44]);
 
     // A file below 16640 bytes has no preview; at 16640 the budget is 2.
     Bytes small = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7));
     ASSERT_EQ(small.size(), 16640u);
-    oltest::writeFile(path, small);
-    Bytes o2(64, 0);
-    EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), 5);
+    EXPECT_EQ(preview(small, 4, 4, 2, 2), 5);
     small.pop_back();
-    oltest::writeFile(path, small);
-    EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), -1);
+    EXPECT_EQ(preview(small, 4, 4, 2, 2), -1);
     // The resolution line on the third line is beyond a budget of 2.
-    Bytes third = radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7));
-    oltest::writeFile(path, third);
-    EXPECT_EQ(ol_io_read_preview_rgbe(4, 4, 2, 2, path.c_str(), o2.data()), -200);
+    EXPECT_EQ(preview(radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7)), 4, 4, 2, 2), -200);
 
     // A picture of no width in flat form has no column to take: the rows are
     // counted and the output is left alone.
-    oltest::writeFile(path, radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)));
-    Bytes o3(64, 0xEE);
-    EXPECT_EQ(ol_io_read_preview_rgbe(0, 2, 4, 2, path.c_str(), o3.data()), 3);
-    EXPECT_EQ(o3, Bytes(64, 0xEE));
+    out.assign(out.size(), 0xEE);
+    EXPECT_EQ(preview(radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, 4, 2), 3);
+    EXPECT_EQ(out, Bytes(4u * 10 * 10, 0xEE));
 }
 
 TEST(RadianceHeader, ExtractsValuesAsFractions) {
