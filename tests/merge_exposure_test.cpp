@@ -8,6 +8,14 @@
 
 namespace {
 
+// The first n values of an array, to compare in one go.
+template <class T>
+std::vector<T> firstOf(const T* p, int n) {
+    return std::vector<T>(p, p + n);
+}
+using Floats = std::vector<float>;
+using Ints = std::vector<int>;
+
 std::vector<float> record(float num, float den, float fnum, float fden, float ovr, float iso) {
     return {num, den, fnum, fden, ovr, iso, 0.0f};
 }
@@ -57,32 +65,25 @@ TEST(GuessEv, FixedStep) {
     int zeros3[3] = {0, 0, 0};
     float dt[4];
     ASSERT_EQ(guess_ev(0, 3, 2.0f, zeros3, dt), 3);
-    EXPECT_EQ(dt[0], 4.0f);
-    EXPECT_EQ(dt[1], 1.0f);
-    EXPECT_EQ(dt[2], 0.25f);
+    EXPECT_EQ(firstOf(dt, 3), (Floats{4.0f, 1.0f, 0.25f}));
     EXPECT_EQ(zeros3[0], 0);  // means untouched with a fixed step
 
     int zeros4[4] = {0, 0, 0, 0};
     ASSERT_EQ(guess_ev(0, 4, 1.5f, zeros4, dt), 4);  // half is 2: 2, 1, 0, -1 steps
-    EXPECT_EQ(dt[0], static_cast<float>(std::pow(2.0, 3.0)));
-    EXPECT_EQ(dt[1], static_cast<float>(std::pow(2.0, 1.5)));
-    EXPECT_EQ(dt[2], 1.0f);
-    EXPECT_EQ(dt[3], static_cast<float>(std::pow(2.0, -1.5)));
+    EXPECT_EQ(firstOf(dt, 4), (Floats{8.0f, static_cast<float>(std::pow(2.0, 1.5)), 1.0f,
+                                      static_cast<float>(std::pow(2.0, -1.5))}));
 
     // With means, the step follows the brightness rank, not the frame number;
     // a mode other than 0 changes nothing on this path.
     int means[3] = {100, 900, 500};
     ASSERT_EQ(guess_ev(1, 3, 1.0f, means, dt), 3);
-    EXPECT_EQ(dt[1], 2.0f);
-    EXPECT_EQ(dt[2], 1.0f);
-    EXPECT_EQ(dt[0], 0.5f);
+    EXPECT_EQ(firstOf(dt, 3), (Floats{0.5f, 2.0f, 1.0f}));
     EXPECT_EQ(means[0], 100);
 
     // Ties rank by frame number.
     int tie[3] = {7, 7, 7};
     ASSERT_EQ(guess_ev(0, 3, 1.0f, tie, dt), 3);
-    EXPECT_EQ(dt[0], 2.0f);
-    EXPECT_EQ(dt[2], 0.5f);
+    EXPECT_EQ(firstOf(dt, 3), (Floats{2.0f, 1.0f, 0.5f}));
 
     EXPECT_EQ(guess_ev(0, 0, 1.0f, tie, dt), 0);
 }
@@ -120,9 +121,8 @@ TEST(GuessEv, InferenceFromMeans) {
     ASSERT_EQ(guess_ev(0, 3, 0.0f, means, dt), 3);
     const float eDark = static_cast<float>(0.0 - static_cast<double>(stopStep(6400, 1600)));
     const float eBright = static_cast<float>(0.0 + static_cast<double>(stopStep(25600, 6400)));
-    EXPECT_EQ(dt[0], 1.0f);
-    EXPECT_EQ(dt[1], static_cast<float>(std::pow(2.0, static_cast<double>(eBright))));
-    EXPECT_EQ(dt[2], static_cast<float>(std::pow(2.0, static_cast<double>(eDark))));
+    auto pow2 = [](float e) { return static_cast<float>(std::pow(2.0, static_cast<double>(e))); };
+    EXPECT_EQ(firstOf(dt, 3), (Floats{1.0f, pow2(eBright), pow2(eDark)}));
     EXPECT_NEAR(eBright, 2.0f * 1.525f, 1e-5f);  // factor at level 16000
     EXPECT_NEAR(eDark, -2.0f * (1.3f + 416.0f * 0.2f / 11776.0f), 1e-5f);
     EXPECT_EQ(means[0], 6400);  // mode 0 keeps the means
@@ -134,27 +134,20 @@ TEST(GuessEv, InferenceFromMeans) {
     const float e1 = static_cast<float>(0.0 + static_cast<double>(stopStep(20000, 10000)));
     const float e0 = static_cast<float>(static_cast<double>(e1) + static_cast<double>(stopStep(40000, 20000)));
     const float e3 = static_cast<float>(0.0 - static_cast<double>(stopStep(10000, 5000)));
-    EXPECT_EQ(dt4[2], 1.0f);
-    EXPECT_EQ(dt4[1], static_cast<float>(std::pow(2.0, static_cast<double>(e1))));
-    EXPECT_EQ(dt4[0], static_cast<float>(std::pow(2.0, static_cast<double>(e0))));
-    EXPECT_EQ(dt4[3], static_cast<float>(std::pow(2.0, static_cast<double>(e3))));
+    EXPECT_EQ(firstOf(dt4, 4), (Floats{pow2(e0), pow2(e1), 1.0f, pow2(e3)}));
 }
 
 TEST(GuessEv, MeansBelowOneAreRaised) {
     int means[3] = {0, -5, 0};
     float dt[3] = {9, 9, 9};
     ASSERT_EQ(guess_ev(0, 3, 0.0f, means, dt), 3);
-    for (int k = 0; k < 3; ++k) {
-        EXPECT_EQ(dt[k], 1.0f) << k;
-        EXPECT_EQ(means[k], 1) << k;
-    }
+    EXPECT_EQ(firstOf(dt, 3), (Floats{1.0f, 1.0f, 1.0f}));
+    EXPECT_EQ(firstOf(means, 3), (Ints{1, 1, 1}));
     // A mean of -1 or below never wins the ranking: its frame comes in
     // through the repair of the ranks, last.
     int mode1[3] = {0, -5, 0};
     ASSERT_EQ(guess_ev(3, 3, 0.0f, mode1, dt), 3);
-    EXPECT_EQ(mode1[0], 0);
-    EXPECT_EQ(mode1[1], 2);
-    EXPECT_EQ(mode1[2], 1);
+    EXPECT_EQ(firstOf(mode1, 3), (Ints{0, 2, 1}));
 }
 
 TEST(GuessEv, NonZeroModeRoundsAndRewritesMeansByRank) {
@@ -162,19 +155,14 @@ TEST(GuessEv, NonZeroModeRoundsAndRewritesMeansByRank) {
     float dt[3];
     ASSERT_EQ(guess_ev(1, 3, 0.0f, means, dt), 3);
     // Stops 3.05 and -2.61 round half away from zero to 3 and -3.
-    EXPECT_EQ(dt[0], 3.0f);
-    EXPECT_EQ(dt[1], 0.0f);
-    EXPECT_EQ(dt[2], -3.0f);
-    EXPECT_EQ(means[0], 1);
-    EXPECT_EQ(means[1], 2);
-    EXPECT_EQ(means[2], 0);
+    EXPECT_EQ(firstOf(dt, 3), (Floats{3.0f, 0.0f, -3.0f}));
+    EXPECT_EQ(firstOf(means, 3), (Ints{1, 2, 0}));
 
     // A step below half a stop rounds to 0: half is 1, so E[1] is 0 and
     // E[0] is log2(4000/3500) * 1.30 = 0.25.
     int small[2] = {4000, 3500};
     ASSERT_EQ(guess_ev(-1, 2, 0.0f, small, dt), 2);
-    EXPECT_EQ(dt[0], 0.0f);
-    EXPECT_EQ(dt[1], 0.0f);
+    EXPECT_EQ(firstOf(dt, 2), (Floats{0.0f, 0.0f}));
     int wide[2] = {64000, 1000};
     ASSERT_EQ(guess_ev(-1, 2, 0.0f, wide, dt), 2);
     const float e0 = stopStep(64000, 1000);
@@ -185,14 +173,11 @@ TEST(FClassementCroissant, OrderAndTies) {
     int ordre[5];
     const float ones[3] = {1, 1, 1};
     ASSERT_EQ(fClassementCroissant(3, ones, ordre), 3);
-    EXPECT_EQ(ordre[0], 2);
-    EXPECT_EQ(ordre[1], 1);
-    EXPECT_EQ(ordre[2], 0);
+    EXPECT_EQ(firstOf(ordre, 3), (Ints{2, 1, 0}));
 
     const float v[5] = {3, 1, 2, 1, 0.5f};
     ASSERT_EQ(fClassementCroissant(5, v, ordre), 5);
-    const int expected[5] = {4, 3, 1, 2, 0};  // equal values: higher frame first
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(ordre[i], expected[i]) << i;
+    EXPECT_EQ(firstOf(ordre, 5), (Ints{4, 3, 1, 2, 0}));  // equal values: higher frame first
     EXPECT_EQ(v[0], 3.0f);  // values unchanged
 
     EXPECT_EQ(fClassementCroissant(0, v, ordre), 0);
@@ -203,20 +188,17 @@ TEST(FClassementCroissant, VeryLowValuesComeInThroughRepair) {
     int ordre[4];
     const float a[3] = {5, -1e8f, 3};
     ASSERT_EQ(fClassementCroissant(3, a, ordre), 3);
-    EXPECT_EQ(ordre[0], 1);  // list 0,2,(2->1) reversed
-    EXPECT_EQ(ordre[1], 2);
-    EXPECT_EQ(ordre[2], 0);
+    EXPECT_EQ(firstOf(ordre, 3), (Ints{1, 2, 0}));  // list 0,2,(2->1) reversed
 
     const float none[4] = {-1e9f, -1e8f, NAN, -3e8f};
     ASSERT_EQ(fClassementCroissant(4, none, ordre), 4);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(ordre[i], 3 - i) << i;
+    EXPECT_EQ(firstOf(ordre, 4), (Ints{3, 2, 1, 0}));
 
     // -99999992 is the float just above -1e8: above -99999999 in double, so it
     // takes part and ranks above the value that cannot.
     const float edge[2] = {-2e8f, -99999992.0f};
     ASSERT_EQ(fClassementCroissant(2, edge, ordre), 2);
-    EXPECT_EQ(ordre[0], 0);
-    EXPECT_EQ(ordre[1], 1);
+    EXPECT_EQ(firstOf(ordre, 2), (Ints{0, 1}));
 }
 
 TEST(FClassementCroissant, LargeCountsUseHeapScratch) {
@@ -231,8 +213,7 @@ TEST(RepairDuplicateRanks, RepeatsTakeMissingNumbersInOrder) {
     int list[5] = {3, 3, 3, 1, 1};
     int seen[5];
     ol::repairDuplicateRanks(5, list, seen);
-    const int expected[5] = {3, 0, 2, 1, 4};
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(list[i], expected[i]) << i;
+    EXPECT_EQ(firstOf(list, 5), (Ints{3, 0, 2, 1, 4}));
 }
 
 }  // namespace

@@ -63,20 +63,13 @@ TEST(RgbeRep, ScaleMeanAndStride) {
     std::vector<std::uint8_t> out(2 * stride, 0xEE);
     ASSERT_EQ(rgbe_rep(5, 2, stride, 0.0f, p.bytes.data(), out.data()), 2);
     // Blue, green, red; raw scale with mean 0: 255 or more is white.
-    EXPECT_EQ(out[0], 50);
-    EXPECT_EQ(out[1], 100);
-    EXPECT_EQ(out[2], 200);
-    EXPECT_EQ(out[3], 100);
-    EXPECT_EQ(out[4], 200);
-    EXPECT_EQ(out[5], 255);
-    EXPECT_EQ(out[6] | out[7] | out[8], 0);
-    for (int i = 15; i < stride; ++i) EXPECT_EQ(out[i], 0xEE) << "padding " << i;
-    for (int i = stride + 15; i < 2 * stride; ++i) EXPECT_EQ(out[i], 0xEE) << "padding " << i;
+    EXPECT_EQ(std::vector<int>(out.begin(), out.begin() + 9), (std::vector<int>{50, 100, 200, 100, 200, 255, 0, 0, 0}));
+    for (int row = 0; row < 2; ++row)
+        for (int i = 15; i < stride; ++i) EXPECT_EQ(out[row * stride + i], 0xEE) << "padding " << row << " " << i;
 
     ASSERT_EQ(rgbe_rep(5, 2, stride, 100.0f, p.bytes.data(), out.data()), 2);
-    EXPECT_EQ(out[9 + 2], 128);  // red of the pixel at the mean
-    EXPECT_EQ(out[9 + 1], 64);
-    EXPECT_EQ(out[9 + 0], 32);
+    // The pixel at the mean: red 128.
+    EXPECT_EQ(std::vector<int>(out.begin() + 9, out.begin() + 12), (std::vector<int>{32, 64, 128}));
     ASSERT_EQ(rgbe_rep(5, 2, stride, -3.0f, p.bytes.data(), out.data()), 2);
     EXPECT_EQ(out[2], 200);  // negative mean: scale 1
 

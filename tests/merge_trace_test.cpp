@@ -38,25 +38,28 @@ std::string pixelLines(const std::string& lut0, const std::string& lut1) {
     return s;
 }
 
+// The lines of the two frames, frame 1 the longer at log2 `maxT` (its
+// levels lowered to 60160), or, at "0.00", as long as frame 0.
+std::string frameLines(const std::string& maxT) {
+    const bool spread = maxT != "0.00";
+    return "0  minT: 0.00 maxT: " + maxT + "  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n" +
+           "1  minT: 0.00 maxT: " + maxT + "  curT: " + maxT + "      saturationLevel: " +
+           (spread ? "60160  235   noiseLevel: 10\n" : "64000  250   noiseLevel: 12\n") +
+           "photo0   saturationLevel: 64000     beta:  4.40\n" +
+           (spread ? "photo1   saturationLevel: 60160     beta:  5.72\n"
+                   : "photo1   saturationLevel: 64000     beta:  4.40\n");
+}
+
 TEST(MergeTrace, HeaderFramesWeightsAndSamplePixels) {
     const std::string got = mergeTwoFrames(8, {1.0f, 4.0f}, -1.0f);
     const std::string want =
-        "ol_hdr_merge: 2 photos  210 x 210  spp: 3   bps: 8   inputMax: 255  max: 256\n"
-        "0  minT: 0.00 maxT: 2.00  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n"
-        "1  minT: 0.00 maxT: 2.00  curT: 2.00      saturationLevel: 60160  235   noiseLevel: 10\n"
-        "photo0   saturationLevel: 64000     beta:  4.40\n"
-        "photo1   saturationLevel: 60160     beta:  5.72\n" +
+        "ol_hdr_merge: 2 photos  210 x 210  spp: 3   bps: 8   inputMax: 255  max: 256\n" + frameLines("2.00") +
         pixelLines("0.13", "0.58");
     EXPECT_EQ(got, want);
 
     // Exposures whose log2 is not a float: the ends still get 64000 and 60160.
     const std::string odd = mergeTwoFrames(8, {1.0f, 3.0f}, -1.0f);
-    const std::string frames =
-        "0  minT: 0.00 maxT: 1.58  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n"
-        "1  minT: 0.00 maxT: 1.58  curT: 1.58      saturationLevel: 60160  235   noiseLevel: 10\n"
-        "photo0   saturationLevel: 64000     beta:  4.40\n"
-        "photo1   saturationLevel: 60160     beta:  5.72\n";
-    EXPECT_NE(odd.find(frames), std::string::npos) << odd.substr(0, 400);
+    EXPECT_NE(odd.find(frameLines("1.58")), std::string::npos) << odd.substr(0, 400);
 }
 
 TEST(MergeTrace, SixteenBitLinesIndexTheLutByHighByte) {
@@ -64,12 +67,8 @@ TEST(MergeTrace, SixteenBitLinesIndexTheLutByHighByte) {
     // table), though the merge itself reads lut at the whole word.
     const std::string got = mergeTwoFrames(16, {1.0f, 4.0f}, -1.0f);
     const std::string want =
-        "ol_hdr_merge: 2 photos  210 x 210  spp: 3   bps: 16   inputMax: 65535  max: 65536\n"
-        "0  minT: 0.00 maxT: 2.00  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n"
-        "1  minT: 0.00 maxT: 2.00  curT: 2.00      saturationLevel: 60160  235   noiseLevel: 10\n"
-        "photo0   saturationLevel: 64000     beta:  4.40\n"
-        "photo1   saturationLevel: 60160     beta:  5.72\n" +
-        pixelLines("0.00", "0.00");
+        "ol_hdr_merge: 2 photos  210 x 210  spp: 3   bps: 16   inputMax: 65535  max: 65536\n" +
+        frameLines("2.00") + pixelLines("0.00", "0.00");
     EXPECT_EQ(got, want);
 }
 
@@ -77,11 +76,7 @@ TEST(MergeTrace, GuessedEqualExposuresAndSmallImages) {
     // evStep 0 on zero means: both exposures 1, no spread of levels.
     const std::string got = mergeTwoFrames(8, {5.0f, 5.0f}, 0.0f);
     const std::string head =
-        "ol_hdr_merge: 2 photos  210 x 210  spp: 3   bps: 8   inputMax: 255  max: 256\n"
-        "0  minT: 0.00 maxT: 0.00  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n"
-        "1  minT: 0.00 maxT: 0.00  curT: 0.00      saturationLevel: 64000  250   noiseLevel: 12\n"
-        "photo0   saturationLevel: 64000     beta:  4.40\n"
-        "photo1   saturationLevel: 64000     beta:  4.40\n";
+        "ol_hdr_merge: 2 photos  210 x 210  spp: 3   bps: 8   inputMax: 255  max: 256\n" + frameLines("0.00");
     ASSERT_EQ(got.substr(0, head.size()), head);
     // Frame 1 is visited first (equal exposures: higher frame first).
     EXPECT_EQ(got.substr(head.size(), 68),
