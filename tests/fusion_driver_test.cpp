@@ -47,7 +47,7 @@ TEST(FusionDriver, OnePhotoComesBackNearlyUnchanged) {
 
 TEST(FusionDriver, FlatGreyStackStaysGreyInside) {
     Job r = sized(32, 16);
-    ASSERT_GE(r.go(std::vector<std::uint8_t>(3 * 32 * 16 * 3, 128)), 0);
+    ASSERT_GE(r.go(fustest::flatStack(32, 16, {128, 128, 128})), 0);
     for (std::uint8_t v : r.output()) {
         EXPECT_LE(v, 128);
         EXPECT_GE(v, 124);  // the border kernels lose a little per level
@@ -542,8 +542,7 @@ TEST(FusionDriver, TinyAndOddGeometriesRun) {
 // The lines that print in every build, byte for byte.
 TEST(FusionDriver, AlwaysPrintedLines) {
     const int w = 8, h = 6;
-    std::vector<std::uint8_t> stack(2 * w * h * 3, 100);
-    std::fill(stack.begin() + w * h * 3, stack.end(), 200);
+    const auto stack = fustest::flatStack(w, h, {100, 200});
     Job r = sized(w, h, 3, 2);
     oltest::CaptureFd capture(2);
     ASSERT_GE(r.go(stack), 0);
@@ -569,11 +568,9 @@ TEST(FusionDriver, AlwaysPrintedLines) {
 // The five fixed probe pixels print for each photo, samples read as bytes.
 TEST(FusionDriver, ProbePixelLines) {
     const int w = 262, h = 346;
-    std::vector<std::uint8_t> stack(2 * w * h * 3, 100);
-    std::fill(stack.begin() + w * h * 3, stack.end(), 180);
     Job r = sized(w, h, 3, 2);
     oltest::CaptureFd capture(2);
-    ASSERT_GE(r.go(stack), 0);
+    ASSERT_GE(r.go(fustest::flatStack(w, h, {100, 180})), 0);
     const std::string text = capture.finish();
     const std::regex line(
         "photo([01])  (\\d+) (\\d+) (\\d+)   (\\d+\\.\\d\\d) (\\d+\\.\\d\\d) (\\d+\\.\\d\\d)  fval: (\\d+\\.\\d\\d) -> (\\d+)  poids: "

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,13 @@ inline std::vector<std::uint8_t> makeStack(int n, int w, int h, int ch, int bps,
                     }
                 }
     }
+    return bytes;
+}
+
+// Flat photos of w x h pixels and `ch` 8-bit channels, one photo a level.
+inline std::vector<std::uint8_t> flatStack(int w, int h, std::initializer_list<int> levels, int ch = 3) {
+    std::vector<std::uint8_t> bytes;
+    for (int level : levels) bytes.insert(bytes.end(), static_cast<std::size_t>(w) * h * ch, level);
     return bytes;
 }
 

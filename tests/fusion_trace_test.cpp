@@ -27,16 +27,12 @@ void expectTrace(Job& job, const std::vector<std::uint8_t>& stack, const std::ve
 }
 
 // Three flat 8-bit photos at 100, 150 and 200.
-std::vector<std::uint8_t> flatStack(int w, int h) {
-    std::vector<std::uint8_t> s(3 * w * h * 3);
-    for (int p = 0; p < 3; ++p) std::fill_n(s.begin() + p * w * h * 3, w * h * 3, 100 + 50 * p);
-    return s;
-}
+std::vector<std::uint8_t> steppedStack(int w, int h) { return fustest::flatStack(w, h, {100, 150, 200}); }
 
 TEST(FusionTrace, DiskRunPrintsEveryStage) {
     oltest::TempDir dir;
     Job job = fustest::sized(8, 6).onDisk(dir.path().string());
-    expectTrace(job, flatStack(8, 6), {
+    expectTrace(job, steppedStack(8, 6), {
         "ol_fusion:  3 photos  8 x 6  lenPyram: 60  bspIn: 8  out: 8     bitDepthPoids: 16   bitDepthFusion: 16  nbProc: 0\n",
         "exposureTimes0:  1.0000\n",
         "exposureTimes1:  1.0000\n",
@@ -78,7 +74,7 @@ TEST(FusionTrace, OddLevelsAndHighlightCurve) {
     // highlightCut 2 without saturation: powers 2 and 3, multHigh
     // 1 / 0.640625^3 = 3.8. 9x7 -> 5x4: the last coarse column and row lie
     // on the odd borders.
-    expectTrace(job, flatStack(9, 7), {" mult : 1  4   puissance: 2  3\n", "== lapl nivo0  nivFine 9 x 7   nivCoarse 5 x 4  fin: 4 3\n"});
+    expectTrace(job, steppedStack(9, 7), {" mult : 1  4   puissance: 2  3\n", "== lapl nivo0  nivFine 9 x 7   nivCoarse 5 x 4  fin: 4 3\n"});
 }
 
 TEST(FusionTrace, HighlightCurveOfASaturatedStack) {
@@ -86,7 +82,7 @@ TEST(FusionTrace, HighlightCurveOfASaturatedStack) {
     // and powerHigh (c - 1) * 0.5 + 2 = 2.5, multHigh 1 / 0.640625^2.5.
     Job job = fustest::sized(8, 6);
     job.params[2] = 2.0f;
-    expectTrace(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 255), {"photo0 -  perc noisy: 0   sat: 100      surexNivo: 48\n",
+    expectTrace(job, fustest::flatStack(8, 6, {255, 255, 255}), {"photo0 -  perc noisy: 0   sat: 100      surexNivo: 48\n",
                        "photo2 -  perc noisy: 0   sat: 100      surexNivo: 144\n",
                        " mult : 1  3   puissance: 3  2\n", " mult : 1  3   puissance: 3  2\n",
                        " mult : 1  3   puissance: 3  2\n"});
@@ -99,14 +95,14 @@ TEST(FusionTrace, BlownPixelsCountAsZeroWeight) {
     Job job = fustest::sized(8, 6);
     job.bspOut = 32;
     job.params[2] = 1.5f;
-    expectTrace(job, std::vector<std::uint8_t>(3 * 8 * 6 * 3, 240), {"photo2 -  perc noisy: 0   sat: 100      surexNivo: 0\n", " cntZero: 48\n"});
+    expectTrace(job, fustest::flatStack(8, 6, {240, 240, 240}), {"photo2 -  perc noisy: 0   sat: 100      surexNivo: 0\n", " cntZero: 48\n"});
 }
 
 TEST(FusionTrace, GhostMaskAndSampledPixels) {
     Job job = fustest::sized(8, 6);
     fustest::setMaskBit(job.mask, 8, 6, 0, 0);
     job.fixedExpo = {1, -1, -1};
-    expectTrace(job, flatStack(8, 6), {"1  indexFixedExpo: -1   indexPhotoNotMerged: 0\n",
+    expectTrace(job, steppedStack(8, 6), {"1  indexFixedExpo: -1   indexPhotoNotMerged: 0\n",
                        "aj1b_orig 3 photos 8 x 6   bps: 8    removeGhost: 1\n",
                        "photo0  100 100 100   ",
                        "*** ghostMask for photo1  at  0,0\n"});

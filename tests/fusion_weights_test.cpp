@@ -106,14 +106,6 @@ Weights sizedWeights(int w, int h) {
     return wt;
 }
 
-// Three flat photos of `pixels` 3-channel pixels at the given levels.
-std::vector<std::uint8_t> flatPhotos(int pixels, int a, int b, int c) {
-    std::vector<std::uint8_t> img(3 * pixels * 3);
-    const int level[3] = {a, b, c};
-    for (int p = 0; p < 3; ++p) std::fill_n(img.begin() + p * pixels * 3, pixels * 3, level[p]);
-    return img;
-}
-
 TEST(FusionWeights, PlanesSumToFullScaleAtEveryDepth) {
     for (int bspIn : {8, 16}) {
         const auto images = fustest::makeStack(3, 29, 13, 3, bspIn);
@@ -156,7 +148,7 @@ TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
     // With half = 1 a bias b multiplies the weights by 4^(b/4 * (1 - rank)).
     Weights wt = sizedWeights(4, 2);
     wt.bdp = 32;
-    const auto img = flatPhotos(8, 120, 128, 136);
+    const auto img = fustest::flatStack(4, 2, {120, 128, 136});
     const auto plain = wt.run(img);
     wt.params[1] = 4.0f;
     const auto bright = wt.run(img);
@@ -173,7 +165,7 @@ TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
 
 TEST(FusionWeights, MidGreyWinsOverClippedPhotos) {
     Weights wt = sizedWeights(4, 2);
-    const auto poids = wt.run(flatPhotos(8, 5, 130, 252));  // nearly black, mid grey, nearly white
+    const auto poids = wt.run(fustest::flatStack(4, 2, {5, 130, 252}));  // nearly black, mid grey, nearly white
     EXPECT_GT(wt.at(poids, 1, 0), 65000);
     EXPECT_LT(wt.at(poids, 0, 0) + wt.at(poids, 2, 0), 536);
 }
@@ -185,7 +177,7 @@ TEST(FusionWeights, BlownPixelsWeighNothingWithLinearSharpening) {
     Weights wt = sizedWeights(4, 2);
     wt.outIsFloat = 1;
     wt.params[2] = 1.5f;
-    std::vector<std::uint8_t> img(3 * 8 * 3, 240);
+    auto img = fustest::flatStack(4, 2, {240, 240, 240});
     img[0] = img[1] = img[2] = 128;  // pixel 0 of photo 0 is fine
     const auto poids = wt.run(img);
     EXPECT_EQ(wt.at(poids, 0, 0), 65535);

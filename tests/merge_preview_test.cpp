@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "frame/rgbe.hpp"
@@ -52,6 +53,20 @@ void expectedPixel(const Planes& p, int x, int y, float mean, std::uint8_t* out)
     }
 }
 
+// Checks outW x outH preview pixels, rows `stride` bytes apart, against
+// expectedPixel; output pixel (i, j) shows the source pixel from(i, j).
+template <class From>
+void expectPreview(const Planes& p, const std::vector<std::uint8_t>& out, int outW, int outH, int stride,
+                   float mean, From from) {
+    for (int j = 0; j < outH; ++j)
+        for (int i = 0; i < outW; ++i) {
+            const auto [x, y] = from(i, j);
+            std::uint8_t want[3];
+            expectedPixel(p, x, y, mean, want);
+            ASSERT_EQ(std::memcmp(out.data() + j * stride + 3 * i, want, 3), 0) << i << "," << j << " " << mean;
+        }
+}
+
 TEST(RgbeRep, ScaleMeanAndStride) {
     Planes p(5, 2);
     p.set(0, 0, 200, 100, 50, 128);  // decodes as 200, 100, 50
@@ -81,12 +96,7 @@ TEST(RgbeRep, MatchesTextOnRandomPlanes) {
     for (float mean : {0.0f, 37.5f, 500.0f, 1e-30f}) {
         std::vector<std::uint8_t> out(17 * 99);
         ASSERT_EQ(rgbe_rep(33, 17, 99, mean, p.bytes.data(), out.data()), 17);
-        for (int y = 0; y < 17; ++y)
-            for (int x = 0; x < 33; ++x) {
-                std::uint8_t want[3];
-                expectedPixel(p, x, y, mean, want);
-                ASSERT_EQ(std::memcmp(out.data() + y * 99 + 3 * x, want, 3), 0) << x << "," << y << " " << mean;
-            }
+        expectPreview(p, out, 33, 17, 99, mean, [](int x, int y) { return std::pair{x, y}; });
     }
 }
 
@@ -115,12 +125,8 @@ TEST(HdrRep8, PointSamplingWithOneRatio) {
     const int outW = 20, outH = 18, stride = 3 * outW + 2;
     std::vector<std::uint8_t> out(outH * stride, 0xEE);
     ASSERT_EQ(hdr_rep8(40, 30, outW, outH, stride, 50.0f, p.bytes.data(), out.data()), outH);
+    expectPreview(p, out, outW, outH, stride, 50.0f, [](int i, int j) { return std::pair{2 * i, std::min(2 * j, 29)}; });
     for (int j = 0; j < outH; ++j) {
-        for (int i = 0; i < outW; ++i) {
-            std::uint8_t want[3];
-            expectedPixel(p, 2 * i, std::min(2 * j, 29), 50.0f, want);
-            ASSERT_EQ(std::memcmp(out.data() + j * stride + 3 * i, want, 3), 0) << i << "," << j;
-        }
         EXPECT_EQ(out[j * stride + 3 * outW], 0xEE);
         EXPECT_EQ(out[j * stride + 3 * outW + 1], 0xEE);
     }
@@ -137,12 +143,9 @@ TEST(HdrRep8, PointSamplingWithOneRatio) {
     std::vector<std::uint8_t> odd(8 * 45);
     ASSERT_EQ(hdr_rep8(40, 30, 15, 8, 45, 0.0f, p.bytes.data(), odd.data()), 8);
     const float ratio = 40.0f / 15.0f;
-    for (int j = 0; j < 8; ++j)
-        for (int i = 0; i < 15; ++i) {
-            std::uint8_t want[3];
-            expectedPixel(p, static_cast<int>(i * ratio), static_cast<int>(j * ratio), 0.0f, want);
-            ASSERT_EQ(std::memcmp(odd.data() + j * 45 + 3 * i, want, 3), 0) << i << "," << j;
-        }
+    expectPreview(p, odd, 15, 8, 45, 0.0f, [ratio](int i, int j) {
+        return std::pair{static_cast<int>(i * ratio), static_cast<int>(j * ratio)};
+    });
 
     // Upsampling holds both axes at the last column and row.
     std::vector<std::uint8_t> up(70 * 3 * 90);
