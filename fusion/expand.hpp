@@ -34,6 +34,15 @@ struct Expand {
         if constexpr (std::is_floating_point_v<T>) return static_cast<float>(truncToInt(v));
         else return static_cast<Acc>(v);
     }
+    // Channel c of the last column (odd x) of an even width: `a` and `b` the
+    // coarse pixels of the column in the row pair (b null without a second
+    // row), `A` and `B` the rows' first pixels, which wrapX takes as the
+    // right neighbours.
+    static Acc lastColumn(const T* A, const T* B, const T* a, const T* b, int c, bool wrap) noexcept {
+        if (!wrap) return b ? mean2(one(a[c]), one(b[c])) : one(a[c]);
+        if (b) return mean4(one(a[c]), wrapped(A[c]), one(b[c]), wrapped(B[c]));
+        return mean2(one(a[c]), wrapped(A[c]));
+    }
 };
 
 // Calls op(x, c, up) for every sample of fine row y, x rising. `coarse`
@@ -42,7 +51,6 @@ template <class T, class Op>
 inline void expandRow(const T* coarse, int y, int wF, int hF, int wC, int ch, bool wrap,
                       Op&& op) noexcept {
     using E = Expand<T>;
-    using Acc = typename E::Acc;
     const std::size_t row = static_cast<std::size_t>(wC) * ch;
     const T* A = coarse + static_cast<std::size_t>(y >> 1) * row;
     const int yMain = hF + (hF & 1) - 1;
@@ -80,16 +88,7 @@ inline void expandRow(const T* coarse, int y, int wF, int hF, int wC, int ch, bo
         const int x = wF - 1;
         const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
         const T* b = B ? B + static_cast<std::size_t>(x >> 1) * ch : nullptr;
-        for (int c = 0; c < ch; ++c) {
-            Acc up;
-            if (!wrap)
-                up = b ? E::mean2(E::one(a[c]), E::one(b[c])) : E::one(a[c]);
-            else if (b)
-                up = E::mean4(E::one(a[c]), E::wrapped(A[c]), E::one(b[c]), E::wrapped(B[c]));
-            else
-                up = E::mean2(E::one(a[c]), E::wrapped(A[c]));
-            op(x, c, up);
-        }
+        for (int c = 0; c < ch; ++c) op(x, c, E::lastColumn(A, B, a, b, c, wrap));
     }
 }
 
@@ -151,16 +150,7 @@ inline void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRun
     if (x < xEnd) {  // x == wF - 1 of an even width
         const T* a = A + static_cast<std::size_t>(x >> 1) * ch;
         const T* b = B ? B + static_cast<std::size_t>(x >> 1) * ch : nullptr;
-        for (int c = 0; c < ch; ++c) {
-            Acc v;
-            if (!wrap)
-                v = b ? E::mean2(E::one(a[c]), E::one(b[c])) : E::one(a[c]);
-            else if (b)
-                v = E::mean4(E::one(a[c]), E::wrapped(A[c]), E::one(b[c]), E::wrapped(B[c]));
-            else
-                v = E::mean2(E::one(a[c]), E::wrapped(A[c]));
-            out[c] = v;
-        }
+        for (int c = 0; c < ch; ++c) out[c] = E::lastColumn(A, B, a, b, c, wrap);
     }
 }
 
