@@ -11,6 +11,7 @@
 // the low 8 bits.
 #pragma once
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 
@@ -40,9 +41,25 @@ inline RgbePixel encodeRgbe(float a, float b, float c, RgbeForm form,
     // The threshold is the double 1e-32; the nearest float, 1e-32f, lies just
     // above it, so "m > 1e-32" in double is "m >= 1e-32f" in float.
     if (guard == ZeroGuard::On && !(static_cast<double>(m) > 1e-32)) return kRgbeDark;
+    const std::uint32_t bits = std::bit_cast<std::uint32_t>(m);
+    const std::uint32_t biased = (bits >> 23) & 0xFFu;
     int e = 0;
-    const float f = std::frexp(m, &e);
-    const float s = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(m));
+    float s;
+    if (biased >= 8 && biased != 255 && !(bits >> 31)) {
+        // A positive normal m is exactly f * 2^e with the frexp fraction f, so
+        // the scale f*256/m is exactly 2^(8-e): built from the exponent bits,
+        // with no frexp and no division. Same value as the general path as
+        // long as 2^(8-e) is a float (below biased exponent 8 it overflows to
+        // infinity there, and every m that passes the guard is far above).
+        e = static_cast<int>(biased) - 126;
+        s = std::bit_cast<float>(static_cast<std::uint32_t>(135 - e) << 23);
+    } else {
+        // Zero, the smallest normals, subnormals, infinities and NaN (reached
+        // without the guard, or from a negative largest channel): the general
+        // frexp form.
+        const float f = std::frexp(m, &e);
+        s = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(m));
+    }
     const std::int32_t ma = truncToInt(a * s);
     const std::int32_t mb = truncToInt(b * s);
     const std::int32_t mc = truncToInt(c * s);
@@ -54,12 +71,13 @@ inline RgbePixel encodeRgbe(float a, float b, float c, RgbeForm form,
 
 // The 256-entry decoding table: ldexp(1.0, e-128) as floats. Every entry is an
 // exact power of two (2^-128 is a float subnormal), so the values are exact.
+// A bias of 136 folds the mantissa's division by 256 into the table.
 struct RgbeExpTable {
     float v[256];
 };
 
-inline void fillRgbeExpTable(float* table) noexcept {
-    for (int e = 0; e < 256; ++e) table[e] = static_cast<float>(std::ldexp(1.0, e - 128));
+inline void fillRgbeExpTable(float* table, int bias = 128) noexcept {
+    for (int e = 0; e < 256; ++e) table[e] = static_cast<float>(std::ldexp(1.0, e - bias));
 }
 
 // A process-wide read-only copy, built once.

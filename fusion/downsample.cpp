@@ -132,7 +132,7 @@ int bilinearRgbe(int srcW, int srcH, int dstW, int dstH, const std::uint8_t* src
     Owned<Tap> cols = makeOwned<Tap>(dstW > 0 ? static_cast<std::size_t>(dstW) : 1);
     if (!table || !cols) return -4;
     // The exponent scale with the mantissa's divide by 256 folded in.
-    for (int e = 0; e < 256; ++e) table[e] = static_cast<float>(std::ldexp(1.0, e - 136));
+    fillRgbeExpTable(table.get(), 136);
     const float sx = static_cast<float>(srcW) / static_cast<float>(dstW);
     const float sy = static_cast<float>(srcH) / static_cast<float>(dstH);
     for (int x = 0; x < dstW; ++x) cols[x] = tapFor(x, sx, srcW, false);

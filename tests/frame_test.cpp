@@ -1,5 +1,6 @@
 // The shared pieces: RGBE coding at its edges, x86 float-to-int semantics,
 // bounded byte reading, the allocation hook, and the buffer helpers.
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -55,6 +56,45 @@ TEST(Rgbe, GuardAndMarkers) {
     EXPECT_EQ(z.g, 0);
     EXPECT_EQ(z.b, 0);
     EXPECT_EQ(z.e, 128);
+}
+
+// The encoder as the format defines it, with frexp and a double division.
+RgbePixel referenceEncode(float a, float b, float c, RgbeForm form, ZeroGuard guard) {
+    float m = a;
+    if (b > m) m = b;
+    if (c > m) m = c;
+    if (guard == ZeroGuard::On && !(static_cast<double>(m) > 1e-32)) return kRgbeDark;
+    int e = 0;
+    const float f = std::frexp(m, &e);
+    const float s = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(m));
+    const std::int32_t v[4] = {truncToInt(a * s), truncToInt(b * s), truncToInt(c * s), e + 128};
+    RgbePixel p;
+    std::uint8_t* out[4] = {&p.r, &p.g, &p.b, &p.e};
+    for (int i = 0; i < 4; ++i) *out[i] = form == RgbeForm::Clamped ? clampToByte(v[i]) : wrapToByte(v[i]);
+    return p;
+}
+
+TEST(Rgbe, FastScaleMatchesFrexpOverTheWholeFloatRange) {
+    // Every exponent, both signs, specials, with and without the guard.
+    std::uint32_t state = 12345;
+    auto next = [&] { return state = state * 1664525u + 1013904223u; };
+    std::vector<float> values = {0.0f, -0.0f, 1e-32f, std::nextafter(1e-32f, 0.0f), 1e-45f,
+                                 std::numeric_limits<float>::min(), std::numeric_limits<float>::max(),
+                                 std::numeric_limits<float>::infinity(),
+                                 -std::numeric_limits<float>::infinity(),
+                                 std::numeric_limits<float>::quiet_NaN()};
+    for (std::uint32_t biased = 0; biased < 256; ++biased)
+        for (int k = 0; k < 40; ++k)
+            values.push_back(std::bit_cast<float>((biased << 23) | (next() & 0x807FFFFFu)));
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const float a = values[i], b = values[(i * 7 + 3) % values.size()], c = values[(i * 13 + 5) % values.size()];
+        for (RgbeForm form : {RgbeForm::Clamped, RgbeForm::Wrapped})
+            for (ZeroGuard guard : {ZeroGuard::On, ZeroGuard::Off}) {
+                const RgbePixel got = encodeRgbe(a, b, c, form, guard);
+                const RgbePixel want = referenceEncode(a, b, c, form, guard);
+                ASSERT_EQ(std::memcmp(&got, &want, 4), 0) << a << " " << b << " " << c;
+            }
+    }
 }
 
 TEST(Rgbe, ClampedAndWrappedDifferOutOfRange) {
