@@ -291,36 +291,6 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
 
 // ---- PSD composites -------------------------------------------------------
 
-struct Npy {
-    std::string descr;
-    std::vector<long> shape;
-    std::vector<std::uint8_t> data;
-};
-
-Npy loadNpy(const fs::path& p) {
-    Npy n;
-    const std::vector<std::uint8_t> b = oltest::readFile(p.string());
-    if (b.size() < 10 || std::memcmp(b.data(), "\x93NUMPY", 6) != 0) return n;
-    std::size_t headerLen, at;
-    if (b[6] == 1) {
-        headerLen = b[8] | (b[9] << 8);
-        at = 10;
-    } else {
-        headerLen = b[8] | (b[9] << 8) | (b[10] << 16) | (static_cast<std::size_t>(b[11]) << 24);
-        at = 12;
-    }
-    const std::string h(b.begin() + at, b.begin() + at + headerLen);
-    const auto d = h.find("'descr': '");
-    n.descr = h.substr(d + 10, h.find('\'', d + 10) - d - 10);
-    const auto s = h.find('(', h.find("'shape'"));
-    std::istringstream sh(h.substr(s + 1, h.find(')', s) - s - 1));
-    std::string part;
-    while (std::getline(sh, part, ','))
-        if (part.find_first_of("0123456789") != std::string::npos) n.shape.push_back(std::stol(part));
-    n.data.assign(b.begin() + at + headerLen, b.end());
-    return n;
-}
-
 TEST(MetareadTestdata, PsdCompositesMatchTheTruth) {
     OL_REQUIRE_TESTDATA();
     const fs::path dir = oltest::testdataDir() / "psd";
@@ -356,7 +326,7 @@ TEST(MetareadTestdata, PsdCompositesMatchTheTruth) {
 
         const fs::path npyPath(file.string() + ".truth.npy");
         if (!fs::exists(npyPath)) continue;
-        const Npy npy = loadNpy(npyPath);
+        const oltest::Npy npy = oltest::readNpy(npyPath.string());
         ASSERT_EQ(npy.shape.size(), 3u);
         const int w = info.width, h = info.height, nc = static_cast<int>(npy.shape[2]);
         const int bps = info.bps;

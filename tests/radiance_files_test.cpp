@@ -14,44 +14,7 @@ namespace fs = oltest::fs;
 
 namespace {
 
-// A .npy array of little-endian float32 or bytes, C order.
-struct Npy {
-    std::string descr;
-    std::vector<std::size_t> shape;
-    Bytes data;
-    std::size_t count() const {
-        std::size_t n = 1;
-        for (auto s : shape) n *= s;
-        return n;
-    }
-    float f32(std::size_t i) const {
-        float v;
-        std::memcpy(&v, data.data() + 4 * i, 4);
-        return v;
-    }
-};
-
-Npy readNpy(const fs::path& path) {
-    const Bytes f = oltest::readFile(path.string());
-    Npy n;
-    if (f.size() < 10 || std::memcmp(f.data(), "\x93NUMPY", 6) != 0) return n;
-    const std::size_t headerLen = f[6] == 1 ? f[8] | (f[9] << 8) : f[8] | (f[9] << 8) | (f[10] << 16);
-    const std::size_t start = f[6] == 1 ? 10 : 12;
-    const std::string header(f.begin() + static_cast<long>(start), f.begin() + static_cast<long>(start + headerLen));
-    const auto d = header.find("'descr': '");
-    n.descr = header.substr(d + 10, header.find('\'', d + 10) - d - 10);
-    auto s = header.find("'shape': (") + 10;
-    const auto e = header.find(')', s);
-    while (s < e) {
-        const auto c = header.find(',', s);
-        const std::string num = header.substr(s, std::min(c, e) - s);
-        if (num.find_first_of("0123456789") != std::string::npos) n.shape.push_back(std::stoul(num));
-        if (c == std::string::npos || c > e) break;
-        s = c + 1;
-    }
-    n.data.assign(f.begin() + static_cast<long>(start + headerLen), f.end());
-    return n;
-}
+using oltest::Npy;
 
 // What the rules give each Radiance file of the shared test data.
 struct HdrCase {
@@ -90,8 +53,8 @@ int jsonInt(const std::string& json, const std::string& key) {
 // Compares planes with the truth: float32 RGB, mantissa * 2^(E-136), and
 // the raw bytes.
 void expectTruth(const fs::path& file, const Bytes& planes, int width, int height) {
-    const Npy truth = readNpy(file.string() + ".truth.npy");
-    const Npy raw = readNpy(file.string() + ".rgbe.npy");
+    const Npy truth = oltest::readNpy(file.string() + ".truth.npy");
+    const Npy raw = oltest::readNpy(file.string() + ".rgbe.npy");
     ASSERT_EQ(truth.count(), 3u * width * height);
     ASSERT_EQ(raw.count(), 4u * width * height);
     const std::vector<float> rgb = decodedRgb(planes, width, height);
@@ -194,7 +157,7 @@ TEST(RadianceRealFiles, FloatTiffsByTheReadingRules) {
         ++seen;
         SCOPED_TRACE(name);
         const std::string path = entry.path().string();
-        const Npy truth = readNpy(path + ".truth.npy");
+        const Npy truth = oltest::readNpy(path + ".truth.npy");
         ASSERT_GE(truth.shape.size(), 3u);
         const int height = static_cast<int>(truth.shape[0]), width = static_cast<int>(truth.shape[1]);
         const int spp = static_cast<int>(truth.shape[2]);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -94,6 +95,46 @@ std::string CaptureFd::finish() {
 }
 
 CaptureFd::~CaptureFd() { finish(); }
+
+std::size_t Npy::count() const {
+    std::size_t n = 1;
+    for (auto v : shape) n *= v;
+    return n;
+}
+
+float Npy::f32(std::size_t i) const {
+    float v = 0.0f;
+    if (4 * i + 4 <= data.size()) std::memcpy(&v, data.data() + 4 * i, 4);
+    return v;
+}
+
+Npy readNpy(const std::string& path) {
+    Npy n;
+    const std::vector<std::uint8_t> f = readFile(path);
+    if (f.size() < 10 || std::memcmp(f.data(), "\x93NUMPY", 6) != 0) return n;
+    // Version 1 has a 2-byte header length, versions 2 and 3 a 4-byte one.
+    const bool v1 = f[6] == 1;
+    const std::size_t start = v1 ? 10 : 12;
+    if (f.size() < start) return n;
+    std::size_t headerLen = f[8] | (f[9] << 8);
+    if (!v1) headerLen |= (static_cast<std::size_t>(f[10]) << 16) | (static_cast<std::size_t>(f[11]) << 24);
+    if (headerLen > f.size() - start) return n;
+    const std::string header(f.begin() + static_cast<long>(start),
+                             f.begin() + static_cast<long>(start + headerLen));
+    const auto d = header.find("'descr': '");
+    const auto s = header.find("'shape': (");
+    if (d == std::string::npos || s == std::string::npos) return n;
+    const auto dEnd = header.find('\'', d + 10);
+    const auto e = header.find(')', s);
+    if (dEnd == std::string::npos || e == std::string::npos) return n;
+    n.descr = header.substr(d + 10, dEnd - d - 10);
+    std::istringstream dims(header.substr(s + 10, e - s - 10));
+    std::string part;
+    while (std::getline(dims, part, ','))
+        if (part.find_first_of("0123456789") != std::string::npos) n.shape.push_back(std::stoul(part));
+    n.data.assign(f.begin() + static_cast<long>(start + headerLen), f.end());
+    return n;
+}
 
 std::vector<std::uint8_t> randomBytes(std::size_t n, std::uint32_t seed) {
     std::mt19937 rng(seed);

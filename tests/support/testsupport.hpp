@@ -79,6 +79,18 @@ long countAllocations(F&& f) {
     return ol::testing::allocationCount();
 }
 
+// A .npy array (numpy's file format) as stored: the dtype text, the shape and
+// the raw data bytes in C order. A file that is not a well-formed .npy gives
+// an empty shape.
+struct Npy {
+    std::string descr;
+    std::vector<std::size_t> shape;
+    std::vector<std::uint8_t> data;
+    std::size_t count() const;
+    float f32(std::size_t i) const;  // element i of a little-endian float32 array
+};
+Npy readNpy(const std::string& path);
+
 // Deterministic pseudo-random bytes.
 std::vector<std::uint8_t> randomBytes(std::size_t n, std::uint32_t seed);
 
