@@ -61,22 +61,17 @@ ExifCensus takeExifCensus(const ExifRecord* exif, const GpsRecord* gps) noexcept
         c.modelLen = fieldTextLen(exif->camera, sizeof exif->camera);
     }
     if (gps) {
-        if (rationalPresent(gps->latitude[0], gps->latitude[1])) {
+        // A rational tag is present when its first numerator and denominator
+        // are; its data takes `bytes` in the GPS data area.
+        const auto rationalTag = [&c](const std::uint32_t* r, int bytes) {
+            if (!rationalPresent(r[0], r[1])) return;
             ++c.gpsCount;
-            c.gpsLen += 24;
-        }
-        if (rationalPresent(gps->longitude[0], gps->longitude[1])) {
-            ++c.gpsCount;
-            c.gpsLen += 24;
-        }
-        if (rationalPresent(gps->altitude[0], gps->altitude[1])) {
-            ++c.gpsCount;
-            c.gpsLen += 8;
-        }
-        if (rationalPresent(gps->timestamp[0], gps->timestamp[1])) {
-            ++c.gpsCount;
-            c.gpsLen += 24;
-        }
+            c.gpsLen += bytes;
+        };
+        rationalTag(gps->latitude, 24);
+        rationalTag(gps->longitude, 24);
+        rationalTag(gps->altitude, 8);
+        rationalTag(gps->timestamp, 24);
         if (refPresent(gps->lat_ref)) ++c.gpsCount;
         if (refPresent(gps->long_ref)) ++c.gpsCount;
         if (refPresent(gps->alt_ref)) ++c.gpsCount;
