@@ -206,8 +206,8 @@ int get_ev(int n, float* data) {
                                 ? static_cast<float>(fnum) / static_cast<float>(fden)
                                 : 8.0f;
             const float S = iso != 0 ? static_cast<float>(iso) : 100.0f;
-            ev = static_cast<float>(static_cast<double>(t * S) * 20.64516 /
-                                    static_cast<double>(N * N));
+            // All in float, in this order: t by S, by the constant, over N squared.
+            ev = t * S * 20.64516f / (N * N);
         }
         data[k] = ev;
     }

@@ -1,6 +1,8 @@
 // Exposures from Exif values, from a fixed step or from mean levels, and the
 // ordering of frames by exposure.
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "merge/exposure.hpp"
@@ -33,7 +35,7 @@ TEST(GetEv, ExifFormulaDefaultsAndOverride) {
     ASSERT_EQ(get_ev(6, d.data()), 1);
 
     const float t = 1.0f / 100.0f;
-    const float expected = static_cast<float>(static_cast<double>(t * 100.0f) * 20.64516 / 64.0);
+    const float expected = t * 100.0f * 20.64516f / 64.0f;
     EXPECT_EQ(d[0], expected);
     EXPECT_NEAR(d[0], 0.3226f, 1e-4f);
     EXPECT_EQ(d[1], 2.0f);
@@ -43,6 +45,12 @@ TEST(GetEv, ExifFormulaDefaultsAndOverride) {
     EXPECT_EQ(d[5], 0.25f);
     // Only the first n floats change.
     for (std::size_t i = 6; i < d.size(); ++i) EXPECT_EQ(d[i], before[i]) << i;
+
+    // Float throughout: at 1/60 s a double constant or division gives the
+    // neighbouring float 0x3f09a268.
+    std::vector<float> sixtieth = record(1, 60, 0, 0, 0, 0);
+    ASSERT_EQ(get_ev(1, sixtieth.data()), 1);
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(sixtieth[0]), 0x3f09a269u);
 }
 
 TEST(GetEv, ManyFramesInPlace) {
@@ -57,7 +65,7 @@ TEST(GetEv, ManyFramesInPlace) {
     ASSERT_EQ(get_ev(n, d.data()), 1);
     for (int k = 0; k < n; ++k) {
         const float t = 1.0f / static_cast<float>(1 << (k % 10));
-        EXPECT_EQ(d[k], static_cast<float>(static_cast<double>(t * 200.0f) * 20.64516 / 16.0)) << k;
+        EXPECT_EQ(d[k], t * 200.0f * 20.64516f / 16.0f) << k;
     }
 }
 
