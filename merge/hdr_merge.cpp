@@ -126,8 +126,10 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
         const float curT = static_cast<float>(std::log(static_cast<double>(deltaT[k])) / ln2);
         if (maxT > minT) {
             const float x = (curT - minT) / (maxT - minT);
-            saturationLevel[k] = truncToInt(64000.0 - 3840.0 * static_cast<double>(x));
-            noiseLevel[k] = truncToInt(3072.0 - 512.0 * static_cast<double>(x));
+            // In float, like x: a regular bracket then gets levels that step
+            // evenly from 64000 to 60160 (x = 1/3 gives 62720 exactly).
+            saturationLevel[k] = truncToInt(64000.0f - 3840.0f * x);
+            noiseLevel[k] = truncToInt(3072.0f - 512.0f * x);
         } else {
             saturationLevel[k] = 64000;
             noiseLevel[k] = 3072;

@@ -108,7 +108,7 @@ Result refMerge(int mode, const Stack& s, float gamma, const std::vector<float>&
         if (maxT > minT) {
             const float curT = static_cast<float>(log2d(dt[k]));
             const float x = (curT - minT) / (maxT - minT);
-            sat[k] = static_cast<int>(64000 - 3840 * static_cast<double>(x));
+            sat[k] = static_cast<int>(64000.0f - 3840.0f * x);
         }
     }
     const int first = 0, middle = (s.spp - 1) / 2, last = s.spp - 1;
@@ -459,6 +459,18 @@ TEST(HdrMerge, ShortestAndLongestExposuresKeepTheirSaturationLevels) {
         EXPECT_NE(pixelAt(r, 2, 1, 0).e, 255) << "longest of " << n << ", first " << dt[0];
         expectSameResult(r, refMerge(2, p.s, 2.2f, dt), "saturation levels");
     }
+}
+
+TEST(HdrMerge, RegularBracketLevelsStepEvenlyInFloat) {
+    // Exposures 4, 2, 1, 0.5: frame 2 has x = 1/3 and level 62720 (in double
+    // the expression gives 62719). Its 245 grey (62720) is then not saturated
+    // and is the only frame the pixel keeps.
+    Pixelwise p(4, 1);
+    for (int k = 0; k < 4; ++k) p.set(k, 0, k == 2 ? 245 : 255);
+    const Result r = runMerge(0, p.s, {0, 0, 0, 0}, 1.0f);
+    EXPECT_EQ(r.dt, (std::vector<float>{4.0f, 2.0f, 1.0f, 0.5f}));
+    EXPECT_TRUE(samePixel(pixelAt(r, 1, 0, 0), ol::RgbePixel{232, 232, 232, 128}));
+    expectSameResult(r, refMerge(0, p.s, 2.2f, r.dt), "regular bracket");
 }
 
 TEST(HdrMerge, SixteenBitLevelsFromHighBytesLutFromWholeWords) {
