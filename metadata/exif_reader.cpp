@@ -481,21 +481,31 @@ void walkTiff(ReadStream& s, std::int64_t base, int fileType, RawExif& raw) noex
     }
 }
 
+namespace {
+
+// Truncation of a product that comes from a float value. 1/125 s is held as
+// the float nearest 0.008, a hair above it, and a literal truncation of 100/t
+// would give 12499 (1/180 s: 17999, f/5.6: 559). A product that lies just
+// below an integer, within the float's own precision of it (relative 2^-24,
+// doubled for the double arithmetic), counts as that integer; anything else
+// truncates, so whole values above 2^23 stay as they are.
+std::int32_t truncScaled(double product) noexcept {
+    const double up = std::ceil(product);
+    if (up - product <= product * 0x1p-23) return truncToInt(up);
+    return truncToInt(product);
+}
+
+}  // namespace
+
 bool floatToRational(float t, std::int32_t& num, std::int32_t& den) noexcept {
-    // 1/125 s is held as the float nearest 0.008, a hair above it, and a
-    // literal truncation of 100/t would give 12499 (1/180 s: 17999, f/5.6:
-    // 559). A product within the float's own precision (relative 2^-24, here
-    // doubled for the double arithmetic) of the next integer counts as that
-    // integer, so 1/125 gives 100/12500; anything further off truncates.
-    constexpr double kSlack = 1.0 + 0x1p-23;
     if (t >= 1.0f) {
-        num = truncToInt(static_cast<double>(t) * 100.0 * kSlack);
+        num = truncScaled(static_cast<double>(t) * 100.0);
         den = 100;
         return true;
     }
     if (t > 0.0f) {
         num = 100;
-        den = truncToInt((1.0 / static_cast<double>(t)) * 100.0 * kSlack);
+        den = truncScaled((1.0 / static_cast<double>(t)) * 100.0);
         return true;
     }
     return false;

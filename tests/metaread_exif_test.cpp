@@ -104,7 +104,9 @@ TEST(MetareadRational, TwoDecimalsOfScale) {
     } cases[] = {{1.0f / 125, 100, 12500}, {2.5f, 250, 100},   {1.0f, 100, 100},   {0.5f, 100, 200},
                  {5.6f, 560, 100},        {1.0f / 3, 100, 300}, {1.0f / 4000, 100, 400000},
                  {30.0f, 3000, 100},      {0.999f, 100, 100},     {1.0f / 180, 100, 18000},
-                 {14506.667f, 1450666, 100}, {0.29f, 100, 344}};
+                 {14506.667f, 1450666, 100}, {0.29f, 100, 344},
+                 // whole values past 2^23 once scaled are not pushed up
+                 {1048576.0f, 104857600, 100}, {100000.0f, 10000000, 100}};
     for (const auto& c : cases) {
         std::int32_t n = -1, d = -1;
         ASSERT_TRUE(ol::floatToRational(c.t, n, d)) << c.t;
