@@ -82,12 +82,15 @@ void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
     }
 }
 
+// The fractions of a turn are double constants: the shifts, the thresholds
+// and the falling branch are taken in double and rounded to float once (the
+// rising branch has only whole constants and stays in float).
 float hue_to_channel(float p, float q, float t) noexcept {
     if (t < 0.0f) t += 1.0f;
     if (t > 1.0f) t -= 1.0f;
-    if (t < 1.0f / 6.0f) return p + (q - p) * 6.0f * t;
-    if (t < 0.5f) return q;
-    if (t < 2.0f / 3.0f) return p + (q - p) * (2.0f / 3.0f - t) * 6.0f;
+    if (t < 1.0 / 6.0) return p + (q - p) * 6.0f * t;
+    if (t < 0.5) return q;
+    if (t < 2.0 / 3.0) return static_cast<float>(p + (q - p) * (2.0 / 3.0 - t) * 6.0);
     return p;
 }
 
@@ -125,9 +128,9 @@ int hsl_to_rgb(const float* hsl, float* rgb) noexcept {
     }
     const float q = l < 0.5f ? l * (1.0f + s) : l + s - l * s;
     const float p = 2.0f * l - q;
-    rgb[0] = hue_to_channel(p, q, h + 1.0f / 3.0f);
+    rgb[0] = hue_to_channel(p, q, static_cast<float>(h + 1.0 / 3.0));
     rgb[1] = hue_to_channel(p, q, h);
-    rgb[2] = hue_to_channel(p, q, h - 1.0f / 3.0f);
+    rgb[2] = hue_to_channel(p, q, static_cast<float>(h - 1.0 / 3.0));
     return 1;
 }
 
