@@ -128,12 +128,16 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         if (fpSource) fpPoids = openFile(files->namePoids, "wb+");
         if (fpPoids) fpPyramPoids = openFile(files->namePyramPoids, "wb+");
         if (!fpSource || !fpPoids || !fpPyramPoids) {
+            // Memory mode after all, with the caller's threads.
             disk = false;
             fpSource.reset();
             fpPoids.reset();
             fpPyramPoids.reset();
+        } else {
+            // Disk mode runs the weights on the calling thread; this stays so
+            // even if the source dump below falls back to memory.
+            nbProc = 0;
         }
-        nbProc = 0;  // disk mode runs the weights on the calling thread
     }
     Owned<unsigned char> rowBuffer;
     if (disk) {
@@ -236,7 +240,9 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             if constexpr (traceFlow)
                 std::fprintf(stderr, "retour dump pyramPoids: %d\n", static_cast<int>(written));
             if (written != lenPyr) return -2;
-            std::fflush(fpPyramPoids.get());
+            // The blend seeks before it reads, and that seek would flush what
+            // is still buffered; a flush that fails here is that failed seek.
+            if (std::fflush(fpPyramPoids.get()) != 0) return -3;
         }
         // The photo to level 0 of work (in disk mode over the weight pyramid,
         // which now lives only in its file).

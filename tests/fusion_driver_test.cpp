@@ -126,10 +126,13 @@ TEST(FusionDriver, DiskModeThatCannotRunFallsBackToMemory) {
     cases.push_back({"overrun", sized(20, 12, 1).onDisk(folder)});
     // Two photos of one byte a sample never use disk.
     cases.push_back({"two 8-bit photos", sized(16, 12, 3, 2).onDisk(folder)});
-    // A scratch file that cannot be opened, on two threads.
+    // A scratch file that cannot be opened: the call keeps its two threads,
+    // which show through a ghost mask read by byte-aligned slices.
     for (int which = 0; which < 3; ++which) {
-        Job r = sized(20, 14).onDisk(folder);
+        Job r = sized(12, 10).onDisk(folder);
         r.nbProc = 2;
+        r.fixedExpo = {0, -1, -1};
+        fustest::setMaskBit(r.mask, 12, 10, 0, 60);
         (which == 0 ? r.nameSource : which == 1 ? r.namePoids : r.namePyramPoids) = bad;
         cases.push_back({"unopened scratch file", r, false});
     }
@@ -150,6 +153,12 @@ TEST(FusionDriver, DiskModeThatCannotRunFallsBackToMemory) {
         ASSERT_GE(c.job.go(stack), 0) << c.what;
         EXPECT_EQ(c.job.output(), mem.output()) << c.what;
         EXPECT_TRUE(c.job.photosKept(stack)) << c.what;
+        if (!c.job.mask.empty()) {
+            Job oneThread = mem;
+            oneThread.nbProc = 0;
+            ASSERT_GE(oneThread.go(stack), 0);
+            EXPECT_NE(oneThread.output(), mem.output()) << c.what << ": the mask does not show the threads";
+        }
         if (c.sourceFileChecked) {
             EXPECT_FALSE(std::filesystem::exists(dir.file("source.tmp"))) << c.what;
             EXPECT_FALSE(std::filesystem::exists(dir.file("s.tmp"))) << c.what;
@@ -174,25 +183,32 @@ TEST(FusionDriver, DiskModeThatCannotRunFallsBackToMemory) {
 }
 
 TEST(FusionDriver, ScratchWriteFailures) {
-    // /dev/full opens but takes no byte: a short copy of the photos falls
-    // back to memory; short writes of the weights or of a weight pyramid
-    // end the call with -2.
+    // /dev/full opens but takes no byte. A large write falls short at once:
+    // the copy of the photos then falls back to memory, the weights or a
+    // weight pyramid end the call with -2. A small write only fills the
+    // stream's buffer, and the flush that fails is a failed seek: -3.
     if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
     oltest::TempDir dir;
-    Job mem = sized(80, 60);
-    const auto stack = mem.stack();
-    ASSERT_GE(mem.go(stack), 0);
-    Job r = mem.onDisk(dir.path().string());
-    r.nameSource = "/dev/full";
-    ASSERT_GE(r.go(stack), 0);
-    EXPECT_EQ(r.output(), mem.output());
-    EXPECT_TRUE(r.photosKept(stack));
-    r.nameSource.clear();
-    r.namePoids = "/dev/full";
-    EXPECT_EQ(r.go(stack), -2);
-    r.namePoids.clear();
-    r.namePyramPoids = "/dev/full";
-    EXPECT_EQ(r.go(stack), -2);
+    for (int size : {80, 8}) {
+        Job mem = sized(size, size * 3 / 4);
+        const auto stack = mem.stack();
+        ASSERT_GE(mem.go(stack), 0);
+        Job r = mem.onDisk(dir.path().string());
+        r.nameSource = "/dev/full";
+        if (size == 80) {
+            ASSERT_GE(r.go(stack), 0);
+            EXPECT_EQ(r.output(), mem.output());
+            EXPECT_TRUE(r.photosKept(stack));
+        } else {
+            EXPECT_EQ(r.go(stack), -3);
+        }
+        r.nameSource.clear();
+        r.namePoids = "/dev/full";
+        EXPECT_EQ(r.go(stack), size == 80 ? -2 : -3) << size;
+        r.namePoids.clear();
+        r.namePyramPoids = "/dev/full";
+        EXPECT_EQ(r.go(stack), size == 80 ? -2 : -3) << size;
+    }
 }
 
 TEST(FusionDriver, RefusedAndUnservedDepthCombinations) {
@@ -387,6 +403,17 @@ TEST(FusionFinish, MidtoneAndSaturation) {
     EXPECT_NEAR(s[2], 32, 1);
     // Grey stays grey.
     EXPECT_EQ(finish({100 << 7, 100 << 7, 100 << 7}, 10, 0, 0, 0), (std::vector<int>{100, 100, 100}));
+    // The hue's thirds and sixths are double constants: for (0, 3, 3) the
+    // blue channel's shifted hue lands below one sixth, where float
+    // constants would put it above.
+    Job one = sized(8, 8, 3, 1);
+    one.params[3] = 2.0f;
+    ASSERT_GE(one.go(fustest::flatStack(8, 8, {0})), 0);
+    std::vector<std::uint8_t> cyan(8 * 8 * 3);
+    for (std::size_t i = 0; i < cyan.size(); i += 3) cyan[i + 1] = cyan[i + 2] = 3;
+    ASSERT_GE(one.go(cyan), 0);
+    for (std::size_t i = 0; i < cyan.size(); i += 3)
+        ASSERT_EQ((std::vector<int>{one.work[i], one.work[i + 1], one.work[i + 2]}), (std::vector<int>{0, 2, 2})) << i / 3;
 }
 
 TEST(FusionFinish, FusionParamsReachTheDriver) {
