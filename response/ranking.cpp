@@ -13,7 +13,8 @@ namespace {
 using ol::response::NamedSamples;
 
 // Histogram of the luminance level (54 first + 183 mid + 19 last) >> 8 over
-// `pixels` consecutive pixels from `data`.
+// `pixels` consecutive pixels from `data`. Four interleaved counter sets keep
+// neighbouring pixels of one level from waiting on each other's increment.
 template <int Bytes>
 void levelHistogram(const std::uint8_t* data, std::size_t pixels, int spp, std::uint32_t* hist) {
     const NamedSamples named(spp);
@@ -23,11 +24,18 @@ void levelHistogram(const std::uint8_t* data, std::size_t pixels, int spp, std::
     const std::size_t m = static_cast<std::size_t>(named.mid) * Bytes + hi;
     const std::size_t l = static_cast<std::size_t>(named.last) * Bytes + hi;
     const std::size_t pixelBytes = static_cast<std::size_t>(spp) * Bytes;
-    for (std::size_t p = 0; p < pixels; ++p, data += pixelBytes) {
-        int level = (data[m] * 183 + data[f] * 54 + data[l] * 19) >> 8;
-        if (level > 255) level = 255;
-        ++hist[level];
+    // The level never exceeds (255 * 256) >> 8 = 255, so no limit is needed.
+    auto level = [&](const std::uint8_t* px) { return (px[m] * 183 + px[f] * 54 + px[l] * 19) >> 8; };
+    std::uint32_t sets[4][256] = {};
+    std::size_t p = 0;
+    for (; p + 4 <= pixels; p += 4, data += 4 * pixelBytes) {
+        ++sets[0][level(data)];
+        ++sets[1][level(data + pixelBytes)];
+        ++sets[2][level(data + 2 * pixelBytes)];
+        ++sets[3][level(data + 3 * pixelBytes)];
     }
+    for (; p < pixels; ++p, data += pixelBytes) ++sets[0][level(data)];
+    for (int v = 0; v < 256; ++v) hist[v] += sets[0][v] + sets[1][v] + sets[2][v] + sets[3][v];
 }
 
 // The first level at which the running sum of the counters exceeds `limit`;
