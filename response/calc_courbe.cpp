@@ -57,6 +57,11 @@ OL_API int calc_courbe(int n, int width, int height, int bps, int spp, const flo
     // A depth other than 8 or 16 (or no sample a pixel) makes no level, so no
     // grid point is usable: the result of a stack without usable points.
     if ((bps != 8 && bps != 16) || spp < 1) return -1;
+    // A stack too large to address holds no usable point either.
+    if (width > 0 && height > 0 &&
+        !response::blockFits({static_cast<unsigned>(n), static_cast<unsigned>(width), static_cast<unsigned>(height),
+                              static_cast<unsigned>(spp), static_cast<unsigned>(bps / 8)}))
+        return -1;
 
     // Five work arrays. Their failure is reported as -4 (no memory) and
     // releases what was taken.

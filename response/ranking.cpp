@@ -61,6 +61,13 @@ OL_API int moy_images(int n, int width, int height, int rowStride, int spp, int 
                       const std::uint8_t* images, int* out) {
     // Nothing to do without images or pixels, or without a level to take.
     if (n < 1 || width < 1 || height < 1 || spp < 1 || (bps != 8 && bps != 16)) return 0;
+    // Sizes that describe a block too large to address are refused the same way.
+    const unsigned long long stride = rowStride < 0 ? 0ull - static_cast<unsigned long long>(rowStride) : rowStride;
+    if (!ol::response::blockFits({static_cast<unsigned>(n), static_cast<unsigned>(height), stride + 1,
+                                  static_cast<unsigned>(bps / 8)}) ||
+        !ol::response::blockFits({static_cast<unsigned>(width), static_cast<unsigned>(height),
+                                  static_cast<unsigned>(spp), static_cast<unsigned>(bps / 8)}))
+        return 0;
     const long long pixels = static_cast<long long>(width) * height;
     const long long half = pixels >> 1;
     const auto p95 = static_cast<long long>(static_cast<double>(static_cast<float>(pixels)) * 0.95);

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 
 namespace ol::response {
 
@@ -13,6 +14,19 @@ namespace ol::response {
 // levels run from 0 to 255 at both depths.
 inline int sampleLevel(const std::uint8_t* data, std::size_t index, int bps) noexcept {
     return bps == 16 ? data[2 * index + 1] : data[index];
+}
+
+// Whether a block of the product of these sizes (each at least 0) could be
+// addressed: below 2^62. Arguments that describe a larger block can't match
+// a real buffer, and their index arithmetic would overflow.
+inline bool blockFits(std::initializer_list<unsigned long long> factors) noexcept {
+    constexpr unsigned long long kLimit = 1ull << 62;
+    unsigned long long product = 1;
+    for (unsigned long long f : factors) {
+        if (f != 0 && product > kLimit / f) return false;
+        product *= f;
+    }
+    return true;
 }
 
 // The three named samples of a pixel: first, middle and last.

@@ -89,8 +89,9 @@ TEST(Response, CalcCourbeAgainstReading) {
     }
     std::vector<float> c(256, -7.0f), ex{1, 2, 4};
     const Bytes grey(3 * 60 * 40 * 3, 128);
-    EXPECT_EQ(calc_courbe(3, 60, 40, 12, 3, ex.data(), grey.data(), c.data()) + calc_courbe(0, 60, 40, 8, 3, ex.data(), grey.data(), c.data()), -1);
-    EXPECT_EQ(c[0] + c[1] + c[2], -21.0f);  // no level at 12 bits, no frame: untouched
+    EXPECT_EQ(calc_courbe(3, 60, 40, 12, 3, ex.data(), grey.data(), c.data()) + calc_courbe(0, 60, 40, 8, 3, ex.data(), grey.data(), c.data()) +
+              calc_courbe(3, INT32_MAX, INT32_MAX, 8, 3, ex.data(), grey.data(), c.data()), -2);
+    EXPECT_EQ(c[0] + c[1] + c[2], -21.0f);  // no level at 12 bits, no frame, sizes past any buffer: untouched
     for (long k = 1; k <= 5; ++k) {
         oltest::FailAllocation fail(k);
         EXPECT_EQ(calc_courbe(3, 60, 40, 8, 3, ex.data(), grey.data(), c.data()), -4);
@@ -179,7 +180,8 @@ TEST(Response, RankingAgainstReading) {
         ASSERT_EQ(mid_im(int(vals.size()), vals.data()), descendingScan(vals)[vals.size() / 2]) << t;
     }
     int out = -7;
-    EXPECT_EQ(moy_image(3, 3, 9, 3, 12, nullptr) + moy_images(0, 3, 3, 9, 3, 8, nullptr, &out) + mid_im(0, nullptr), 0);
+    EXPECT_EQ(moy_image(3, 3, 9, 3, 12, nullptr) + moy_images(0, 3, 3, 9, 3, 8, nullptr, &out) + mid_im(0, nullptr) +
+              moy_images(1, INT32_MAX, INT32_MAX, INT32_MAX, 3, 8, nullptr, &out), 0);
     EXPECT_EQ(out, -7);
 }
 
