@@ -165,6 +165,36 @@ OL_API int hdr_display(int width, int height, int bps, int x, int y, int windowW
                        int windowHeight, float* info, const void* src, unsigned char* dst);
 
 /* ------------------------------------------------------------------------ */
+/* Camera response                                                           */
+
+/* The stack: n frames of width*height*spp packed samples, one after the
+ * other; expo: one exposure a frame, larger being brighter. curve: 256 floats;
+ * entries 0..2 receive pow(200, gamma), 1.0 and the count of agreeing sample
+ * pairs, entries 37..199 the linear values found. Returns gamma * 1000, -1
+ * when the stack has too few usable samples, -4 when no work memory. */
+OL_API int calc_courbe(int n, int width, int height, int bps, int spp, const float* expo,
+                       const uint8_t* images, float* curve);
+/* 256 entries of scale * i^(gamma1000/1000), entry 0 = entry 1. Returns 256. */
+OL_API int gen_courbe(int gamma1000, float scale, float* curve);
+/* n entries running up to n-1: a straight line if linear > 0, else a 2.2
+ * curve. Returns n, or 1 (table untouched) if n < 2. */
+OL_API int camcurve(int linear, int n, float* curve);
+/* The gamma of an ICC profile's first r/g/b tone curve, 2.2 if none. Returns
+ * the position after the tag found (0 for a profile of 12 bytes or fewer, the
+ * count of positions scanned when no tag is found), or, when the header's
+ * size differs from size, that size negated (itself if below 1), leaving
+ * gamma unwritten. */
+OL_API int trc_from_profile(const uint8_t* profile, int size, float* gamma);
+/* Brightness scores of n images (image i at i*height*rowStride samples), from
+ * the median level of each. Returns (width*height) >> 1. */
+OL_API int moy_images(int n, int width, int height, int rowStride, int spp, int bps,
+                      const uint8_t* images, int* out);
+/* Mean level of a grid of samples of one image; 0 for a bps other than 8, 16. */
+OL_API int moy_image(int width, int height, int rowStride, int spp, int bps, const uint8_t* image);
+/* Index of the middle image in descending order of values (each 0..255). */
+OL_API int mid_im(int n, const int* values);
+
+/* ------------------------------------------------------------------------ */
 /* Exposure fusion                                                           */
 
 /* Threads and scratch files of ol_fusion. The three files are created with
