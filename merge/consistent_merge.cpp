@@ -20,6 +20,7 @@
 #include "merge/exposure.hpp"
 #include "merge/merge_kernel.hpp"
 #include "merge/merge_tables.hpp"
+#include "merge/motion_kernel.hpp"
 #include "merge/motion_merge.hpp"
 
 namespace ol {
@@ -31,98 +32,6 @@ constexpr int kSlopeLevel[kSlopeKnots] = {0,     10240, 15360, 20480, 23040, 256
                                           46080, 51200, 56320, 58880, 61440, 64000, 65280};
 constexpr float kSlopeValue[kSlopeKnots] = {0.4f, 0.5f, 0.75f, 1.0f, 1.1f, 1.25f, 1.333f,
                                             0.1f, 0.0f, 0.0f,  0.0f, 0.0f,  0.0f,  0.0f};
-
-// One frame in visiting order (shortest exposure first).
-struct CalcVisit {
-    const void* samples;  // first sample of the frame
-    const float* weight;  // 65536 entries, by ival
-    float invT;
-    float dEV;  // stops from the previous rank, times 8192
-    int saturation;
-    int frame;
-};
-
-struct CalcJob {
-    int nPhotos, width, height, spp;
-    bool firstIsBlue;
-    float threshold;
-    const CalcVisit* visits;
-    const std::uint8_t* photos;  // frame order, for the plain mean
-    std::size_t frameBytes;
-    const float* invT;  // by frame number
-    const float* lut;
-    const float* hat;
-    const float* slope;
-    std::uint8_t* rgbe;
-};
-
-template <class T, bool Coherence>
-inline void calcPixel(const CalcJob& job, std::size_t at, int mid, int last, int x, int y, MergeStats& st,
-                      const RgbeRow& row) noexcept {
-    const int n = job.nPhotos;
-    const float* lut = job.lut;
-    const bool trace = traceFiles != 0 && sizeof(T) == 2 && motionTracePixel(x, y, job.width, job.height);
-    float sumW = 0.0f, sumR = 0.0f, sumG = 0.0f, sumB = 0.0f, sumErr = 0.0f;
-    int nSat = 0, prev = 0;
-    for (int j = 0; j < n; ++j) {
-        const CalcVisit& f = job.visits[j];
-        const T* p = static_cast<const T*>(f.samples) + at;
-        const T a = p[0], b = p[mid], c = p[last];
-        const int ival = levelOf(highByte(a), highByte(b), highByte(c));
-        if (ival > f.saturation) {
-            ++nSat;
-        } else if (ival < kMotionDarkLevel) {
-            sumW = 0.0f;
-            sumR = 0.0f;
-            sumG = 0.0f;
-            sumB = 0.0f;
-        }
-        if constexpr (Coherence) {
-            if (j > 0) {
-                const int m = (ival + prev) >> 1;
-                const float e = job.slope[m < 1 ? 1 : m] - static_cast<float>(ival - prev) / f.dEV;
-                sumErr += e * e * job.hat[m];
-            }
-            prev = ival;
-        }
-        const float w = f.weight[ival];
-        sumW += w;
-        const float wT = w * f.invT;
-        sumR += wT * lut[a];
-        sumG += wT * lut[b];
-        sumB += wT * lut[c];
-        if constexpr (traceFiles != 0)
-            if (trace)
-                std::fprintf(stdout, "%d,%d deltaT[%d]=%1.4f   pix=%d wpix=%1.3f\n", x, y, f.frame, f.invT, ival,
-                             w);
-    }
-    float R = 0.0f, G = 0.0f, B = 0.0f;
-    if (nSat == n) {
-        sumW = 1.0f;
-        sumR = sumG = sumB = 1e9f;
-    }
-    if (nSat == n || sumW > 0.0f) {
-        if (Coherence && sumErr / static_cast<float>(n) > job.threshold) {
-            // Inconsistent: the plain mean of all frames, in frame order.
-            sumW = static_cast<float>(n);
-            sumR = sumG = sumB = 0.0f;
-            for (int k = 0; k < n; ++k) {
-                const T* p = reinterpret_cast<const T*>(job.photos + static_cast<std::size_t>(k) * job.frameBytes) + at;
-                sumR += job.invT[k] * lut[p[0]];
-                sumG += job.invT[k] * lut[p[mid]];
-                sumB += job.invT[k] * lut[p[last]];
-            }
-        }
-        R = sumR / sumW;
-        G = sumG / sumW;
-        B = sumB / sumW;
-    }
-    if constexpr (traceFiles != 0)
-        if (trace)
-            std::fprintf(stdout, "---- sumW=%1.3f  sumG=%1.3f    Ergb: %1.3f %1.3f %1.3f   \n", sumW, sumG, R, G,
-                         B);
-    finishMotionPixel(R, G, B, job.firstIsBlue, st, row, x);
-}
 
 template <class T, bool Coherence>
 void calcRows(const CalcJob& job, MergeStats& stats) noexcept {
@@ -229,8 +138,10 @@ int calc_hdr(int mode, int nPhotos, int width, int height, int spp, int bps, int
     const CalcJob job{nPhotos,     width,      height,     spp,   mode == 0, threshold,
                       visits.get(), static_cast<const std::uint8_t*>(photos), frameBytes, deltaT,
                       lut,         hat,        slope,      rgbe};
-    // Any depth but 8 and 16 writes no pixel.
-    if (bps == 8) {
+    // Any depth but 8 and 16 writes no pixel. The diagnostic lines are
+    // printed from the plain kernel only.
+    if ((bps == 8 || bps == 16) && traceFiles == 0 && calcRowsAvx2(job, bps, coherence != 0, st)) {
+    } else if (bps == 8) {
         if (coherence != 0)
             calcRows<std::uint8_t, true>(job, st);
         else
