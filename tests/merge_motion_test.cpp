@@ -296,6 +296,23 @@ TEST(MotionMerge, BlackSaturatedAndOneFrame) {
     }
 }
 
+TEST(MotionMerge, SaturationRiseAndDarkPins) {
+    // Shortest frame first: 10 then 255 (a rise of 62720 levels is kept, with
+    // a small hat weight) then 255 (stop); burnt in the shortest; black in
+    // the longest; then ordinary pixels through the plain code at the end.
+    Stack s = scene(3, 9, 1, 3, 8, {1, 2, 4}, 11);
+    const int levels[3][3] = {{10, 255, 255}, {255, 255, 255}, {100, 150, 3}};
+    for (int p = 0; p < 3; ++p)
+        for (int k = 0; k < 3; ++k)
+            for (int c = 0; c < 3; ++c) s.set(k, p * 3 + c, levels[p][k]);
+    for (int variant : {-1, 1, 2}) {
+        const Args a{0, variant, 1, 0, 0, 1};
+        EXPECT_TRUE(run(s, a, {1, 2, 4}) == reference(s, a, {1, 2, 4})) << variant;
+    }
+    const Out o = run(s, {2, 1, 0, 0, 0, 1}, {1, 2, 4});
+    EXPECT_LT(o.rgbe[3 * 9], o.rgbe[3 * 9 + 1]);  // the kept rise is below the maximum
+}
+
 TEST(MotionMerge, NothingToDoAndFailedAllocations) {
     Stack s = scene(3, 6, 4, 3, 8, {1, 2, 4}, 9);
     for (int variant : {-1, 2}) {
