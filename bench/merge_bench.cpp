@@ -1,7 +1,10 @@
-// Timing of ol_hdr_merge on synthetic bracketed stacks: 3 and 5 frames,
-// 8 and 16 bits, three samples a pixel, frames two stops apart.
+// Timing of the merges on synthetic bracketed stacks: 3 and 5 frames, 8 and
+// 16 bits, three samples a pixel, frames two stops apart. ol_hdr_merge, then
+// calc_hdr (consistency test on) and hdr_unghost (per-channel spread) on the
+// same frames.
 //
 //   merge_bench [--width W] [--height H] [--reps N] [--frames 3,5] [--bps 8,16]
+//               [--merges hdr,calc,calc0,unghost,unghost2]
 //
 // Prints the median over N runs of the whole call, in ms, ns per pixel and
 // ns per pixel and frame, from the wall clock and from the thread's CPU time
@@ -74,6 +77,7 @@ std::vector<std::uint8_t> makeStack(int n, int width, int height, int bps, const
 int main(int argc, char** argv) {
     int width = 3000, height = 2000, reps = 7;
     std::vector<int> frames = {3, 5}, depths = {8, 16};
+    std::string merges = "hdr,calc,unghost";
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
         if (a == "--width") width = std::atoi(argv[i + 1]);
@@ -81,11 +85,25 @@ int main(int argc, char** argv) {
         else if (a == "--reps") reps = std::atoi(argv[i + 1]);
         else if (a == "--frames") frames = parseList(argv[i + 1]);
         else if (a == "--bps") depths = parseList(argv[i + 1]);
+        else if (a == "--merges") merges = argv[i + 1];
     }
-    std::printf("ol_hdr_merge %dx%d, spp 3, median of %d runs, 1 thread\n", width, height, reps);
-    std::printf("%-7s %-4s %10s %12s %18s %10s %18s\n", "frames", "bps", "wall ms", "ns/pixel",
+    std::printf("merges %dx%d, spp 3, median of %d runs, 1 thread\n", width, height, reps);
+    std::printf("%-12s %-7s %-4s %10s %12s %18s %10s %18s\n", "merge", "frames", "bps", "wall ms", "ns/pixel",
                 "ns/pixel/frame", "cpu ms", "cpu ns/pixel/frame");
     const double pixels = static_cast<double>(width) * height;
+    // Each merge by name: calc0 is calc_hdr with the consistency test off,
+    // unghost2 hdr_unghost on the spread of luminance.
+    std::vector<std::string> names;
+    for (std::size_t at = 0; at <= merges.size();) {
+        const std::size_t end = std::min(merges.find(',', at), merges.size());
+        names.push_back(merges.substr(at, end - at));
+        at = end + 1;
+    }
+    auto cpuNow = [] {
+        timespec ts;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+        return ts.tv_sec * 1e3 + ts.tv_nsec * 1e-6;
+    };
     for (int bps : depths)
         for (int n : frames) {
             std::vector<float> dt(n);
@@ -94,32 +112,38 @@ int main(int argc, char** argv) {
             std::vector<float> lut(static_cast<std::size_t>(1) << bps);
             std::vector<std::uint8_t> rgbe(4 * static_cast<std::size_t>(width) * height);
             float stats[3];
-            std::vector<double> ms, cpu;
-            auto cpuNow = [] {
-                timespec ts;
-                clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-                return ts.tv_sec * 1e3 + ts.tv_nsec * 1e-6;
-            };
-            for (int r = 0; r < reps; ++r) {
-                std::vector<float> d = dt;
-                const double c0 = cpuNow();
-                const auto t0 = std::chrono::steady_clock::now();
-                const int rc = ol_hdr_merge(0, n, width, height, 3, bps, 0, lut.data(), -1.0f, d.data(),
-                                            stack.data(), stats, rgbe.data());
-                const auto t1 = std::chrono::steady_clock::now();
-                cpu.push_back(cpuNow() - c0);
-                if (rc != height) {
-                    std::fprintf(stderr, "merge failed: %d\n", rc);
-                    return 1;
+            for (const std::string& name : names) {
+                std::vector<double> ms, cpu;
+                for (int r = 0; r < reps; ++r) {
+                    std::vector<float> d = dt;
+                    rgbe[0] = name == "calc0" ? 0 : 1;  // calc_hdr's consistency switch
+                    const double c0 = cpuNow();
+                    const auto t0 = std::chrono::steady_clock::now();
+                    int rc;
+                    if (name == "calc" || name == "calc0")
+                        rc = calc_hdr(1, n, width, height, 3, bps, 0, lut.data(), 0.5f, d.data(), stack.data(),
+                                      stats, rgbe.data());
+                    else if (name == "unghost" || name == "unghost2")
+                        rc = hdr_unghost(1, name == "unghost" ? 1 : 2, n, width, height, 3, bps, 0, lut.data(),
+                                         0.5f, d.data(), stack.data(), stats, rgbe.data());
+                    else
+                        rc = ol_hdr_merge(0, n, width, height, 3, bps, 0, lut.data(), -1.0f, d.data(),
+                                          stack.data(), stats, rgbe.data());
+                    const auto t1 = std::chrono::steady_clock::now();
+                    cpu.push_back(cpuNow() - c0);
+                    if (rc != height) {
+                        std::fprintf(stderr, "%s failed: %d\n", name.c_str(), rc);
+                        return 1;
+                    }
+                    ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
                 }
-                ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+                std::sort(ms.begin(), ms.end());
+                std::sort(cpu.begin(), cpu.end());
+                const double med = ms[ms.size() / 2], medCpu = cpu[cpu.size() / 2];
+                std::printf("%-12s %-7d %-4d %10.1f %12.2f %18.2f %10.1f %18.2f\n", name.c_str(), n, bps, med,
+                            med * 1e6 / pixels, med * 1e6 / (pixels * n), medCpu, medCpu * 1e6 / (pixels * n));
+                std::fflush(stdout);
             }
-            std::sort(ms.begin(), ms.end());
-            std::sort(cpu.begin(), cpu.end());
-            const double med = ms[ms.size() / 2], medCpu = cpu[cpu.size() / 2];
-            std::printf("%-7d %-4d %10.1f %12.2f %18.2f %10.1f %18.2f\n", n, bps, med, med * 1e6 / pixels,
-                        med * 1e6 / (pixels * n), medCpu, medCpu * 1e6 / (pixels * n));
-            std::fflush(stdout);
         }
     return 0;
 }

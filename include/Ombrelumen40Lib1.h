@@ -156,6 +156,21 @@ OL_API int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, i
                         int gammaGiven, float* lut, float evStep, float* deltaT,
                         const void* photos, float* stats, unsigned char* rgbe);
 
+/* Merges with exposures scaled so that the median becomes 2*midValue; deltaT
+ * comes back holding the reciprocals of the scaled exposures. mode 0: first
+ * sample blue. lut: 256 floats, 65536 for bps 16. calc_hdr reads its
+ * consistency switch from rgbe[0] before writing (0 off, 2 threshold 0.8,
+ * other 1.0); mode 2 skips the marker pass. hdr_unghost: variant 2 measures
+ * the spread of luminance, any other value per channel. Both read samples 0,
+ * 1 and 2 of a pixel: spp 2 (like a size or frame count below 1) returns 0
+ * with nothing touched. */
+OL_API int calc_hdr(int mode, int nPhotos, int width, int height, int spp, int bps, int curveMode,
+                    float* lut, float midValue, float* deltaT, const void* photos, float* stats,
+                    unsigned char* rgbe);
+OL_API int hdr_unghost(int mode, int variant, int nPhotos, int width, int height, int spp, int bps,
+                       int curveMode, float* lut, float midValue, float* deltaT, const void* photos,
+                       float* stats, unsigned char* rgbe);
+
 /* Previews: three bytes a pixel, blue, green, red. */
 OL_API int rgbe_rep(int width, int height, int dstStride, float mean,
                     const unsigned char* rgbe, unsigned char* dst);

@@ -48,18 +48,29 @@ constexpr float kTakenValue = -1e8f;
 
 }  // namespace
 
-float guessEvFactor(long level) noexcept {
-    if (level < 0 || level > kKnotLevel[8]) return 0.0f;
-    if (level == kKnotLevel[8]) return kKnotFactor[8];
+float knotValue(const int* levels, const float* values, int knots, long level) noexcept {
+    if (level < 0 || level > levels[knots - 1]) return 0.0f;
+    if (level == levels[knots - 1]) return values[knots - 1];
     int j = 0;
-    while (level >= kKnotLevel[j + 1]) ++j;
+    while (level >= levels[j + 1]) ++j;
     // Same float arithmetic as the table expansion: slope and intercept of
     // the segment, then i*a + b.
-    const float a = (kKnotFactor[j + 1] - kKnotFactor[j]) /
-                    static_cast<float>(kKnotLevel[j + 1] - kKnotLevel[j]);
-    const float b = kKnotFactor[j] - static_cast<float>(kKnotLevel[j]) * a;
+    const float a = (values[j + 1] - values[j]) / static_cast<float>(levels[j + 1] - levels[j]);
+    const float b = values[j] - static_cast<float>(levels[j]) * a;
     return static_cast<float>(level) * a + b;
 }
+
+void fillKnotTable(const int* levels, const float* values, int knots, float* table) noexcept {
+    for (int i = 0; i < 65536; ++i) table[i] = 0.0f;
+    for (int j = 0; j + 1 < knots; ++j) {
+        const float a = (values[j + 1] - values[j]) / static_cast<float>(levels[j + 1] - levels[j]);
+        const float b = values[j] - static_cast<float>(levels[j]) * a;
+        for (int i = levels[j]; i < levels[j + 1]; ++i) table[i] = static_cast<float>(i) * a + b;
+    }
+    table[levels[knots - 1]] = values[knots - 1];
+}
+
+float guessEvFactor(long level) noexcept { return knotValue(kKnotLevel, kKnotFactor, 9, level); }
 
 void repairDuplicateRanks(int n, int* list, int* seen) noexcept {
     int repeats = 0;

@@ -11,6 +11,15 @@ namespace ol {
 // Levels outside the table (above 65280 or negative) give 0.
 float guessEvFactor(long level) noexcept;
 
+// Linear interpolation between knots (ascending levels on the 16-bit scale,
+// the last at most 65535), as the exposure tables are expanded: for i in
+// [l(j), l(j+1)) the value is i*a + b with a = (v(j+1)-v(j)) / (l(j+1)-l(j))
+// and b = v(j) - l(j)*a, in float; the last knot holds its own value and
+// levels outside the knots give 0. knotValue gives one entry, fillKnotTable
+// all 65536.
+float knotValue(const int* levels, const float* values, int knots, long level) noexcept;
+void fillKnotTable(const int* levels, const float* values, int knots, float* table) noexcept;
+
 // Scratch needed by the cores below, in ints/floats per frame.
 inline constexpr std::size_t kGuessEvScratchPerFrame = 3;        // rang, work copy, E
 inline constexpr std::size_t kClassementScratchPerFrame = 3;     // work copy, list, repair

@@ -18,48 +18,14 @@
 #include "merge/exposure.hpp"
 #include "merge/merge_encode.hpp"
 #include "merge/merge_kernel.hpp"
+#include "merge/merge_tables.hpp"
 
 namespace ol {
 namespace {
 
-constexpr int kLevels = 65536;
+constexpr int kLevels = kMergeLevels;
 constexpr int kDarkLevel = 2560;      // 10 on the 8-bit scale
 constexpr int kLastDarkLevel = 1280;  // 5 on the 8-bit scale, for the longest exposure
-
-// Replaces the markers left by pass 1: burnt-out pixels become neutral grey
-// at the largest luminance, dead-dark ones neutral grey at the smallest. The
-// grey is encoded without the zero guard, so a value of 0 gives a NaN scale:
-// mantissas 0 and exponent byte 128.
-void replaceMarkers(int width, int height, float minLum, float maxLum, std::uint8_t* rgbe) noexcept {
-    const RgbePixel bright = encodeRgbe(maxLum, maxLum, maxLum, RgbeForm::Clamped, ZeroGuard::Off);
-    const RgbePixel dark = encodeRgbe(minLum, minLum, minLum, RgbeForm::Clamped, ZeroGuard::Off);
-    for (int y = 0; y < height; ++y) {
-        const RgbeRow row = rgbeRow(rgbe, width, y);
-        for (int x = 0; x < width; ++x) {
-            const std::uint8_t e = row.e[x];
-            if (e == 255)
-                storeRgbe(row, x, bright);
-            else if (e == 0)
-                storeRgbe(row, x, dark);
-        }
-    }
-}
-
-// One weight table: 4 below mid-level and beta above it as the curvature of
-// v = 1 - a*(t-0.5)^2, squared; 0 above the saturation level.
-void fillWeightTable(int saturation, float beta, float* w) noexcept {
-    for (int i = 0; i < kLevels; ++i) {
-        if (i > saturation) {
-            w[i] = 0.0f;
-            continue;
-        }
-        const float a = i <= 32768 ? 4.0f : beta;
-        const float t = static_cast<float>(i) * (1.0f / 65536.0f);
-        const float d = t - 0.5f;
-        const float v = 1.0f - a * (d * d);
-        w[i] = v * v;
-    }
-}
 
 }  // namespace
 }  // namespace ol
@@ -84,10 +50,7 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
                      nPhotos, width, height, spp, bps, inputMax, max);
 
     const float gamma = gammaGiven == 1 ? lut[0] : 2.2f;
-    for (int i = 1; i <= inputMax; ++i)
-        lut[i] = static_cast<float>(
-            std::pow(static_cast<double>(static_cast<float>(i) / max), static_cast<double>(gamma)));
-    lut[0] = lut[1];
+    fillGammaLut(lut, inputMax + 1, max, gamma);
 
     // Small per-frame arrays in one block: ordre, saturation, noise, invT,
     // the zero means for guess_ev, and the scratch of the two rankings.
@@ -146,9 +109,7 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
     if (!weight) return -4;
     for (int k = 0; k < nPhotos; ++k) {
         const int sat = saturationLevel[k];
-        const float q = static_cast<float>(sat) / 65535.0f;
-        const float d = static_cast<float>(0.5 - static_cast<double>(q));
-        const float beta = static_cast<float>(1.0 / static_cast<double>(d * d));
+        const float beta = weightBeta(sat);
         if constexpr (traceMerge != 0)
             std::fprintf(stdout, "photo%d   saturationLevel: %d     beta:  %1.2f\n", k, sat, beta);
         // Frames with the same level share the same table.
@@ -195,7 +156,7 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
     stats[2] = 256.0f * mean;
     if (mode == 2) return height;
 
-    replaceMarkers(width, height, st.minLum, st.maxLum, rgbe);
+    replaceMarkers(width, height, st.minLum, st.maxLum, RgbeForm::Clamped, rgbe);
     return height;
 }
 

@@ -9,96 +9,14 @@
 #include "merge/merge_kernel.hpp"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-#include <immintrin.h>
-
 #include <cstring>
 
-#define OL_TARGET_AVX2 __attribute__((target("avx2")))
+#include "merge/lanes_avx2.hpp"
 
 namespace ol {
 namespace {
 
-struct Lanes {
-    __m256i a, b, c;  // whole samples at the first, middle and last positions
-};
-
-// Generic loads: any spp, 8 or 16 bits.
-template <class T>
-OL_TARGET_AVX2 inline Lanes loadGeneric(const T* p, int stride, int iMiddle, int iLast) noexcept {
-    alignas(32) std::int32_t A[8], B[8], C[8];
-    for (int l = 0; l < 8; ++l) {
-        const T* q = p + static_cast<std::size_t>(l) * stride;
-        A[l] = q[0];
-        B[l] = q[iMiddle];
-        C[l] = q[iLast];
-    }
-    return {_mm256_load_si256(reinterpret_cast<const __m256i*>(A)),
-            _mm256_load_si256(reinterpret_cast<const __m256i*>(B)),
-            _mm256_load_si256(reinterpret_cast<const __m256i*>(C))};
-}
-
-// 8-bit, 3 samples: 24 bytes, split with byte shuffles.
-OL_TARGET_AVX2 inline Lanes load8x3(const std::uint8_t* p) noexcept {
-    const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i hi = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 16));
-    const __m128i aLo = _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i aHi = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 5, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i bLo = _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i bHi = _mm_setr_epi8(-1, -1, -1, -1, -1, 0, 3, 6, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i cLo = _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i cHi = _mm_setr_epi8(-1, -1, -1, -1, -1, 1, 4, 7, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i a = _mm_or_si128(_mm_shuffle_epi8(lo, aLo), _mm_shuffle_epi8(hi, aHi));
-    const __m128i b = _mm_or_si128(_mm_shuffle_epi8(lo, bLo), _mm_shuffle_epi8(hi, bHi));
-    const __m128i c = _mm_or_si128(_mm_shuffle_epi8(lo, cLo), _mm_shuffle_epi8(hi, cHi));
-    return {_mm256_cvtepu8_epi32(a), _mm256_cvtepu8_epi32(b), _mm256_cvtepu8_epi32(c)};
-}
-
-// 8-bit, 4 samples: positions 0, 1 and 3 of each 32-bit pixel.
-OL_TARGET_AVX2 inline Lanes load8x4(const std::uint8_t* p) noexcept {
-    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-    const __m256i byte = _mm256_set1_epi32(0xFF);
-    return {_mm256_and_si256(v, byte), _mm256_and_si256(_mm256_srli_epi32(v, 8), byte),
-            _mm256_srli_epi32(v, 24)};
-}
-
-// 8-bit, 1 sample: the one sample is all three.
-OL_TARGET_AVX2 inline Lanes load8x1(const std::uint8_t* p) noexcept {
-    const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
-    return {v, v, v};
-}
-
-// 16-bit, 3 samples: 48 bytes, words split with shuffles in three 16-byte
-// pieces per 128-bit half.
-OL_TARGET_AVX2 inline Lanes load16x3(const std::uint16_t* p) noexcept {
-    // Pixels 0..3 are words 0..11, pixels 4..7 words 12..23.
-    const __m128i w0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));       // words 0..7
-    const __m128i w1 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 8));   // words 8..11
-    const __m128i w2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 12));  // words 12..19
-    const __m128i w3 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 20));  // words 20..23
-    // Within one group of 4 pixels (words 0..7 in x, words 8..11 in y),
-    // channel k of pixel l is word 3l+k; it goes to word l of the result.
-    const __m128i x0 = _mm_setr_epi8(0, 1, 6, 7, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i y0 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 3, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i x1 = _mm_setr_epi8(2, 3, 8, 9, 14, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i y1 = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 4, 5, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i x2 = _mm_setr_epi8(4, 5, 10, 11, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i y2 = _mm_setr_epi8(-1, -1, -1, -1, 0, 1, 6, 7, -1, -1, -1, -1, -1, -1, -1, -1);
-    auto lanes = [&](__m128i mx, __m128i my) OL_TARGET_AVX2 {
-        const __m128i lo = _mm_or_si128(_mm_shuffle_epi8(w0, mx), _mm_shuffle_epi8(w1, my));
-        const __m128i hi = _mm_or_si128(_mm_shuffle_epi8(w2, mx), _mm_shuffle_epi8(w3, my));
-        return _mm256_cvtepu16_epi32(_mm_unpacklo_epi64(lo, hi));
-    };
-    return {lanes(x0, y0), lanes(x1, y1), lanes(x2, y2)};
-}
-
-template <class T, int Kind>
-OL_TARGET_AVX2 inline Lanes loadLanes(const T* p, int stride, int iMiddle, int iLast) noexcept {
-    if constexpr (sizeof(T) == 1 && Kind == 3) return load8x3(p);
-    else if constexpr (sizeof(T) == 1 && Kind == 4) return load8x4(p);
-    else if constexpr (sizeof(T) == 1 && Kind == 1) return load8x1(p);
-    else if constexpr (sizeof(T) == 2 && Kind == 3) return load16x3(p);
-    else return loadGeneric(p, stride, iMiddle, iLast);
-}
+using namespace lanes;
 
 // Kind: 1, 3 or 4 for a fixed spp with its own loads, 0 for any other.
 template <class T, int Kind>
@@ -168,32 +86,8 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
             B = _mm256_blendv_ps(B, burntValue, allSat);
 
             // Luminance in double, then the statistics lane by lane.
-            auto lumHalf = [&](__m128 r, __m128 g, __m128 b) OL_TARGET_AVX2 {
-                const __m256d l = _mm256_add_pd(
-                    _mm256_add_pd(_mm256_mul_pd(k02, _mm256_cvtps_pd(r)), _mm256_mul_pd(k07, _mm256_cvtps_pd(g))),
-                    _mm256_mul_pd(k01, _mm256_cvtps_pd(b)));
-                return _mm256_cvtpd_ps(l);
-            };
-            const __m256 lum = _mm256_insertf128_ps(
-                _mm256_castps128_ps256(lumHalf(_mm256_castps256_ps128(R), _mm256_castps256_ps128(G),
-                                               _mm256_castps256_ps128(B))),
-                lumHalf(_mm256_extractf128_ps(R, 1), _mm256_extractf128_ps(G, 1), _mm256_extractf128_ps(B, 1)),
-                1);
-            // The smallest positive and the largest counted luminance do not
-            // depend on order; the running sum does, and is added lane by
-            // lane. A lane left out adds +0.0, which leaves the sum as it is
-            // (the sum starts at +0.0 and so is never -0.0).
-            const __m256 counted = _mm256_cmp_ps(lum, burntValue, _CMP_LT_OQ);
-            vmax = _mm256_max_ps(_mm256_blendv_ps(vmax, lum, counted), vmax);
-            vmin = _mm256_min_ps(_mm256_blendv_ps(vmin, lum, _mm256_cmp_ps(lum, zero, _CMP_GT_OQ)), vmin);
-            st.count += __builtin_popcount(static_cast<unsigned>(_mm256_movemask_ps(counted)));
-            const __m256 addends = _mm256_and_ps(lum, counted);
-            alignas(32) double d[8];
-            _mm256_store_pd(d, _mm256_cvtps_pd(_mm256_castps256_ps128(addends)));
-            _mm256_store_pd(d + 4, _mm256_cvtps_pd(_mm256_extractf128_ps(addends, 1)));
-            double sum = st.sum;
-            for (int l = 0; l < 8; ++l) sum += d[l];
-            st.sum = sum;
+            const __m256 lum = lumLanes(R, G, B, k02, k07, k01);
+            addStatLanes(lum, st, vmax, vmin);
 
             // Encoding: m as the plain kernel picks it (a NaN stays where it
             // was first), the scale 2^(8-e) from the exponent bits.
@@ -224,13 +118,7 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
         for (; x < job.width; ++x)
             mergePixel<T>(job, stride, rowStart + static_cast<std::size_t>(x) * stride, x, y, false, st, row);
     }
-    alignas(32) float lanes[8];
-    _mm256_store_ps(lanes, vmax);
-    for (float v : lanes)
-        if (v > st.maxLum) st.maxLum = v;
-    _mm256_store_ps(lanes, vmin);
-    for (float v : lanes)
-        if (v < st.minLum) st.minLum = v;
+    finishStatLanes(st, vmax, vmin);
     stats = st;
 }
 

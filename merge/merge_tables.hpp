@@ -1,0 +1,79 @@
+// Tables and passes shared by the three merges (the plain weighted merge, the
+// consistency-checked merge and the variance-blended merge): the gamma lut,
+// the per-frame weight curve, log2 rounded to float, and the pass that
+// replaces the dark and burnt-out markers.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+
+#include "frame/rgbe.hpp"
+
+namespace ol {
+
+inline constexpr int kMergeLevels = 65536;
+
+// lut[i] = pow(i/size, gamma) * scale for i from 1 to entries-1, with i/size
+// in float and the power and the product in double, stored as float; then
+// lut[0] = lut[1], so that black is not exactly zero.
+inline void fillGammaLut(float* lut, int entries, float size, float gamma, double scale = 1.0) noexcept {
+    for (int i = 1; i < entries; ++i)
+        lut[i] = static_cast<float>(
+            std::pow(static_cast<double>(static_cast<float>(i) / size), static_cast<double>(gamma)) * scale);
+    lut[0] = lut[1];
+}
+
+// The upper curvature of the weight curve for a saturation level:
+// 1 / (0.5 - sat/65535)^2, with the quotient and the square in float and the
+// subtraction and the division in double, rounded to float.
+inline float weightBeta(int saturation) noexcept {
+    const float q = static_cast<float>(saturation) / 65535.0f;
+    const float d = static_cast<float>(0.5 - static_cast<double>(q));
+    return static_cast<float>(1.0 / static_cast<double>(d * d));
+}
+
+// One weight table over the 65536 levels: v = 1 - a*(t-0.5)^2 squared, with
+// t = i/65536, a = 4 up to and including `lowerTop` and `beta` above it; 0
+// above the saturation level. With saturation 65535 and lowerTop 65535 this is
+// the plain hat (1 - 4*(t-0.5)^2)^2.
+inline void fillWeightTable(int saturation, float beta, float* w, int lowerTop = 32768) noexcept {
+    for (int i = 0; i < kMergeLevels; ++i) {
+        if (i > saturation) {
+            w[i] = 0.0f;
+            continue;
+        }
+        const float a = i <= lowerTop ? 4.0f : beta;
+        const float t = static_cast<float>(i) * (1.0f / 65536.0f);
+        const float d = t - 0.5f;
+        const float v = 1.0f - a * (d * d);
+        w[i] = v * v;
+    }
+}
+
+// log2 of an exposure as the merges take it: the natural logarithm divided by
+// that of 2, in double, rounded to float.
+inline float log2AsFloat(float v) noexcept {
+    return static_cast<float>(std::log(static_cast<double>(v)) / std::log(2.0));
+}
+
+// Replaces the markers left by pass 1: burnt-out pixels (exponent byte 255)
+// become neutral grey at the largest luminance, dead-dark ones (exponent byte
+// 0) neutral grey at the smallest. The grey is encoded without the zero
+// guard, so a value of 0 gives a NaN scale: mantissas 0 and exponent byte 128.
+inline void replaceMarkers(int width, int height, float minLum, float maxLum, RgbeForm form,
+                           std::uint8_t* rgbe) noexcept {
+    const RgbePixel bright = encodeRgbe(maxLum, maxLum, maxLum, form, ZeroGuard::Off);
+    const RgbePixel dark = encodeRgbe(minLum, minLum, minLum, form, ZeroGuard::Off);
+    for (int y = 0; y < height; ++y) {
+        const RgbeRow row = rgbeRow(rgbe, width, y);
+        for (int x = 0; x < width; ++x) {
+            const std::uint8_t e = row.e[x];
+            if (e == 255)
+                storeRgbe(row, x, bright);
+            else if (e == 0)
+                storeRgbe(row, x, dark);
+        }
+    }
+}
+
+}  // namespace ol
