@@ -12,14 +12,33 @@
 namespace ol {
 namespace {
 
-// Unsigned division of a stack sum by the count of images: s * m >> 40 with
-// m = floor(2^40 / n) + 1 gives s / n while s * n < 2^40, which holds for
-// every sum here (s <= 65535 n) up to n = 4095; larger stacks divide.
+// Unsigned division of a stack sum by the count of images n, through a
+// multiply where that is exact: with m = floor(2^32 / n) + 1 the product
+// s * m / 2^32 has the integer part s / n while s * n < 2^32 (the error
+// m n - 2^32 is at most n). The multiplier then fits 32 bits, so the loops
+// over a block of sums run as vector multiplies. Larger stacks divide.
 class StackDivider {
 public:
-    explicit StackDivider(std::uint32_t n) noexcept : n_(n), m_(n < 4096 ? (std::uint64_t{1} << 40) / n + 1 : 0) {}
+    StackDivider(std::uint32_t n, std::uint64_t largestSum) noexcept
+        : n_(n), m_(n >= 2 && largestSum * n < (std::uint64_t{1} << 32) ? (std::uint64_t{1} << 32) / n + 1 : 0) {}
     std::uint32_t operator()(std::uint32_t s) const noexcept {
-        return m_ ? static_cast<std::uint32_t>((static_cast<std::uint64_t>(s) * m_) >> 40) : s / n_;
+        if (m_) return static_cast<std::uint32_t>((static_cast<std::uint64_t>(s) * m_) >> 32);
+        return n_ == 1 ? s : s / n_;
+    }
+    // Every sum of a block, in place.
+    void divide(std::uint32_t* s, long count, std::uint32_t scale, std::uint32_t top) const noexcept {
+        if (m_) {
+            const std::uint64_t m = m_;
+            for (long j = 0; j < count; ++j) {
+                const auto q = static_cast<std::uint32_t>((static_cast<std::uint64_t>(s[j] * scale) * m) >> 32);
+                s[j] = q < top ? q : top;
+            }
+        } else {
+            for (long j = 0; j < count; ++j) {
+                const std::uint32_t q = (*this)(s[j] * scale);
+                s[j] = q < top ? q : top;
+            }
+        }
     }
 
 private:
@@ -43,12 +62,8 @@ struct MeanJob {
 // exchanged on `swap`; on a collision, with 2 samples, the middle is stored
 // last) and, for hsauto, the negative of their level.
 template <class Out>
-inline void storeMeans(const MeanJob& job, const ColourPositions& pos, const StackDivider& div, std::uint32_t s1,
-                       std::uint32_t s2, std::uint32_t s3, Out* out, std::size_t pixel) noexcept {
-    std::uint32_t a = div(s1 * job.scale), b = div(s2 * job.scale), c = div(s3 * job.scale);
-    if (a > job.top) a = job.top;
-    if (b > job.top) b = job.top;
-    if (c > job.top) c = job.top;
+inline void storeMeans(const MeanJob& job, const ColourPositions& pos, std::uint32_t a, std::uint32_t b,
+                       std::uint32_t c, Out* out, std::size_t pixel) noexcept {
     out[job.swap ? pos.last : pos.first] = static_cast<Out>(a);
     out[job.swap ? pos.first : pos.last] = static_cast<Out>(c);
     out[pos.middle] = static_cast<Out>(b);
@@ -66,27 +81,32 @@ inline void storeMeans(const MeanJob& job, const ColourPositions& pos, const Sta
 template <class In, class Out>
 void stackMeans(const MeanJob& job, const In* images, Out* dst) noexcept {
     const ColourPositions pos = colourPositions(job.spp);
-    const StackDivider div(static_cast<std::uint32_t>(job.n));
+    const std::uint64_t largest = (sizeof(In) == 1 ? 255u : 65535u) * static_cast<std::uint64_t>(job.n) * job.scale;
+    const StackDivider div(static_cast<std::uint32_t>(job.n), largest);
     const std::size_t frame = sizeOf(job.width) * sizeOf(job.height) * sizeOf(job.spp);
     constexpr long kBlock = 4096;
     std::uint32_t acc[kBlock];
     const long spp = job.spp;
     const long perBlock = spp <= kBlock ? kBlock / spp : 0;
+    // Three samples a pixel in their own order: the means are the row's samples.
+    const bool straight = spp == 3 && !job.swap && !job.plane;
     for (long y = 0; y < job.height; ++y) {
         const std::size_t rowAt = sizeOf(y) * sizeOf(job.width) * sizeOf(spp);
+        const std::size_t pixelAt = sizeOf(y) * sizeOf(job.width);
         Out* out = dst + sizeOf(y) * sizeOf(job.rowStride);
         if (perBlock == 0) {
             // Pixels wider than the block: three sums a pixel.
             for (long x = 0; x < job.width; ++x) {
                 const std::size_t at = rowAt + sizeOf(x) * sizeOf(spp);
-                std::uint32_t s1 = 0, s2 = 0, s3 = 0;
+                std::uint32_t s[3] = {0, 0, 0};
                 for (int k = 0; k < job.n; ++k) {
                     const In* p = images + sizeOf(k) * frame + at;
-                    s1 += p[pos.first];
-                    s2 += p[pos.middle];
-                    s3 += p[pos.last];
+                    s[0] += p[pos.first];
+                    s[1] += p[pos.middle];
+                    s[2] += p[pos.last];
                 }
-                storeMeans(job, pos, div, s1, s2, s3, out + sizeOf(x) * sizeOf(spp), sizeOf(y) * sizeOf(job.width) + sizeOf(x));
+                div.divide(s, 3, job.scale, job.top);
+                storeMeans(job, pos, s[0], s[1], s[2], out + sizeOf(x) * sizeOf(spp), pixelAt + sizeOf(x));
             }
             continue;
         }
@@ -94,15 +114,21 @@ void stackMeans(const MeanJob& job, const In* images, Out* dst) noexcept {
             const long np = job.width - x0 < perBlock ? job.width - x0 : perBlock;
             const long ns = np * spp;
             const std::size_t at = rowAt + sizeOf(x0) * sizeOf(spp);
-            for (long j = 0; j < ns; ++j) acc[j] = 0;
-            for (int k = 0; k < job.n; ++k) {
+            for (long j = 0; j < ns; ++j) acc[j] = images[at + j];
+            for (int k = 1; k < job.n; ++k) {
                 const In* p = images + sizeOf(k) * frame + at;
                 for (long j = 0; j < ns; ++j) acc[j] += p[j];
             }
+            div.divide(acc, ns, job.scale, job.top);
+            Out* o = out + sizeOf(x0) * sizeOf(spp);
+            if (straight) {
+                for (long j = 0; j < ns; ++j) o[j] = static_cast<Out>(acc[j]);
+                continue;
+            }
             for (long x = 0; x < np; ++x) {
                 const std::uint32_t* s = acc + x * spp;
-                storeMeans(job, pos, div, s[pos.first], s[pos.middle], s[pos.last], out + sizeOf(x0 + x) * sizeOf(spp),
-                           sizeOf(y) * sizeOf(job.width) + sizeOf(x0 + x));
+                storeMeans(job, pos, s[pos.first], s[pos.middle], s[pos.last], o + sizeOf(x) * sizeOf(spp),
+                           pixelAt + sizeOf(x0 + x));
             }
         }
     }
