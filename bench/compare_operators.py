@@ -14,7 +14,9 @@
 - moyenne of a 3-frame stack against numpy.mean over the stack axis.
 
 The library runs on one thread; OpenCV is timed with its default threads and
-with one. Medians of --reps runs of the wall clock; ratio = other / ours.
+with one. Medians of --reps runs: the wall clock, and the calling thread's CPU
+time for the one-thread runs (steadier on a loaded machine); ratio = other /
+ours.
 """
 import argparse
 import ctypes
@@ -30,13 +32,15 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 def median_ms(fn, reps):
+    """Medians of the wall clock and of the calling thread's CPU time, in ms."""
     fn()
-    times = []
+    wall, cpu = [], []
     for _ in range(reps):
-        t0 = time.perf_counter()
+        t0, c0 = time.perf_counter(), time.thread_time()
         fn()
-        times.append((time.perf_counter() - t0) * 1e3)
-    return statistics.median(times)
+        cpu.append((time.thread_time() - c0) * 1e3)
+        wall.append((time.perf_counter() - t0) * 1e3)
+    return statistics.median(wall), statistics.median(cpu)
 
 
 def ptr(a):
@@ -110,7 +114,7 @@ def main():
     ours = lambda: lib.remap_ldr(1, 8, w, h, w * 3, 2 * w * 3, 3, ptr(img), ptr(pano))
     cvr = lambda: cv2.remap(img, mx, my, cv2.INTER_LINEAR, borderMode=cv2.BORDER_REPLICATE)
     compare("remap_ldr mode 1 vs cv2.remap", ours, cvr, cvr)
-    t_map = median_ms(lambda: ball_map(w, h), max(1, args.reps // 3))
+    t_map = median_ms(lambda: ball_map(w, h), max(1, args.reps // 3))[0]
     diff = np.abs(pano.astype(int) - cvr().astype(int))
     print(f"remap bytes: median difference {np.median(diff)}, {np.mean(diff > 1) * 100:.1f} % differ by more than 1"
           f" (clamped cells and truncation); the map in numpy takes {t_map:.0f} ms")
@@ -124,11 +128,11 @@ def main():
     ours()
     assert np.array_equal(mean, (stack.astype(np.uint32).sum(axis=0) // 3).astype(np.uint8))
 
-    print(f"{'operation':34s} {'ours ms':>9s} {'other ms':>9s} {'1 thread':>9s} {'ratio':>7s} {'ratio 1t':>8s}")
-    for what, t_ours, t_def, t_one in rows:
-        one = f"{t_one:9.1f}" if t_one is not None else f"{'':9s}"
-        r1 = f"{t_one / t_ours:7.2f}x" if t_one is not None else ""
-        print(f"{what:34s} {t_ours:9.1f} {t_def:9.1f} {one} {t_def / t_ours:6.2f}x {r1}")
+    print("wall clock: ours, other with its default threads; CPU: ours, other on one thread (ms)")
+    print(f"{'operation':32s} {'ours':>8s} {'other':>8s} {'ratio':>7s} | {'ours CPU':>8s} {'1t CPU':>8s} {'ratio':>7s}")
+    for what, (w_ours, c_ours), (w_def, c_def), one in rows:
+        w_one, c_one = one if one is not None else (w_def, c_def)
+        print(f"{what:32s} {w_ours:8.1f} {w_def:8.1f} {w_def / w_ours:6.2f}x | {c_ours:8.1f} {c_one:8.1f} {c_one / c_ours:6.2f}x")
 
 
 if __name__ == "__main__":

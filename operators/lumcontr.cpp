@@ -39,31 +39,45 @@ void buildCurve(double c, double S, std::uint32_t top, T* table) noexcept {
     table[top] = static_cast<T>(top);
 }
 
+// Folds the brightness into the table: entry s becomes the curve's entry at
+// s + brightness (clamped to 0..top), so each sample costs one load. In
+// place: upward for a positive shift (each entry reads one not yet
+// rewritten above it), downward for a negative one.
 template <class T>
-void applyCurve(int brightness, int width, int height, long rowStride, int spp, const T* table,
-                T* pixels) noexcept {
-    constexpr std::int64_t top = sizeof(T) == 1 ? 255 : 65535;
+void shiftCurve(int brightness, std::int64_t top, T* table) noexcept {
     const std::int64_t add = sizeof(T) == 1 ? std::int64_t{brightness} : std::int64_t{brightness} * 256;
-    auto curve = [&](T s) {
-        std::int64_t v = static_cast<std::int64_t>(s) + add;
-        v = v < 0 ? 0 : (v > top ? top : v);
-        return table[v];
+    auto from = [&](std::int64_t s) {
+        const std::int64_t v = s + add;
+        return v < 0 ? 0 : (v > top ? top : v);
     };
+    if (add > 0)
+        for (std::int64_t s = 0; s <= top; ++s) table[s] = table[from(s)];
+    else if (add < 0)
+        for (std::int64_t s = top; s >= 0; --s) table[s] = table[from(s)];
+}
+
+template <class T>
+void applyCurve(int width, int height, long rowStride, int spp, const T* table, T* pixels) noexcept {
     // Three samples at every pixel: with spp below 3 the last pixel of the
     // last row reaches past the image's last sample; those samples are left
     // out, as nothing of the caller's lies there.
     const std::size_t extent = sizeOf(height - 1) * sizeOf(rowStride) + sizeOf(width) * sizeOf(spp);
     for (long y = 0; y < height; ++y) {
         const std::size_t rowAt = sizeOf(y) * sizeOf(rowStride);
-        for (long x = 0; x < width; ++x) {
+        T* p = pixels + rowAt;
+        if (spp == 3) {
+            // Every sample of the row's pixels: one run.
+            for (long j = 0; j < 3 * width; ++j) p[j] = table[p[j]];
+            continue;
+        }
+        for (long x = 0; x < width; ++x, p += spp) {
             const std::size_t at = rowAt + sizeOf(x) * sizeOf(spp);
-            T* p = pixels + at;
             if (at + 2 < extent) {
-                p[0] = curve(p[0]);
-                p[1] = curve(p[1]);
-                p[2] = curve(p[2]);
+                p[0] = table[p[0]];
+                p[1] = table[p[1]];
+                p[2] = table[p[2]];
             } else {
-                for (std::size_t c = 0; at + c < extent; ++c) p[c] = curve(p[c]);
+                for (std::size_t c = 0; at + c < extent; ++c) p[c] = table[p[c]];
             }
         }
     }
@@ -81,7 +95,8 @@ extern "C" OL_API int lumcontr(float contrast, int brightness, int bps, int widt
     if (bps == 8) {
         std::uint8_t table[256] = {};
         ol::buildCurve<std::uint8_t>(c, 64.0, 255, table);
-        ol::applyCurve(brightness, width, height, rowStride, spp, table, static_cast<std::uint8_t*>(pixels));
+        ol::shiftCurve<std::uint8_t>(brightness, 255, table);
+        ol::applyCurve(width, height, rowStride, spp, table, static_cast<std::uint8_t*>(pixels));
         return height;
     }
     // The 16-bit table (128 KiB) is working memory; without it the image is
@@ -89,6 +104,7 @@ extern "C" OL_API int lumcontr(float contrast, int brightness, int bps, int widt
     ol::Owned<std::uint16_t> table = ol::makeOwnedZeroed<std::uint16_t>(65536);
     if (!table) return -4;
     ol::buildCurve<std::uint16_t>(c, 16384.0, 65535, table.get());
-    ol::applyCurve(brightness, width, height, rowStride, spp, table.get(), static_cast<std::uint16_t*>(pixels));
+    ol::shiftCurve<std::uint16_t>(brightness, 65535, table.get());
+    ol::applyCurve(width, height, rowStride, spp, table.get(), static_cast<std::uint16_t*>(pixels));
     return height;
 }
