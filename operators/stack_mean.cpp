@@ -212,6 +212,8 @@ OL_API int moyenne(int n, int width, int height, int rowStride, int swap, int sp
     if (bpsIn != 8 && bpsIn != 16) return width;
     if (!ol::rowsFit(width, spp, rowStride) || images == nullptr || dst == nullptr) return 0;
     ol::MeanJob job{n, width, height, rowStride, spp, swap != 0, 1, 255, nullptr, 8};
+    // 8-bit samples to a depth other than 8 or 16 fall through every case,
+    // like any depth that is neither: nothing is written.
     ol::runMeans(job, bpsIn, bpsOut, images, dst);
     return height;
 }
