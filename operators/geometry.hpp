@@ -1,6 +1,6 @@
 // Argument checks shared by the single-image operators.
 //
-// The operators take the host's geometry as given. Where a literal reading
+// The operators take the host's geometry as given. Where a straight reading
 // of a bad geometry would step outside the buffers (a row stride shorter
 // than a row, which the host sized its buffer from, a negative size, fewer
 // samples than the three colour positions that are written), the operator

@@ -243,7 +243,7 @@ TEST(Comp16, FailedWorkBufferAndNothingToDo) {
     EXPECT_EQ(comp16qv(0, 18, 0, 4, 2, 60, 12, 3, src.data(), dst.data()), 0);  // rectangle past the row
 }
 
-// sharpen's rim rules as the table gives them; its centre advances by 3
+// sharpen's rim rules written out by position; its centre advances by 3
 // samples a pixel whatever spp is. sharp16 adds only neighbours inside.
 template <class T>
 std::vector<T> sharpenReading(bool rimRules, float amount, const std::vector<T>& s, int w, int h, int stride, int spp,
@@ -312,7 +312,7 @@ TEST(Sharpen, FlatImagesAtTheRim) {
     EXPECT_EQ(d, std::vector<std::uint8_t>(30, 0));
 }
 
-// The projection of a target pixel onto the ball, as the text gives it.
+// The projection of a target pixel onto the ball, formula by formula.
 struct Cell { long ix, iy; double fx, fy; };
 Cell project(long x, long y, long w, long h, long xmax) {
     const double W = 2.0 * w, th = y * M_PI / (h - 1), ph = (x - W * 0.25) * 2 * M_PI / (W - 1);
