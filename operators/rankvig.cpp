@@ -73,6 +73,8 @@ extern "C" OL_API int rankvig(int n, int width, int height, int rowStride, int s
     ol::Owned<int> mean = ol::makeOwned<int>(sizeOf(n));
     ol::Owned<float> e = ol::makeOwned<float>(sizeOf(n));
     ol::Owned<unsigned char> present = ol::makeOwnedZeroed<unsigned char>(sizeOf(n));
+    // Work arrays of n entries; without them nothing is written, as for an
+    // empty stack.
     if (!mean || !e || !present) return 0;
 
     const long h = height > 0 ? height : 0, w = width > 0 ? width : 0;
