@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <sstream>
 #include <vector>
 
 #include "support/testsupport.hpp"
@@ -227,6 +228,211 @@ TEST(ImageOps, RadianceHistogramAndItsMarks) {
     EXPECT_EQ(getHisto32(w, h, dark.data(), range, none.data()), h);
     EXPECT_EQ(hist32info(range, 32, none.data(), info), 0);
     EXPECT_EQ(info[4], 0.0f);
+}
+
+// Nearest-neighbour walk as defined: output row y from source row rowOf(y)
+// (skipped when negative), pixel x from column trunc(x*colScale); reads past
+// sEnd and writes past the destination's last row skipped; with a matrix a
+// pixel needs its three reads.
+template <class T, class RowOf>
+void refResize(int outW, int outH, long rowStep, int spp, const int* p, float colScale, RowOf rowOf, long ss,
+               long sEnd, const int* k, const T* s, std::uint8_t* d) {
+    const long dEnd = ext(outH, rowStep, long(outW) * spp);
+    auto mix = [](int ka, int kb, int kc, int a, int b, int c) {
+        return std::uint8_t(std::clamp(int(unsigned(ka) * a + unsigned(kb) * b + unsigned(kc) * c) / 10000, 0, 255));
+    };
+    for (int y = 0; y < outH; ++y) {
+        const long r = rowOf(y);
+        for (int x = 0; x < outW && r >= 0; ++x) {
+            const int col = tr(float(x) * colScale);
+            const long i = r * ss + long(col) * spp, o = y * rowStep + long(x) * spp;
+            if (col < 0 || (k && i + p[2] >= sEnd)) continue;
+            std::uint8_t v[3] = {};
+            if (k) v[0] = mix(k[8], k[7], k[6], s[i + p[0]], s[i + p[1]], s[i + p[2]]),
+                   v[1] = mix(k[5], k[4], k[3], s[i + p[0]], s[i + p[1]], s[i + p[2]]),
+                   v[2] = mix(k[2], k[1], k[0], s[i + p[0]], s[i + p[1]], s[i + p[2]]);
+            for (int q = 0; q < 3; ++q)
+                if (i + p[q] < sEnd && o + p[q] < dEnd) d[o + p[q]] = k ? v[q] : hi8<T>(s[i + p[q]]);
+        }
+    }
+}
+
+TEST(ImageOps, ResizingMatchesThePixelWalk) {
+    // bps, spp, source width and height, step, output size, output padding, matrix (0 none, 1 random, 2 identity, 3 first 0)
+    struct Z { int bps, spp, sw, sh; float step; int ow, oh, pad, mat; };
+    const Z cases[] = {{8, 3, 10, 7, 1.0f, 10, 7, 0, 0},  {8, 3, 10, 7, 1.0f, 10, 7, 0, 2},  {8, 4, 10, 7, 0.4f, 25, 17, 3, 1},
+                       {16, 3, 10, 7, 2.5f, 4, 3, 0, 1},  {8, 1, 31, 9, 3.1f, 10, 4, 2, 0},  {16, 4, 9, 5, 1.5f, 7, 5, 0, 0},
+                       {8, 3, 10, 7, 1.5f, 8, 6, 0, 3},   {8, 2, 9, 9, 2.0f, 5, 5, 1, 1},    {8, 3, 10, 7, 1.5f, 9, 6, 0, 0},
+                       {8, 3, 1, 1, 0.25f, 4, 4, 0, 1},   {8, 3, 5000, 2, 1.0f, 4200, 2, 0, 0}};
+    for (const Z& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.bps << " spp " << c.spp << " step " << c.step << " -> " << c.ow << "x" << c.oh);
+        const int sz = c.bps / 8, ss = c.sw * c.spp, os = c.ow * c.spp + c.pad;
+        const Bytes src = rnd(size_t(ss) * c.sh * sz, 20 + c.sw);
+        Bytes got = rnd(size_t(ext(c.oh, os, c.ow * c.spp)), 21), want = got, plain = got;
+        float m[9];
+        for (int i = 0; i < 9; ++i) m[i] = c.mat == 1 ? float(src[i]) / 128.0f - 0.5f : c.mat == 2 ? float(i % 4 == 0) : 0.5f;
+        m[0] = c.mat == 3 || c.mat == 0 ? 0.0f : c.mat == 1 ? 0.7f : m[0];
+        int k[9], p[3];
+        for (int i = 0; i < 9; ++i) k[i] = tr(float(double(m[i]) * 10000.0));
+        fml(c.spp, p);
+        const bool useM = c.mat && c.mat != 3 && c.bps == 8;
+        auto rowOf = [&](int y) { return long(std::min(tr(float(y) * c.step), c.sh - 1)); };
+        if (sz == 1) refResize(c.ow, c.oh, os, c.spp, p, c.step, rowOf, ss, long(ss) * c.sh, useM ? k : nullptr, src.data(), want.data());
+        else refResize(c.ow, c.oh, os, c.spp, p, c.step, rowOf, ss, long(ss) * c.sh, nullptr, as<std::uint16_t>(src), want.data());
+        EXPECT_EQ(zoom_cm(c.step, 0, c.sh, ss, c.ow, c.oh, os, c.spp, c.bps, m, src.data(), got.data()), c.oh);
+        EXPECT_EQ(got, want);
+        EXPECT_EQ(zoom2(c.step, 0, c.sh, ss, c.ow, c.oh, os, c.spp, c.bps, src.data(), plain.data()), c.oh);
+        if (!c.mat || !useM || c.mat == 2) {
+            EXPECT_EQ(plain, got);
+        }  // no matrix, first entry 0, 16 bits, identity
+        if (sz == 2) continue;
+        // retaille to the same output size: scales from the sizes, samples 0, 1, 2.
+        const float sx = float(c.sw) / float(c.ow), sy = float(c.sh) / float(c.oh);
+        const long step = std::max<long>(os, long(c.ow) * c.spp);
+        auto rowR = [&](int y) { const float v = float(y) * sy; return long(v < float(c.sh - 1) ? tr(v) : c.sh - 1); };
+        got = want = rnd(size_t(ext(c.oh, step, c.ow * c.spp)), 22);
+        f012(c.spp, p);
+        refResize(c.ow, c.oh, step, c.spp, p, sx, rowR, ss, long(ss) * c.sh, nullptr, src.data(), want.data());
+        EXPECT_EQ(retaille(c.sw, c.sh, ss, c.ow, c.oh, os, c.spp, src.data(), got.data()), c.oh);
+        EXPECT_EQ(got, want);
+    }
+}
+
+// Sampled copy of a rectangle by buffer kind: output (x, r) from source
+// (x0 + x*pas, y0 + r*pas); kind 1 bits (set only), 8, 16, 168 (16 to 8), 32.
+void refGrid(int kind, int w, long stride, int spp, int x0, int y0, int pas, int cols, int rows, int outW,
+             const std::uint8_t* s, std::uint8_t* d) {
+    int p[3];
+    fml(spp, p);
+    for (int r = 0; r < rows; ++r)
+        for (int x = 0; x < cols; ++x) {
+            const long sx = x0 + long(x) * pas, sy = y0 + long(r) * pas;
+            for (int q = 0; q < (kind == 32 ? 4 : 3); ++q) {
+                const long si = kind == 32 ? sy * 4 * w + q * w + sx : sy * stride + sx * spp + p[q];
+                const long di = kind == 32 ? long(r) * 4 * outW + q * outW + x : long(r) * outW * spp + long(x) * spp + p[q];
+                if (kind == 1) d[di >> 3] |= (s[si >> 3] & (0x80 >> (si & 7))) ? 0x80 >> (di & 7) : 0;
+                else if (kind == 16) std::memcpy(d + 2 * di, s + 2 * si, 2);
+                else d[di] = kind == 168 ? s[2 * si + 1] : s[si];
+            }
+        }
+}
+
+TEST(ImageOps, PreviewsAndCropsOfTheFourBufferKinds) {
+    // bps, to8, size, spp, wanted size, expected step (or code)
+    const int previews[][8] = {{8, 0, 13, 9, 3, 7, 5, 2},    {8, 0, 13, 9, 3, 13, 9, 1},  {8, 0, 13, 9, 3, 8, 5, -5},
+                               {16, 0, 21, 17, 4, 6, 5, 4},  {16, 1, 21, 17, 3, 11, 9, 2}, {1, 0, 21, 17, 1, 6, 5, 4},
+                               {32, 0, 21, 17, 1, 11, 9, 2}, {8, 0, 4, 9, 3, 5, 5, -1},    {8, 0, 21, 9, 1, 6, 3, -1},
+                               {8, 0, 40, 5, 1, 20, 5, -5}};
+    for (const auto& c : previews) {
+        SCOPED_TRACE(testing::Message() << c[0] << " " << c[2] << "x" << c[3] << " -> " << c[5] << "x" << c[6]);
+        const int bps = c[0], w = c[2], h = c[3], spp = c[4], kind = bps == 16 && c[1] ? 168 : bps;
+        const long stride = bps == 32 ? 0 : w * spp + 1, inBytes = bps == 32 ? 4L * w * h : (bps == 1 ? (h * stride + 7) / 8 : h * stride * bps / 8);
+        const Bytes src = rnd(size_t(inBytes), 30);
+        const long outBytes = bps == 32 ? 4L * c[5] * c[6] : (bps == 1 ? (long(c[5]) * c[6] * spp + 7) / 8 : long(c[5]) * c[6] * spp * (kind == 16 ? 2 : 1));
+        Bytes got = rnd(size_t(std::max(outBytes, 1L)), 31), want = got;
+        EXPECT_EQ(extract_basepreview(bps, w, h, spp, int(stride), c[5], c[6], c[1], src.data(), nullptr, got.data()), c[7] > 0 ? c[6] : c[7]);
+        if (c[7] > 0) refGrid(kind, w, stride, spp, 0, 0, c[7], c[5], c[6], c[5], src.data(), want.data());
+        EXPECT_EQ(got, want);
+    }
+    // photos, bps, spp, crop size, position, expected; source 11x9, one padding sample a row.
+    const int crops[][8] = {{1, 8, 3, 5, 5, 6, 4, 5},  {1, 8, 3, 6, 5, 7, 0, 5},  {1, 16, 4, 5, 6, 0, 3, 6},
+                            {1, 1, 1, 7, 5, 4, 4, 5},  {1, 32, 1, 5, 9, 6, 0, 9},  {3, 8, 3, 5, 5, 1, 2, 5},
+                            {2, 16, 1, 6, 5, 5, 4, 5}, {3, 32, 1, 5, 5, 0, 0, 5},  {1, 8, 3, 5, 5, 11, 0, -2},
+                            {1, 8, 3, 5, 5, -1, 0, -2}, {1, 8, 3, 4, 5, 0, 0, -1}, {1, 8, 3, 5, 5, 0, 9, -2}};
+    for (const auto& c : crops) {
+        SCOPED_TRACE(testing::Message() << c[0] << " photos bps " << c[1] << " at " << c[5] << "," << c[6]);
+        const int n = c[0], bps = c[1], spp = c[2], w = 11, h = 9, ow = c[3], oh = c[4];
+        const long stride = bps == 32 ? 0 : w * spp + 1, frame = bps == 32 ? 4L * w * h : h * stride;
+        const Bytes src = rnd(size_t(bps == 1 ? (frame + 7) / 8 : frame * n * std::max(bps / 8, 1)), 32);
+        const long outFrame = bps == 32 ? 4L * ow * oh : long(ow) * oh * spp;
+        Bytes got = rnd(size_t(bps == 1 ? (outFrame + 7) / 8 : outFrame * n * std::max(bps / 8, 1)), 33), want = got;
+        EXPECT_EQ(extract_crop(n, w, h, spp, int(stride), bps, ow, oh, c[5], c[6], src.data(), got.data()), c[7]);
+        for (int f = 0; f < n && c[7] > 0 && !(n > 1 && bps == 32); ++f)
+            refGrid(bps, w, stride, spp, c[5], c[6], 1, std::min(ow, w - c[5]), std::min(oh, h - c[6]), ow,
+                    src.data() + f * frame * (bps / 8), want.data() + f * outFrame * (bps / 8));
+        EXPECT_EQ(got, want);
+    }
+}
+
+TEST(ImageOps, MalformedCallsWriteNothing) {
+    const Bytes src = rnd(64 * 4, 40);
+    std::vector<int32_t> h(512, 7);
+    const float nan = std::nanf(""), range[2] = {1, 2};
+    float info[10] = {};
+    Bytes dst(64 * 4, 0x5c);
+    const Bytes untouched = dst;
+    auto d = dst.data();
+    auto s = src.data();
+    const struct { const char* what; int got, want; } cases[] = {
+        {"rot_ldr angle 180", rot_ldr(180, 8, 4, 4, 12, 3, 12, s, d), 0},
+        {"rot_ldr short destination stride", rot_ldr(90, 8, 4, 4, 12, 3, 11, s, d), 0},
+        {"rot_ldr negative source stride", rot_ldr(90, 8, 4, 4, -12, 3, 12, s, d), 0},
+        {"rot_ldr width 0", rot_ldr(90, 8, 0, 4, 12, 3, 12, s, d), 0},
+        {"rot_ldr bps 12", rot_ldr(90, 12, 4, 5, 12, 3, 12, s, d), 5},
+        {"rot_hdr angle 0", rot_hdr(0, 4, 4, s, d), 0},
+        {"ol_rotate angle 45", ol_rotate(45, 4, 4, 3, 8, s, d), 0},
+        {"crop_ldr height 0", crop_ldr(8, 12, 4, 0, 12, 3, 0, 0, s, d), 0},
+        {"crop_ldr bps 12", crop_ldr(12, 12, 4, 3, 12, 3, 0, 0, s, d), 4},
+        {"crop_ldr spp 0", crop_ldr(8, 12, 4, 3, 12, 0, 0, 0, s, d), 0},
+        {"crop_ldr wholly right of the row", crop_ldr(8, 12, 4, 3, 12, 3, 4, 0, s, d), 3},
+        {"crop_hdr wholly right of the picture", crop_hdr(4, 2, 2, 5, 0, s, d), 2},
+        {"zoom_cm bps 12", zoom_cm(1, 0, 4, 12, 4, 4, 12, 3, 12, range, s, d), 3},
+        {"zoom2 bps 12", zoom2(1, 0, 4, 12, 6, 4, 18, 3, 12, s, d), 6},
+        {"zoom2 height 0", zoom2(1, 0, 4, 12, 4, 0, 12, 3, 8, s, d), 0},
+        {"zoom2 NaN step", zoom2(nan, 0, 4, 12, 4, 4, 12, 3, 8, s, d), 0},
+        {"zoom2 negative step", zoom2(-1, 0, 4, 12, 4, 4, 12, 3, 8, s, d), 0},
+        {"zoom2 no source rows", zoom2(1, 0, 0, 12, 4, 4, 12, 3, 8, s, d), 0},
+        {"zoom2 short output stride", zoom2(1, 0, 4, 12, 4, 4, 11, 3, 8, s, d), 0},
+        {"retaille height 0", retaille(4, 4, 12, 4, 0, 12, 3, s, d), 0},
+        {"retaille source width 0", retaille(0, 4, 12, 4, 4, 12, 3, s, d), 0},
+        {"histcolors bps 10", histcolors(4, 4, 12, 3, 10, s, h.data(), h.data(), h.data()), 3},
+        {"histlum bps 10", histlum(4, 4, 12, 3, 10, s, h.data()), 10},
+        {"histlum height 0", histlum(4, 0, 12, 3, 8, s, h.data()), 0},
+        {"getHisto32 height 0", getHisto32(4, 0, s, range, h.data()), 0},
+        {"extract_basepreview height 0", extract_basepreview(8, 8, 0, 3, 24, 5, 5, 0, s, nullptr, d), 0},
+        {"extract_basepreview short stride", extract_basepreview(8, 8, 8, 3, 23, 8, 8, 0, s, nullptr, d), -1},
+        {"extract_crop height 0", extract_crop(1, 8, 8, 3, 24, 8, 5, 0, 0, 0, s, d), 0},
+        {"extract_crop position at width", extract_crop(1, 8, 8, 3, 24, 8, 5, 5, 8, 0, s, d), -2},
+        {"extract_crop bps 12", extract_crop(1, 8, 8, 3, 24, 12, 5, 5, 0, 0, s, d), 5},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.got, c.want) << c.what;
+    EXPECT_EQ(dst, untouched);
+    EXPECT_EQ(h, std::vector<int32_t>(512, 7));
+    (void)info;
+}
+
+// Real pictures: a preview at whole-number steps equals ImageMagick's
+// -sample on the same grid (its offset less a tiny epsilon: at 10 % of a
+// step of 4 or 5 it truncates to the step's first pixel, as ours does), and the colour and luminance counts
+// equal numpy's on the same decoded pixels.
+TEST(ImageOps, RealPhotoAgainstImageMagickAndNumpy) {
+    OL_REQUIRE_TESTDATA();
+    if (!oltest::haveProgram("convert") || !oltest::havePythonModule("numpy")) GTEST_SKIP() << "no convert or numpy";
+    oltest::TempDir tmp;
+    const std::string in = (oltest::testdataDir() / "brackets/samsung_ex2f_campus/SAM_0015.JPG").string();
+    const int w = 1000, h = 750, ow = 250, oh = 150;  // steps 4 and 5
+    ASSERT_EQ(oltest::runCommand("convert '" + in + "' -depth 8 rgb:" + tmp.file("full.raw") + " 2>/dev/null && convert '" + in +
+                                 "' -define sample:offset=10 -sample " + std::to_string(ow) + "x" + std::to_string(oh) +
+                                 "! -depth 8 rgb:" + tmp.file("small.raw") + " 2>/dev/null"), 0);
+    const Bytes full = oltest::readFile(tmp.file("full.raw")), small = oltest::readFile(tmp.file("small.raw"));
+    ASSERT_EQ(full.size(), size_t(w) * h * 3);
+    Bytes ours(small.size());
+    EXPECT_EQ(retaille(w, h, w * 3, ow, oh, ow * 3, 3, full.data(), ours.data()), oh);
+    EXPECT_EQ(ours, small);
+    std::vector<int32_t> c0(256), c1(256), c2(256), lum(256);
+    histcolors(w, h, w * 3, 3, 8, full.data(), c2.data(), c1.data(), c0.data());
+    histlum(w, h, w * 3, 3, 8, full.data(), lum.data());
+    std::string out;
+    ASSERT_EQ(oltest::runCommand(oltest::systemPython() + " -c \"import numpy as n; p=n.fromfile('" + tmp.file("full.raw") +
+                                 "',n.uint8).reshape(-1,3).astype(n.int64); l=(54*p[:,2]+183*p[:,1]+19*p[:,0])>>8; "
+                                 "print(' '.join(' '.join(map(str,n.bincount(c,minlength=256))) for c in (p[:,0],p[:,1],p[:,2],l)))\"",
+                                 &out), 0);
+    std::vector<int32_t> ours4;
+    for (auto* v : {&c0, &c1, &c2, &lum}) ours4.insert(ours4.end(), v->begin(), v->end());
+    std::vector<int32_t> theirs;
+    std::istringstream is(out);
+    for (int v; is >> v;) theirs.push_back(v);
+    EXPECT_EQ(ours4, theirs);
 }
 
 }  // namespace
