@@ -19,6 +19,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace ol::imageops {
 
@@ -72,30 +76,106 @@ void copyPixels(const T* s, std::ptrdiff_t srcStep, T* d, int n, int spp, Positi
     }
 }
 
-// Quarter turn of a width x height image, tile by tile so that the column
-// walk of one side stays in cache. angle 90: destination row x, column j is
-// source row height-1-j, column x; angle 270: destination row width-1-x,
-// column j is source row j, column x. Every destination pixel is written
-// once from one source pixel, so the tile order gives the same bytes as the
-// column-by-column walk. Strides count elements of T.
+// Copies n pixels of one destination row segment: pixel k from s + k*ds to
+// d + k*SPP. With three samples a pixel the copy moves one wider word (4 or 8
+// bytes) whose extra bytes land on the next pixel's first sample, written
+// again right after; the segment's last pixel, and a source pixel that ends
+// its row (`lastColumn`), are copied exactly. With four samples the word
+// is merged under a mask so that the unwritten sample keeps its bytes.
+template <class T, int SPP, int P1, int P2>
+inline void turnSegment(const T* s, std::ptrdiff_t ds, T* d, int n, bool lastColumn, Positions pos) noexcept {
+    if constexpr (SPP == 3 && P1 == 1 && P2 == 2) {
+        using Wide = std::conditional_t<sizeof(T) == 1, std::uint32_t, std::uint64_t>;
+        int k = 0;
+        if (!lastColumn)
+            for (; k < n - 1; ++k, s += ds, d += 3) {
+                Wide v;
+                std::memcpy(&v, s, sizeof v);
+                std::memcpy(d, &v, sizeof v);
+            }
+        for (; k < n; ++k, s += ds, d += 3) copyPixel<T, 3, 1, 2>(s, d, pos);
+    } else if constexpr (SPP == 4) {
+        using Wide = std::conditional_t<sizeof(T) == 1, std::uint32_t, std::uint64_t>;
+        constexpr int bits = 8 * sizeof(T);
+        constexpr Wide one = sizeof(T) == 1 ? Wide(0xFF) : Wide(0xFFFF);
+        // Little-endian words: sample i occupies bits i*bits upward.
+        constexpr Wide mask = one | (one << (P1 * bits)) | (one << (P2 * bits));
+        for (int k = 0; k < n; ++k, s += ds, d += 4) {
+            Wide a, b;
+            std::memcpy(&a, s, sizeof a);
+            std::memcpy(&b, d, sizeof b);
+            b = (b & ~mask) | (a & mask);
+            std::memcpy(d, &b, sizeof b);
+        }
+    } else {
+        static_assert(SPP > 0, "a runtime layout has no segment copy");
+        for (int k = 0; k < n; ++k, s += ds, d += SPP) copyPixel<T, SPP, P1, P2>(s, d, pos);
+    }
+}
+
+#if defined(__SSE2__)
+// Eight source rows of eight bytes (row k at s + k*ds) become eight
+// destination runs of eight bytes (run c at d + c*dd): an 8x8 transpose.
+inline void transpose8x8(const std::uint8_t* s, std::ptrdiff_t ds, std::uint8_t* d, std::ptrdiff_t dd) noexcept {
+    __m128i r[8];
+    for (int k = 0; k < 8; ++k) r[k] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s + k * ds));
+    const __m128i a0 = _mm_unpacklo_epi8(r[0], r[1]), a1 = _mm_unpacklo_epi8(r[2], r[3]);
+    const __m128i a2 = _mm_unpacklo_epi8(r[4], r[5]), a3 = _mm_unpacklo_epi8(r[6], r[7]);
+    const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
+    const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
+    const __m128i c[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
+                          _mm_unpackhi_epi32(b1, b3)};
+    for (int k = 0; k < 4; ++k) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + (2 * k) * dd), c[k]);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + (2 * k + 1) * dd), _mm_unpackhi_epi64(c[k], c[k]));
+    }
+}
+#endif
+
+// Quarter turn of a width x height image. angle 90: destination row x,
+// column j is source row height-1-j, column x; angle 270: destination row
+// width-1-x, column j is source row j, column x. Every destination pixel is
+// written from one source pixel, so walking in tiles (the column walk of one
+// side stays in cache) gives the same bytes as the column-by-column walk.
+// Strides count elements of T.
 template <class T, int SPP, int P1, int P2>
 void quarterTurn(bool clockwise, int width, int height, std::ptrdiff_t srcStride,
                  std::ptrdiff_t dstStride, int spp, Positions pos, const T* src, T* dst) noexcept {
     const std::ptrdiff_t step = SPP > 0 ? SPP : spp;
-    constexpr int tile = sizeof(T) * (SPP > 0 ? SPP : 4) <= 2 ? 64 : 32;
-    for (int x0 = 0; x0 < width; x0 += tile) {
-        const int x1 = std::min(width, x0 + tile);
-        for (int j0 = 0; j0 < height; j0 += tile) {
-            const int j1 = std::min(height, j0 + tile);
-            for (int x = x0; x < x1; ++x) {
-                T* drow = dst + (clockwise ? x : width - 1 - x) * dstStride;
-                const T* s = src + x * step +
-                             (clockwise ? (height - 1 - j0) * srcStride : j0 * srcStride);
-                const std::ptrdiff_t ds = clockwise ? -srcStride : srcStride;
-                T* d = drow + j0 * step;
-                for (int j = j0; j < j1; ++j, s += ds, d += step) copyPixel<T, SPP, P1, P2>(s, d, pos);
-            }
-        }
+    // Source pixel (x, j) of the walk and its destination (x, j).
+    const std::ptrdiff_t ds = clockwise ? -srcStride : srcStride;
+    auto srcAt = [&](int x, int j) { return src + x * step + (clockwise ? height - 1 - j : j) * srcStride; };
+    auto dstAt = [&](int x, int j) { return dst + (clockwise ? x : width - 1 - x) * dstStride + j * step; };
+    int w8 = 0, h8 = 0;
+#if defined(__SSE2__)
+    if constexpr (SPP == 1 && sizeof(T) == 1) {
+        // Whole 8x8 blocks, grouped 64x64 for the cache; the rest below.
+        w8 = width & ~7;
+        h8 = height & ~7;
+        const std::ptrdiff_t dd = clockwise ? dstStride : -dstStride;
+        for (int x0 = 0; x0 < w8; x0 += 64)
+            for (int j0 = 0; j0 < h8; j0 += 64)
+                for (int x = x0; x < std::min(w8, x0 + 64); x += 8)
+                    for (int j = j0; j < std::min(h8, j0 + 64); j += 8)
+                        transpose8x8(srcAt(x, j), ds, dstAt(x, j), dd);
+    }
+#endif
+    if constexpr (SPP == 0) {
+        // Runtime layout: one pixel at a time.
+        for (int x = 0; x < width; ++x)
+            for (int j = 0; j < height; ++j) copyPixel<T, SPP, P1, P2>(srcAt(x, j), dstAt(x, j), pos);
+    } else {
+        constexpr int tile = 32;
+        auto walk = [&](int xa, int xb, int ja, int jb) {
+            for (int x0 = xa; x0 < xb; x0 += tile)
+                for (int j0 = ja; j0 < jb; j0 += tile) {
+                    const int x1 = std::min(xb, x0 + tile), j1 = std::min(jb, j0 + tile);
+                    for (int x = x0; x < x1; ++x)
+                        turnSegment<T, SPP, P1, P2>(srcAt(x, j0), ds, dstAt(x, j0), j1 - j0, x == width - 1, pos);
+                }
+        };
+        walk(0, w8, h8, height);     // rows below the blocks
+        walk(w8, width, 0, height);  // columns right of the blocks
     }
 }
 

@@ -9,6 +9,7 @@
 // sample; every other sample is copied as written.
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "Ombrelumen40Lib1.h"
 #include "frame/numeric.hpp"
@@ -36,14 +37,24 @@ inline std::uint8_t mix(std::int32_t ka, std::int32_t kb, std::int32_t kc, int a
 }
 
 // Copies n pixels of one output row: pixel x from srow + off[x].
+// With three 8-bit samples and no matrix the first `wide` pixels (all but
+// the run's last) move one 4-byte word whose extra byte lands on the next
+// pixel's first sample, written again right after.
 template <class T, int SPP, int P1, int P2, bool MATRIX>
-void copyRun(const T* srow, const std::int64_t* off, std::uint8_t* d, int n, int spp, Positions pos,
+void copyRun(const T* srow, const std::int64_t* off, std::uint8_t* d, int n, int wide, int spp, Positions pos,
              const Matrix* m) noexcept {
     const int step = SPP > 0 ? SPP : spp;
+    int x = 0;
+    if constexpr (SPP == 3 && sizeof(T) == 1 && !MATRIX)
+        for (const int end = std::min(wide, n - 1); x < end; ++x, d += 3) {
+            std::uint32_t v;
+            std::memcpy(&v, srow + off[x], 4);
+            std::memcpy(d, &v, 4);
+        }
     const int q1 = SPP > 0 ? P1 : pos.p1;
     const int q2 = SPP > 0 ? P2 : pos.p2;
     const int q0 = SPP > 0 ? 0 : pos.p0;
-    for (int x = 0; x < n; ++x, d += step) {
+    for (; x < n; ++x, d += step) {
         const T* s = srow + off[x];
         if constexpr (MATRIX) {
             const int a = s[q0], b = s[q1], c = s[q2];
@@ -65,13 +76,13 @@ void copyRun(const T* srow, const std::int64_t* off, std::uint8_t* d, int n, int
 }
 
 template <class T, bool MATRIX>
-void copyRunAny(const T* srow, const std::int64_t* off, std::uint8_t* d, int n, int spp, Positions pos,
+void copyRunAny(const T* srow, const std::int64_t* off, std::uint8_t* d, int n, int wide, int spp, Positions pos,
                 const Matrix* m) noexcept {
-    if (spp == 1 && !MATRIX) copyRun<T, 1, 0, 0, MATRIX>(srow, off, d, n, spp, pos, m);
-    else if (spp == 3 && pos.p1 == 1 && pos.p2 == 2) copyRun<T, 3, 1, 2, MATRIX>(srow, off, d, n, spp, pos, m);
-    else if (spp == 4 && pos.p1 == 1 && pos.p2 == 3) copyRun<T, 4, 1, 3, MATRIX>(srow, off, d, n, spp, pos, m);
-    else if (spp == 4 && pos.p1 == 1 && pos.p2 == 2) copyRun<T, 4, 1, 2, MATRIX>(srow, off, d, n, spp, pos, m);
-    else copyRun<T, 0, 0, 0, MATRIX>(srow, off, d, n, spp, pos, m);
+    if (spp == 1 && !MATRIX) copyRun<T, 1, 0, 0, MATRIX>(srow, off, d, n, wide, spp, pos, m);
+    else if (spp == 3 && pos.p1 == 1 && pos.p2 == 2) copyRun<T, 3, 1, 2, MATRIX>(srow, off, d, n, wide, spp, pos, m);
+    else if (spp == 4 && pos.p1 == 1 && pos.p2 == 3) copyRun<T, 4, 1, 3, MATRIX>(srow, off, d, n, wide, spp, pos, m);
+    else if (spp == 4 && pos.p1 == 1 && pos.p2 == 2) copyRun<T, 4, 1, 2, MATRIX>(srow, off, d, n, wide, spp, pos, m);
+    else copyRun<T, 0, 0, 0, MATRIX>(srow, off, d, n, wide, spp, pos, m);
 }
 
 // One resize: output row y comes from source row rowOf(y) (or none when that
@@ -121,7 +132,10 @@ void resize(const Walk& w, RowOf rowOf, const T* src, std::uint8_t* dst, const M
                 else hi = mid;
             }
             std::uint8_t* d = dst + drow + static_cast<std::int64_t>(c0) * spp;
-            copyRunAny<T, MATRIX>(src + srow, off, d, lo, spp, w.pos, m);
+            // Pixels whose source also has a fourth byte inside the buffer.
+            int wide = lo;
+            while (wide > 0 && off[wide - 1] + 4 > w.srcEnd - srow) --wide;
+            copyRunAny<T, MATRIX>(src + srow, off, d, lo, wide, spp, w.pos, m);
             // The rest sample by sample, each read and write checked.
             // With the matrix a pixel needs all three reads, else it is skipped.
             const int p[3] = {w.pos.p0, w.pos.p1, w.pos.p2};
