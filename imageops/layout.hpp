@@ -67,8 +67,18 @@ void copyPixels(const T* s, std::ptrdiff_t srcStep, T* d, int n, int spp, Positi
                      (spp == 3 && pos.p1 == 1 && pos.p2 == 2);
     if (all && srcStep == spp) {
         std::memcpy(d, s, sizeof(T) * static_cast<std::size_t>(n) * spp);
-    } else if (spp == 3 && pos.p1 == 1 && pos.p2 == 2) {
-        for (int x = 0; x < n; ++x, s += srcStep, d += 3) copyPixel<T, 3, 1, 2>(s, d, pos);
+    } else if (spp == 3 && pos.p1 == 1 && pos.p2 == 2 && srcStep >= 3) {
+        // A wider word for all but the last pixel: its extra bytes come from
+        // inside the next source pixel's span and land on the next
+        // destination pixel, written right after.
+        using Wide = std::conditional_t<sizeof(T) == 1, std::uint32_t, std::uint64_t>;
+        int x = 0;
+        for (; x < n - 1; ++x, s += srcStep, d += 3) {
+            Wide v;
+            std::memcpy(&v, s, sizeof v);
+            std::memcpy(d, &v, sizeof v);
+        }
+        copyPixel<T, 3, 1, 2>(s, d, pos);
     } else if (spp == 1) {
         for (int x = 0; x < n; ++x, s += srcStep) d[x] = s[0];
     } else {
