@@ -124,20 +124,29 @@ inline void turnSegment(const T* s, std::ptrdiff_t ds, T* d, int n, bool lastCol
 }
 
 #if defined(__SSE2__)
-// Eight source rows of eight bytes (row k at s + k*ds) become eight
-// destination runs of eight bytes (run c at d + c*dd): an 8x8 transpose.
-inline void transpose8x8(const std::uint8_t* s, std::ptrdiff_t ds, std::uint8_t* d, std::ptrdiff_t dd) noexcept {
-    __m128i r[8];
-    for (int k = 0; k < 8; ++k) r[k] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s + k * ds));
-    const __m128i a0 = _mm_unpacklo_epi8(r[0], r[1]), a1 = _mm_unpacklo_epi8(r[2], r[3]);
-    const __m128i a2 = _mm_unpacklo_epi8(r[4], r[5]), a3 = _mm_unpacklo_epi8(r[6], r[7]);
-    const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
-    const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
-    const __m128i c[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
-                          _mm_unpackhi_epi32(b1, b3)};
-    for (int k = 0; k < 4; ++k) {
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + (2 * k) * dd), c[k]);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + (2 * k + 1) * dd), _mm_unpackhi_epi64(c[k], c[k]));
+// Sixteen source rows of sixteen bytes (row k at s + k*ds) become sixteen
+// destination runs of sixteen bytes (run c at d + c*dd): a 16x16 transpose
+// in four rounds of interleaving bytes, pairs, quads and halves.
+inline void transpose16x16(const std::uint8_t* s, std::ptrdiff_t ds, std::uint8_t* d, std::ptrdiff_t dd) noexcept {
+    __m128i r[16], a[16], b[16], c[16];
+    for (int k = 0; k < 16; ++k) r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + k * ds));
+    for (int i = 0; i < 8; ++i) {  // a[8h+i]: columns 8h..8h+7 of rows 2i, 2i+1
+        a[i] = _mm_unpacklo_epi8(r[2 * i], r[2 * i + 1]);
+        a[8 + i] = _mm_unpackhi_epi8(r[2 * i], r[2 * i + 1]);
+    }
+    for (int h = 0; h < 2; ++h)
+        for (int i = 0; i < 4; ++i) {  // b[4q+i]: columns 4q..4q+3 of rows 4i..4i+3
+            b[8 * h + i] = _mm_unpacklo_epi16(a[8 * h + 2 * i], a[8 * h + 2 * i + 1]);
+            b[8 * h + 4 + i] = _mm_unpackhi_epi16(a[8 * h + 2 * i], a[8 * h + 2 * i + 1]);
+        }
+    for (int q = 0; q < 4; ++q)
+        for (int i = 0; i < 2; ++i) {  // c[2p+i]: columns 2p, 2p+1 of rows 8i..8i+7
+            c[4 * q + i] = _mm_unpacklo_epi32(b[4 * q + 2 * i], b[4 * q + 2 * i + 1]);
+            c[4 * q + 2 + i] = _mm_unpackhi_epi32(b[4 * q + 2 * i], b[4 * q + 2 * i + 1]);
+        }
+    for (int p = 0; p < 8; ++p) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + (2 * p) * dd), _mm_unpacklo_epi64(c[2 * p], c[2 * p + 1]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + (2 * p + 1) * dd), _mm_unpackhi_epi64(c[2 * p], c[2 * p + 1]));
     }
 }
 #endif
@@ -156,18 +165,18 @@ void quarterTurn(bool clockwise, int width, int height, std::ptrdiff_t srcStride
     const std::ptrdiff_t ds = clockwise ? -srcStride : srcStride;
     auto srcAt = [&](int x, int j) { return src + x * step + (clockwise ? height - 1 - j : j) * srcStride; };
     auto dstAt = [&](int x, int j) { return dst + (clockwise ? x : width - 1 - x) * dstStride + j * step; };
-    int w8 = 0, h8 = 0;
+    int w8 = 0, h8 = 0;  // the part done in SIMD blocks
 #if defined(__SSE2__)
     if constexpr (SPP == 1 && sizeof(T) == 1) {
-        // Whole 8x8 blocks, grouped 64x64 for the cache; the rest below.
-        w8 = width & ~7;
-        h8 = height & ~7;
+        // Whole 16x16 blocks, grouped 64x64 for the cache; the rest below.
+        w8 = width & ~15;
+        h8 = height & ~15;
         const std::ptrdiff_t dd = clockwise ? dstStride : -dstStride;
         for (int x0 = 0; x0 < w8; x0 += 64)
             for (int j0 = 0; j0 < h8; j0 += 64)
-                for (int x = x0; x < std::min(w8, x0 + 64); x += 8)
-                    for (int j = j0; j < std::min(h8, j0 + 64); j += 8)
-                        transpose8x8(srcAt(x, j), ds, dstAt(x, j), dd);
+                for (int x = x0; x < std::min(w8, x0 + 64); x += 16)
+                    for (int j = j0; j < std::min(h8, j0 + 64); j += 16)
+                        transpose16x16(srcAt(x, j), ds, dstAt(x, j), dd);
     }
 #endif
     if constexpr (SPP == 0) {
