@@ -260,7 +260,7 @@ TEST(ImageOps, ResizingMatchesThePixelWalk) {
         const Bytes src = rnd(size_t(ss) * c.sh * sz, 20 + c.sw);
         Bytes got = rnd(size_t(ext(c.oh, os, c.ow * c.spp)), 21), want = got, plain = got;
         float m[9];
-        for (int i = 0; i < 9; ++i) m[i] = c.mat == 1 ? float(src[i]) / 128.0f - 0.5f : c.mat == 2 ? float(i % 4 == 0) : 0.5f;
+        for (int i = 0; i < 9; ++i) m[i] = c.mat == 1 ? float((i * 37 + c.sw) % 256) / 128.0f - 0.5f : c.mat == 2 ? float(i % 4 == 0) : 0.5f;
         m[0] = c.mat == 3 || c.mat == 0 ? 0.0f : c.mat == 1 ? 0.7f : m[0];
         int k[9], p[3];
         for (int i = 0; i < 9; ++i) k[i] = tr(float(double(m[i]) * 10000.0));
