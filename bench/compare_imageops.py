@@ -25,17 +25,29 @@ import numpy as np
 W, H, OW, OH = 6000, 4000, 1920, 1280
 
 
-def median_time(fn, reps):
-    """Medians of the wall time and of the calling thread's CPU time, ms."""
-    wall, cpu = [], []
-    fn()  # warm-up: first touch of the destination
+def round_robin(fns, reps):
+    """Times the functions in turn, rep by rep, so that all of them meet the
+    same load on a shared machine. For each: (median wall, median CPU time
+    of the calling thread, fastest wall), ms."""
+    for fn in fns:
+        fn()  # warm-up: first touch of the destination
+    wall = [[] for _ in fns]
+    cpu = [[] for _ in fns]
     for _ in range(reps):
-        c0 = time.thread_time()
-        t0 = time.perf_counter()
+        for k, fn in enumerate(fns):
+            c0 = time.thread_time()
+            t0 = time.perf_counter()
+            fn()
+            wall[k].append(time.perf_counter() - t0)
+            cpu[k].append(time.thread_time() - c0)
+    return [(statistics.median(w) * 1e3, statistics.median(c) * 1e3, min(w) * 1e3) for w, c in zip(wall, cpu)]
+
+
+def threads(n, fn):
+    def run():
+        cv2.setNumThreads(n)
         fn()
-        wall.append(time.perf_counter() - t0)
-        cpu.append(time.thread_time() - c0)
-    return statistics.median(wall) * 1e3, statistics.median(cpu) * 1e3
+    return run
 
 
 def load(lib_path):
@@ -98,55 +110,51 @@ def main():
     img, img16, planes = pictures()
     rows = []  # (what, ours (wall, cpu), rival name, rival (wall, cpu) or None, same result)
 
-    def cv(fn):
+    def vs(ours_fn, rival_fn, one_thread=True):
+        """Ours, the rival with OpenCV's default threads and with one."""
+        fns = [ours_fn, threads(-1, rival_fn)] + ([threads(1, rival_fn)] if one_thread else [])
+        t = round_robin(fns, a.reps)
         cv2.setNumThreads(-1)
-        dflt = median_time(fn, a.reps)
-        cv2.setNumThreads(1)
-        one = median_time(fn, a.reps)
-        cv2.setNumThreads(-1)
-        return dflt, one
+        return t[0], (t[1], t[2] if one_thread else None)
 
     # Nearest-neighbour resize to 1920 wide: the same grid as cv2's (floor of x*6000/1920).
-    small = np.zeros((OH, OW, 3), np.uint8)
+    small, small2 = np.zeros((OH, OW, 3), np.uint8), np.zeros((OH, OW, 3), np.uint8)
     step = float(np.float32(W) / np.float32(OW))
-    ours_z = median_time(lambda: lib.zoom2(step, 0, H, W * 3, OW, OH, OW * 3, 3, 8, ptr(img), ptr(small)), a.reps)
-    z = small.copy()
-    ours_r = median_time(lambda: lib.retaille(W, H, W * 3, OW, OH, OW * 3, 3, ptr(img), ptr(small)), a.reps)
-    ref = cv2.resize(img, (OW, OH), interpolation=cv2.INTER_NEAREST)
-    rival = cv(lambda: cv2.resize(img, (OW, OH), interpolation=cv2.INTER_NEAREST))
-    rows.append(("resize 6000x4000 -> 1920x1280, zoom2", ours_z, "cv2.resize NEAREST", rival, np.array_equal(z, ref)))
-    rows.append(("resize 6000x4000 -> 1920x1280, retaille", ours_r, "cv2.resize NEAREST", rival, np.array_equal(small, ref)))
+    resize = lambda: cv2.resize(img, (OW, OH), interpolation=cv2.INTER_NEAREST)
+    ours, rival = vs(lambda: lib.zoom2(step, 0, H, W * 3, OW, OH, OW * 3, 3, 8, ptr(img), ptr(small)), resize)
+    rows.append(("zoom2 6000x4000 -> 1920x1280", ours, "cv2.resize NEAREST", rival, np.array_equal(small, resize())))
+    ours, rival = vs(lambda: lib.retaille(W, H, W * 3, OW, OH, OW * 3, 3, ptr(img), ptr(small2)), resize)
+    rows.append(("retaille 6000x4000 -> 1920x1280", ours, "cv2.resize NEAREST", rival, np.array_equal(small2, resize())))
 
     # Quarter turns.
     turned = np.zeros((W, H, 3), np.uint8)
     for angle, code in ((90, cv2.ROTATE_90_CLOCKWISE), (270, cv2.ROTATE_90_COUNTERCLOCKWISE)):
-        ours = median_time(lambda: lib.rot_ldr(angle, 8, W, H, W * 3, 3, H * 3, ptr(img), ptr(turned)), a.reps)
-        rival = cv(lambda: cv2.rotate(img, code))
+        ours, rival = vs(lambda: lib.rot_ldr(angle, 8, W, H, W * 3, 3, H * 3, ptr(img), ptr(turned)),
+                         lambda: cv2.rotate(img, code))
         rows.append((f"rot_ldr {angle}, 8-bit RGB", ours, "cv2.rotate", rival, np.array_equal(turned, cv2.rotate(img, code))))
     turned16 = np.zeros((W, H, 3), np.uint16)
-    ours = median_time(lambda: lib.rot_ldr(90, 16, W, H, W * 3, 3, H * 3, ptr(img16), ptr(turned16)), a.reps)
-    rival = cv(lambda: cv2.rotate(img16, cv2.ROTATE_90_CLOCKWISE))
+    ours, rival = vs(lambda: lib.rot_ldr(90, 16, W, H, W * 3, 3, H * 3, ptr(img16), ptr(turned16)),
+                     lambda: cv2.rotate(img16, cv2.ROTATE_90_CLOCKWISE))
     rows.append(("rot_ldr 90, 16-bit RGB", ours, "cv2.rotate", rival,
                  np.array_equal(turned16, cv2.rotate(img16, cv2.ROTATE_90_CLOCKWISE))))
     # rgbe planes: the same bytes as a 4-channel picture for OpenCV's turn.
     pturn = np.zeros((W, 4, H), np.uint8)
     rgba = np.ascontiguousarray(planes.transpose(0, 2, 1))
-    ours = median_time(lambda: lib.rot_hdr(90, W, H, ptr(planes), ptr(pturn)), a.reps)
-    rival = cv(lambda: cv2.rotate(rgba, cv2.ROTATE_90_CLOCKWISE))
+    ours, rival = vs(lambda: lib.rot_hdr(90, W, H, ptr(planes), ptr(pturn)), lambda: cv2.rotate(rgba, cv2.ROTATE_90_CLOCKWISE))
     rows.append(("rot_hdr 90, rgbe planes", ours, "cv2.rotate (4 x 8-bit)", rival,
                  np.array_equal(pturn.transpose(0, 2, 1), cv2.rotate(rgba, cv2.ROTATE_90_CLOCKWISE))))
 
-    # Crops of the middle quarter.
-    crop = np.zeros((H // 2, W // 2, 3), np.uint8)
-    ours = median_time(lambda: lib.crop_ldr(8, W * 3, W // 2, H // 2, W // 2 * 3, 3, W // 4, H // 4, ptr(img), ptr(crop)), a.reps)
+    # Crops of the middle quarter, beside numpy copying the same slice.
+    crop, crop2 = np.zeros((H // 2, W // 2, 3), np.uint8), np.zeros((H // 2, W // 2, 3), np.uint8)
     view = img[H // 4:H // 4 + H // 2, W // 4:W // 4 + W // 2]
-    rival = median_time(lambda: np.copyto(crop, view), a.reps)
-    rows.append(("crop_ldr 3000x2000 of 8-bit RGB", ours, "numpy copyto", (rival, None), np.array_equal(crop, view)))
-    pcrop = np.zeros((H // 2, 4, W // 2), np.uint8)
-    ours = median_time(lambda: lib.crop_hdr(W, W // 2, H // 2, W // 4, H // 4, ptr(planes), ptr(pcrop)), a.reps)
+    ours, rival = vs(lambda: lib.crop_ldr(8, W * 3, W // 2, H // 2, W // 2 * 3, 3, W // 4, H // 4, ptr(img), ptr(crop)),
+                     lambda: np.copyto(crop2, view), one_thread=False)
+    rows.append(("crop_ldr 3000x2000 of 8-bit RGB", ours, "numpy copyto", rival, np.array_equal(crop, view)))
+    pcrop, pcrop2 = np.zeros((H // 2, 4, W // 2), np.uint8), np.zeros((H // 2, 4, W // 2), np.uint8)
     pview = planes[H // 4:H // 4 + H // 2, :, W // 4:W // 4 + W // 2]
-    rival = median_time(lambda: np.copyto(pcrop, pview), a.reps)
-    rows.append(("crop_hdr 3000x2000 of rgbe planes", ours, "numpy copyto", (rival, None), np.array_equal(pcrop, pview)))
+    ours, rival = vs(lambda: lib.crop_hdr(W, W // 2, H // 2, W // 4, H // 4, ptr(planes), ptr(pcrop)),
+                     lambda: np.copyto(pcrop2, pview), one_thread=False)
+    rows.append(("crop_hdr 3000x2000 of rgbe planes", ours, "numpy copyto", rival, np.array_equal(pcrop, pview)))
 
     # Histograms.
     h = [np.zeros(256, np.int32) for _ in range(3)]
@@ -155,46 +163,47 @@ def main():
         for x in h:
             x[:] = 0
         lib.histcolors(W, H, W * 3, 3, 8, ptr(img), ptr(h[2]), ptr(h[1]), ptr(h[0]))
-    ours = median_time(colours, a.reps)
-    rival = cv(lambda: [cv2.calcHist([img], [c], None, [256], [0, 256]) for c in range(3)])
+    ours, rival = vs(colours, lambda: [cv2.calcHist([img], [c], None, [256], [0, 256]) for c in range(3)])
     same = all(np.array_equal(h[c], cv2.calcHist([img], [c], None, [256], [0, 256]).ravel().astype(np.int32)) for c in range(3))
     rows.append(("histcolors, 3 channels", ours, "cv2.calcHist x3", rival, same))
     lum = np.zeros(256, np.int32)
-    ours = median_time(lambda: lib.histlum(W, H, W * 3, 3, 8, ptr(img), ptr(lum)), a.reps)
-    rival = cv(lambda: cv2.calcHist([img], [1], None, [256], [0, 256]))
-    rows.append(("histlum (luminance of 3 channels)", ours, "cv2.calcHist, 1 channel", rival, None))
-    rival = cv(lambda: cv2.calcHist([cv2.cvtColor(img, cv2.COLOR_BGR2GRAY)], [0], None, [256], [0, 256]))
+    histlum = lambda: lib.histlum(W, H, W * 3, 3, 8, ptr(img), ptr(lum))
+    ours, rival = vs(histlum, lambda: cv2.calcHist([cv2.cvtColor(img, cv2.COLOR_BGR2GRAY)], [0], None, [256], [0, 256]))
     rows.append(("histlum (luminance of 3 channels)", ours, "cv2.cvtColor GRAY + calcHist", rival, None))
+    ours, rival = vs(histlum, lambda: cv2.calcHist([img], [1], None, [256], [0, 256]))
+    rows.append(("histlum (luminance of 3 channels)", ours, "cv2.calcHist, 1 channel", rival, None))
     h16 = np.zeros(512, np.int32)
     rng16 = np.zeros(2, np.float32)
-    ours = median_time(lambda: lib.hist16(W, H, W * 3, 3, ptr(img16), ptr(rng16), ptr(h16)), a.reps)
-    rival = cv(lambda: cv2.calcHist([img16], [1], None, [512], [0, 65536]))
-    rows.append(("hist16 (luminance, 512 bins)", ours, "cv2.calcHist 16-bit, 1 channel", rival, None))
-    rival = cv(lambda: cv2.calcHist([cv2.cvtColor(img16, cv2.COLOR_BGR2GRAY)], [0], None, [512], [0, 65536]))
+    hist16 = lambda: lib.hist16(W, H, W * 3, 3, ptr(img16), ptr(rng16), ptr(h16))
+    ours, rival = vs(hist16, lambda: cv2.calcHist([cv2.cvtColor(img16, cv2.COLOR_BGR2GRAY)], [0], None, [512], [0, 65536]))
     rows.append(("hist16 (luminance, 512 bins)", ours, "cv2.cvtColor GRAY + calcHist", rival, None))
+    ours, rival = vs(hist16, lambda: cv2.calcHist([img16], [1], None, [512], [0, 65536]))
+    rows.append(("hist16 (luminance, 512 bins)", ours, "cv2.calcHist 16-bit, 1 channel", rival, None))
     h32 = np.zeros(512, np.int32)
     r32 = np.array([1.0, 1.0e6], np.float32)
-    ours = median_time(lambda: lib.getHisto32(W, H, ptr(planes), ptr(r32), ptr(h32)), a.reps)
+    ours = round_robin([lambda: lib.getHisto32(W, H, ptr(planes), ptr(r32), ptr(h32))], a.reps)[0]
     rows.append(("getHisto32 (rgbe planes, log axis)", ours, "", None, None))
     prev = np.zeros((H // 4, W // 4, 3), np.uint8)
-    ours = median_time(lambda: lib.extract_basepreview(8, W, H, 3, W * 3, W // 4, H // 4, 0, ptr(img), None, ptr(prev)), a.reps)
-    rows.append(("extract_basepreview 1500x1000", ours, "cv2.resize NEAREST 1500x1000", 
-                 cv(lambda: cv2.resize(img, (W // 4, H // 4), interpolation=cv2.INTER_NEAREST)),
-                 np.array_equal(prev, img[::4, ::4])))
+    ours, rival = vs(lambda: lib.extract_basepreview(8, W, H, 3, W * 3, W // 4, H // 4, 0, ptr(img), None, ptr(prev)),
+                     lambda: cv2.resize(img, (W // 4, H // 4), interpolation=cv2.INTER_NEAREST))
+    rows.append(("extract_basepreview 1500x1000", ours, "cv2.resize NEAREST 1500x1000", rival, np.array_equal(prev, img[::4, ::4])))
 
-    # Ratios: the rival's time over ours, from wall times (fastest rival
-    # setting) and from the calling thread's CPU time (one-thread rival; on a
-    # loaded machine the wall time is mostly waiting for a core).
-    print(f"{'operation':42s} {'ours wall/cpu ms':>18s}   {'rival':32s} {'default thr wall/cpu':>21s} "
-          f"{'1 thread wall/cpu':>18s}  wall-ratio cpu-ratio same")
+    # Ratios: the rival's time over ours (above 1: the library is faster),
+    # from median wall times (fastest rival setting), from the fastest wall
+    # times, and from the calling thread's CPU time (one-thread rival). On a
+    # loaded machine the wall time is mostly waiting for a core.
+    print(f"{'operation':36s} {'ours wall/best/cpu ms':>24s}   {'rival':30s} {'default thr wall/best/cpu':>26s} "
+          f"{'1 thread wall/best/cpu':>24s}   wall  best   cpu same")
+    fmt = lambda t: f"{t[0]:8.2f}/{t[2]:7.2f}/{t[1]:7.2f}"
     for what, ours, name, rival, same in rows:
-        line = f"{what:42s} {ours[0]:8.2f} /{ours[1]:7.2f}   {name:32s}"
+        line = f"{what:36s} {fmt(ours)}   {name:30s}"
         if rival:
             d, one = rival
-            one_s = f"{one[0]:8.2f} /{one[1]:7.2f}" if one else " " * 17
-            fastest = min(d[0], one[0]) if one else d[0]
-            cpu = (one or d)[1]
-            line += f" {d[0]:9.2f} /{d[1]:7.2f}  {one_s}  {fastest / ours[0]:8.2f}x {cpu / ours[1]:8.2f}x"
+            both = [d] + ([one] if one else [])
+            wall = min(t[0] for t in both) / ours[0]
+            best = min(t[2] for t in both) / ours[2]
+            cpu = (one or d)[1] / ours[1]
+            line += f"  {fmt(d)}  {fmt(one) if one else ' ' * 24}  {wall:5.2f} {best:5.2f} {cpu:5.2f}"
         print(line + ("" if same is None else f"  {'yes' if same else 'NO'}"))
 
     if a.no_vips or not shutil.which("vips"):

@@ -189,8 +189,11 @@ void quarterTurn(bool clockwise, int width, int height, std::ptrdiff_t srcStride
             for (int x0 = xa; x0 < xb; x0 += tile)
                 for (int j0 = ja; j0 < jb; j0 += tile) {
                     const int x1 = std::min(xb, x0 + tile), j1 = std::min(jb, j0 + tile);
-                    for (int x = x0; x < x1; ++x)
+                    // Destination rows in rising addresses either way.
+                    for (int i = x0; i < x1; ++i) {
+                        const int x = clockwise ? i : x1 - 1 - (i - x0);
                         turnSegment<T, SPP, P1, P2>(srcAt(x, j0), ds, dstAt(x, j0), j1 - j0, x == width - 1, pos);
+                    }
                 }
         };
         walk(0, w8, h8, height);     // rows below the blocks
