@@ -169,7 +169,7 @@ int rot_hdr(int angle, int width, int height, const unsigned char* src, unsigned
 int ol_rotate(int angle, int width, int height, int spp, int bps, const void* src, void* dst) {
     std::fprintf(stderr, "ol_rotate bsp: %d   -  %d x %d  ->  %d x %d\n", bps, width, height, height, width);
     if (width < 1) return 0;
-    if (!knownAngle(angle) || spp < 1) return 0;
+    if (!knownAngle(angle) || (spp < 1 && bps != 32)) return 0;  // rgbe planes have no spp
     if (height < 1) return width;
     const bool cw = angle == 90;
     if (bps == 32) {

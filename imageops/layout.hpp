@@ -20,7 +20,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
-#if defined(__SSE2__)
+#if defined(__SSE2__) || defined(_M_X64)
 #include <emmintrin.h>
 #endif
 
@@ -123,7 +123,7 @@ inline void turnSegment(const T* s, std::ptrdiff_t ds, T* d, int n, bool lastCol
     }
 }
 
-#if defined(__SSE2__)
+#if defined(__SSE2__) || defined(_M_X64)
 // Sixteen source rows of sixteen bytes (row k at s + k*ds) become sixteen
 // destination runs of sixteen bytes (run c at d + c*dd): a 16x16 transpose
 // in four rounds of interleaving bytes, pairs, quads and halves.
@@ -166,7 +166,7 @@ void quarterTurn(bool clockwise, int width, int height, std::ptrdiff_t srcStride
     auto srcAt = [&](int x, int j) { return src + x * step + (clockwise ? height - 1 - j : j) * srcStride; };
     auto dstAt = [&](int x, int j) { return dst + (clockwise ? x : width - 1 - x) * dstStride + j * step; };
     int w8 = 0, h8 = 0;  // the part done in SIMD blocks
-#if defined(__SSE2__)
+#if defined(__SSE2__) || defined(_M_X64)
     if constexpr (SPP == 1 && sizeof(T) == 1) {
         // Whole 16x16 blocks, grouped 64x64 for the cache; the rest below.
         w8 = width & ~15;
