@@ -287,6 +287,62 @@ OL_API int ol_fusion(FusionFiles* files, OlProgressFn progress, float* fusionPar
                      unsigned char* ghostMask, void* outFloat, void* work);
 
 /* ------------------------------------------------------------------------ */
+/* Image operations: resampling, crop and rotate, histograms, previews       */
+/*
+ * Calls that no well-formed host makes get one defined answer: spp below 1,
+ * a negative stride, or a destination stride shorter than the row written
+ * writes nothing and returns 0; an angle other than 90 or 270 writes nothing
+ * and returns 0; the part of a crop past an edge the function knows is not
+ * copied. Counters are 32-bit and wrap.
+ */
+
+/* Nearest-neighbour resizing to 8 bits. dst rows are outStride bytes. */
+OL_API int zoom_cm(float step, int unused, int srcHeight, int srcStride, int outWidth,
+                   int outHeight, int outStride, int spp, int bps, const float* matrix,
+                   const void* src, unsigned char* dst);
+OL_API int zoom2(float step, int unused, int srcHeight, int srcStride, int outWidth,
+                 int outHeight, int outStride, int spp, int bps, const void* src,
+                 unsigned char* dst);
+OL_API int retaille(int srcWidth, int srcHeight, int srcStride, int outWidth, int outHeight,
+                    int outStride, int spp, const unsigned char* src, unsigned char* dst);
+
+OL_API int crop_ldr(int bps, int srcStride, int cropWidth, int cropHeight, int dstStride,
+                    int spp, int left, int top, const void* src, void* dst);
+OL_API int crop_hdr(int srcWidth, int cropWidth, int cropHeight, int left, int top,
+                    const unsigned char* src, unsigned char* dst);
+/* angle 90 turns clockwise, 270 anticlockwise; dst is height x width. */
+OL_API int rot_ldr(int angle, int bps, int width, int height, int srcStride, int spp,
+                   int dstStride, const void* src, void* dst);
+OL_API int rot_hdr(int angle, int width, int height, const unsigned char* src,
+                   unsigned char* dst);
+/* bps 8, 16, or 32 for rgbe planes; rows tightly packed. */
+OL_API int ol_rotate(int angle, int width, int height, int spp, int bps, const void* src,
+                     void* dst);
+
+/* Histograms add to counters the caller cleared. */
+OL_API int histcolors(int width, int height, int rowStride, int spp, int bps, const void* data,
+                      int32_t* hist2, int32_t* hist1, int32_t* hist0);
+OL_API int histlum(int width, int height, int rowStride, int spp, int bps, const void* data,
+                   int32_t* hist);
+/* range: smallest and largest luminance; hist: 512 counters. */
+OL_API int hist16(uint32_t width, uint32_t height, uint32_t rowStride, int spp,
+                  const uint16_t* data, float* range, int32_t* hist);
+/* range: the axis in stats units; hist: 512 counters. */
+OL_API int getHisto32(int width, int height, const unsigned char* rgbe, const float* range,
+                      int32_t* hist);
+/* mode 32: logarithmic axis, 16: linear. info: ten floats, the first two in
+ * are the percentiles wanted. Returns the total count. */
+OL_API int hist32info(const float* range, int mode, const int32_t* hist, float* info);
+
+/* bps 1 (bit mask), 8, 16 or 32 (rgbe planes). */
+OL_API int extract_basepreview(int bps, int width, int height, int spp, int rowStride,
+                               int outWidth, int outHeight, int to8, const void* src,
+                               void* unused, void* dst);
+OL_API int extract_crop(int nbPhotos, int width, int height, int spp, int rowStride, int bps,
+                        int outWidth, int outHeight, int posX, int posY, const void* src,
+                        void* dst);
+
+/* ------------------------------------------------------------------------ */
 /* PSD and bitmap files                                                      */
 
 typedef struct PsdInfo {
