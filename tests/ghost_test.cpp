@@ -176,6 +176,8 @@ TEST(Ghost, BadInputAndNothingToDo) {
         EXPECT_EQ(ol_ghost_detect(s, r.n, r.w, 4, r.ch, r.bps, -1, d, r.given & 4 ? img.data() : nullptr, r.given & 8 ? mask.data() : nullptr), r.want);
     }
     EXPECT_EQ(mask, Bytes(2, 0));
+    std::vector<float> broken = {0, -1};  // log2 of 0 and of a negative exposure: limits of 0x80000000, no crash
+    EXPECT_EQ(detect(0, 2, 4, 4, 3, 8, -1, broken, img, mask), 1);
     for (auto [w, h] : {std::pair{0, 0}, {0, 5}, {1, 0}, {1, 1}, {1, 5}})  // empty and one-pixel pictures
         for (int n : {1, 2}) {
             Bytes m(2, 0);
