@@ -138,17 +138,22 @@ extern "C" int ol_ghost_detect(float* settings, int nbPhotos, int width, int hei
     void* guessScratch = a + 9 * n;
     std::int32_t* expected = a + (9 + kGuessEvScratchPerFrame) * n;
 
-    // Coarsest level of every photo.
+    // Coarsest level of every photo. 8-bit photos are reduced where they lie
+    // instead of being copied to level 0 first, unless the picture is so
+    // small that the last mask byte reads past the one-channel pyramid, into
+    // what the copy leaves there.
+    const bool inPlace = bps == 8 && L.at[nivo + 1] - L.at[1] >= 7;
     for (int p = 0; p < nbPhotos; ++p) {
-        copyPhoto(images, bps, static_cast<std::size_t>(p), photoSamples, pyr.get());
+        const std::uint8_t* photo = static_cast<const std::uint8_t*>(images) + p * photoSamples;
+        if (!inPlace) copyPhoto(images, bps, static_cast<std::size_t>(p), photoSamples, pyr.get());
         for (int k = 0; k < nivo; ++k) {
             const int positFine = static_cast<int>(L.at[k] * channels);
             const int positCoarse = static_cast<int>(L.at[k + 1] * channels);
             if constexpr (traceFlow)
                 std::fprintf(stderr, "down%d  from %d x %d  to  %d x %d  -   positCoarse: %d   positFine: %d \n", k,
                              L.w[k], L.h[k], L.w[k + 1], L.h[k + 1], positCoarse, positFine);
-            fusion21a(L.w[k], L.h[k], L.w[k + 1], L.h[k + 1], channels, 8, 0, positFine, positCoarse, nullptr,
-                      pyr.get(), "deghost21a");
+            fusion21aFrom(inPlace && k == 0 ? photo : nullptr, L.w[k], L.h[k], L.w[k + 1], L.h[k + 1], channels, 8,
+                          0, positFine, positCoarse, pyr.get(), "deghost21a");
         }
         std::memcpy(stack.get() + p * slot, pyr.get() + L.at[nivo] * channels, slot);
     }
