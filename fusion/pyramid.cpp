@@ -188,11 +188,14 @@ struct Reducer {
     return 0;
 }
 
+// `source` is the fine level's own buffer, or null for the level at
+// initFine of `buffer`.
 template <class T>
 void reduceLevel(int wF, int hF, int wC, int hC, int ch, int wrapX, int initFine, int initCoarse,
-                 void* buffer) noexcept {
+                 const void* source, void* buffer) noexcept {
     T* base = static_cast<T*>(buffer);
-    Reducer<T> r{base + initFine, base + initCoarse, wF, hF, wC, hC, ch, wrapX != 0,
+    const T* fine = source ? static_cast<const T*>(source) : base + initFine;
+    Reducer<T> r{fine, base + initCoarse, wF, hF, wC, hC, ch, wrapX != 0,
                  (wF & 1) != 0, (hF & 1) != 0};
     r.run();
 }
@@ -202,26 +205,34 @@ void reduceLevel(int wF, int hF, int wC, int hC, int ch, int wrapX, int initFine
 void fusion21a(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int bps, int wrapX,
                int initFine, int initCoarse, void* scratch, void* buffer,
                const char* label) noexcept {
+    fusion21aFrom(nullptr, wFine, hFine, wCoarse, hCoarse, channels, bps, wrapX, initFine,
+                  initCoarse, buffer, label);
+}
+
+void fusion21aFrom(const void* source, int wFine, int hFine, int wCoarse, int hCoarse,
+                   int channels, int bps, int wrapX, int initFine, int initCoarse, void* buffer,
+                   const char* label) noexcept {
     if constexpr (traceProbe)
         std::fprintf(stderr, "%s  %d x %d  ->  %d x %d    bps: %d     initFine: %d  coarse: %d\n",
                      label, wFine, hFine, wCoarse, hCoarse, bps, initFine, initCoarse);
     if (wFine < 1 || hFine < 1 || wCoarse < 1 || hCoarse < 1 || channels < 1) return;
     if (bps == 8)
         reduceLevel<std::uint8_t>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine,
-                                  initCoarse, buffer);
+                                  initCoarse, source, buffer);
     else if (bps == 16)
         reduceLevel<std::uint16_t>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine,
-                                   initCoarse, buffer);
+                                   initCoarse, source, buffer);
     else if (bps == 32)
         reduceLevel<float>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine, initCoarse,
-                           buffer);
+                           source, buffer);
     if constexpr (traceStats) {
         // One sampled coarse pixel per level: the centre, channel 0.
         const int cx = wCoarse / 2, cy = hCoarse / 2;
         const int off = initCoarse + (cy * wCoarse + cx) * channels;
-        const int fine = initFine + (2 * cy * wFine + 2 * cx) * channels;
+        const int fine = (2 * cy * wFine + 2 * cx) * channels;
         std::fprintf(stderr, "%d,%d %d   Fine: %d   Coarse: %d\n", cx, cy, channels,
-                     sampleValue(buffer, bps, fine), sampleValue(buffer, bps, off));
+                     source ? sampleValue(source, bps, fine) : sampleValue(buffer, bps, initFine + fine),
+                     sampleValue(buffer, bps, off));
         std::fprintf(stderr, "Down %d,%d %d   Fine: %d   Coarse: %d\n", cx, cy, channels,
                      initFine, sampleValue(buffer, bps, off));
     }

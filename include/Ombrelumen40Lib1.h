@@ -341,6 +341,19 @@ OL_API int extract_basepreview(int bps, int width, int height, int spp, int rowS
 OL_API int extract_crop(int nbPhotos, int width, int height, int spp, int rowStride, int bps,
                         int outWidth, int outHeight, int posX, int posY, const void* src,
                         void* dst);
+/* Ghost detection                                                           */
+
+/* Sets a bit in ghostMask (one plane of width * height bits, first pixel in
+ * the highest bit; nothing is cleared) wherever the photos disagree because
+ * something moved. settings[0], truncated, is the threshold. evStep above
+ * -0.5 has the exposures worked out here and written to deltaT; otherwise
+ * deltaT (one relative exposure per photo) is used as given. images: photos
+ * of bps 8 or 16 one after the other, as for ol_fusion. Returns a
+ * non-negative value on success, -1 missing input, -2 a bps other than 8 or
+ * 16, -4 no memory. */
+OL_API int ol_ghost_detect(float* settings, int nbPhotos, int width, int height, int channels,
+                           int bps, float evStep, float* deltaT, void* images,
+                           unsigned char* ghostMask);
 
 /* ------------------------------------------------------------------------ */
 /* PSD and bitmap files                                                      */
