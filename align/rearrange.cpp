@@ -25,6 +25,7 @@ void writeRow(const std::uint8_t* src, std::uint8_t* dst, int copy, int count, i
     const std::size_t spp = Samples ? Samples : static_cast<std::size_t>(samples);
     const std::size_t ps = spp * Bytes;
     constexpr std::size_t colour = 3 * Bytes;
+    if (count <= 0) return;  // an empty crop (the block may then be null)
     if constexpr (Samples == 3) {
         if (dst != src) std::memmove(dst, src, static_cast<std::size_t>(copy) * ps);
         std::memset(dst + static_cast<std::size_t>(copy) * ps, 0xFF, static_cast<std::size_t>(count - copy) * ps);
@@ -100,7 +101,7 @@ void rearrange(int nimages, int width, int height, int samples, int bits, const 
             rewriteFrameDepth<1>(src, dst, width, height, samples, dx[k], dy[k], newWidth, newHeight);
         else if (bits == 16)
             rewriteFrameDepth<2>(src, dst, width, height, samples, dx[k], dy[k], newWidth, newHeight);
-        else
+        else if (outFrame > 0)
             std::memset(dst, 0, outFrame);  // no sample is copied at other depths
     }
 }
