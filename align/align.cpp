@@ -45,6 +45,12 @@ OL_API int align(int nimages, int width, int height, int samples, int bits, int*
     Owned<std::int64_t> target = makeOwned<std::int64_t>(n);
     Owned<int> ints = makeOwnedZeroed<int>(5 * n);
     if (!allhist || !target || !ints) return -4;
+    // Luminance planes of all frames, made in the histogram pass, so that the
+    // pixels are read once for both.
+    const std::size_t planeBytes = static_cast<std::size_t>(P);
+    Owned<std::uint8_t> planes = makeOwned<std::uint8_t>(planeBytes * n);
+    if (!planes) return -4;
+    const auto plane = [&](int k) { return planes.get() + planeBytes * static_cast<std::size_t>(k); };
     int* key = ints.get();
     int* order = key + n;
     int* work = order + n;
@@ -54,7 +60,7 @@ OL_API int align(int nimages, int width, int height, int samples, int bits, int*
     // 1-2. Histograms, count targets and sort keys.
     for (int k = 0; k < nimages; ++k) {
         std::int64_t* hist = allhist.get() + 256 * static_cast<std::size_t>(k);
-        luminanceHistogram(f, k, hist);
+        luminanceHistogram(f, k, plane(k), hist);
         int m = 0;
         key[k] = brightnessKey(hist, P, &m);
         target[k] = m >= 236 ? count17 : (m < 15 ? count90 : count50);
@@ -84,8 +90,8 @@ OL_API int align(int nimages, int width, int height, int samples, int bits, int*
         c = correctedCount(allhist.get(), order[1], c);
 
         // 6-7. The chain; order[1] is the anchor at (0, 0).
-        bitmap_pyram(f, order[1], hist(order[1]), g, greyA, A.get(), c);
-        bitmap_pyram(f, order[0], hist(order[0]), g, greyB, B.get(), c);
+        bitmap_pyram(plane(order[1]), hist(order[1]), g, greyA, A.get(), c);
+        bitmap_pyram(plane(order[0]), hist(order[0]), g, greyB, B.get(), c);
         searchPair(g, A.get(), B.get(), &deplX[order[0]], &deplY[order[0]]);
         for (int k = 2; k < nimages; ++k) {
             const int p = order[k - 1], q = order[k];
@@ -93,9 +99,9 @@ OL_API int align(int nimages, int width, int height, int samples, int bits, int*
             if (k > 2 || t != c) {
                 t = correctedCount(allhist.get(), p, t);
                 if (k > 2) std::swap(greyA, greyB);  // p was the B of the pair before
-                thresholdPyramid(greyA, g, levelPassing(hist(p), t), A.get());
+                thresholdPyramid(plane(p), greyA, g, levelPassing(hist(p), t), A.get());
             }
-            bitmap_pyram(f, q, hist(q), g, greyB, B.get(), t);
+            bitmap_pyram(plane(q), hist(q), g, greyB, B.get(), t);
             c = t;
             int dx = 0, dy = 0;
             searchPair(g, A.get(), B.get(), &dx, &dy);

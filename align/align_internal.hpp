@@ -1,8 +1,10 @@
 // Frame alignment by threshold bitmaps: the pieces of `align`.
 //
 // Working layouts (private to this folder):
-// - grey pyramid: every level's luminance plane, level 0 (full size) first,
-//   each densely packed with its own width as row length;
+// - luminance planes: one full-size plane per frame (level 0), made in the
+//   pass that counts the histogram;
+// - reduced pyramid: levels 1 and up of one frame, each densely packed with
+//   its own width as row length;
 // - bit pyramid: every level's threshold bitmap, rows of 64-bit words, pixel
 //   x of a row at bit x % 64 of word x / 64. Only the first 8 * (w / 8)
 //   pixels of a row can carry a set bit (the bitmap is filled byte by byte,
@@ -19,14 +21,14 @@ inline constexpr int kMaxLevels = 40;
 struct Level {
     int w = 0, h = 0;
     int words = 0;               // 64-bit words a bitmap row
-    std::size_t greyOffset = 0;  // bytes into the grey pyramid
+    std::size_t greyOffset = 0;  // bytes into the reduced pyramid (levels 1 and up)
     std::size_t bitOffset = 0;   // words into the bit pyramid
 };
 
 struct Geometry {
     int levels = 0;  // number of levels; 0 when the width gives none
     Level level[kMaxLevels];
-    std::size_t greyBytes = 0;  // size of a grey pyramid
+    std::size_t greyBytes = 0;  // size of a reduced pyramid
     std::size_t bitWords = 0;   // size of a bit pyramid
 };
 
@@ -43,9 +45,10 @@ struct Frames {
     const std::uint8_t* frame(int k) const { return block + static_cast<std::size_t>(k) * frameBytes; }
 };
 
-// Luminance histogram of frame k in one pass: (54 s0 + 183 s1 + 19 s2) >> 8,
-// high bytes of 16-bit samples. Other depths leave it empty.
-void luminanceHistogram(const Frames& f, int k, std::int64_t* hist) noexcept;
+// Luminance plane and histogram of frame k in one pass: (54 s0 + 183 s1 +
+// 19 s2) >> 8, high bytes of 16-bit samples. Other depths give a plane of 0
+// and an empty histogram.
+void luminanceHistogram(const Frames& f, int k, std::uint8_t* plane, std::int64_t* hist) noexcept;
 
 // Pixel count correction: while the level passed at c lies above 235, c
 // becomes trunc(c * 0.95); while it lies below 15, trunc(c * 1.05).
@@ -64,20 +67,22 @@ std::int64_t adjust_count(const std::int64_t* allhist, int frame, std::int64_t c
 // 0.95 above level 235 or of 1.05 below level 15, then adjust_count.
 std::int64_t correctedCount(const std::int64_t* allhist, int frame, std::int64_t c) noexcept;
 
-// Grey pyramid of frame k: luminance plane at level 0, each further level
-// reduced from the one before with the 3x3 weights of the method.
-void greyPyramid(const Frames& f, int k, const Geometry& g, std::uint8_t* grey) noexcept;
+// Levels 1 and up of a luminance plane, each reduced from the one before
+// with the 3x3 weights of the method.
+void reducePyramid(const std::uint8_t* plane, const Geometry& g, std::uint8_t* reduced) noexcept;
 
 // One level reduction from a w x h plane to (w / 2) x (h / 2).
 void reduceLevel(const std::uint8_t* src, int w, int h, std::uint8_t* dst) noexcept;
 
 // Bit pyramid: a bit is set where the grey value is greater than T.
-void thresholdPyramid(const std::uint8_t* grey, const Geometry& g, int T, std::uint64_t* bits) noexcept;
+void thresholdPyramid(const std::uint8_t* plane, const std::uint8_t* reduced, const Geometry& g, int T,
+                      std::uint64_t* bits) noexcept;
 
-// bitmap_pyram: threshold bitmaps of frame k at the level passed by `count`
-// in the frame's histogram: the grey pyramid, then the bitmaps.
-void bitmap_pyram(const Frames& f, int k, const std::int64_t* hist, const Geometry& g,
-                  std::uint8_t* grey, std::uint64_t* bits, std::int64_t count) noexcept;
+// bitmap_pyram: threshold bitmaps of a frame (its luminance plane and
+// histogram) at the level passed by `count`: the reduced levels, then the
+// bitmaps of all levels with that one threshold.
+void bitmap_pyram(const std::uint8_t* plane, const std::int64_t* hist, const Geometry& g,
+                  std::uint8_t* reduced, std::uint64_t* bits, std::int64_t count) noexcept;
 
 // The coarse-to-fine search of one pair: A fixed, B displaced. Returns the
 // displacement (dx, dy) of B.

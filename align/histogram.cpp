@@ -9,15 +9,15 @@ namespace ol::alignment {
 namespace {
 
 // Four interleaved histograms break the chain of increments on one entry that
-// a smooth image makes. Luminance is computed a chunk at a time into a small
-// buffer (a loop the compiler vectorises), then counted.
+// a smooth image makes. Luminance is written a chunk at a time (a loop the
+// compiler vectorises), then counted while the chunk is in the cache.
 template <int Bytes, int Samples>
 __attribute__((target_clones("avx2", "default")))
-void countFrame(const std::uint8_t* frame, std::size_t pixels, int samples, std::int64_t* hist) noexcept {
+void countFrame(const std::uint8_t* frame, std::size_t pixels, int samples, std::uint8_t* plane,
+                std::int64_t* hist) noexcept {
     constexpr std::size_t kChunk = 4096;
     std::uint32_t part[4][256];
     std::memset(part, 0, sizeof part);
-    std::uint8_t lum[kChunk];
     std::size_t done = 0, sinceFlush = 0;
     auto flush = [&] {
         for (int k = 0; k < 256; ++k) {
@@ -28,6 +28,7 @@ void countFrame(const std::uint8_t* frame, std::size_t pixels, int samples, std:
     };
     while (done < pixels) {
         const std::size_t n = pixels - done < kChunk ? pixels - done : kChunk;
+        std::uint8_t* lum = plane + done;
         luminanceRun<Bytes, Samples>(frame + done * (Bytes * static_cast<std::size_t>(samples)), n, samples, lum);
         std::size_t i = 0;
         for (; i + 4 <= n; i += 4) {
@@ -45,13 +46,14 @@ void countFrame(const std::uint8_t* frame, std::size_t pixels, int samples, std:
 }
 
 template <int Bytes>
-void countFrameDepth(const std::uint8_t* frame, std::size_t pixels, int samples, std::int64_t* hist) noexcept {
+void countFrameDepth(const std::uint8_t* frame, std::size_t pixels, int samples, std::uint8_t* plane,
+                     std::int64_t* hist) noexcept {
     if (samples == 3)
-        countFrame<Bytes, 3>(frame, pixels, samples, hist);
+        countFrame<Bytes, 3>(frame, pixels, samples, plane, hist);
     else if (samples == 4)
-        countFrame<Bytes, 4>(frame, pixels, samples, hist);
+        countFrame<Bytes, 4>(frame, pixels, samples, plane, hist);
     else
-        countFrame<Bytes, 0>(frame, pixels, samples, hist);
+        countFrame<Bytes, 0>(frame, pixels, samples, plane, hist);
 }
 
 // One step of the correction, or c itself when the level passed lies in 15..235.
@@ -69,13 +71,15 @@ bool settled(const std::int64_t* hist, std::int64_t c) noexcept {
 
 }  // namespace
 
-void luminanceHistogram(const Frames& f, int k, std::int64_t* hist) noexcept {
+void luminanceHistogram(const Frames& f, int k, std::uint8_t* plane, std::int64_t* hist) noexcept {
     std::memset(hist, 0, 256 * sizeof(std::int64_t));
     const std::size_t pixels = static_cast<std::size_t>(f.width) * static_cast<std::size_t>(f.height);
     if (f.bits == 8)
-        countFrameDepth<1>(f.frame(k), pixels, f.samples, hist);
+        countFrameDepth<1>(f.frame(k), pixels, f.samples, plane, hist);
     else if (f.bits == 16)
-        countFrameDepth<2>(f.frame(k), pixels, f.samples, hist);
+        countFrameDepth<2>(f.frame(k), pixels, f.samples, plane, hist);
+    else if (pixels > 0)
+        std::memset(plane, 0, pixels);  // no luminance at other depths
 }
 
 std::int64_t adjust_count(const std::int64_t* allhist, int frame, std::int64_t c) noexcept {

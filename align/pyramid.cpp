@@ -1,9 +1,8 @@
-// Grey and threshold-bitmap pyramids of a frame (bitmap_pyram).
+// Reduced grey levels and threshold-bitmap pyramids of a frame (bitmap_pyram).
 #include <cmath>
 #include <cstring>
 
 #include "align/align_internal.hpp"
-#include "align/luminance.hpp"
 #include "frame/histogram.hpp"
 #include "frame/numeric.hpp"
 
@@ -13,27 +12,6 @@
 
 namespace ol::alignment {
 namespace {
-
-template <int Bytes, int Samples>
-__attribute__((target_clones("avx2", "default")))
-void luminancePlane(const std::uint8_t* frame, std::size_t pixels, int samples, std::uint8_t* out) noexcept {
-    // In runs, so that the vectorised loop sees a bounded count.
-    constexpr std::size_t kRun = 1 << 16;
-    for (std::size_t i = 0; i < pixels; i += kRun) {
-        const std::size_t n = pixels - i < kRun ? pixels - i : kRun;
-        luminanceRun<Bytes, Samples>(frame + i * Bytes * static_cast<std::size_t>(samples), n, samples, out + i);
-    }
-}
-
-template <int Bytes>
-void luminancePlaneDepth(const std::uint8_t* frame, std::size_t pixels, int samples, std::uint8_t* out) noexcept {
-    if (samples == 3)
-        luminancePlane<Bytes, 3>(frame, pixels, samples, out);
-    else if (samples == 4)
-        luminancePlane<Bytes, 4>(frame, pixels, samples, out);
-    else
-        luminancePlane<Bytes, 0>(frame, pixels, samples, out);
-}
 
 // Interior output pixels of one row: centre weight 4, edges 2, corners 1, >> 4.
 __attribute__((target_clones("avx2", "default")))
@@ -87,7 +65,7 @@ Geometry geometry(int width, int height, int levels) noexcept {
         lv.words = static_cast<int>((static_cast<unsigned>(w) + 63u) / 64u);
         lv.greyOffset = g.greyBytes;
         lv.bitOffset = g.bitWords;
-        g.greyBytes += static_cast<std::size_t>(w) * static_cast<std::size_t>(h);
+        if (l > 0) g.greyBytes += static_cast<std::size_t>(w) * static_cast<std::size_t>(h);
         g.bitWords += static_cast<std::size_t>(lv.words) * static_cast<std::size_t>(h);
         w /= 2;
         h /= 2;
@@ -122,37 +100,32 @@ void reduceLevel(const std::uint8_t* src, int w, int h, std::uint8_t* dst) noexc
     }
 }
 
-void greyPyramid(const Frames& f, int k, const Geometry& g, std::uint8_t* grey) noexcept {
-    if (g.levels < 1) return;
-    const std::size_t pixels = g.level[0].greyOffset + static_cast<std::size_t>(g.level[0].w) * g.level[0].h;
-    if (f.bits == 8)
-        luminancePlaneDepth<1>(f.frame(k), pixels, f.samples, grey);
-    else if (f.bits == 16)
-        luminancePlaneDepth<2>(f.frame(k), pixels, f.samples, grey);
-    else
-        std::memset(grey, 0, pixels);  // other depths give no luminance
+void reducePyramid(const std::uint8_t* plane, const Geometry& g, std::uint8_t* reduced) noexcept {
     for (int l = 1; l < g.levels; ++l) {
         const Level& from = g.level[l - 1];
-        reduceLevel(grey + from.greyOffset, from.w, from.h, grey + g.level[l].greyOffset);
+        const std::uint8_t* src = l == 1 ? plane : reduced + from.greyOffset;
+        reduceLevel(src, from.w, from.h, reduced + g.level[l].greyOffset);
     }
 }
 
-void thresholdPyramid(const std::uint8_t* grey, const Geometry& g, int T, std::uint64_t* bits) noexcept {
+void thresholdPyramid(const std::uint8_t* plane, const std::uint8_t* reduced, const Geometry& g, int T,
+                      std::uint64_t* bits) noexcept {
     for (int l = 0; l < g.levels; ++l) {
         const Level& lv = g.level[l];
+        const std::uint8_t* grey = l == 0 ? plane : reduced + lv.greyOffset;
         const int usable = lv.w / 8 * 8;  // whole bytes of the bitmap only
         for (int y = 0; y < lv.h; ++y)
-            thresholdRow(grey + lv.greyOffset + static_cast<std::size_t>(y) * lv.w, usable, lv.words, T,
+            thresholdRow(grey + static_cast<std::size_t>(y) * lv.w, usable, lv.words, T,
                          bits + lv.bitOffset + static_cast<std::size_t>(y) * lv.words);
     }
 }
 
-void bitmap_pyram(const Frames& f, int k, const std::int64_t* hist, const Geometry& g,
-                  std::uint8_t* grey, std::uint64_t* bits, std::int64_t count) noexcept {
+void bitmap_pyram(const std::uint8_t* plane, const std::int64_t* hist, const Geometry& g,
+                  std::uint8_t* reduced, std::uint64_t* bits, std::int64_t count) noexcept {
     // One threshold, from the full-size histogram, for every level.
     const int T = levelPassing(hist, count);
-    greyPyramid(f, k, g, grey);
-    thresholdPyramid(grey, g, T, bits);
+    reducePyramid(plane, g, reduced);
+    thresholdPyramid(plane, reduced, g, T, bits);
 }
 
 }  // namespace ol::alignment

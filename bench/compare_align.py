@@ -78,18 +78,23 @@ SHIFTS = [(0, 0), (7, -9), (-12, 4), (20, 15), (-5, -18), (3, 11), (-9, 2)]
 
 
 def median_time(fn, reps, prepare=None):
-    times = []
+    """Medians of the wall time and of the process's CPU time."""
+    wall, cpu = [], []
     for _ in range(reps):
         arg = prepare() if prepare else None
+        c0 = time.process_time()
         t0 = time.perf_counter()
         fn(arg)
-        times.append(time.perf_counter() - t0)
-    return statistics.median(times)
+        wall.append(time.perf_counter() - t0)
+        cpu.append(time.process_time() - c0)
+    return statistics.median(wall), statistics.median(cpu)
 
 
 def speed(args, lib):
-    print(f"OpenCV {cv2.__version__}, default threads {cv2.getNumThreads()}; medians of {args.reps} runs, ms")
-    print(f"{'size':>10} {'bits':>4} {'n':>2} {'align':>8} {'MTB nT':>8} {'MTB 1T':>8} {'x nT':>6} {'x 1T':>6}")
+    print(f"OpenCV {cv2.__version__}, default threads {cv2.getNumThreads()}; medians of {args.reps} runs, ms;")
+    print("wall clock, then CPU time of the process (align and MTB 1T run on one thread)")
+    print(f"{'size':>10} {'bits':>4} {'n':>2} {'align':>8} {'MTB nT':>8} {'MTB 1T':>8} {'x nT':>6} {'x 1T':>6} |"
+          f" {'align cpu':>9} {'MTB 1T cpu':>10} {'x cpu':>6}")
     threads = cv2.getNumThreads()
     for size in args.sizes.split(","):
         w, h = (int(s) for s in size.split("x"))
@@ -113,8 +118,10 @@ def speed(args, lib):
                 cv2.setNumThreads(1)
                 cv_1 = median_time(lambda _: mtb.process(bgr, out), args.reps)
                 cv2.setNumThreads(threads)
+                (ours, ours_cpu), (cv_n, _), (cv_1, cv_1_cpu) = ours, cv_n, cv_1
                 print(f"{size:>10} {bits:>4} {n:>2} {ours * 1e3:8.1f} {cv_n * 1e3:8.1f} {cv_1 * 1e3:8.1f} "
-                      f"{cv_n / ours:6.1f} {cv_1 / ours:6.1f}", flush=True)
+                      f"{cv_n / ours:6.1f} {cv_1 / ours:6.1f} | {ours_cpu * 1e3:9.1f} {cv_1_cpu * 1e3:10.1f} "
+                      f"{cv_1_cpu / ours_cpu:6.1f}", flush=True)
                 del frames, block, work, bgr, out
 
 
