@@ -6,6 +6,7 @@
 // along the chain. Then every frame is shifted by its displacement and, by
 // default, cropped to the rectangle common to all.
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include "Ombrelumen40Lib1.h"
@@ -48,6 +49,7 @@ OL_API int align(int nimages, int width, int height, int samples, int bits, int*
     // Luminance planes of all frames, made in the histogram pass, so that the
     // pixels are read once for both.
     const std::size_t planeBytes = static_cast<std::size_t>(P);
+    if (planeBytes > SIZE_MAX / n) return -4;
     Owned<std::uint8_t> planes = makeOwned<std::uint8_t>(planeBytes * n);
     if (!planes) return -4;
     const auto plane = [&](int k) { return planes.get() + planeBytes * static_cast<std::size_t>(k); };
@@ -74,9 +76,9 @@ OL_API int align(int nimages, int width, int height, int samples, int bits, int*
         Owned<std::uint64_t> A = makeOwnedZeroed<std::uint64_t>(g.bitWords);
         Owned<std::uint64_t> B = makeOwnedZeroed<std::uint64_t>(g.bitWords);
         if (!A || !B) return -4;
-        // Grey pyramids of the two frames of the pair. The frame of A in a
+        // Reduced levels of the two frames of the pair. The frame of A in a
         // pair is the frame of B in the pair before (or A itself), so its
-        // grey pyramid is at hand: only a new threshold is applied to it.
+        // levels are at hand: only a new threshold is applied to them.
         Owned<std::uint8_t> greyOwnA = makeOwnedZeroed<std::uint8_t>(g.greyBytes);
         Owned<std::uint8_t> greyOwnB = makeOwnedZeroed<std::uint8_t>(g.greyBytes);
         if (!greyOwnA || !greyOwnB) return -4;

@@ -53,14 +53,14 @@ void luminanceHistogram(const Frames& f, int k, std::uint8_t* plane, std::int64_
 // Pixel count correction: while the level passed at c lies above 235, c
 // becomes trunc(c * 0.95); while it lies below 15, trunc(c * 1.05).
 //
-// The loop as written has no end on a histogram that cannot satisfy it: a
+// The plain loop has no end on a histogram that cannot satisfy it: a
 // frame whose pixels all lie above level 235 drives c to 0 and stays there,
 // an all-black frame swings between growing past the pixel count and
 // shrinking below it, and a count below 20 is a fixed point of the 1.05 step.
 // The counts of one run depend on c alone, so a run either ends or comes
 // back to a count it has already taken; it then stops and returns that count
 // (the first one taken twice). A run that ends never repeats a count, so
-// every histogram that the loop can satisfy gets the written answer.
+// every histogram that the loop can satisfy gets the plain loop's answer.
 std::int64_t adjust_count(const std::int64_t* allhist, int frame, std::int64_t c) noexcept;
 
 // The correction applied before adjust_count by the pair setup: one step of
