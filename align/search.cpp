@@ -11,11 +11,11 @@ inline std::uint64_t wordAt(const std::uint64_t* row, int words, long i) noexcep
     return i >= 0 && i < words ? row[i] : 0;
 }
 
-}  // namespace
-
+// Kept inside this file: a cloned function gets a resolver symbol of its
+// own, which must not leave the shared library.
 __attribute__((target_clones("avx2", "default")))
-std::int64_t mismatch(const Level& lv, const std::uint64_t* A, const std::uint64_t* B, int ox,
-                      int oy) noexcept {
+std::int64_t mismatchClone(const Level& lv, const std::uint64_t* A, const std::uint64_t* B, int ox,
+                           int oy) noexcept {
     const int words = lv.words;
     if (words == 0 || lv.h == 0) return 0;
     const int tail = lv.w & 63;
@@ -64,6 +64,13 @@ std::int64_t mismatch(const Level& lv, const std::uint64_t* A, const std::uint64
         count += std::popcount(a[words - 1] ^ (shifted(words - 1) & lastMask));
     }
     return count;
+}
+
+}  // namespace
+
+std::int64_t mismatch(const Level& lv, const std::uint64_t* A, const std::uint64_t* B, int ox,
+                      int oy) noexcept {
+    return mismatchClone(lv, A, B, ox, oy);
 }
 
 void searchPair(const Geometry& g, const std::uint64_t* A, const std::uint64_t* B, int* dx,
