@@ -4,20 +4,10 @@
 #include <cstring>
 
 #include "frame/alloc.hpp"
+#include "frame/histogram.hpp"
 
 namespace ol {
 namespace {
-
-// First level at which the running sum of the histogram exceeds `limit`, or
-// 256 when none does.
-int levelPassing(const std::int64_t* histo, std::int64_t limit) noexcept {
-    std::int64_t sum = 0;
-    for (int k = 0; k < 256; ++k) {
-        sum += histo[k];
-        if (sum > limit) return k;
-    }
-    return 256;
-}
 
 // Histogram of one photo. Four interleaved histograms break the chain of
 // increments on one entry that a smooth image makes; they are added up at
@@ -75,12 +65,7 @@ int photo_stats(int nbPhotos, int width, int height, int channels, int bps, cons
             countPhoto(static_cast<const std::uint16_t*>(images) + p * photoSamples, pixels,
                        channels, satLimit, histo.get(), saturated);
         surexNivo[p] = static_cast<int>(saturated);
-        int level = levelPassing(histo.get(), static_cast<std::int64_t>(0.5 * static_cast<double>(pixels)));
-        if (level < 5)
-            level = levelPassing(histo.get(), static_cast<std::int64_t>(0.95 * static_cast<double>(pixels)));
-        else
-            level <<= 8;
-        medianLevel[p] = level;
+        medianLevel[p] = brightnessKey(histo.get(), pixels);
         std::int64_t high = 0, low = 0;
         for (int k = 233; k < 256; ++k) high += histo[k];
         for (int k = 0; k < 16; ++k) low += histo[k];
@@ -88,35 +73,7 @@ int photo_stats(int nbPhotos, int width, int height, int channels, int bps, cons
         percNoisy[p] = pixels > 0 ? static_cast<int>(100 * low / pixels) : 0;
     }
 
-    // Order by falling median: repeated selection of the strictly greatest
-    // remaining value, each selected entry marked.
-    constexpr int kTaken = -999999;
-    for (int p = 0; p < nbPhotos; ++p) remaining[p] = medianLevel[p];
-    int best = 0;
-    for (int n = 0; n < nbPhotos; ++n) {
-        int bestValue = kTaken;
-        for (int q = 0; q < nbPhotos; ++q)
-            if (remaining[q] > bestValue) {
-                bestValue = remaining[q];
-                best = q;
-            }
-        photoOrder[n] = best;
-        remaining[best] = kTaken;
-    }
-    // Entries listed twice (only possible with levels at the marker or
-    // below) give way to the photos not listed, in rising order.
-    for (int p = 0; p < nbPhotos; ++p) remaining[p] = 0;
-    for (int n = 0; n < nbPhotos; ++n) {
-        if (remaining[photoOrder[n]]) photoOrder[n] = -1;
-        else remaining[photoOrder[n]] = 1;
-    }
-    int next = 0;
-    for (int n = 0; n < nbPhotos; ++n) {
-        if (photoOrder[n] >= 0) continue;
-        while (next < nbPhotos && remaining[next]) ++next;
-        photoOrder[n] = next;
-        remaining[next] = 1;
-    }
+    orderByFallingKey(nbPhotos, medianLevel, remaining.get(), photoOrder);
     return nbPhotos;
 }
 

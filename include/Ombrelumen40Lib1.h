@@ -354,6 +354,20 @@ OL_API int extract_crop(int nbPhotos, int width, int height, int spp, int rowStr
 OL_API int ol_ghost_detect(float* settings, int nbPhotos, int width, int height, int channels,
                            int bps, float evStep, float* deltaT, void* images,
                            unsigned char* ghostMask);
+/* Alignment                                                                 */
+
+/* Brings nimages frames of one photo block into register by whole-pixel
+ * translation: width x height pixels of `samples` (3 or 4) samples, `bits` 8
+ * or 16 (16-bit little-endian words); samples 0-2 are the colour. On entry
+ * dims[0] == 1 keeps the frame size (uncovered margins white), any other
+ * value crops to the rectangle common to all frames. On return the block
+ * holds the shifted frames packed at the new size, any fourth sample 0, and
+ * dims holds the new width and height. Returns the spread of the
+ * displacements, (maxX - minX) + (maxY - minY), so 0 when nothing moved; -4
+ * when memory runs out (block and dims untouched). Fewer than 2 frames,
+ * negative sizes, fewer than 3 samples or a null pointer: 0, nothing touched. */
+OL_API int align(int nimages, int width, int height, int samples, int bits, int* dims,
+                 void* images);
 
 /* ------------------------------------------------------------------------ */
 /* PSD and bitmap files                                                      */
