@@ -1,15 +1,13 @@
 // Strip and byte copying, and the folder and file helpers a host uses to fill
 // and empty the library's buffers piece by piece. None of these allocates;
 // the copy functions trust their arguments, as a memcpy would.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "Ombrelumen40Lib1.h"
 #include "frame/file.hpp"
+#include "frame/platform.hpp"
 
 namespace {
 using std::ptrdiff_t;
@@ -146,18 +144,17 @@ int renverse(int height, int rowBytes, int, void* buf) {
 }
 
 int ol_makefolder(const char* parent, const char* name) {
-    const int changed = chdir(parent);
+    const int changed = ol::platform::changeDirectory(parent);
     if (changed != 0) return changed;
-    return mkdir(name, 0777) == 0 ? 0 : -1;
+    return ol::platform::makeDirectory(name) ? 0 : -1;
 }
 
 int ol_checkfolder(const char* path) {
-    struct stat st;
-    return (path && stat(path, &st) == 0) ? 0 : -1;
+    return (path && ol::platform::pathExists(path)) ? 0 : -1;
 }
 
 int ol_deletef(const char* path) {
-    return (path && unlink(path) == 0) ? 0 : -1;
+    return (path && ol::platform::deleteFile(path)) ? 0 : -1;
 }
 
 }  // extern "C"

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "frame/platform.hpp"
+
 namespace ol {
 
 struct FileCloser {
@@ -19,10 +21,11 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-// fopen() that accepts a null path (gives a null File).
+// fopen() that accepts a null path (gives a null File); binary on every
+// platform.
 inline File openFile(const char* path, const char* mode) noexcept {
     if (!path) return File();
-    return File(std::fopen(path, mode));
+    return File(platform::openFile(path, mode));
 }
 
 // Size of an open file, leaving the position at the start; -1 on a failed seek.

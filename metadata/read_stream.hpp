@@ -64,18 +64,18 @@ public:
         return got == n;
     }
 
-    // Absolute seek; a position that cannot be represented fails.
+    // Absolute seek; a negative position fails.
     bool seek(std::int64_t pos) noexcept {
-        if (pos < 0 || pos > static_cast<std::int64_t>(LONG_MAX)) return false;
+        if (pos < 0) return false;
         end_ = false;
-        return std::fseek(f_, static_cast<long>(pos), SEEK_SET) == 0;
+        return platform::seekTo(f_, pos);
     }
     bool skip(std::int64_t n) noexcept {
         const std::int64_t p = tell();
         if (p < 0) return false;
         return seek(p + n);
     }
-    std::int64_t tell() const noexcept { return std::ftell(f_); }
+    std::int64_t tell() const noexcept { return platform::tellAt(f_); }
 
 private:
     std::FILE* f_;

@@ -24,7 +24,7 @@ void findStripOffset(std::FILE* f, std::uint32_t dirOffset, long long* dataOffse
         for (int i = 0; i < visited; ++i)
             if (seen[i] == dirOffset) return;
         seen[visited++] = dirOffset;
-        if (std::fseek(f, static_cast<long>(dirOffset), SEEK_SET) != 0) return;
+        if (!platform::seekTo(f, dirOffset)) return;
         std::uint16_t count;
         if (!readU16LE(f, count)) return;
         for (unsigned k = 0; k < count; ++k) {
@@ -62,7 +62,7 @@ OL_API int fp2rgbe(const char* path, int width, int height, float* stats, unsign
     if (!readU32LE(f, dir)) dir = 0;
     long long dataOffset = width;  // stands until a StripOffsets entry is seen
     findStripOffset(f, dir, &dataOffset);
-    if (std::fseek(f, static_cast<long>(dataOffset), SEEK_SET) != 0) return -1;
+    if (!platform::seekTo(f, dataOffset)) return -1;
 
     // Pixels in blocks. At the end of the file the last pixel read repeats
     // (a cut pixel keeps the bytes of the one before where it is short).
