@@ -100,13 +100,21 @@ struct FrameSet {
 FrameSet loadFrameSet(const std::vector<std::string>& paths, bool verbose, Progress& progress);
 
 // Exposure of each frame (larger is brighter): from --ev-step when given,
-// else from Exif when every frame has an exposure time, else inferred from
-// the frames' brightness. `source` says which.
+// else from the times the user gave (`times`, one per frame, seconds; with
+// each frame's Exif aperture and ISO when it has them), else from Exif when
+// every frame has an exposure time, else inferred from the frames'
+// brightness. `source` says which; `notes` and `warnings` are for stderr:
+// inferred exposures, frames taken in another order than given, and
+// exposures that disagree with the frames' brightness.
 struct Exposures {
     std::vector<float> deltaT;
     std::string source;
+    bool inferred = false;
+    std::vector<std::string> notes;
+    std::vector<std::string> warnings;
 };
-Exposures frameExposures(const FrameSet& frames, double evStep, bool verbose);
+Exposures frameExposures(const FrameSet& frames, double evStep, const std::vector<double>& times,
+                         const std::string& timesSource, bool verbose);
 
 // What all frames share: the first frame's record with the values that
 // differ between frames blanked.
