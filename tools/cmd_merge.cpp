@@ -38,6 +38,8 @@ const char* const kMergeHelp =
     "                        given: 1/1000,1/250,1/60 (overrides Exif)\n"
     "      --times-file FILE lines 'NAME TIME', one a frame (overrides Exif)\n"
     "      --ev-step STOPS   the frames are STOPS apart (overrides Exif)\n"
+    "      --black-level L   the frames' black sits at level L of 255 (film scans):\n"
+    "                        it is taken off before the merge\n"
     "      --gamma G         response gamma of the frames (default 2.2)\n"
     "      --strip-rows N    write the picture N rows at a time (default: only\n"
     "                        pictures above 64 megapixels, 256 rows; the strip\n"
@@ -49,7 +51,7 @@ const char* const kMergeHelp =
 int cmdMerge(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"preview", 0, true},
                            {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
-                           {"times", 0, true}, {"times-file", 0, true}, {"preview-tone", 0, true},
+                           {"times", 0, true}, {"times-file", 0, true}, {"preview-tone", 0, true}, {"black-level", 0, true},
                            {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kMergeHelp)) return kExitOk;
     const Common common = commonOptions(args);
@@ -61,6 +63,7 @@ int cmdMerge(const std::vector<std::string>& argv) {
     req.gamma = args.number("gamma", 0, 0.1, 10);
     req.stripRows = args.integer("strip-rows", 0, 1, 1 << 20);
     req.previewTone = args.text("preview-tone", "photographic");
+    req.blackLevel = args.number("black-level", 0, 0, 128);
     if (req.previewTone != "photographic" && req.previewTone != "linear")
         throw Failure(kExitUsage, "option --preview-tone: photographic or linear");
     requireFramesAndOutput(args, "merge", "OUT.hdr");
@@ -180,7 +183,16 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
                           req.frames);
 
     progress.stage("reading frames", 0.3);
-    const FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    applyBlackLevel(frames, req.blackLevel);
+    if (req.blackLevel <= 0) {
+        // The merge takes any level above its dark threshold for light; in
+        // the shortest exposure that light is multiplied many times.
+        const int floor = shadowFloor(frames);
+        if (floor >= 12)
+            warn("the darkest frame has almost nothing below level " + std::to_string(floor) +
+                 " of 255; if black sits there (a film scan), give --black-level " + std::to_string(floor));
+    }
     // Frame alignment (--align) belongs here, on the photo block, before the
     // exposures are measured; ghost handling (--deghost) would choose a merge
     // that keeps moving objects out. Both are refused up front for now.

@@ -308,6 +308,54 @@ FrameSet loadFrameSet(const std::vector<std::string>& paths, bool verbose, Progr
     return set;
 }
 
+void applyBlackLevel(FrameSet& frames, double level) {
+    if (level <= 0) return;
+    const bool wide = frames.bps == 16;
+    const double top = wide ? 65535.0 : 255.0;
+    const double black = wide ? level * 257.0 : level;
+    std::vector<std::uint16_t> table(wide ? 65536 : 256);
+    for (std::size_t v = 0; v < table.size(); ++v)
+        table[v] = static_cast<std::uint16_t>(
+            std::lround(std::clamp((static_cast<double>(v) - black) * top / (top - black), 0.0, top)));
+    std::uint8_t* p = frames.block.data();
+    const std::size_t samples = frames.block.size() / (wide ? 2 : 1);
+    for (std::size_t i = 0; i < samples; ++i) {
+        if (wide) {
+            const std::uint16_t v = table[p[2 * i] | (p[2 * i + 1] << 8)];
+            p[2 * i] = static_cast<std::uint8_t>(v & 0xFF);
+            p[2 * i + 1] = static_cast<std::uint8_t>(v >> 8);
+        } else {
+            p[i] = static_cast<std::uint8_t>(table[p[i]]);
+        }
+    }
+    for (int k = 0; k < frames.count(); ++k) {
+        Image view;
+        view.width = frames.width;
+        view.height = frames.height;
+        view.spp = 3;
+        view.bps = frames.bps;
+        view.pixels.assign(frames.block.begin() + frames.frameBytes() * k,
+                           frames.block.begin() + frames.frameBytes() * (k + 1));
+        frames.means[k] = meanLevel(view);
+    }
+}
+
+int shadowFloor(const FrameSet& frames) {
+    if (frames.count() == 0) return 0;
+    const int k = static_cast<int>(std::min_element(frames.means.begin(), frames.means.end()) - frames.means.begin());
+    const std::size_t bs = frames.bps / 8;
+    const std::uint8_t* p = frames.block.data() + frames.frameBytes() * k;
+    const std::size_t n = static_cast<std::size_t>(frames.width) * frames.height;
+    std::size_t histogram[256] = {};
+    for (std::size_t i = 0; i < n; ++i) ++histogram[p[(i * 3 + 1) * bs + (bs - 1)]];
+    // Level 0 is left out: borders and masks of a scan are pure black.
+    const std::size_t lit = n - histogram[0];
+    std::size_t seen = 0;
+    for (int v = 1; v < 256; ++v)
+        if ((seen += histogram[v]) * 50 >= lit) return v;
+    return 0;
+}
+
 namespace {
 std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
 

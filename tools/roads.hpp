@@ -21,6 +21,7 @@ struct MergeRequest {
     std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
     std::string timesSource;    // "from --times", "from LIST"
     std::string previewTone = "photographic";  // or "linear"
+    double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
 };
 
 struct FuseRequest {
