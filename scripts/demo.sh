@@ -11,8 +11,8 @@ bash scripts/setup.sh
 mkdir -p build
 # The demonstration needs no test programs; scripts/test.sh turns them back on
 # in the same folder, so the library objects built here are reused there.
-cmake --preset release -DOL_BUILD_TESTS=OFF -DOL_BUILD_BENCH=OFF -DOL_BUILD_TOOLS=ON \
-  -UOL_SUBSYSTEMS -UOL_TRACE_DEFINES > build/release.configure.log 2>&1 \
+source scripts/options.sh
+cmake --preset release "${demo_opts[@]}" > build/release.configure.log 2>&1 \
   || { cat build/release.configure.log; exit 1; }
 echo "demo: building olhdr (log in build/release-build.log)"
 cmake --build --preset release --target olhdr -j"$(nproc)" > build/release-build.log 2>&1 \

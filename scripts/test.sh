@@ -27,13 +27,14 @@ mkdir -p build
 
 
 # What every test configuration needs, whatever the cache holds.
-# (-U drops a cached value so that the project's default applies again.)
-test_opts=(-DOL_BUILD_TESTS=ON -UOL_TEST_GLOB -UOL_SUBSYSTEMS -UOL_TRACE_DEFINES)
+source scripts/options.sh
 ctest_opts=(--no-tests=error -j"$jobs")
 
 step "release build and tests"
-build release "${test_opts[@]}" -DOL_BUILD_TOOLS=ON -DOL_BUILD_BENCH=ON
+build release "${release_test_opts[@]}"
 ctest --preset release "${ctest_opts[@]}" || status=1
+# The interoperability tests are part of this stage: none found is a failure.
+ctest --preset release -N -L interop | grep -Eq "Total Tests: [1-9]" || { echo "no interop test found"; status=1; }
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer build and tests"
 build asan "${test_opts[@]}" -DOL_BUILD_TOOLS=ON
