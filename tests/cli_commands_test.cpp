@@ -335,8 +335,11 @@ TEST_F(Cli, InterruptRemovesPartialOutputsAndScratchFiles) {
     if (status == "130\n") {
         EXPECT_EQ(entries(dir.file("out")), 0u);
         // Said to the user even from inside the library call, whose own
-        // printing is silenced.
-        EXPECT_EQ(readText(dir.file("err")), "olhdr: interrupted, partial output removed\n");
+        // printing is silenced (a slow build may still be reading frames).
+        const std::string err = readText(dir.file("err"));
+        EXPECT_TRUE(err == "olhdr: interrupted, partial output removed\n" ||
+                    err == "olhdr: interrupted before any output was written\n")
+            << err;
     }
 }
 

@@ -26,6 +26,8 @@ std::atomic<bool> gUsed[kSlots];
 // Where the user's standard error is while fd 2 points elsewhere around a
 // library call.
 std::atomic<int> gUserStderr{2};
+// Outputs renamed into place so far.
+std::atomic<int> gCommitted{0};
 
 void say(const char* text) {
     ssize_t r = write(gUserStderr.load(), text, std::strlen(text));
@@ -41,8 +43,9 @@ void onSignal(int) {
         if (gUsed[i].load() && !gFolder[i] && unlink(gPending[i]) == 0) removed = true;
     for (int i = 0; i < kSlots; ++i)
         if (gUsed[i].load() && gFolder[i]) rmdir(gPending[i]);
-    say(removed ? "olhdr: interrupted, partial output removed\n"
-                : "olhdr: interrupted; every output written so far is complete\n");
+    say(removed                  ? "olhdr: interrupted, partial output removed\n"
+        : gCommitted.load() > 0 ? "olhdr: interrupted; every output written so far is complete\n"
+                                : "olhdr: interrupted before any output was written\n");
     _exit(kExitInterrupted);
 }
 
@@ -93,6 +96,7 @@ void OutputFile::commit() {
         throw Failure(kExitOutput, target_ + ": cannot write: " + why);
     }
     committed_ = true;
+    gCommitted.fetch_add(1);
 }
 
 void checkWritable(const std::string& target) {
