@@ -21,9 +21,13 @@ for p in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 if [ ${#missing[@]} -gt 0 ]; then
-  echo "setup: installing ${missing[*]}"
+  # apt's own lines go to a log, shown only when something fails.
+  mkdir -p "$(dirname "$0")/../build"
+  log="$(cd "$(dirname "$0")/.." && pwd)/build/setup.log"
+  echo "setup: installing ${#missing[@]} packages (${missing[*]}); log in build/setup.log"
   SUDO=""
   [ "$(id -u)" -ne 0 ] && SUDO="sudo"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  { $SUDO apt-get update -qq &&
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"; } \
+    > "$log" 2>&1 || { tail -30 "$log"; echo "setup: installing failed (see build/setup.log)"; exit 1; }
 fi

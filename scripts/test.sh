@@ -6,6 +6,9 @@
 #   tsan     ThreadSanitizer over the threaded code (tests labelled "threads")
 # and finally builds the libFuzzer targets and runs each one briefly.
 # Set OL_FUZZ_SECONDS=0 to skip fuzzing.
+# Each configure sets every option it relies on, so whatever configured a
+# build folder before (scripts/demo.sh, a developer's own cmake call) cannot
+# leave tests out; and a stage whose ctest finds no test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh --tests
@@ -23,18 +26,24 @@ build() {  # preset, extra cmake arguments...
 mkdir -p build
 
 
+# What every test configuration needs, whatever the cache holds.
+source scripts/options.sh
+ctest_opts=(--no-tests=error -j"$jobs")
+
 step "release build and tests"
-build release -DOL_BUILD_BENCH=ON
-ctest --preset release -j"$jobs" || status=1
+build release "${release_test_opts[@]}"
+ctest --preset release "${ctest_opts[@]}" || status=1
+# The interoperability tests are part of this stage: none found is a failure.
+ctest --preset release -N -L interop | grep -Eq "Total Tests: [1-9]" || { echo "no interop test found"; status=1; }
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer build and tests"
-build asan
+build asan "${test_opts[@]}" -DOL_BUILD_TOOLS=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --preset asan -j"$jobs" -LE interop || status=1
+  ctest --preset asan "${ctest_opts[@]}" -LE interop || status=1
 
 step "ThreadSanitizer build and threaded tests"
-build tsan -DOL_TEST_GLOB="fusion*_test.cpp"
-TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan -j"$jobs" || status=1
+build tsan -DOL_BUILD_TESTS=ON -DOL_TEST_GLOB="fusion*_test.cpp" -UOL_SUBSYSTEMS -UOL_TRACE_DEFINES
+TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan "${ctest_opts[@]}" || status=1
 
 if [ "$fuzz_seconds" != "0" ]; then
   step "fuzz targets, ${fuzz_seconds}s each"

@@ -135,3 +135,72 @@ TEST_F(CliInterop, OpenCvReadsTheRadiancePictureAsRelativeRadiance) {
     EXPECT_GT(ratio, 8.0) << out;
     EXPECT_LT(ratio, 40.0) << out;
 }
+
+TEST_F(CliInterop, PhotographicPreviewFollowsItsFormulaOnTheRadiancePicture) {
+    if (!oltest::havePythonModule("cv2")) GTEST_SKIP() << "no OpenCV";
+    const std::string png = file("tone.png");
+    sh("'" + kProgram + "' merge -q '" + file("frames/frame-1.jpg") + "' '" + file("frames/frame-2.jpg") + "' '" +
+       file("frames/frame-3.jpg") + "' -o '" + file("tone.hdr") + "' --preview '" + png + "'");
+    // The operator of tools/README.md, from the picture as OpenCV decodes it.
+    const std::string script =
+        "import cv2, numpy as np\n"
+        "h = cv2.imread('" + file("tone.hdr") + "', cv2.IMREAD_ANYDEPTH | cv2.IMREAD_COLOR)[..., ::-1]\n"
+        "lw = h @ np.array([0.2126, 0.7152, 0.0722], np.float32)\n"
+        "key = np.exp(np.log(lw[lw > 0]).mean())\n"
+        "l = 0.18 * lw / key\n"
+        "v = np.minimum(1, h * (l / (1 + l) / np.maximum(lw, 1e-30))[..., None])\n"
+        "s = np.where(v <= 0.0031308, 12.92 * v, 1.055 * v ** (1 / 2.4) - 0.055) * 255\n"
+        "p = cv2.imread('" + png + "')[..., ::-1].astype(float)\n"
+        "d = np.abs(p - s)\n"
+        "print('%.2f %.2f %.0f' % (d.mean(), np.percentile(d, 99.9), p.mean()))\n";
+    std::ofstream(file("tone.py")) << script;
+    int code = 0;
+    const std::string out = sh(oltest::systemPython() + " '" + file("tone.py") + "'", &code);
+    ASSERT_EQ(code, 0) << out;
+    double mean = 0, p999 = 0, level = 0;
+    std::istringstream(out) >> mean >> p999 >> level;
+    // OpenCV decodes a mantissa m as m + 0.5: a level apart at most.
+    EXPECT_LT(mean, 0.6) << out;
+    EXPECT_LE(p999, 2.0) << out;
+    EXPECT_GT(level, 60) << out;  // a scene, not black with a bright window
+}
+
+TEST_F(CliInterop, ImageMagickTurnsTaggedFramesAsOlhdrStoresThem) {
+    if (!oltest::haveProgram("convert")) GTEST_SKIP() << "no ImageMagick";
+    // The bracket's camera-form frames, turned by an independent reader,
+    // are the upright frames: the tags mean what the merge takes them to mean.
+    sh("'" + kProgram + "' bracket -q --frames 1 --size 48x32 --format tif -o '" + file("o1") + "'");
+    const std::string upright = sh("convert '" + file("o1/frame-1.tif") + "' -depth 8 rgb:- 2>/dev/null | md5sum");
+    ASSERT_EQ(upright.find("d41d8cd98f00b204e9800998ecf8427e"), std::string::npos) << "convert read nothing";
+    for (int o = 2; o <= 8; ++o) {
+        const std::string dir = file("o" + std::to_string(o));
+        sh("'" + kProgram + "' bracket -q --frames 1 --size 48x32 --format tif --orientation " + std::to_string(o) +
+           " -o '" + dir + "'");
+        EXPECT_EQ(sh("convert '" + dir + "/frame-1.tif' -auto-orient -depth 8 rgb:- 2>/dev/null | md5sum"), upright) << o;
+    }
+}
+
+TEST_F(CliInterop, MergeAgreesWithOpenCvsCalibratedDebevecOnRealBrackets) {
+    OL_REQUIRE_TESTDATA();
+    if (!oltest::havePythonModule("cv2")) GTEST_SKIP() << "no OpenCV";
+    const fs::path sets = oltest::testdataDir() / "brackets";
+    struct Case {
+        std::string frames;
+        std::string options;
+    };
+    // The memorial scans put black at about 16: without --black-level the
+    // merge takes it for light (correlation 0.42).
+    const std::vector<Case> cases = {
+        {"memorial_debevec_png/*.png", "--times 32,8,2,1/2,1/8,1/32,1/128,1/512 --black-level 16"},
+        {"samsung_ex2f_campus/*.JPG", "--times 1/10,1/20,1/45,1/90,1/180,1/350,1/750,1/1500"},
+    };
+    for (const auto& c : cases) {
+        if (!fs::exists(sets / fs::path(c.frames).parent_path())) continue;
+        int code = 0;
+        const std::string out = sh(oltest::systemPython() + " '" OL_SOURCE_DIR "/tools/tests/hdr_agreement.py' '" +
+                                       kProgram + "' " + (sets / c.frames).string() + " " + c.options,
+                                   &code);
+        ASSERT_EQ(code, 0) << c.frames;
+        EXPECT_GE(std::stod(out), 0.98) << c.frames << ": " << out;
+    }
+}

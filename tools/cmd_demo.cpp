@@ -2,6 +2,9 @@
 // ordinary camera files, and the whole road from it to a Radiance picture and
 // a fused image.
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include <cstdio>
 #include <cstring>
@@ -10,6 +13,7 @@
 #include "args.hpp"
 #include "commands.hpp"
 #include "library.hpp"
+#include "orient.hpp"
 #include "outfile.hpp"
 #include "progress.hpp"
 #include "quiet.hpp"
@@ -35,6 +39,8 @@ const char* const kBracketHelp =
     "      --format F       jpg, png, tif or psd (default jpg)\n"
     "  -b, --bits 8|16      sample depth for png, tif and psd (default 8)\n"
     "      --no-metadata    write the frames without Exif, GPS and IPTC\n"
+    "      --orientation N  store the frames as a camera held that way would\n"
+    "                       (Exif orientation 1..8, default 1)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
 
 const char* const kDemoHelp =
@@ -55,6 +61,7 @@ struct BracketOptions {
     BracketSpec spec;
     std::string format = "jpg";
     bool metadata = true;
+    int orientation = 1;
 };
 
 void makeFolder(const std::string& dir) {
@@ -114,9 +121,20 @@ void put32be(std::vector<std::uint8_t>& b, std::uint32_t v) {
     put16be(b, v & 0xFFFF);
 }
 
-// A flat RGB PSD: header, no colour data, the ICC profile as resource 1039,
-// no layers, then the raw composite planes.
-void writePsd(const std::string& path, const Image& img) {
+void putResource(std::vector<std::uint8_t>& res, unsigned id, const std::vector<std::uint8_t>& data) {
+    if (data.empty()) return;
+    res.insert(res.end(), {'8', 'B', 'I', 'M'});
+    put16be(res, id);
+    put16be(res, 0);
+    put32be(res, static_cast<std::uint32_t>(data.size()));
+    res.insert(res.end(), data.begin(), data.end());
+    if (res.size() % 2) res.push_back(0);
+}
+
+// A flat RGB PSD: header, no colour data, the image resources (ICC profile
+// 1039, Exif 1058, IPTC 1028), no layers, then the raw composite planes.
+void writePsd(const std::string& path, const Image& img, const std::vector<std::uint8_t>& exif,
+              const std::vector<std::uint8_t>& iptc) {
     std::vector<std::uint8_t> b = {'8', 'B', 'P', 'S'};
     put16be(b, 1);
     b.resize(b.size() + 6, 0);
@@ -127,14 +145,9 @@ void writePsd(const std::string& path, const Image& img) {
     put16be(b, 3);
     put32be(b, 0);
     std::vector<std::uint8_t> res;
-    if (!img.icc.empty()) {
-        res = {'8', 'B', 'I', 'M'};
-        put16be(res, 1039);
-        put16be(res, 0);
-        put32be(res, static_cast<std::uint32_t>(img.icc.size()));
-        res.insert(res.end(), img.icc.begin(), img.icc.end());
-        if (res.size() % 2) res.push_back(0);
-    }
+    putResource(res, 1039, img.icc);
+    putResource(res, 1058, exif);
+    putResource(res, 1028, iptc);
     put32be(b, static_cast<std::uint32_t>(res.size()));
     b.insert(b.end(), res.begin(), res.end());
     put32be(b, 0);  // layer and mask section
@@ -166,10 +179,14 @@ std::vector<std::string> writeBracket(const BracketOptions& opt, const std::stri
     const std::vector<std::uint8_t> iptc = opt.metadata ? keywordBlock() : std::vector<std::uint8_t>{};
     for (std::size_t k = 0; k < frames.size(); ++k) {
         progress.update(static_cast<double>(k) / frames.size());
-        const SceneFrame& f = frames[k];
+        SceneFrame f = frames[k];
+        // Stored as the camera would: turned so that the tag brings it upright.
+        f.image.pixels = orientPixels(f.image.pixels, f.image.width, f.image.height,
+                                      static_cast<std::size_t>(3 * f.image.bps / 8), opt.orientation, true);
         ExifRecord exif{};
         GpsRecord gps{};
         fillExif(f, exif, gps);
+        exif.orientation = opt.orientation;
         const std::string path = (std::filesystem::path(dir) / ("frame-" + std::to_string(k + 1) + "." + opt.format)).string();
         writeAtomically(path, [&](const std::string& temp) {
             if (opt.format == "tif") {
@@ -180,7 +197,7 @@ std::vector<std::string> writeBracket(const BracketOptions& opt, const std::stri
                 info.bits = f.image.bps;
                 info.dpi = 300;
                 info.lProfil = static_cast<int32_t>(f.image.icc.size());
-                info.orientation = 1;
+                info.orientation = opt.metadata ? opt.orientation : 1;
                 const float tm[16] = {};
                 ExifRecord none{};
                 GpsRecord noGps{};
@@ -193,13 +210,15 @@ std::vector<std::string> writeBracket(const BracketOptions& opt, const std::stri
                                    temp.c_str());
                 }
                 if (r < 0) throw Failure(kExitOutput, path + ": cannot write (code " + std::to_string(r) + ")");
-            } else if (opt.format == "psd") {
-                writePsd(temp, f.image);
             } else {
                 std::vector<std::uint8_t> block;
                 if (opt.metadata) {
                     LibraryOutput quiet(common.verbose);
-                    block = exifBlock(exif, gps, 1);
+                    block = exifBlock(exif, gps, opt.orientation);
+                }
+                if (opt.format == "psd") {
+                    writePsd(temp, f.image, block, iptc);
+                    return;
                 }
                 if (opt.format == "png") {
                     writePng(temp, f.image, block, f.image.icc);
@@ -253,12 +272,32 @@ std::string sizeText(const std::string& path) {
     return buf;
 }
 
+// "olhdr" when that name on PATH is this program, else its full path, so
+// that the lines the demo prints work when pasted.
+std::string invocationName() {
+    std::error_code ec;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec) return "olhdr";
+    const char* path = std::getenv("PATH");
+    std::string dirs = path ? path : "";
+    for (std::size_t start = 0; start <= dirs.size();) {
+        const auto colon = std::min(dirs.find(':', start), dirs.size());
+        const std::string dir = dirs.substr(start, colon - start);
+        start = colon + 1;
+        const auto candidate = std::filesystem::path(dir.empty() ? "." : dir) / "olhdr";
+        if (access(candidate.c_str(), X_OK) == 0) {
+            return std::filesystem::equivalent(candidate, self, ec) ? "olhdr" : self.string();
+        }
+    }
+    return self.string();
+}
+
 }  // namespace
 
 int cmdBracket(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"size", 0, true}, {"frames", 0, true},
                            {"ev-step", 0, true}, {"format", 0, true}, {"bits", 'b', true},
-                           {"no-metadata", 0, false}});
+                           {"no-metadata", 0, false}, {"orientation", 0, true}});
     if (printHelpIfAsked(args, kBracketHelp)) return kExitOk;
     if (!args.positional().empty()) throw Failure(kExitUsage, "unexpected argument '" + args.positional()[0] + "'");
     const Common common = commonOptions(args);
@@ -274,6 +313,9 @@ int cmdBracket(const std::vector<std::string>& argv) {
     if (opt.format != "jpg" && opt.format != "png" && opt.format != "tif" && opt.format != "psd")
         throw Failure(kExitUsage, "option --format: jpg, png, tif or psd");
     opt.metadata = !args.has("no-metadata");
+    opt.orientation = args.integer("orientation", 1, 1, 8);
+    if (opt.orientation != 1 && !opt.metadata)
+        throw Failure(kExitUsage, "--orientation is an Exif tag: it needs the metadata (drop --no-metadata)");
     const std::string dir = args.text("out", "olhdr-bracket");
     Progress progress(!common.quiet, 2);
     progress.stage("rendering frames", 1.0);
@@ -327,9 +369,10 @@ int cmdDemo(const std::vector<std::string>& argv) {
     report(common, "the same with the commands:");
     const std::string list = file("frames/frame-1.jpg") + " " + file("frames/frame-2.jpg") + " " +
                              file("frames/frame-3.jpg");
-    report(common, "  olhdr merge " + list + " -o " + merge.out + " --preview " + merge.preview);
-    report(common, "  olhdr fuse " + list + " -o " + file("scene-fused.tif") + " --bits 16");
-    report(common, "  olhdr info " + merge.out + " " + file("scene-fused.tif"));
+    const std::string me = invocationName();
+    report(common, "  " + me + " merge " + list + " -o " + merge.out + " --preview " + merge.preview);
+    report(common, "  " + me + " fuse " + list + " -o " + file("scene-fused.tif") + " --bits 16");
+    report(common, "  " + me + " info " + merge.out + " " + file("scene-fused.tif"));
     return kExitOk;
 }
 

@@ -37,6 +37,9 @@ const char* const kFuseHelp =
     "      --white-clip P     percent of the range cut at the top (default 0)\n"
     "      --black-clip P     percent of the range cut at the bottom (default 0)\n"
     "      --midtone M        midtone brightness, -20..20 (default 0)\n"
+    "      --times LIST       exposure times in seconds, one a frame in the order\n"
+    "                         given: 1/1000,1/250,1/60 (overrides Exif)\n"
+    "      --times-file FILE  lines 'NAME TIME', one a frame (overrides Exif)\n"
     "  -j, --threads N        threads for the weight stage (default: all cores)\n"
     "      --disk             keep the source, weights and weight pyramid in\n"
     "                         scratch files instead of memory (large stacks)\n"
@@ -54,6 +57,7 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"saturation", 0, true}, {"white-clip", 0, true}, {"black-clip", 0, true},
                            {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
                            {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
+                           {"times", 0, true}, {"times-file", 0, true},
                            {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
     const Common common = commonOptions(args);
@@ -75,6 +79,9 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.quality = args.integer("quality", 92, 1, 100);
     req.dpi = args.integer("dpi", 300, 1, 100000);
     requireFramesAndOutput(args, "fuse", "OUT.tif");
+    const GivenTimes times = givenTimes(args, req.frames);
+    req.times = times.seconds;
+    req.timesSource = times.source;
     Progress progress(!common.quiet, 2);
     runFuse(req, common, progress);
     return kExitOk;
@@ -130,6 +137,7 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     if (!tiff && !png && !jpeg) throw Failure(kExitUsage, req.out + ": the output is a .tif, .png or .jpg file");
     if (jpeg && req.bits != 8) throw Failure(kExitUsage, "a JPEG output has 8-bit samples (--bits 8)");
     checkWritable(req.out);
+    refuseInputsAsOutputs({req.out}, req.frames);
 
     progress.stage("reading frames", 0.25);
     FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
@@ -139,8 +147,8 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     // Fewer than 4 pixels a side leave the pyramid without levels, and the
     // fusion writes nothing.
     if (std::min(w, h) < 4) throw Failure(kExitInput, req.frames[0] + ": frames need at least 4 pixels a side to fuse");
-    if (n == 1 && req.params[1] != 0) throw Failure(kExitUsage, "--bias needs at least two frames");
-    const Exposures exposures = frameExposures(frames, 0, common.verbose);
+    const Exposures exposures = frameExposures(frames, 0, req.times, req.timesSource, common.verbose);
+    for (const auto& line : exposures.warnings) warn(line);
 
     progress.stage("fusing", 0.6);
     const int lenPyram = pyram_len(w, h);
@@ -179,7 +187,10 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     const bool diskUsed = req.disk && (n >= 3 || frames.bps >= 16);
     if (r == -4) throw Failure(kExitProcessing, "out of memory while fusing (try --disk)");
     if (r == -2 || r == -3)
-        throw Failure(kExitOutput, "fusion scratch files failed (code " + std::to_string(r) + ")");
+        throw Failure(kExitOutput, std::string("the fusion's scratch files could not be ") +
+                                       (r == -2 ? "written" : "read back") + " in " +
+                                       (req.scratch.empty() ? std::string("the temporary folder") : req.scratch) +
+                                       " (is the disk full?)");
     if (r < 0) throw Failure(kExitProcessing, "the fusion failed (code " + std::to_string(r) + ")");
     progress.update(1.0);
 
@@ -216,7 +227,7 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
                                static_cast<int>(first.iptc.size()), first.iptc.empty() ? nullptr : first.iptc.data(),
                                0, tmParams, temp.c_str());
             }
-            if (t < 0) throw Failure(kExitOutput, req.out + ": cannot write (code " + std::to_string(t) + ")");
+            if (t < 0) throw Failure(kExitOutput, req.out + ": " + writeFailure(t));
             return;
         }
         std::vector<std::uint8_t> block;
@@ -232,8 +243,8 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     progress.finish();
 
     char line[512];
-    std::snprintf(line, sizeof line, "wrote %s: %dx%d %d-bit %s fused from %d frames (%s mode, %d thread%s)",
-                  req.out.c_str(), w, h, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", n,
+    std::snprintf(line, sizeof line, "wrote %s: %dx%d %d-bit %s fused from %s (%s mode, %d thread%s)",
+                  req.out.c_str(), w, h, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", counted(n, "frame").c_str(),
                   diskUsed ? "disk" : "memory", diskUsed ? 1 : files.nbProc,
                   (diskUsed ? 1 : files.nbProc) == 1 ? "" : "s");
     report(common, line);

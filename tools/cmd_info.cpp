@@ -5,6 +5,7 @@
 #include "args.hpp"
 #include "commands.hpp"
 #include "library.hpp"
+#include "orient.hpp"
 #include "quiet.hpp"
 
 namespace olhdr {
@@ -146,7 +147,11 @@ std::vector<Field> describe(const std::string& path, bool verbose) {
     const std::string date = fieldText(e.date, sizeof e.date);
     if (!date.empty()) f.push_back({"date", date, jsonString(date)});
     if (e.orientation >= 1 && e.orientation <= 8 && kind != FileKind::Radiance)
-        f.push_back({"orientation", std::to_string(e.orientation), std::to_string(e.orientation)});
+        f.push_back({"orientation",
+                     std::to_string(e.orientation) +
+                         (e.orientation == 1 ? "" : " (to view: " + orientationText(e.orientation) +
+                                                        "; merge turns its picture upright)"),
+                     std::to_string(e.orientation)});
     const GpsRecord& g = meta.gps;
     if (g.latitude[1] > 0 && g.longitude[1] > 0) {
         const std::string lat = gpsAngle(g.latitude), lon = gpsAngle(g.longitude);
@@ -185,10 +190,19 @@ int cmdInfo(const std::vector<std::string>& argv) {
     const bool verbose = args.has("verbose");
     const bool json = args.has("json");
     if (args.positional().empty()) throw Failure(kExitUsage, "no file given (olhdr info --help)");
-    // Every file is read before anything is printed, so a bad file gives an
-    // error and no half-written listing.
+    // Every file is read before anything is printed; a file that cannot be
+    // read gets its error line and the others are still listed. The exit
+    // code is that of the first failure.
     std::vector<std::vector<Field>> all;
-    for (const auto& path : args.positional()) all.push_back(describe(path, verbose));
+    int status = kExitOk;
+    for (const auto& path : args.positional()) {
+        try {
+            all.push_back(describe(path, verbose));
+        } catch (const Failure& f) {
+            std::fprintf(stderr, "olhdr info: %s\n", f.what());
+            if (status == kExitOk) status = f.code();
+        }
+    }
     std::string out = json ? "[\n" : "";
     for (std::size_t i = 0; i < all.size(); ++i) {
         if (json) {
@@ -207,7 +221,7 @@ int cmdInfo(const std::vector<std::string>& argv) {
     }
     if (json) out += "]\n";
     if (!args.has("quiet") || json) std::fputs(out.c_str(), stdout);
-    return kExitOk;
+    return status;
 }
 
 }  // namespace olhdr

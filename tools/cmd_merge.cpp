@@ -10,7 +10,9 @@
 #include "roads.hpp"
 #include "outfile.hpp"
 #include "progress.hpp"
+#include "orient.hpp"
 #include "quiet.hpp"
+#include "tonemap.hpp"
 
 namespace olhdr {
 
@@ -18,16 +20,26 @@ const char* const kMergeHelp =
     "usage: olhdr merge FRAME FRAME... -o OUT.hdr [options]\n"
     "\n"
     "Merges bracketed exposures of one scene into a Radiance RGBE picture. The\n"
-    "exposure of each frame comes from its Exif exposure time, aperture and ISO;\n"
-    "when a frame has none, from --ev-step, or else it is inferred from the\n"
-    "frames' brightness. Values all frames share (camera, date, focal length, and\n"
-    "exposure settings when equal) go into the picture's header.\n"
+    "exposure of each frame comes from --times or --times-file, else from its\n"
+    "Exif exposure time, aperture and ISO; when a frame has none, from --ev-step,\n"
+    "or else it is inferred from the frames' brightness (said on stderr). Values\n"
+    "all frames share (camera, date, focal length, and exposure settings when\n"
+    "equal) go into the picture's header. Frames with an Exif orientation are\n"
+    "turned upright in the picture and the preview.\n"
     "\n"
     "options:\n"
     "  -o, --out FILE        the Radiance picture to write (required)\n"
-    "      --preview FILE    also write a PNG or JPEG preview, exposed at the\n"
-    "                        picture's mean luminance\n"
+    "      --preview FILE    also write a PNG or JPEG preview, with the frames'\n"
+    "                        ICC profile and Exif\n"
+    "      --preview-tone T  photographic (default): global tone mapping,\n"
+    "                        L/(1+L) on luminance scaled to the scene's key;\n"
+    "                        linear: exposed at the mean luminance, clipped\n"
+    "      --times LIST      exposure times in seconds, one a frame in the order\n"
+    "                        given: 1/1000,1/250,1/60 (overrides Exif)\n"
+    "      --times-file FILE lines 'NAME TIME', one a frame (overrides Exif)\n"
     "      --ev-step STOPS   the frames are STOPS apart (overrides Exif)\n"
+    "      --black-level L   the frames' black sits at level L of 255 (film scans):\n"
+    "                        it is taken off before the merge\n"
     "      --gamma G         response gamma of the frames (default 2.2)\n"
     "      --strip-rows N    write the picture N rows at a time (default: only\n"
     "                        pictures above 64 megapixels, 256 rows; the strip\n"
@@ -39,6 +51,7 @@ const char* const kMergeHelp =
 int cmdMerge(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"preview", 0, true},
                            {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
+                           {"times", 0, true}, {"times-file", 0, true}, {"preview-tone", 0, true}, {"black-level", 0, true},
                            {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kMergeHelp)) return kExitOk;
     const Common common = commonOptions(args);
@@ -49,7 +62,16 @@ int cmdMerge(const std::vector<std::string>& argv) {
     req.evStep = args.number("ev-step", 0, 0.01, 10);
     req.gamma = args.number("gamma", 0, 0.1, 10);
     req.stripRows = args.integer("strip-rows", 0, 1, 1 << 20);
+    req.previewTone = args.text("preview-tone", "photographic");
+    req.blackLevel = args.number("black-level", 0, 0, 128);
+    if (req.previewTone != "photographic" && req.previewTone != "linear")
+        throw Failure(kExitUsage, "option --preview-tone: photographic or linear");
     requireFramesAndOutput(args, "merge", "OUT.hdr");
+    if (req.evStep > 0 && (args.has("times") || args.has("times-file")))
+        throw Failure(kExitUsage, "give either exposure times or --ev-step, not both");
+    const GivenTimes times = givenTimes(args, req.frames);
+    req.times = times.seconds;
+    req.timesSource = times.source;
     Progress progress(!common.quiet, 2);
     runMerge(req, common, progress);
     return kExitOk;
@@ -84,7 +106,7 @@ void writeRadiance(const std::string& target, int width, int height, const ExifR
                                      rgbe.data());
             }
             if (r == -4) throw Failure(kExitProcessing, target + ": out of memory while writing");
-            if (r != height) throw Failure(kExitOutput, target + ": cannot write (code " + std::to_string(r) + ")");
+            if (r != height) throw Failure(kExitOutput, target + ": " + writeFailure(r));
             return;
         }
         const std::size_t rowBytes = static_cast<std::size_t>(width) * 4;
@@ -99,35 +121,49 @@ void writeRadiance(const std::string& target, int width, int height, const ExifR
             }
             const int expected = std::min(stripRows, height - s * stripRows);
             if (r != expected)
-                throw Failure(kExitOutput, target + ": cannot write strip " + std::to_string(s) + " (code " +
-                                               std::to_string(r) + ")");
+                throw Failure(kExitOutput, target + ": " + writeFailure(r) + " (rows from " +
+                                               std::to_string(s * stripRows) + ")");
         }
     });
 }
 
-void writePreview(const std::string& target, int width, int height, float mean,
-                  const std::vector<std::uint8_t>& rgbe, const Common& common) {
+// Returns what the preview carries besides pixels (", ICC profile, Exif").
+std::string writePreview(const std::string& target, int width, int height, float mean, const std::string& tone,
+                         const std::vector<std::uint8_t>& rgbe, const FrameSet& frames, const ExifRecord& exif,
+                         const Common& common) {
     Image img;
-    img.width = width;
-    img.height = height;
-    img.spp = 3;
-    img.bps = 8;
-    img.pixels.resize(img.byteCount());
-    int r;
+    if (tone == "linear") {
+        img.width = width;
+        img.height = height;
+        img.spp = 3;
+        img.bps = 8;
+        img.pixels.resize(img.byteCount());
+        int r;
+        {
+            LibraryOutput quiet(common.verbose);
+            r = rgbe_rep(width, height, width * 3, mean, rgbe.data(), img.pixels.data());
+        }
+        if (r != height) throw Failure(kExitProcessing, "the preview could not be made (code " + std::to_string(r) + ")");
+        // The preview is blue, green, red; the encoders take red first.
+        for (std::size_t i = 0; i + 2 < img.pixels.size(); i += 3) std::swap(img.pixels[i], img.pixels[i + 2]);
+    } else {
+        img = photographicPreview(rgbe, width, height);
+    }
+    // The pixels are upright already: the preview's Exif says so.
+    std::vector<std::uint8_t> block;
     {
         LibraryOutput quiet(common.verbose);
-        r = rgbe_rep(width, height, width * 3, mean, rgbe.data(), img.pixels.data());
+        block = exifBlock(exif, frames.meta[0].gps, 1);
     }
-    if (r != height) throw Failure(kExitProcessing, "preview failed (code " + std::to_string(r) + ")");
-    // The preview is blue, green, red; the encoders take red first.
-    for (std::size_t i = 0; i + 2 < img.pixels.size(); i += 3) std::swap(img.pixels[i], img.pixels[i + 2]);
+    const std::vector<std::uint8_t>& icc = frames.meta[0].icc;
     const std::string ext = extensionOf(target);
     writeAtomically(target, [&](const std::string& temp) {
         if (ext == "jpg" || ext == "jpeg")
-            writeJpeg(temp, img, 90, {}, {});
+            writeJpeg(temp, img, 90, block, icc);
         else
-            writePng(temp, img, {}, {});
+            writePng(temp, img, block, icc);
     });
+    return std::string(icc.empty() ? "" : ", ICC profile") + (block.empty() ? "" : ", Exif");
 }
 }  // namespace
 
@@ -142,13 +178,27 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
         checkWritable(req.preview);
     }
     checkWritable(req.out);
+    refuseInputsAsOutputs(req.preview.empty() ? std::vector<std::string>{req.out}
+                                              : std::vector<std::string>{req.out, req.preview},
+                          req.frames);
 
     progress.stage("reading frames", 0.3);
-    const FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    applyBlackLevel(frames, req.blackLevel);
+    if (req.blackLevel <= 0) {
+        // The merge takes any level above its dark threshold for light; in
+        // the shortest exposure that light is multiplied many times.
+        const int floor = shadowFloor(frames);
+        if (floor >= 12)
+            warn("the darkest frame has almost nothing below level " + std::to_string(floor) +
+                 " of 255; if black sits there (a film scan), give --black-level " + std::to_string(floor));
+    }
     // Frame alignment (--align) belongs here, on the photo block, before the
     // exposures are measured; ghost handling (--deghost) would choose a merge
     // that keeps moving objects out. Both are refused up front for now.
-    const Exposures exposures = frameExposures(frames, req.evStep, common.verbose);
+    const Exposures exposures = frameExposures(frames, req.evStep, req.times, req.timesSource, common.verbose);
+    for (const auto& line : exposures.notes) note(common, line);
+    for (const auto& line : exposures.warnings) warn(line);
 
     progress.stage("merging", 0.45);
     const int w = frames.width, h = frames.height, n = frames.count();
@@ -168,23 +218,41 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
     progress.update(1.0);
 
     progress.stage("writing", 0.25);
-    const ExifRecord exif = sharedExif(frames);
+    ExifRecord exif = sharedExif(frames);
     const std::string profile = frames.meta[0].profileName;
+    // A Radiance picture has no orientation tag: the pixels are turned
+    // upright here, by the frames' common orientation.
+    const int firstOrientation = frames.meta[0].exif.orientation;
+    const int orientation = exif.orientation >= 2 && exif.orientation <= 8 ? exif.orientation : 1;
+    if (firstOrientation >= 2 && firstOrientation <= 8 && orientation == 1)
+        warn("the frames differ in their Exif orientation; the picture is left as stored");
+    int ow = w, oh = h;
+    if (orientation != 1) rgbe = orientRgbePlanes(rgbe, ow, oh, orientation);
+    exif.orientation = 1;
     int stripRows = req.stripRows;
-    if (stripRows <= 0 && static_cast<double>(w) * h > kStripPixels) stripRows = 256;
-    writeRadiance(req.out, w, h, exif, profile, rgbe, stripRows, common, progress);
-    if (!req.preview.empty()) writePreview(req.preview, w, h, stats[2], rgbe, common);
+    if (stripRows <= 0 && static_cast<double>(ow) * oh > kStripPixels) stripRows = 256;
+    writeRadiance(req.out, ow, oh, exif, profile, rgbe, stripRows, common, progress);
+    std::string previewKeeps;
+    if (!req.preview.empty())
+        previewKeeps = writePreview(req.preview, ow, oh, stats[2], req.previewTone, rgbe, frames, exif, common);
     progress.finish();
 
-    char line[512];
-    std::snprintf(line, sizeof line, "wrote %s: %dx%d Radiance picture from %d frames (%d-bit), exposures (%s): %s",
-                  req.out.c_str(), w, h, n, frames.bps, exposures.source.c_str(),
+    char line[768];
+    std::snprintf(line, sizeof line, "wrote %s: %dx%d Radiance picture from %s (%d-bit), exposures (%s): %s",
+                  req.out.c_str(), ow, oh, counted(n, "frame").c_str(), frames.bps, exposures.source.c_str(),
                   exposureList(frames, exposures).c_str());
     report(common, line);
+    if (orientation != 1)
+        report(common, "  turned upright: Exif orientation " + std::to_string(orientation) + ", " +
+                           orientationText(orientation));
     std::snprintf(line, sizeof line, "  luminance min %.4g  max %.4g  mean %.4g (in decoded RGBE units)%s", stats[0],
                   stats[1], stats[2], stripRows > 0 ? "; written in strips, without metadata lines" : "");
     report(common, line);
-    if (!req.preview.empty()) report(common, "wrote " + req.preview + ": preview at the mean luminance");
+    if (!req.preview.empty())
+        report(common, "wrote " + req.preview + ": preview, " +
+                           (req.previewTone == "linear" ? std::string("linear at the mean luminance")
+                                                        : std::string("photographic tone mapping")) +
+                           previewKeeps);
 }
 
 }  // namespace olhdr

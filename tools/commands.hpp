@@ -38,11 +38,33 @@ bool printHelpIfAsked(const Args& args, const char* help);
 Common commonOptions(const Args& args);
 
 // The last checks of a command that turns frames into one output, once its
-// options are read: --align and --deghost, then the frames, then -o
-// (`outExample` names the output in the message, e.g. "OUT.hdr").
+// options are read: --align and --deghost, then the frames (two or more; a
+// frame named twice is warned about), then -o (`outExample` names the
+// output in the message, e.g. "OUT.hdr").
 void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample);
 
 // Prints one result line on stdout ("wrote ..."), unless quiet.
 void report(const Common& common, const std::string& line);
+
+// Lines on stderr, "olhdr COMMAND: note: ..." (not when quiet) and
+// "olhdr COMMAND: warning: ..." (always).
+void note(const Common& common, const std::string& text);
+void warn(const std::string& text);
+// The command being run, for those lines.
+void setCommandName(const std::string& name);
+
+// Exposure times given on the command line: --times LIST or --times-file
+// FILE, one time a frame (empty when neither), and how to name their source.
+struct GivenTimes {
+    std::vector<double> seconds;
+    std::string source;
+};
+GivenTimes givenTimes(const Args& args, const std::vector<std::string>& frames);
+
+// What a failed write of the library's file functions means, in words.
+std::string writeFailure(int code);
+
+// "1 frame", "3 frames".
+std::string counted(int n, const std::string& noun);
 
 }  // namespace olhdr

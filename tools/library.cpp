@@ -308,34 +308,158 @@ FrameSet loadFrameSet(const std::vector<std::string>& paths, bool verbose, Progr
     return set;
 }
 
-Exposures frameExposures(const FrameSet& frames, double evStep, bool verbose) {
+void applyBlackLevel(FrameSet& frames, double level) {
+    if (level <= 0) return;
+    const bool wide = frames.bps == 16;
+    const double top = wide ? 65535.0 : 255.0;
+    const double black = wide ? level * 257.0 : level;
+    std::vector<std::uint16_t> table(wide ? 65536 : 256);
+    for (std::size_t v = 0; v < table.size(); ++v)
+        table[v] = static_cast<std::uint16_t>(
+            std::lround(std::clamp((static_cast<double>(v) - black) * top / (top - black), 0.0, top)));
+    std::uint8_t* p = frames.block.data();
+    const std::size_t samples = frames.block.size() / (wide ? 2 : 1);
+    for (std::size_t i = 0; i < samples; ++i) {
+        if (wide) {
+            const std::uint16_t v = table[p[2 * i] | (p[2 * i + 1] << 8)];
+            p[2 * i] = static_cast<std::uint8_t>(v & 0xFF);
+            p[2 * i + 1] = static_cast<std::uint8_t>(v >> 8);
+        } else {
+            p[i] = static_cast<std::uint8_t>(table[p[i]]);
+        }
+    }
+    for (int k = 0; k < frames.count(); ++k) {
+        Image view;
+        view.width = frames.width;
+        view.height = frames.height;
+        view.spp = 3;
+        view.bps = frames.bps;
+        view.pixels.assign(frames.block.begin() + frames.frameBytes() * k,
+                           frames.block.begin() + frames.frameBytes() * (k + 1));
+        frames.means[k] = meanLevel(view);
+    }
+}
+
+int shadowFloor(const FrameSet& frames) {
+    if (frames.count() == 0) return 0;
+    const int k = static_cast<int>(std::min_element(frames.means.begin(), frames.means.end()) - frames.means.begin());
+    const std::size_t bs = frames.bps / 8;
+    const std::uint8_t* p = frames.block.data() + frames.frameBytes() * k;
+    const std::size_t n = static_cast<std::size_t>(frames.width) * frames.height;
+    std::size_t histogram[256] = {};
+    for (std::size_t i = 0; i < n; ++i) ++histogram[p[(i * 3 + 1) * bs + (bs - 1)]];
+    // Level 0 is left out: borders and masks of a scan are pure black.
+    const std::size_t lit = n - histogram[0];
+    std::size_t seen = 0;
+    for (int v = 1; v < 256; ++v)
+        if ((seen += histogram[v]) * 50 >= lit) return v;
+    return 0;
+}
+
+namespace {
+std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
+
+// Frames in order of a value, smallest first (stable: equal values keep
+// the order given).
+std::vector<int> orderBy(const std::vector<double>& v) {
+    std::vector<int> order(v.size());
+    for (std::size_t k = 0; k < v.size(); ++k) order[k] = static_cast<int>(k);
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return v[a] < v[b]; });
+    return order;
+}
+
+// Brightness levels closer than this (2% of the scale) count as alike: a
+// clipped or black pair of frames may swap without meaning anything.
+constexpr double kClearlyBrighter = 0.02 * 65280;
+
+void checkExposures(const FrameSet& frames, Exposures& e, bool guessed) {
+    const int n = frames.count();
+    const std::vector<double> mean(frames.means.begin(), frames.means.end());
+    std::vector<double> dt(e.deltaT.begin(), e.deltaT.end());
+    if (guessed) {
+        // The guess takes the frames by brightness, whatever their order.
+        const std::vector<int> bright = orderBy(mean);
+        bool ascending = true, descending = true;
+        for (int k = 1; k < n; ++k) {
+            ascending = ascending && mean[k] >= mean[k - 1];
+            descending = descending && mean[k] <= mean[k - 1];
+        }
+        if (!ascending && !descending) {
+            std::string list;
+            for (int k : bright) list += (list.empty() ? "" : ", ") + nameOf(frames.paths[k]);
+            e.notes.push_back("frames reordered by brightness (darkest first): " + list);
+        }
+    }
+    const std::vector<int> order = orderBy(dt);
+    for (int i = 1; i < n; ++i) {
+        const int a = order[i - 1], b = order[i];
+        const double stops = std::log2(dt[b] / dt[a]);
+        char buf[512];
+        // Two shots at one exposure differ in mean level by far less than 1%;
+        // 2% (and a fifth of an 8-bit level, above noise) is a real difference.
+        const double lo = std::min(mean[a], mean[b]), hi = std::max(mean[a], mean[b]);
+        if (e.inferred && stops < 0.1 && hi > 1.02 * lo && hi - lo > 0.2 * 256) {
+            std::snprintf(buf, sizeof buf,
+                          "%s and %s were given exposures %.2f stop apart, yet their brightness differs "
+                          "clearly (levels %.0f and %.0f of 65280): the inferred exposures are implausible; "
+                          "give --times or --ev-step",
+                          nameOf(frames.paths[a]).c_str(), nameOf(frames.paths[b]).c_str(), stops, mean[a], mean[b]);
+            e.warnings.push_back(buf);
+        }
+        if (!guessed && stops > 0.1 && mean[a] > mean[b] + kClearlyBrighter) {
+            std::snprintf(buf, sizeof buf,
+                          "%s has %.2f stop more exposure than %s but is darker: check the exposure times",
+                          nameOf(frames.paths[b]).c_str(), stops, nameOf(frames.paths[a]).c_str());
+            e.warnings.push_back(buf);
+        }
+    }
+}
+}  // namespace
+
+Exposures frameExposures(const FrameSet& frames, double evStep, const std::vector<double>& times,
+                         const std::string& timesSource, bool verbose) {
     const int n = frames.count();
     Exposures e;
     e.deltaT.assign(n, 1.0f);
     bool allTimes = true;
     for (const auto& m : frames.meta) allTimes = allTimes && m.hasExposure();
-    LibraryOutput quiet(verbose);
-    if (evStep > 0 || !allTimes) {
+    const bool given = !times.empty() && evStep <= 0;
+    if (evStep > 0 || (!given && !allTimes)) {
         std::vector<int> means = frames.means;
-        guess_ev(0, n, evStep > 0 ? static_cast<float>(evStep) : 0.0f, means.data(), e.deltaT.data());
+        {
+            LibraryOutput quiet(verbose);
+            guess_ev(0, n, evStep > 0 ? static_cast<float>(evStep) : 0.0f, means.data(), e.deltaT.data());
+        }
         char buf[64];
         std::snprintf(buf, sizeof buf, "%g EV apart", evStep);
+        e.inferred = evStep <= 0;
         e.source = evStep > 0 ? std::string("from --ev-step, ") + buf : "inferred from brightness, no Exif times";
+        if (e.inferred)
+            e.notes.push_back("the frames carry no exposure times: exposures inferred from their brightness "
+                              "(give --times, --times-file or --ev-step when you know them)");
+        checkExposures(frames, e, true);
         return e;
     }
+    // Seven values a frame: time (numerator, denominator), f-number
+    // (numerator, denominator), override, ISO. Given times enter as 1/1 and
+    // scale the result: the exposure is proportional to the time.
     std::vector<float> data(static_cast<std::size_t>(n) * 7, 0.0f);
     for (int k = 0; k < n; ++k) {
         const ExifRecord& x = frames.meta[k].exif;
         float* d = &data[static_cast<std::size_t>(k) * 7];
-        d[0] = static_cast<float>(x.exposureNum);
-        d[1] = static_cast<float>(x.exposureDen);
-        d[2] = static_cast<float>(x.apertureNum);
-        d[3] = static_cast<float>(x.apertureDen);
-        d[5] = static_cast<float>(x.iso);
+        d[0] = given ? 1.0f : static_cast<float>(x.exposureNum);
+        d[1] = given ? 1.0f : static_cast<float>(x.exposureDen);
+        d[2] = static_cast<float>(std::max(0, x.apertureNum));
+        d[3] = static_cast<float>(std::max(0, x.apertureDen));
+        d[5] = static_cast<float>(std::max(0, x.iso));
     }
-    get_ev(n, data.data());
-    for (int k = 0; k < n; ++k) e.deltaT[k] = data[k];
-    e.source = "from Exif";
+    {
+        LibraryOutput quiet(verbose);
+        get_ev(n, data.data());
+    }
+    for (int k = 0; k < n; ++k) e.deltaT[k] = given ? static_cast<float>(data[k] * times[k]) : data[k];
+    e.source = given ? timesSource : "from Exif";
+    checkExposures(frames, e, false);
     return e;
 }
 

@@ -99,14 +99,32 @@ struct FrameSet {
 // differs from the first fails with kExitInput naming it.
 FrameSet loadFrameSet(const std::vector<std::string>& paths, bool verbose, Progress& progress);
 
+// Takes a black level off every sample: `level` (on the 8-bit scale, 257
+// times that for 16-bit frames) becomes 0 and the range is stretched back to
+// full scale. Film scans and some converters put black well above 0, which
+// the merge would take for light.
+void applyBlackLevel(FrameSet& frames, double level);
+
+// The green level (8-bit scale) under which 2% of the darkest frame's
+// pixels above 0 lie: well above 0 it hints at a black level.
+int shadowFloor(const FrameSet& frames);
+
 // Exposure of each frame (larger is brighter): from --ev-step when given,
-// else from Exif when every frame has an exposure time, else inferred from
-// the frames' brightness. `source` says which.
+// else from the times the user gave (`times`, one per frame, seconds; with
+// each frame's Exif aperture and ISO when it has them), else from Exif when
+// every frame has an exposure time, else inferred from the frames'
+// brightness. `source` says which; `notes` and `warnings` are for stderr:
+// inferred exposures, frames taken in another order than given, and
+// exposures that disagree with the frames' brightness.
 struct Exposures {
     std::vector<float> deltaT;
     std::string source;
+    bool inferred = false;
+    std::vector<std::string> notes;
+    std::vector<std::string> warnings;
 };
-Exposures frameExposures(const FrameSet& frames, double evStep, bool verbose);
+Exposures frameExposures(const FrameSet& frames, double evStep, const std::vector<double>& times,
+                         const std::string& timesSource, bool verbose);
 
 // What all frames share: the first frame's record with the values that
 // differ between frames blanked.

@@ -11,6 +11,7 @@
 #include "args.hpp"
 #include "commands.hpp"
 #include "outfile.hpp"
+#include "times.hpp"
 
 namespace olhdr {
 
@@ -67,12 +68,56 @@ Common commonOptions(const Args& args) {
 void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample) {
     refuseUnavailable(args.has("align"), args.has("deghost"));
     if (args.positional().empty()) throw Failure(kExitUsage, "no frames given (olhdr " + command + " --help)");
+    if (args.positional().size() == 1)
+        throw Failure(kExitUsage, "one frame given: " + command + " needs two or more exposures of the scene");
     if (args.text("out", "").empty()) throw Failure(kExitUsage, "no output given: -o " + outExample);
+    for (const auto& [a, b] : sameFiles(args.positional()))
+        warn(a == b ? a + " is given twice" : a + " and " + b + " are the same file");
 }
 
 void report(const Common& common, const std::string& line) {
     if (!common.quiet) std::printf("%s\n", line.c_str());
     std::fflush(stdout);
+}
+
+static std::string gCommand = "olhdr";
+
+void setCommandName(const std::string& name) { gCommand = "olhdr " + name; }
+
+void note(const Common& common, const std::string& text) {
+    if (common.quiet) return;
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: note: %s\n", gCommand.c_str(), text.c_str());
+}
+
+void warn(const std::string& text) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: warning: %s\n", gCommand.c_str(), text.c_str());
+}
+
+GivenTimes givenTimes(const Args& args, const std::vector<std::string>& frames) {
+    GivenTimes g;
+    if (args.has("times") && args.has("times-file"))
+        throw Failure(kExitUsage, "give the exposure times once: --times or --times-file");
+    if (args.has("times")) {
+        g.seconds = parseTimeList(*args.value("times"), frames.size());
+        g.source = "from --times";
+    } else if (args.has("times-file")) {
+        g.seconds = readTimesFile(*args.value("times-file"), frames);
+        g.source = "from " + *args.value("times-file");
+    }
+    return g;
+}
+
+std::string writeFailure(int code) {
+    if (code == -1) return "cannot create or write the file";
+    if (code == -2) return "the file was cut short (is the disk full?)";
+    if (code == -4) return "out of memory while writing";
+    return "writing failed (library code " + std::to_string(code) + ")";
+}
+
+std::string counted(int n, const std::string& noun) {
+    return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
 }
 
 }  // namespace olhdr
@@ -88,6 +133,7 @@ int main(int argc, char** argv) {
     }
     const std::string command = args.front();
     args.erase(args.begin());
+    setCommandName(command);
     try {
         if (command == "-h" || command == "--help" || command == "help") {
             if (!args.empty()) {

@@ -23,16 +23,29 @@ constexpr std::size_t kPathMax = 4096;
 char gPending[kSlots][kPathMax];
 bool gFolder[kSlots];
 std::atomic<bool> gUsed[kSlots];
+// Where the user's standard error is while fd 2 points elsewhere around a
+// library call.
+std::atomic<int> gUserStderr{2};
+// Outputs renamed into place so far.
+std::atomic<int> gCommitted{0};
+
+void say(const char* text) {
+    ssize_t r = write(gUserStderr.load(), text, std::strlen(text));
+    (void)r;
+}
 
 void onSignal(int) {
-    // Files first, then the folders that held them.
+    // Files first, then the folders that held them. Only a temporary that was
+    // still there counts as a partial output: one renamed into place a moment
+    // before is complete and stays.
+    bool removed = false;
     for (int i = 0; i < kSlots; ++i)
-        if (gUsed[i].load() && !gFolder[i]) unlink(gPending[i]);
+        if (gUsed[i].load() && !gFolder[i] && unlink(gPending[i]) == 0) removed = true;
     for (int i = 0; i < kSlots; ++i)
         if (gUsed[i].load() && gFolder[i]) rmdir(gPending[i]);
-    static const char msg[] = "olhdr: interrupted, partial output removed\n";
-    ssize_t r = write(2, msg, sizeof msg - 1);
-    (void)r;
+    say(removed                  ? "olhdr: interrupted, partial output removed\n"
+        : gCommitted.load() > 0 ? "olhdr: interrupted; every output written so far is complete\n"
+                                : "olhdr: interrupted before any output was written\n");
     _exit(kExitInterrupted);
 }
 
@@ -83,6 +96,7 @@ void OutputFile::commit() {
         throw Failure(kExitOutput, target_ + ": cannot write: " + why);
     }
     committed_ = true;
+    gCommitted.fetch_add(1);
 }
 
 void checkWritable(const std::string& target) {
@@ -95,6 +109,33 @@ void checkWritable(const std::string& target) {
         throw Failure(kExitOutput, target + ": folder " + dir + " does not exist");
     if (access(dir.c_str(), W_OK | X_OK) != 0)
         throw Failure(kExitOutput, target + ": cannot write in folder " + dir + ": " + std::strerror(errno));
+}
+
+void setUserStderr(int fd) { gUserStderr.store(fd >= 0 ? fd : 2); }
+
+void refuseInputsAsOutputs(const std::vector<std::string>& outputs, const std::vector<std::string>& inputs) {
+    for (std::size_t i = 0; i < outputs.size(); ++i) {
+        std::error_code ec;
+        for (std::size_t j = i + 1; j < outputs.size(); ++j)
+            if (outputs[i] == outputs[j] || std::filesystem::equivalent(outputs[i], outputs[j], ec))
+                throw Failure(kExitUsage, outputs[j] + ": named for two outputs; give each its own name");
+        // An output that does not exist yet cannot be an input.
+        if (!std::filesystem::exists(outputs[i], ec)) continue;
+        for (const auto& in : inputs)
+            if (std::filesystem::equivalent(outputs[i], in, ec))
+                throw Failure(kExitUsage, outputs[i] + ": is the input " + in +
+                                              "; writing there would destroy it (choose another output name)");
+    }
+}
+
+std::vector<std::pair<std::string, std::string>> sameFiles(const std::vector<std::string>& paths) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        for (std::size_t j = i + 1; j < paths.size(); ++j) {
+            std::error_code ec;
+            if (std::filesystem::equivalent(paths[i], paths[j], ec)) pairs.emplace_back(paths[i], paths[j]);
+        }
+    return pairs;
 }
 
 void installSignalCleanup() {
@@ -110,6 +151,19 @@ void installSignalCleanup() {
 }  // namespace olhdr
 
 namespace olhdr {
+void writeAtomically(const std::string& target, const std::function<void(const std::string&)>& write) {
+    OutputFile out(target);
+    try {
+        write(out.temp());
+    } catch (const Failure& f) {
+        std::string message = f.what();
+        for (auto at = message.find(out.temp()); at != std::string::npos; at = message.find(out.temp()))
+            message.replace(at, out.temp().size(), target);
+        throw Failure(f.code(), message);
+    }
+    out.commit();
+}
+
 std::string extensionOf(const std::string& path) {
     std::string ext = std::filesystem::path(path).extension().string();
     if (!ext.empty() && ext[0] == '.') ext.erase(0, 1);

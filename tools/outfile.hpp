@@ -4,6 +4,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace olhdr {
 
@@ -35,9 +37,19 @@ void checkWritable(const std::string& target);
 int registerCleanup(const std::string& path, bool folder);
 void unregisterCleanup(int slot);
 
-// SIGINT/SIGTERM remove the temporary files of the pending outputs and end
-// the program with kExitInterrupted.
+// SIGINT/SIGTERM remove the temporary files of the pending outputs, say so
+// on the user's standard error and end the program with kExitInterrupted.
 void installSignalCleanup();
+// The descriptor of the user's standard error while fd 2 is redirected.
+void setUserStderr(int fd);
+
+// Refuses (kExitUsage) an output that is one of the inputs, through any
+// spelling of its path or a link, and two outputs of one name; checked
+// before any work.
+void refuseInputsAsOutputs(const std::vector<std::string>& outputs, const std::vector<std::string>& inputs);
+
+// Pairs of paths that name one file.
+std::vector<std::pair<std::string, std::string>> sameFiles(const std::vector<std::string>& paths);
 
 }  // namespace olhdr
 
@@ -45,12 +57,9 @@ void installSignalCleanup();
 
 namespace olhdr {
 
-// Runs `write` on a temporary name and renames the result into place.
-inline void writeAtomically(const std::string& target, const std::function<void(const std::string&)>& write) {
-    OutputFile out(target);
-    write(out.temp());
-    out.commit();
-}
+// Runs `write` on a temporary name and renames the result into place. A
+// failure names the user's path, never the temporary one.
+void writeAtomically(const std::string& target, const std::function<void(const std::string&)>& write);
 
 // Lower-case extension of a path, without the dot ("" when none).
 std::string extensionOf(const std::string& path);

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 
+#include "outfile.hpp"
 #include "progress.hpp"
 
 namespace olhdr {
@@ -21,6 +22,7 @@ public:
         std::fflush(stderr);
         savedOut_ = dup(1);
         savedErr_ = dup(2);
+        setUserStderr(savedErr_);  // an interrupt still reaches the user
         if (verbose) {
             dup2(2, 1);
         } else {
@@ -42,6 +44,7 @@ public:
         }
         if (savedErr_ >= 0) {
             dup2(savedErr_, 2);
+            setUserStderr(2);
             close(savedErr_);
         }
         if (Progress::current) Progress::current->setFd(2);

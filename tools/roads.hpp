@@ -18,6 +18,10 @@ struct MergeRequest {
     double evStep = 0;        // above 0: frames this many stops apart
     double gamma = 0;         // above 0: response gamma of the frames
     int stripRows = 0;        // above 0: write in strips of this many rows
+    std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
+    std::string timesSource;    // "from --times", "from LIST"
+    std::string previewTone = "photographic";  // or "linear"
+    double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
 };
 
 struct FuseRequest {
@@ -30,6 +34,8 @@ struct FuseRequest {
     std::string scratch;      // folder for them, empty for the system's
     int quality = 92;         // JPEG quality
     int dpi = 300;
+    std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
+    std::string timesSource;
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
