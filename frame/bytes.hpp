@@ -1,5 +1,17 @@
 // Byte-order-independent readers and writers over memory.
 //
+// The byte readers of the library, and which to use when:
+//   frame/bytes.hpp        bytes already in memory: getU16LE/BE ... and
+//                          ByteCursor (bounded; a read past the end gives 0
+//                          and clears ok()); the put* writers.
+//   frame/file.hpp         a file opened and closed in one call; reading a
+//                          whole block or a known length, a short read reported.
+//   frame/read_stream.hpp  walking a file by offsets found in it, a few bytes
+//                          at a time in either byte order (TIFF/Exif, PSD).
+//   frame/byte_source.hpp  one pass over a file byte after byte, buffered
+//                          (run-length decoders).
+// All of them assemble values with the helpers below.
+//
 // Multi-byte values in files are always assembled byte by byte, so nothing
 // depends on the machine's byte order. ByteCursor bounds every read: a read
 // past the end yields 0 and clears ok(), so a parser of a damaged buffer

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "Ombrelumen40Lib1.h"
-#include "metadata/read_stream.hpp"
+#include "frame/read_stream.hpp"
 
 namespace ol {
 

@@ -16,7 +16,7 @@
 #include "frame/file.hpp"
 #include "frame/rgbe.hpp"
 #include "frame/trace.hpp"
-#include "metadata/read_stream.hpp"
+#include "frame/read_stream.hpp"
 
 namespace ol {
 

@@ -9,7 +9,7 @@
 #include "frame/alloc.hpp"
 #include "frame/file.hpp"
 #include "frame/numeric.hpp"
-#include "radiance/byte_source.hpp"
+#include "frame/byte_source.hpp"
 #include "radiance/header.hpp"
 
 namespace ol::radiance {

@@ -7,7 +7,7 @@
 #include "frame/alloc.hpp"
 #include "frame/file.hpp"
 #include "frame/trace.hpp"
-#include "radiance/byte_source.hpp"
+#include "frame/byte_source.hpp"
 #include "radiance/header.hpp"
 #include "radiance/rle.hpp"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "fusion_stack.hpp"
+#include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
 namespace {

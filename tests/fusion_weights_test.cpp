@@ -8,7 +8,7 @@
 
 #include "fusion/photo_stats.hpp"
 #include "fusion/stages.hpp"
-#include "fusion_stack.hpp"
+#include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
 namespace {

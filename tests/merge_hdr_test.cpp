@@ -405,59 +405,54 @@ TEST(HdrMerge, AllBlackAndAllWhiteStacks) {
     }
 }
 
-TEST(HdrMerge, OneFrameHasTheWiderDarkBandAndFullSaturationLevel) {
-    Pixelwise p(1, 3);
-    p.set(0, 0, 7);    // level 1792: kept (last frame)
-    p.set(0, 1, 250);  // level 64000: not above 64000, so not saturated
-    p.set(0, 2, 251);  // saturated
-    const Result r = runMerge(2, p.s, {2.0f});
-    auto value = [&](int v) {
-        const float w = refWeight(256 * v, 64000);
-        return (w * 0.5f * r.lut[v]) / w;
+// Saturation levels and dark bands at their boundaries, as rows: levels of
+// single-channel 8-bit frames per pixel (ival is 256 times the level), the
+// exposures, and what mode 2 leaves at each pixel: 'B' burnt out, 'D' dead
+// dark, '.' merged.
+// Each row is also compared byte for byte with the reference.
+TEST(HdrMerge, SaturationBoundariesAsRows) {
+    struct Row {
+        const char* what;
+        std::vector<std::vector<int>> pixels;  // per pixel, the level of each frame
+        std::vector<float> dt;
+        const char* want;
     };
-    EXPECT_TRUE(samePixel(pixelAt(r, 3, 0, 0), ol::encodeRgbe(value(7), value(7), value(7), ol::RgbeForm::Clamped)));
-    EXPECT_GT(refWeight(64000, 64000), 0.0f);
-    EXPECT_TRUE(samePixel(pixelAt(r, 3, 1, 0),
-                          ol::encodeRgbe(value(250), value(250), value(250), ol::RgbeForm::Clamped)));
-    EXPECT_TRUE(samePixel(pixelAt(r, 3, 2, 0), ol::kRgbeBurnt));
-}
-
-TEST(HdrMerge, EqualExposuresKeepTheFullSaturationLevel) {
-    // Level 251 (64256) is above 64000 and level 250 (64000) is not. Equal
-    // exposures all keep 64000, so only frame 0 is saturated; with spread
-    // exposures the longer two frames have lower levels and all three are.
-    Pixelwise p(3, 1);
-    p.set(0, 0, 251);
-    p.set(1, 0, 250);
-    p.set(2, 0, 250);
-    const Result r = runMerge(2, p.s, {1.0f, 1.0f, 1.0f});
-    EXPECT_NE(pixelAt(r, 1, 0, 0).e, 0);
-    EXPECT_NE(pixelAt(r, 1, 0, 0).e, 255);
-    const Result r2 = runMerge(2, p.s, {1.0f, 2.0f, 4.0f});
-    EXPECT_TRUE(samePixel(pixelAt(r2, 1, 0, 0), ol::kRgbeBurnt));
-}
-
-TEST(HdrMerge, ShortestAndLongestExposuresKeepTheirSaturationLevels) {
+    std::vector<Row> rows = {
+        // One frame: 7 (1792) lies in the last frame's band of 5 and is kept;
+        // 250 (64000) is not above 64000; 251 is.
+        {"one frame", {{7}, {250}, {251}}, {2.0f}, "..B"},
+        // Equal exposures all keep 64000, so only frame 0 (251) is saturated;
+        // spread exposures lower the longer two frames' levels: all three are.
+        {"equal exposures", {{251, 250, 250}}, {1.0f, 1.0f, 1.0f}, "."},
+        {"spread exposures", {{251, 250, 250}}, {1.0f, 2.0f, 4.0f}, "B"},
+    };
     // Whatever the exposures, the shortest frame has level 64000 and the
-    // longest 60160: log2 of each exposure is rounded to float as minT and
-    // maxT are, so x is exactly 0 and 1 at the two ends. Pixel 0 is at
-    // 64000 (level 250) in the shortest frame, pixel 1 at 60160 (235) in the
-    // longest; every other sample is 255. Neither pixel is burnt out.
-    const std::vector<std::vector<float>> exposures = {
-        {1.0f, 3.0f}, {0.3f, 1.0f}, {10.0f, 0.01f}, {3.0f, 0.3f, 0.0322580636f}, {5.0f, 0.7f, 6.0f, 3.0f}};
-    for (const std::vector<float>& dt : exposures) {
-        const int n = static_cast<int>(dt.size());
-        const int shortest = static_cast<int>(std::min_element(dt.begin(), dt.end()) - dt.begin());
-        const int longest = static_cast<int>(std::max_element(dt.begin(), dt.end()) - dt.begin());
-        Pixelwise p(n, 2);
-        for (int k = 0; k < n; ++k) {
-            p.set(k, 0, k == shortest ? 250 : 255);
-            p.set(k, 1, k == longest ? 235 : 255);
+    // longest 60160 (log2 of each exposure is rounded to float as minT and
+    // maxT are, so x is exactly 0 and 1 at the ends): pixel 0 at 250 in the
+    // shortest frame, pixel 1 at 235 in the longest, every other sample 255.
+    for (const std::vector<float>& dt : std::vector<std::vector<float>>{
+             {1.0f, 3.0f}, {0.3f, 1.0f}, {10.0f, 0.01f}, {3.0f, 0.3f, 0.0322580636f}, {5.0f, 0.7f, 6.0f, 3.0f}}) {
+        const auto shortest = std::min_element(dt.begin(), dt.end()) - dt.begin();
+        const auto longest = std::max_element(dt.begin(), dt.end()) - dt.begin();
+        Row r{"shortest and longest", {{}, {}}, dt, ".."};
+        for (int k = 0; k < static_cast<int>(dt.size()); ++k) {
+            r.pixels[0].push_back(k == shortest ? 250 : 255);
+            r.pixels[1].push_back(k == longest ? 235 : 255);
         }
-        const Result r = runMerge(2, p.s, dt);
-        EXPECT_NE(pixelAt(r, 2, 0, 0).e, 255) << "shortest of " << n << ", first " << dt[0];
-        EXPECT_NE(pixelAt(r, 2, 1, 0).e, 255) << "longest of " << n << ", first " << dt[0];
-        expectSameResult(r, refMerge(2, p.s, 2.2f, dt), "saturation levels");
+        rows.push_back(r);
+    }
+    for (const Row& row : rows) {
+        SCOPED_TRACE(::testing::Message() << row.what << ", first exposure " << row.dt[0]);
+        const int n = static_cast<int>(row.dt.size()), w = static_cast<int>(row.pixels.size());
+        Pixelwise p(n, w);
+        for (int x = 0; x < w; ++x)
+            for (int k = 0; k < n; ++k) p.set(k, x, row.pixels[x][k]);
+        const Result r = runMerge(2, p.s, row.dt);
+        for (int x = 0; x < w; ++x) {
+            EXPECT_EQ(pixelAt(r, w, x, 0).e == 255, row.want[x] == 'B') << "pixel " << x;
+            EXPECT_EQ(pixelAt(r, w, x, 0).e == 0, row.want[x] == 'D') << "pixel " << x;
+        }
+        expectSameResult(r, refMerge(2, p.s, 2.2f, row.dt), row.what);
     }
 }
 

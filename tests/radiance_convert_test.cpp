@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "frame/bytes.hpp"
-#include "radiance_helpers.hpp"
+#include "support/radiance.hpp"
 
 using namespace radtest;
 

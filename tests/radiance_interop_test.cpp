@@ -9,7 +9,7 @@
 
 #include "frame/bytes.hpp"
 #include "frame/rgbe.hpp"
-#include "radiance_helpers.hpp"
+#include "support/radiance.hpp"
 
 using namespace radtest;
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "radiance_helpers.hpp"
+#include "support/radiance.hpp"
 
 using namespace radtest;
 
@@ -329,7 +329,7 @@ TEST(RadiancePreview, FlatFormAndTheBudget) {
 TEST(RadianceHeader, ExtractsValuesAsFractions) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.hdr");
-    ExifRecord e = zeroExif();
+    ExifRecord e = emptyExif();
     const auto extract = [&](const std::string& text) {
         oltest::writeText(path, text);
         return extract_rgbe_exif(path.c_str(), &e);
@@ -350,7 +350,7 @@ TEST(RadianceHeader, ExtractsValuesAsFractions) {
 
     // Values of 0 or below are dropped; an empty camera is not stored; the
     // colour space is matched by the start of the name only.
-    e = zeroExif();
+    e = emptyExif();
     std::strcpy(e.camera, "kept");
     e.exposureNum = 3;
     EXPECT_EQ(extract("#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\n"
@@ -382,7 +382,7 @@ TEST(RadianceHeader, WrittenValuesReadBack) {
     const Bytes px = photoPlanes(4, 4, 3);
     const std::string path = dir.file("f.hdr");
     ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 4, 4, &in, nullptr, "ProPhoto RGB", px.data()), 4);
-    ExifRecord out = zeroExif();
+    ExifRecord out = emptyExif();
     EXPECT_EQ(extract_rgbe_exif(path.c_str(), &out), 11);
     EXPECT_EQ(std::string(out.camera, 64), std::string(64, 'M'));
     EXPECT_EQ(std::string(out.date), "2022:02:02 02:02:02");
@@ -393,7 +393,7 @@ TEST(RadianceHeader, WrittenValuesReadBack) {
 
 TEST(RadianceReader, WriterOutputRoundTripsAtManyWidths) {
     oltest::TempDir dir;
-    const ExifRecord e = zeroExif();
+    const ExifRecord e = emptyExif();
     for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000}) {
         const int height = 7 + 800 / width;  // files long enough for the line budget
         Bytes px = photoPlanes(width, height, static_cast<std::uint32_t>(width));

@@ -4,7 +4,7 @@
 #include <random>
 
 #include "radiance/rle.hpp"
-#include "radiance_helpers.hpp"
+#include "support/radiance.hpp"
 
 using namespace radtest;
 using ol::radiance::encodeComponent;
@@ -183,7 +183,7 @@ TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
     // A camera of the full 64 bytes has no terminator; the date's own line
     // feed ends its line; a profile name whose first byte is above 127 is
     // left out.
-    ExifRecord e = zeroExif();
+    ExifRecord e = emptyExif();
     std::memset(e.camera, 'C', 64);
     std::memcpy(e.date, "2020:01:02 03:04:05\n", 20);
     EXPECT_EQ(headerFor(e, "\xC3\xA9sRGB"),
@@ -191,14 +191,14 @@ TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
 
     // A date of the full 20 bytes with no line feed; the profile name stops
     // after 32 characters.
-    e = zeroExif();
+    e = emptyExif();
     std::memset(e.date, 'D', 20);
     EXPECT_EQ(headerFor(e, std::string(40, 'p').c_str()),
               "#?RADIANCE\nCAPDATE=" + std::string(20, 'D') + "\nICC_PROFILE=" + std::string(32, 'p') + "\n" + tail);
 
     // The line feed stands after the date's terminator: the whole field is
     // searched, so the line gets no line feed of its own.
-    e = zeroExif();
+    e = emptyExif();
     std::memcpy(e.date, "2020:01:02\0\n", 12);
     EXPECT_EQ(headerFor(e, ""), "#?RADIANCE\nCAPDATE=2020:01:02" + tail);
 }
@@ -206,7 +206,7 @@ TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
 TEST(RadianceWriter, HeightZeroWritesTheHeaderOnly) {
     oltest::TempDir dir;
     const std::string path = dir.file("z.hdr");
-    ExifRecord e = zeroExif();
+    ExifRecord e = emptyExif();
     const std::uint8_t px[4] = {0, 0, 0, 0};
     EXPECT_EQ(ol_io_rgbe_write(path.c_str(), 5, 0, &e, nullptr, "", px), 0);
     const Bytes f = oltest::readFile(path);
@@ -216,7 +216,7 @@ TEST(RadianceWriter, HeightZeroWritesTheHeaderOnly) {
 
 TEST(RadianceWriter, Width32767IsRunLengthAnd32768Flat) {
     oltest::TempDir dir;
-    ExifRecord e = zeroExif();
+    ExifRecord e = emptyExif();
     for (int width : {32767, 32768}) {
         const Bytes px = photoPlanes(width, 2, 3);
         const std::string path = dir.file("w.hdr");
@@ -250,7 +250,7 @@ TEST(RadianceWriter, StripsGiveTheSamePixelsWithTheShortHeader) {
     oltest::TempDir dir;
     const int width = 37, height = 10, rowsPerStrip = 4;
     const Bytes px = photoPlanes(width, height, 4);
-    ExifRecord e = zeroExif();
+    ExifRecord e = emptyExif();
     std::strcpy(e.camera, "ignored by strips");
     const std::string whole = dir.file("whole.hdr"), strips = dir.file("strips.hdr");
     ASSERT_EQ(ol_io_rgbe_write(whole.c_str(), width, height, &e, nullptr, "sRGB", px.data()), height);
@@ -274,7 +274,7 @@ TEST(RadianceWriter, StripsGiveTheSamePixelsWithTheShortHeader) {
 
 TEST(RadianceWriter, FailuresAndTheirCodes) {
     oltest::TempDir dir;
-    ExifRecord e = zeroExif();
+    ExifRecord e = emptyExif();
     const Bytes px = photoPlanes(16, 2, 5);
     EXPECT_EQ(ol_io_rgbe_write(dir.file("no/such/dir.hdr").c_str(), 16, 2, &e, nullptr, "", px.data()), -1);
     EXPECT_EQ(ol_write_strip_rgbe(dir.file("no/such/dir.hdr").c_str(), 0, 2, 16, 2, nullptr, px.data()), -1);

@@ -1,191 +1,147 @@
-// The first road end to end, through the public interface only: a bracketed
-// stack merged into rgbe planes, written as a Radiance file (whole and in
-// strips), and read back by every reader, which must give the same planes.
-#include <algorithm>
-#include <cmath>
+// The roads end to end, through the public interface only. A bracketed stack
+// merged into rgbe planes is written as a Radiance file (whole and in strips)
+// and as a float TIFF; every reader gives the same planes back (the preview
+// reader its decimation). A TIFF's metadata comes back through the reader.
 #include <cstring>
-#include <random>
 #include <vector>
 
-#include "support/testsupport.hpp"
+#include "support/metadata_bytes.hpp"
+#include "support/stacks.hpp"
+
+using namespace metatest;
 
 namespace {
 
-struct Stack {
-    int width, height, spp, bps, frames;
-    std::vector<std::uint8_t> bytes;
-};
-
-// A scene of smooth gradients and texture, rendered at exposures a stop and a
-// half apart through a gamma response, quantised to the sample depth.
-Stack makeStack(int width, int height, int spp, int bps, int frames, std::uint32_t seed) {
-    Stack s{width, height, spp, bps, frames, {}};
-    const int bytesPerSample = bps / 8;
-    const std::size_t frameSamples = static_cast<std::size_t>(width) * height * spp;
-    s.bytes.resize(frameSamples * frames * bytesPerSample);
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> noise(0.9f, 1.1f);
-    std::vector<float> radiance(static_cast<std::size_t>(width) * height * 3);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            for (int c = 0; c < 3; ++c) {
-                const float base = 0.02f + 4.0f * (static_cast<float>(x) / width) *
-                                               (static_cast<float>(y + 1) / height);
-                radiance[(static_cast<std::size_t>(y) * width + x) * 3 + c] =
-                    base * (0.7f + 0.15f * c) * noise(rng);
-            }
-    const float maxLevel = bps == 8 ? 255.0f : 65535.0f;
-    for (int f = 0; f < frames; ++f) {
-        const float exposure = std::pow(2.0f, 1.5f * (f - frames / 2));
-        for (std::size_t p = 0; p < static_cast<std::size_t>(width) * height; ++p)
-            for (int c = 0; c < spp; ++c) {
-                const float v = std::min(1.0f, radiance[p * 3 + (c % 3)] * exposure);
-                const auto level = static_cast<std::uint32_t>(std::pow(v, 1.0f / 2.2f) * maxLevel);
-                const std::size_t i = frameSamples * f + p * spp + c;
-                if (bps == 8)
-                    s.bytes[i] = static_cast<std::uint8_t>(level);
-                else {
-                    s.bytes[2 * i] = static_cast<std::uint8_t>(level);
-                    s.bytes[2 * i + 1] = static_cast<std::uint8_t>(level >> 8);
-                }
-            }
-    }
-    return s;
-}
-
-std::vector<std::uint8_t> merge(const Stack& s, float stats[3]) {
-    std::vector<float> lut(s.bps == 8 ? 256 : 65536);
-    std::vector<float> deltaT(s.frames);
-    std::vector<std::uint8_t> rgbe(4u * s.width * s.height);
-    EXPECT_EQ(ol_hdr_merge(0, s.frames, s.width, s.height, s.spp, s.bps, 0, lut.data(), 1.5f,
-                           deltaT.data(), s.bytes.data(), stats, rgbe.data()),
-              s.height);
+std::vector<std::uint8_t> merge(const std::vector<std::uint8_t>& photos, int n, int w, int h, int spp, int bps) {
+    std::vector<float> lut(static_cast<std::size_t>(1) << bps), deltaT(n);
+    std::vector<std::uint8_t> rgbe(4u * w * h);
+    float stats[3];
+    EXPECT_EQ(ol_hdr_merge(0, n, w, h, spp, bps, 0, lut.data(), 2.0f, deltaT.data(), photos.data(), stats, rgbe.data()), h);
+    EXPECT_GT(stats[1], stats[0]);
     return rgbe;
 }
 
-struct ReadBack {
-    std::vector<std::uint8_t> rle, streamed;
-    int dims[8];
-};
-
-ReadBack readAll(const std::string& path, int width, int height) {
-    ReadBack r{};
+// Both full decoders of a Radiance file must give `planes`.
+void expectReadersGive(const std::string& path, int w, int h, const std::vector<std::uint8_t>& planes) {
     float primaries[8];
-    std::memset(r.dims, 0, sizeof r.dims);
-    EXPECT_GT(rgbe_dim(path.c_str(), primaries, r.dims), 0);
-    EXPECT_EQ(r.dims[0], width);
-    EXPECT_EQ(r.dims[1], height);
-    r.rle.assign(4u * width * height, 0xCD);
-    r.streamed.assign(4u * width * height, 0xCD);
-    EXPECT_EQ(decomp_rle(path.c_str(), r.dims, r.rle.data()), height);
-    EXPECT_EQ(decomp2(path.c_str(), r.dims, r.streamed.data(), nullptr), height);
-    return r;
+    int dims[8] = {};
+    EXPECT_GT(rgbe_dim(path.c_str(), primaries, dims), 0);
+    ASSERT_EQ(dims[0], w);
+    ASSERT_EQ(dims[1], h);
+    std::vector<std::uint8_t> rle(planes.size(), 0xCD), streamed(planes.size(), 0xCD);
+    EXPECT_EQ(decomp_rle(path.c_str(), dims, rle.data()), h);
+    EXPECT_EQ(decomp2(path.c_str(), dims, streamed.data(), nullptr), h);
+    EXPECT_EQ(rle, planes);
+    EXPECT_EQ(streamed, planes);
 }
+
+double ratio(std::int32_t num, std::int32_t den) { return den ? static_cast<double>(num) / den : -1.0; }
 
 }  // namespace
 
-TEST(RoundTrip, MergeWriteReadGivesTheSamePlanes) {
+TEST(RoundTrip, MergedPlanesThroughEveryWriterAndReader) {
     oltest::TempDir dir;
-    for (int bps : {8, 16}) {
+    // 300 x 200 is large enough for the preview reader's line budget.
+    const int w = 300, h = 200, n = 3;
+    for (int bps : {8, 16})
         for (int spp : {3, 4}) {
             SCOPED_TRACE("bps " + std::to_string(bps) + " spp " + std::to_string(spp));
-            const Stack s = makeStack(157, 90, spp, bps, 3, 7u + bps + spp);
-            float stats[3];
-            const std::vector<std::uint8_t> planes = merge(s, stats);
-            EXPECT_GT(stats[1], stats[0]);
-            EXPECT_GT(stats[2], 0.0f);
+            const auto planes = merge(fustest::makeStack(n, w, h, spp, bps, 7u + bps + spp), n, w, h, spp, bps);
 
-            ExifRecord exif{};
+            ExifRecord exif = emptyExif();
             exif.exposureNum = 1;
             exif.exposureDen = 125;
             exif.iso = 200;
             std::strcpy(exif.camera, "Test Camera");
-            const std::string path = dir.file("merged.hdr");
-            ASSERT_EQ(ol_io_rgbe_write(path.c_str(), s.width, s.height, &exif, nullptr, "sRGB",
-                                       planes.data()),
-                      s.height);
-            const ReadBack back = readAll(path, s.width, s.height);
-            EXPECT_EQ(back.rle, planes);
-            EXPECT_EQ(back.streamed, planes);
-
-            ExifRecord meta{};
-            EXPECT_GT(extract_rgbe_exif(path.c_str(), &meta), 0);
+            const std::string whole = dir.file("whole.hdr"), strips = dir.file("strips.hdr");
+            ASSERT_EQ(ol_io_rgbe_write(whole.c_str(), w, h, &exif, nullptr, "sRGB", planes.data()), h);
+            expectReadersGive(whole, w, h, planes);
+            ExifRecord meta = emptyExif();
+            EXPECT_GT(extract_rgbe_exif(whole.c_str(), &meta), 0);
             EXPECT_STREQ(meta.camera, "Test Camera");
             EXPECT_EQ(meta.iso, 200);
-            EXPECT_EQ(meta.colorSpace, 0);
+
+            // Strips of 64 rows, the last one short.
+            int written = 0;
+            for (int strip = 0; strip * 64 < h; ++strip)
+                written += ol_write_strip_rgbe(strips.c_str(), strip, 64, w, h, nullptr, planes.data() + 4u * w * 64 * strip);
+            EXPECT_EQ(written, h);
+            expectReadersGive(strips, w, h, planes);
+
+            // The preview reader picks pixel (int(i * w/pw), int(j * h/ph)).
+            const int pw = 75, ph = 40;
+            std::vector<std::uint8_t> preview(4u * pw * ph, 0xCD);
+            EXPECT_EQ(ol_io_read_preview_rgbe(w, h, pw, ph, whole.c_str(), preview.data()), h + 1);
+            for (int j = 0; j < ph; ++j)
+                for (int i = 0; i < pw; ++i)
+                    for (int plane = 0; plane < 4; ++plane) {
+                        const int sx = static_cast<int>(i * (static_cast<float>(w) / pw));
+                        const int sy = static_cast<int>(j * (static_cast<float>(h) / ph));
+                        ASSERT_EQ(preview[4u * pw * j + plane * pw + i], planes[4u * w * sy + plane * w + sx]);
+                    }
+
+            // The float TIFF holds decoded values (256 times the encoded
+            // ones): re-encoding gives the mantissas with the exponent + 8.
+            const std::string tif = dir.file("float.tif");
+            ASSERT_EQ(fp_save(tif.c_str(), w, h, planes.data()), h);
+            std::vector<std::uint8_t> back(planes.size());
+            float backStats[3];
+            ASSERT_EQ(fp2rgbe(tif.c_str(), w, h, backStats, back.data()), h);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) {
+                    const std::size_t row = 4u * w * y;
+                    const std::uint8_t e = planes[row + 3u * w + x];
+                    if (e == 0) continue;
+                    for (int c = 0; c < 3; ++c) ASSERT_EQ(back[row + c * w + x], planes[row + c * w + x]);
+                    ASSERT_EQ(back[row + 3u * w + x], e + 8);
+                }
         }
-    }
 }
 
-TEST(RoundTrip, StripWritingGivesTheSamePixelsAsWholeWriting) {
+TEST(RoundTrip, TiffMetadataComesBackThroughTheReader) {
     oltest::TempDir dir;
-    const Stack s = makeStack(64, 37, 3, 8, 5, 99);
-    float stats[3];
-    const std::vector<std::uint8_t> planes = merge(s, stats);
-    const std::string path = dir.file("strips.hdr");
-    const int rowsPerStrip = 10;
-    int written = 0;
-    for (int strip = 0; strip * rowsPerStrip < s.height; ++strip) {
-        const std::size_t offset = 4u * s.width * rowsPerStrip * strip;
-        const int rows = ol_write_strip_rgbe(path.c_str(), strip, rowsPerStrip, s.width, s.height,
-                                             nullptr, planes.data() + offset);
-        ASSERT_GT(rows, 0);
-        written += rows;
-    }
-    EXPECT_EQ(written, s.height);
-    const ReadBack back = readAll(path, s.width, s.height);
-    EXPECT_EQ(back.rle, planes);
-    EXPECT_EQ(back.streamed, planes);
-}
+    const std::string path = dir.file("rt.tif");
+    const ExifRecord ex = fullExif();
+    const GpsRecord gps = fullGps();
+    const std::vector<std::uint8_t> iptc = {0x1C, 2, 0, 0, 2, 0, 4, 0x1C, 2, 0x19, 0, 3, 'o', 'n', 'e'};
+    const float tm[15] = {};
+    const std::vector<std::uint8_t> px(4 * 2 * 3 * 2, 0x40);
+    tif_info info = makeInfo(4, 2, 3, 16);
+    info.orientation = 6;
+    ASSERT_GT(buf2tifOld(px.data(), &info, 24, nullptr, &ex, &gps, static_cast<int>(iptc.size()), iptc.data(), 2, tm,
+                         path.c_str()),
+              0);
+    const auto file = oltest::readFile(path);
+    const auto ifd = readIfd(file, u32(file, 4));
 
-TEST(RoundTrip, PreviewReaderGivesTheDecimatedPlanes) {
-    oltest::TempDir dir;
-    // Large enough for the preview reader's line budget (16640 bytes and more).
-    const Stack s = makeStack(300, 200, 3, 8, 3, 5);
-    float stats[3];
-    const std::vector<std::uint8_t> planes = merge(s, stats);
-    const std::string path = dir.file("preview.hdr");
-    const ExifRecord noMetadata{};
-    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), s.width, s.height, &noMetadata, nullptr, "",
-                               planes.data()),
-              s.height);
-    const int pw = 75, ph = 40;
-    std::vector<std::uint8_t> preview(4u * pw * ph, 0xCD);
-    EXPECT_EQ(ol_io_read_preview_rgbe(s.width, s.height, pw, ph, path.c_str(), preview.data()),
-              s.height + 1);
-    const float xRatio = static_cast<float>(s.width) / pw;
-    const float yRatio = static_cast<float>(s.height) / ph;
-    for (int j = 0; j < ph; ++j) {
-        const int sy = static_cast<int>(j * yRatio);
-        for (int i = 0; i < pw; ++i) {
-            const int sx = static_cast<int>(i * xRatio);
-            for (int plane = 0; plane < 4; ++plane)
-                ASSERT_EQ(preview[4u * pw * j + plane * pw + i],
-                          planes[4u * s.width * sy + plane * s.width + sx])
-                    << "at " << i << "," << j << " plane " << plane;
-        }
-    }
-}
+    ExifRecord back = emptyExif();
+    GpsRecord gback = emptyGps();
+    get_exif_data(path.c_str(), 3, &back, &gback);
+    EXPECT_DOUBLE_EQ(ratio(back.exposureNum, back.exposureDen), 1.0 / 125);
+    EXPECT_NEAR(ratio(back.apertureNum, back.apertureDen), 5.6, 1e-6);
+    EXPECT_EQ(back.iso, 200);
+    EXPECT_NEAR(ratio(back.focalNum, back.focalDen), 35.0, 1e-6);
+    EXPECT_EQ(std::string(back.camera, strnlen(back.camera, sizeof back.camera)), "TestCam 5");
+    EXPECT_EQ(std::string(back.date, strnlen(back.date, sizeof back.date)), "2024:05:06 07:08:09");
+    EXPECT_EQ(back.orientation, 6);
+    ASSERT_TRUE(find(ifd, 33723));
+    EXPECT_EQ(back.iptcLen, 16);
+    EXPECT_EQ(static_cast<std::uint32_t>(back.iptcOffset), find(ifd, 33723)->value);
+    ASSERT_TRUE(find(ifd, 700));
+    EXPECT_EQ(static_cast<std::uint32_t>(back.xmpLen), find(ifd, 700)->count);
+    EXPECT_EQ(static_cast<std::uint32_t>(back.xmpOffset), find(ifd, 700)->value);
 
-TEST(RoundTrip, FloatTiffCarriesTheDecodedValues) {
-    oltest::TempDir dir;
-    const Stack s = makeStack(40, 30, 3, 16, 3, 11);
-    float stats[3];
-    const std::vector<std::uint8_t> planes = merge(s, stats);
-    const std::string path = dir.file("float.tif");
-    ASSERT_EQ(fp_save(path.c_str(), s.width, s.height, planes.data()), s.height);
-    std::vector<std::uint8_t> back(planes.size());
-    float backStats[3];
-    ASSERT_EQ(fp2rgbe(path.c_str(), s.width, s.height, backStats, back.data()), s.height);
-    // The file holds decoded values (256 times the encoded ones): re-encoding
-    // gives the same mantissas with the exponent raised by 8.
-    for (int y = 0; y < s.height; ++y)
-        for (int x = 0; x < s.width; ++x) {
-            const std::size_t row = 4u * s.width * y;
-            const std::uint8_t e = planes[row + 3u * s.width + x];
-            if (e == 0) continue;
-            for (int c = 0; c < 3; ++c)
-                ASSERT_EQ(back[row + c * s.width + x], planes[row + c * s.width + x]);
-            ASSERT_EQ(back[row + 3u * s.width + x], e + 8);
-        }
+    EXPECT_EQ(0, std::memcmp(gback.latitude, gps.latitude, sizeof gps.latitude));
+    EXPECT_EQ(0, std::memcmp(gback.longitude, gps.longitude, sizeof gps.longitude));
+    EXPECT_EQ(0, std::memcmp(gback.altitude, gps.altitude, sizeof gps.altitude));
+    EXPECT_EQ(0, std::memcmp(gback.timestamp, gps.timestamp, sizeof gps.timestamp));
+    EXPECT_EQ(gback.lat_ref, 'N');
+    EXPECT_EQ(gback.long_ref, 'E');
+    EXPECT_EQ(std::string(gback.datestamp, 10), "2024:05:06");
+
+    std::vector<std::uint8_t> block(static_cast<std::size_t>(back.iptcLen), 0xEE);
+    EXPECT_EQ(read_iptc(path.c_str(), back.iptcLen, back.iptcOffset, block.data()), back.iptcLen);
+    std::vector<std::uint8_t> padded(iptc);
+    padded.push_back(0);
+    EXPECT_EQ(block, padded);
 }

@@ -11,115 +11,17 @@
 #include <vector>
 
 #include "frame/rgbe.hpp"
-#include "meta_bytes.hpp"
+#include "support/json.hpp"
+#include "support/metadata_bytes.hpp"
 
 using namespace metatest;
 namespace fs = std::filesystem;
 
 namespace {
 
-// ---- a small JSON reader: the first object of a file, values as text ------
-
-struct Json {
-    std::map<std::string, std::string> values;  // strings unescaped, arrays joined by '\x1f'
-    bool has(const std::string& k) const { return values.count(k) != 0; }
-    std::optional<double> num(const std::string& k) const {
-        auto it = values.find(k);
-        if (it == values.end()) return std::nullopt;
-        char* end = nullptr;
-        const double v = std::strtod(it->second.c_str(), &end);
-        if (end == it->second.c_str()) return std::nullopt;
-        return v;
-    }
-    std::string str(const std::string& k) const {
-        auto it = values.find(k);
-        return it == values.end() ? std::string() : it->second;
-    }
-};
-
-class JsonParser {
-public:
-    explicit JsonParser(std::string t) : t_(std::move(t)) {}
-    Json firstObject() {
-        Json j;
-        skipWs();
-        if (peek() == '[') ++i_;
-        skipWs();
-        if (peek() == '{') items('}', [&](const std::string& k, std::string v) { j.values[k] = std::move(v); });
-        return j;
-    }
-
-private:
-    char peek() const { return i_ < t_.size() ? t_[i_] : '\0'; }
-    void skipWs() {
-        while (i_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[i_]))) ++i_;
-    }
-    // The members of an object or the items of an array (key empty), from
-    // the opening bracket past `close`, each handed to `take`.
-    template <class F>
-    void items(char close, F take) {
-        ++i_;
-        for (skipWs(); i_ < t_.size() && peek() != close; skipWs()) {
-            std::string key;
-            if (close == '}') {
-                key = stringValue();
-                skipWs();
-                ++i_;  // ':'
-            }
-            take(key, value());
-            skipWs();
-            if (peek() == ',') ++i_;
-        }
-        ++i_;
-    }
-    std::string stringValue() {
-        std::string s;
-        ++i_;  // opening quote
-        while (i_ < t_.size() && t_[i_] != '"') {
-            char c = t_[i_++];
-            if (c == '\\') {
-                const char e = t_[i_++];
-                if (e == 'u') {
-                    const long code = std::strtol(t_.substr(i_, 4).c_str(), nullptr, 16);
-                    i_ += 4;
-                    c = static_cast<char>(code < 128 ? code : '?');
-                } else {
-                    c = e == 'n' ? '\n' : e == 't' ? '\t' : e;
-                }
-            }
-            s += c;
-        }
-        ++i_;
-        return s;
-    }
-    std::string value() {
-        skipWs();
-        const char c = peek();
-        if (c == '"') return stringValue();
-        if (c == '[' || c == '{') {
-            std::string joined;
-            items(c == '[' ? ']' : '}', [&](const std::string&, const std::string& v) {
-                if (!joined.empty()) joined += '\x1f';
-                joined += v;
-            });
-            return joined;
-        }
-        const std::size_t start = i_;
-        while (i_ < t_.size() && !std::strchr(",}] \t\r\n", t_[i_])) ++i_;
-        return t_.substr(start, i_ - start);
-    }
-    std::string t_;
-    std::size_t i_ = 0;
-};
-
-std::string readText(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-Json loadJson(const fs::path& p) { return JsonParser(readText(p)).firstObject(); }
+using oltest::Json;
+using oltest::loadJson;
+using oltest::readText;
 
 std::vector<fs::path> filesIn(const fs::path& dir, const std::vector<std::string>& exts) {
     std::vector<fs::path> out;

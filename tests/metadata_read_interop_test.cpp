@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 
 using namespace metatest;
 using oltest::TempDir;

@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <set>
 #include <sstream>
 
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 
 using namespace metatest;
 using oltest::haveProgram;

@@ -10,9 +10,12 @@
 #include <vector>
 
 #include "frame/rgbe.hpp"
+#include "support/records.hpp"
 #include "support/testsupport.hpp"
 
 namespace radtest {
+
+using namespace oltest::records;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -97,27 +100,6 @@ inline std::string resolution(int width, int height) {
     return "-Y " + std::to_string(height) + " +X " + std::to_string(width) + "\n";
 }
 
-inline ExifRecord zeroExif() {
-    ExifRecord e;
-    std::memset(&e, 0, sizeof e);
-    return e;
-}
-
-// A record with the shot's exposure time, F-number, ISO and focal length,
-// everything else zero.
-inline ExifRecord shotExif(int exposureNum, int exposureDen, int apertureNum, int apertureDen, int iso,
-                           int focalNum, int focalDen) {
-    ExifRecord e = zeroExif();
-    e.exposureNum = exposureNum;
-    e.exposureDen = exposureDen;
-    e.apertureNum = apertureNum;
-    e.apertureDen = apertureDen;
-    e.iso = iso;
-    e.focalNum = focalNum;
-    e.focalDen = focalDen;
-    return e;
-}
-
 // The two full decoders with the caller's width, height and file size (the
 // file's own size unless `size` is given).
 inline int callerSize(const std::string& path, int size) {
@@ -164,5 +146,32 @@ inline long encodingMismatches(const Bytes& planes, int width, int height, const
         }
     return bad;
 }
+
+// Runs every reader over a file and returns when all have; the results must
+// be a success or a family code.
+inline void runAllReaders(const std::string& path) {
+    float prim[8];
+    int dims[7] = {};
+    const int r = rgbe_dim(path.c_str(), prim, dims);
+    EXPECT_TRUE(r >= 0 || r == -1 || r == -2 || r == -3) << r;
+    std::vector<std::pair<int, int>> sizes = {{16, 16}, {1, 1}, {64, 80}};
+    if (r >= 0 && dims[0] > 0 && dims[1] > 0 && static_cast<long long>(dims[0]) * dims[1] <= (1 << 22))
+        sizes.emplace_back(dims[0], dims[1]);
+    for (auto [w, h] : sizes) {
+        Bytes out(4u * w * h);
+        for (const int a : {decodeRle(path, w, h, out), decodeStream(path, w, h, out)})
+            EXPECT_TRUE(a == h || (a <= -1 && a >= -6)) << a;
+        const int p = ol_io_read_preview_rgbe(w, h, (w + 1) / 2, (h + 1) / 2, path.c_str(), out.data());
+        EXPECT_TRUE(p == h || p == h + 1 || p == -1 || p == -4 || (p <= -200 && p >= -202)) << p;
+    }
+    ExifRecord e = emptyExif();
+    const int x = extract_rgbe_exif(path.c_str(), &e);
+    EXPECT_TRUE(x >= -1 && x <= 100);
+    Bytes planes(4u * 16 * 16);
+    float stats[3];
+    const int f = fp2rgbe(path.c_str(), 16, 16, stats, planes.data());
+    EXPECT_TRUE(f == 16 || f == -1 || f == -3 || f == -4) << f;
+}
+
 
 }  // namespace radtest

@@ -1,7 +1,7 @@
 // Exif census and the free-standing Exif block.
 #include <cstring>
 
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 
 using namespace metatest;
 

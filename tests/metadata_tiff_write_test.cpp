@@ -6,7 +6,7 @@
 #include <cstring>
 #include <numeric>
 
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 
 using namespace metatest;
 using oltest::readFile;

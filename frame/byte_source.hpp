@@ -1,4 +1,5 @@
-// Block reading from a file for the streaming Radiance decoders.
+// Block reading from a file, for decoders that take a file byte after byte
+// in order (the streaming Radiance decoders).
 //
 // The decoders are specified byte by byte through the buffered file
 // interface; reading blocks of the file into a stack buffer gives the same
@@ -11,7 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace ol::radiance {
+namespace ol {
 
 class ByteSource {
 public:
@@ -74,4 +75,4 @@ private:
     std::uint8_t buf_[32768];
 };
 
-}  // namespace ol::radiance
+}  // namespace ol

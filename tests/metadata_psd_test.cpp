@@ -6,7 +6,7 @@
 #include <string>
 
 #include "frame/rgbe.hpp"
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 #include "metadata/psd_reader.hpp"
 
 using namespace metatest;

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "meta_bytes.hpp"
+#include "support/metadata_bytes.hpp"
 #include "metadata/exif_reader.hpp"
 
 using namespace metatest;

@@ -1,4 +1,5 @@
-// Byte-by-byte reading of an open file for the metadata readers.
+// Byte-by-byte reading of an open file, for readers that walk a structure
+// by offsets (the metadata readers).
 //
 // The metadata readers walk a file by seeking to offsets found in the file and
 // reading a few bytes there. ReadStream keeps the byte order of the structure
@@ -36,11 +37,11 @@ public:
         }
         return static_cast<std::uint8_t>(c);
     }
+    // The bytes in file order (a braced list is evaluated left to right),
+    // assembled by the byte-order helpers of frame/bytes.hpp.
     std::uint16_t u16() noexcept {
-        const std::uint8_t a = u8();
-        const std::uint8_t b = u8();
-        return order_ == ByteOrder::Little ? static_cast<std::uint16_t>(a | (b << 8))
-                                           : static_cast<std::uint16_t>((a << 8) | b);
+        const std::uint8_t b[2] = {u8(), u8()};
+        return order_ == ByteOrder::Little ? getU16LE(b) : getU16BE(b);
     }
     std::uint32_t u32() noexcept {
         std::uint8_t b[4];
@@ -48,9 +49,8 @@ public:
         return order_ == ByteOrder::Little ? getU32LE(b) : getU32BE(b);
     }
     std::uint16_t u16be() noexcept {
-        const std::uint8_t a = u8();
-        const std::uint8_t b = u8();
-        return static_cast<std::uint16_t>((a << 8) | b);
+        const std::uint8_t b[2] = {u8(), u8()};
+        return getU16BE(b);
     }
     std::uint32_t u32be() noexcept {
         std::uint8_t b[4];

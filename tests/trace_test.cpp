@@ -1,0 +1,246 @@
+// The diagnostic lines of every subsystem, byte for byte (this test links the
+// library built with every diagnostic switch on). Each subsystem runs a short
+// script of calls; what each call returns and prints is compared with the
+// transcript tests/transcripts/<subsystem>.txt. After a deliberate change of
+// the lines, OL_UPDATE_TRANSCRIPTS=1 rewrites the files: review their diff.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/metadata_bytes.hpp"
+#include "support/radiance.hpp"
+#include "support/stacks.hpp"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class Transcript {
+public:
+    explicit Transcript(std::string name) : name_(std::move(name)) {}
+
+    // Runs one call; records its title, its result and what it printed on
+    // stdout and on stderr.
+    template <class F>
+    void step(const std::string& title, F&& call) {
+        std::string out, err;
+        long r;
+        {
+            oltest::CaptureFd o(1), e(2);
+            r = static_cast<long>(call());
+            err = e.finish();
+            out = o.finish();
+        }
+        text_ += "### " + title + " -> " + std::to_string(r) + "\n" + out;
+        if (!err.empty()) text_ += "### stderr\n" + err;
+    }
+
+    ~Transcript() {
+        const std::string path = std::string(OL_SOURCE_DIR) + "/tests/transcripts/" + name_ + ".txt";
+        if (std::getenv("OL_UPDATE_TRANSCRIPTS")) {
+            oltest::writeText(path, text_);
+            return;
+        }
+        const Bytes want = oltest::readFile(path);
+        EXPECT_EQ(text_, std::string(want.begin(), want.end())) << "transcript " << path;
+    }
+
+private:
+    std::string name_, text_;
+};
+
+// ---- merge: two uniform frames of 210 x 210 (levels 100 and 200); the
+// sample pixels are where x % 105 == 100 and y % 52 == 50.
+int mergeFrames(int w, int h, int n, int bps, std::vector<float> dt, float evStep) {
+    const std::size_t frame = static_cast<std::size_t>(w) * h * 3;
+    std::vector<std::uint16_t> words(n * frame);
+    Bytes bytes(n * frame);
+    for (std::size_t i = 0; i < n * frame; ++i) {
+        bytes[i] = n == 1 ? 128 : (i < frame ? 100 : 200);
+        words[i] = i < frame ? 0x6480 : 0xC880;
+    }
+    std::vector<float> lut(static_cast<std::size_t>(1) << bps);
+    float stats[3];
+    Bytes out(4 * frame / 3);
+    const void* photos = bps == 8 ? static_cast<const void*>(bytes.data()) : words.data();
+    return ol_hdr_merge(0, n, w, h, 3, bps, 0, lut.data(), evStep, dt.data(), photos, stats, out.data());
+}
+
+TEST(Trace, Merge) {
+    Transcript t("merge");
+    t.step("8 bits, exposures 1 and 4", [] { return mergeFrames(210, 210, 2, 8, {1.0f, 4.0f}, -1.0f); });
+    // The lines show lut at the high byte though the merge reads the word.
+    t.step("16 bits", [] { return mergeFrames(210, 210, 2, 16, {1.0f, 4.0f}, -1.0f); });
+    // Exposures whose log2 is not a float: the ends still get 64000 and 60160.
+    t.step("exposures 1 and 3", [] { return mergeFrames(210, 210, 2, 8, {1.0f, 3.0f}, -1.0f); });
+    // evStep 0 on zero means: both exposures 1; frame 1 is visited first.
+    t.step("guessed equal exposures", [] { return mergeFrames(210, 210, 2, 8, {5.0f, 5.0f}, 0.0f); });
+    // Below 202 x 204 there is no sample pixel, nor at a width of 1 and a
+    // height below 4.
+    for (auto [w, h] : {std::pair{1, 3}, std::pair{201, 300}, std::pair{300, 203}})
+        t.step("one frame " + std::to_string(w) + " x " + std::to_string(h), [w = w, h = h] { return mergeFrames(w, h, 1, 8, {1.0f}, -1.0f); });
+    t.step("nothing to do", [] {
+        std::vector<float> lut(256), dt = {1.0f};
+        float stats[3];
+        return ol_hdr_merge(0, 1, 4, 0, 3, 8, 0, lut.data(), -1.0f, dt.data(), nullptr, stats, nullptr);
+    });
+}
+
+// ---- radiance
+TEST(Trace, Radiance) {
+    using namespace radtest;
+    oltest::TempDir dir;
+    Transcript t("radiance");
+    const int W = 30, H = 40;
+    const Bytes px = photoPlanes(W, H, 1);
+    const ExifRecord e = emptyExif();
+    const std::string path = dir.file("a.hdr");
+    Bytes buf(px.size());
+    t.step("write", [&] { return ol_io_rgbe_write(path.c_str(), W, H, &e, nullptr, "", px.data()); });
+    t.step("file size", [&] { return oltest::readFile(path).size(); });
+    t.step("decomp_rle", [&] { return decodeRle(path, W, H, buf); });
+    t.step("decomp2", [&] { return decodeStream(path, W, H, buf); });
+    t.step("decomp2, height mismatch", [&] { return decodeStream(path, W, H + 1, buf); });
+    t.step("the other readers print nothing", [&] {
+        float prim[8];
+        int d[7] = {};
+        ExifRecord x = emptyExif();
+        Bytes prev(4 * 10 * 10);
+        return rgbe_dim(path.c_str(), prim, d) + extract_rgbe_exif(path.c_str(), &x) +
+               ol_io_read_preview_rgbe(W, H, 10, 10, path.c_str(), prev.data());
+    });
+    // Flat rows with a budget of one header line report each quarter.
+    t.step("flat rows", [&] {
+        const Bytes data(4u * 6 * 9, 200);
+        oltest::writeFile(dir.file("f.hdr"), radianceFile(resolution(6, 9), data));
+        Bytes b(data.size());
+        return decodeStream(dir.file("f.hdr"), 6, 9, b);
+    });
+    // Three exponent bytes of 255 in the first strip, one in the last.
+    Bytes sp = photoPlanes(8, 5, 2);
+    sp[3 * 8] = sp[3 * 8 + 1] = 255;
+    sp[4 * 8 + 3 * 8 + 5] = 255;
+    sp[4 * 4 * 8 + 3 * 8] = 255;
+    const std::string strips = dir.file("s.hdr");
+    t.step("strip 0", [&] { return ol_write_strip_rgbe(strips.c_str(), 0, 3, 8, 5, nullptr, sp.data()); });
+    t.step("strip 1", [&] { return ol_write_strip_rgbe(strips.c_str(), 1, 3, 8, 5, nullptr, sp.data() + 4 * 3 * 8); });
+}
+
+TEST(Trace, RadianceFullDisk) {
+    if (!oltest::fs::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
+    Transcript t("radiance_full_disk");
+    const radtest::Bytes wide = radtest::photoPlanes(40000, 1, 3);
+    const ExifRecord e = metatest::emptyExif();
+    t.step("flat write", [&] { return ol_io_rgbe_write("/dev/full", 40000, 1, &e, nullptr, "", wide.data()); });
+    t.step("strip write", [&] { return ol_write_strip_rgbe("/dev/full", 0, 1, 40000, 1, nullptr, wide.data()); });
+}
+
+// ---- fusion: flat 8-bit photos; nbProc 0 runs one thread, so the lines keep
+// their order.
+TEST(Trace, Fusion) {
+    oltest::TempDir dir;
+    Transcript t("fusion");
+    const auto stepped = [](int w, int h) { return fustest::flatStack(w, h, {100, 150, 200}); };
+    t.step("disk run, every stage", [&] { return fustest::sized(8, 6).onDisk(dir.path().string()).go(stepped(8, 6)); });
+    // highlightCut 2 without saturation: powers 2 and 3, multHigh
+    // 1 / 0.640625^3; 9x7 -> 5x4 puts the last coarse column and row on the
+    // odd borders.
+    t.step("odd levels, highlight curve", [&] {
+        auto j = fustest::sized(9, 7);
+        j.params[2] = 2.0f;
+        return j.go(stepped(9, 7));
+    });
+    // Every pixel saturated: powerLow c + 1, powerHigh (c - 1) * 0.5 + 2.
+    t.step("saturated stack", [&] {
+        auto j = fustest::sized(8, 6);
+        j.params[2] = 2.0f;
+        return j.go(fustest::flatStack(8, 6, {255, 255, 255}));
+    });
+    // A float output makes the sharpening linear, so fval 0 weighs nothing:
+    // with highlightCut every curve is 0 at 240.
+    t.step("blown pixels weigh zero", [&] {
+        auto j = fustest::sized(8, 6);
+        j.bspOut = 32;
+        j.params[2] = 1.5f;
+        return j.go(fustest::flatStack(8, 6, {240, 240, 240}));
+    });
+    t.step("ghost mask and sampled pixels", [&] {
+        auto j = fustest::sized(8, 6);
+        fustest::setMaskBit(j.mask, 8, 6, 0, 0);
+        j.fixedExpo = {1, -1, -1};
+        return j.go(stepped(8, 6));
+    });
+    // Exposure times all 1: the bound stays at 32768 * 1^(1/2.2).
+    t.step("float stack bound", [&] {
+        auto j = fustest::sized(8, 6);
+        j.bspIn = j.bspOut = j.bdf = 32;
+        return j.go(Bytes(3 * 8 * 6 * 3 * 4, 0));
+    });
+}
+
+// ---- metadata readers
+TEST(Trace, MetadataRead) {
+    using namespace metatest;
+    oltest::TempDir dir;
+    Transcript t("metadata_read");
+    PsdSpec s;
+    s.width = 3;
+    s.height = 2;
+    s.compression = 1;
+    s.image = Bytes(2 * 3 * 2, 0);
+    for (int c = 0; c < 3; ++c) s.image.insert(s.image.end(), {0xFB, static_cast<std::uint8_t>(c)});
+    const std::string p = dir.file("t.psd");
+    oltest::writeFile(p, buildPsd(s));
+    PsdInfo info{};
+    t.step("getPsdInfo", [&] { return getPsdInfo(p.c_str(), &info); });
+    t.step("load_psd, RLE", [&] {
+        std::uint8_t out[18];
+        return load_psd(1, p.c_str(), &info, 9, out);
+    });
+    // IFD0 (3 entries) at 8, the Exif IFD at 50, the GPS IFD at 128, their
+    // data from 170 on; then an APP13 with IPTC and a second resource.
+    TiffSpec ts;
+    ts.ifds = {{rawE(700, 1, 16, 0x20)}};
+    ts.exif = {rationalE(33434, 1, 125), asciiE(36867, "2024:05:06 07:08:09"), rationalE(37386, 50, 1),
+               rationalE(41486, 4000, 3), shortE(41488, 3), shortE(41989, 75)};
+    ts.gps = {bytesE(1, 2, std::string("N\0", 2)), rationalsE(2, {48, 1, 51, 1, 24, 1}), rationalE(6, 35, 1)};
+    Bytes iptc = kIptcVersion;
+    iptc.resize(30, 0);
+    const Bytes res = cat({resource8bim(0x0404, iptc), resource8bim(0x0425, Bytes(16, 1))});
+    t.step("Exif, GPS, XMP and Photoshop blocks", [&] {
+        return readExifBytes(jpegWith({{0xE1, exifPayload(buildTiff(ts))}, {0xED, app13Payload(res)}}), 1).result;
+    });
+}
+
+// ---- metadata writers
+TEST(Trace, MetadataWrite) {
+    using namespace metatest;
+    oltest::TempDir dir;
+    Transcript t("metadata_write");
+    const ExifRecord ex = fullExif();
+    const GpsRecord gps = fullGps();
+    t.step("Exif census and block", [&] {
+        Bytes out(1024, 0);
+        return exifBlockInto(ex, gps, 1, out.data());
+    });
+    t.step("TIFF with everything", [&] {
+        const auto icc = iccHeader("RGB ");
+        tif_info info = makeInfo(2, 1, 4, 8);
+        info.lProfil = static_cast<int>(icc.size());
+        const std::uint8_t px[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+        const std::uint8_t iptc[5] = {0x1C, 2, 0, 0, 0};
+        const float tm[15] = {};
+        return buf2tifOld(px, &info, 8, icc.data(), &ex, &gps, 5, iptc, 2, tm, dir.file("t.tif").c_str());
+    });
+    // Four samples take the pixel-by-pixel path, which reports every 800th
+    // row at every 1000th column.
+    t.step("bare file, pixel positions", [&] {
+        const int w = 1001, h = 801;
+        const Bytes px(static_cast<std::size_t>(w) * h * 4, 9);
+        const tif_info info = makeInfo(w, h, 4, 8);
+        return buf2tifOld(px.data(), &info, w * 4, nullptr, nullptr, nullptr, 0, nullptr, 0, nullptr, dir.file("b.tif").c_str());
+    });
+}
+
+}  // namespace
