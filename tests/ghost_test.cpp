@@ -6,7 +6,7 @@
 
 #include "fusion/photo_stats.hpp"
 #include "fusion/pyramid.hpp"
-#include "fusion_stack.hpp"
+#include "support/stacks.hpp"
 #include "ghost/ghost.hpp"
 #include "support/testsupport.hpp"
 

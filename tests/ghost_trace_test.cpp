@@ -1,7 +1,7 @@
 // The diagnostic lines of ghost detection, with every switch on.
 #include <gtest/gtest.h>
 
-#include "fusion_stack.hpp"
+#include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
 TEST(GhostTrace, LevelsPlacesSampledPixelsAndMask) {
