@@ -208,6 +208,8 @@ OL_API int moy_images(int n, int width, int height, int rowStride, int spp, int 
 OL_API int moy_image(int width, int height, int rowStride, int spp, int bps, const uint8_t* image);
 /* Index of the middle image in descending order of values (each 0..255). */
 OL_API int mid_im(int n, const int* values);
+
+/* ------------------------------------------------------------------------ */
 /* Tone and projection operators                                             */
 
 /* Slider positions to parameters and back: scale, pow(., power), scale, and
