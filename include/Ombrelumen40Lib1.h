@@ -208,6 +208,52 @@ OL_API int moy_images(int n, int width, int height, int rowStride, int spp, int 
 OL_API int moy_image(int width, int height, int rowStride, int spp, int bps, const uint8_t* image);
 /* Index of the middle image in descending order of values (each 0..255). */
 OL_API int mid_im(int n, const int* values);
+/* Tone and projection operators                                             */
+
+/* Slider positions to parameters and back: scale, pow(., power), scale, and
+ * a rounding that adds 1 only for a fraction strictly above 0.5. */
+OL_API int slider2param(int slider, double power);
+OL_API int param2slider(float param, double power);
+OL_API int clipvar(int slider, double power);
+OL_API int fclipvar(float slider, double power);
+
+/* Mirror ball to latitude-longitude panorama, twice as wide as the source and
+ * as high. mode: 0 nearest, 1 bilinear, 2 Spline16, other values write
+ * nothing. remap_ldr writes the first three samples of each target pixel;
+ * strides count samples. */
+OL_API void remap_ldr(int mode, int bps, int width, int height, int srcRowStride, int dstRowStride,
+                      int spp, const void* src, void* dst);
+OL_API void remap_hdr(int mode, int width, int height, const uint8_t* src, uint8_t* dst);
+
+/* 16 to 8 bits under a blurred luminance mask; dst also holds the mask
+ * during the run. Results: height (comp16) or y0 + ch (comp16qv), -4 when
+ * the work buffer can't be allocated. */
+OL_API int comp16(int strength, int width, int height, int rowStride, int spp, const uint16_t* src,
+                  uint8_t* dst);
+OL_API int comp16qv(int strength, int x0, int y0, int cw, int ch, int srcRowStride, int dstRowStride,
+                    int spp, const uint16_t* src, uint8_t* dst);
+
+/* Contrast curve in place; brightness on the 8-bit scale. */
+OL_API int lumcontr(float contrast, int brightness, int bps, int width, int height, int rowStride,
+                    int spp, void* pixels);
+/* Stack of n 8-bit images ranked by brightness: order brightest first, stops
+ * by rank relative to the middle rank. Returns stops[n-1]. */
+OL_API int rankvig(int n, int width, int height, int rowStride, int spp, const uint8_t* images,
+                   int* order, int* stops);
+/* Mean of a packed stack of n images. */
+OL_API int moyenne(int n, int width, int height, int rowStride, int swap, int spp, int bpsIn, int bpsOut,
+                   const void* images, void* dst);
+/* Mean of a stack with shadows opened and highlights held. scratch: 2*w*h
+ * bytes, or NULL to use (and overwrite) the start of images. */
+OL_API int hsauto(int n, int width, int height, int rowStride, int swap, int bpsIn, int bpsOut, int spp,
+                  uint8_t* scratch, void* images, void* dst);
+
+/* 3 x 3 Laplacian sharpening into a separate target. sharpen keeps flat
+ * areas flat at the rim, sharp16 leaves missing neighbours out. */
+OL_API int sharpen(float amount, int width, int height, int rowStride, int spp, const uint8_t* src,
+                   uint8_t* dst);
+OL_API int sharp16(float amount, int width, int height, int rowStride, int spp, const uint16_t* src,
+                   uint16_t* dst);
 
 /* ------------------------------------------------------------------------ */
 /* Exposure fusion                                                           */

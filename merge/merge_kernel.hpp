@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "frame/levels.hpp"
 #include "frame/rgbe.hpp"
 #include "frame/trace.hpp"
 #include "merge/merge_encode.hpp"
@@ -50,20 +51,6 @@ struct MergeJob {
     const float* lut;
     std::uint8_t* rgbe;
 };
-
-// The luminance level of a pixel from the 8-bit values of its three colour
-// positions (high bytes for 16-bit samples), on a scale up to 65280.
-inline int levelOf(int first, int middle, int last) noexcept {
-    return 54 * first + 183 * middle + 19 * last;
-}
-
-template <class T>
-inline int highByte(T v) noexcept {
-    if constexpr (sizeof(T) == 1)
-        return v;
-    else
-        return v >> 8;
-}
 
 // The luminance that goes into the statistics.
 inline float mergeLum(float r, float g, float b) noexcept {
