@@ -69,26 +69,42 @@ inline void writePixel(O* d, const TwoImages& j, std::int32_t first, std::int32_
 // sum bright * b + dark * a is exactly (bright (256 - m) + dark m) / 256, so
 // its truncation (and that of the exact double product by 255) is an integer
 // shift, already inside the target's range.
+template <int SPP, class O>
+void blend8(const std::uint8_t* bright, const std::uint8_t* dark, const TwoImages& j, ConstBytePlane mask,
+            O* out) noexcept {
+    const long spp = SPP ? SPP : j.spp;
+    const int c1 = SPP ? (SPP - 1) / 2 : j.pos.middle, c2 = SPP ? SPP - 1 : j.pos.last;
+    for (long y = 0; y < j.h; ++y) {
+        const std::size_t srow = static_cast<std::size_t>(y) * j.w * spp;
+        const std::uint8_t* pb = bright + srow;
+        const std::uint8_t* pd = dark + srow;
+        O* d = out + static_cast<std::size_t>(y) * j.rowStride;
+        const std::uint8_t* m = mask.base + y * mask.rowStep;
+        const std::ptrdiff_t ms = mask.pixelStep;
+        auto v = [](std::uint32_t b, std::uint32_t dk, std::uint32_t a) {
+            const std::uint32_t num = b * (256 - a) + dk * a;
+            return static_cast<O>(sizeof(O) == 1 ? num >> 8 : (num * 255u) >> 8);
+        };
+        for (long x = 0; x < j.w; ++x) {
+            const std::uint32_t a = m[x * ms];
+            const long i = x * spp;
+            const O first = v(pb[i], pd[i], a), mid = v(pb[i + c1], pd[i + c1], a), last = v(pb[i + c2], pd[i + c2], a);
+            d[i] = j.swap ? last : first;
+            d[i + c1] = mid;
+            d[i + c2] = j.swap ? first : last;
+        }
+    }
+}
+
 template <class O>
 void blend8(const std::uint8_t* bright, const std::uint8_t* dark, const TwoImages& j, ConstBytePlane mask,
             O* out) noexcept {
-    const int c[3] = {0, j.pos.middle, j.pos.last};
-    for (long y = 0; y < j.h; ++y) {
-        const std::size_t srow = static_cast<std::size_t>(y) * j.w * j.spp;
-        O* d = out + static_cast<std::size_t>(y) * j.rowStride;
-        const std::uint8_t* m = mask.base + y * mask.rowStep;
-        for (long x = 0; x < j.w; ++x, d += j.spp, m += mask.pixelStep) {
-            const std::uint32_t a = *m, b = 256 - a;
-            const std::uint8_t* pb = bright + srow + x * j.spp;
-            const std::uint8_t* pd = dark + srow + x * j.spp;
-            std::int32_t v[3];
-            for (int k = 0; k < 3; ++k) {
-                const std::uint32_t num = pb[c[k]] * b + pd[c[k]] * a;
-                v[k] = static_cast<std::int32_t>(sizeof(O) == 1 ? num >> 8 : (num * 255u) >> 8);
-            }
-            writePixel(d, j, v[0], v[1], v[2]);
-        }
-    }
+    if (j.spp == 3)
+        blend8<3>(bright, dark, j, mask, out);
+    else if (j.spp == 4)
+        blend8<4>(bright, dark, j, mask, out);
+    else
+        blend8<0>(bright, dark, j, mask, out);
 }
 
 // 16-bit source: float products as written, 16-bit samples out. The mask is
@@ -130,24 +146,34 @@ int combine(int ia, int ib, const TwoImages& j, int bpsIn, int bpsOut, const voi
 
     const long outBytes = bpsOut / 8;
     const BytePlane mask{static_cast<std::uint8_t*>(dst), j.spp * outBytes, j.rowStride * outBytes};
-    if (work) maskPass(stack + dark * frame, j, mask);
-
-    Owned<std::uint8_t> buf = makeOwnedZeroed<std::uint8_t>(static_cast<std::size_t>(j.w) * j.h);
-    if (!buf) return -4;
     const int w = static_cast<int>(j.w), h = static_cast<int>(j.h);
-    clippedBoxMeanRows(mask, {buf.get(), 1, j.w}, w, h, 10, 9);
-    clippedBoxMeanColumns({buf.get(), 1, j.w}, mask, w, h, 10, 10);
-    buf.reset();
+    const std::size_t plane = static_cast<std::size_t>(j.w) * j.h;
+    // Where the blend overwrites every mask byte of the target (the mask sits
+    // in sample 0 of its own pixel), the mask and its blur run on a packed
+    // plane of the work allocation instead: the same bytes, in less memory
+    // traffic. A 16-bit source with the 8-bit spacing (whose blend reads mask
+    // bytes that earlier pixels overwrote) and a depth without a blend keep
+    // the mask in the target.
+    const bool packed = work && !(sizeof(T) == 2 && bpsOut == 8);
+    Owned<std::uint8_t> buf = makeOwnedZeroed<std::uint8_t>(packed ? 2 * plane : plane);
+    if (!buf) {
+        if (work) maskPass(stack + dark * frame, j, mask);
+        return -4;
+    }
+    const BytePlane blurred = packed ? BytePlane{buf.get() + plane, 1, j.w} : mask;
+    if (work) maskPass(stack + dark * frame, j, blurred);
+    clippedBoxMeanRows(blurred, {buf.get(), 1, j.w}, w, h, 10, 9);
+    clippedBoxMeanColumns({buf.get(), 1, j.w}, blurred, w, h, 10, 10);
 
     if (!work) return h;
     const T* pb = stack + bright * frame;
     const T* pd = stack + dark * frame;
     if constexpr (sizeof(T) == 2) {
-        blend16(pb, pd, j, mask, static_cast<std::uint16_t*>(dst));
+        blend16(pb, pd, j, blurred, static_cast<std::uint16_t*>(dst));
     } else if (bpsOut == 8) {
-        blend8(pb, pd, j, mask, static_cast<std::uint8_t*>(dst));
+        blend8(pb, pd, j, blurred, static_cast<std::uint8_t*>(dst));
     } else {
-        blend8(pb, pd, j, mask, static_cast<std::uint16_t*>(dst));
+        blend8(pb, pd, j, blurred, static_cast<std::uint16_t*>(dst));
     }
     return h;
 }
