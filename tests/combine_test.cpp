@@ -74,34 +74,12 @@ TEST(TwoImages, MatchesPerPixelReading) {
         }
 }
 
-TEST(TwoImages, PinsRefusalsAndAllocationFailure) {
-    // A flat dark image of levels 68 gives mask 128: the mean of the two images.
-    Bytes img(2 * 30 * 30 * 3, 68), dst(30 * 30 * 3);
-    std::fill(img.begin() + 2700, img.end(), 200);
-    ASSERT_EQ(ol_combi_2images(0, 0, 1, 30, 30, 90, 0, 8, 8, 3, img.data(), dst.data()), 30);
-    EXPECT_EQ(dst[0], 134);
-    EXPECT_EQ(dst[dst.size() - 1], 134);
-    const Geo g{21, 13, 3, 63, 8, 8, 0};
-    img = stack(2, g);
-    const Bytes before = oltest::randomBytes(std::size_t(g.h) * g.stride * 2, 5);
-    const struct { int ia, w, h, stride, bpsOut; } bad[] = {{0, 0, 13, 63, 8}, {0, 21, 0, 63, 8}, {-1, 21, 13, 63, 8}, {0, 21, 13, 62, 8}, {0, 21, 13, 63, 12}, {0, 21, 13, 63, -8}};
-    for (const auto& b : bad) {
-        dst = before;
-        EXPECT_EQ(ol_combi_2images(0, b.ia, 1, b.w, b.h, b.stride, 0, 8, b.bpsOut, 3, img.data(), dst.data()), 0);
-        EXPECT_EQ(dst, before);
-    }
-    dst = before;
-    oltest::FailAllocation fail(1);
-    EXPECT_EQ(ol_combi_2images(0, 0, 1, g.w, g.h, g.stride, 0, 8, 8, 3, img.data(), dst.data()), -4);
-    EXPECT_EQ(dst, twoImagesRef(0, 1, g, img, before, true));
-}
-
 // ol_combi_intensive, read literally: the window walks the flat badness table
 // (past its end a badness reads as 0).
 struct Knobs { int step, r; float power, sat; int n; };
 float hue(float p, float q, float t) {
-    if (t < 0) t += 1;
-    if (t > 1) t -= 1;
+    t = t < 0 ? t + 1 : t;
+    t = t > 1 ? t - 1 : t;
     const float x2 = t + t, x3 = x2 + t, x6 = x3 + t + t + t;
     return x6 < 1 ? p + (q - p) * x6 : x2 < 1 ? q : x3 < 2 ? float(p + (q - p) * (4.0 - x6)) : p;
 }
@@ -145,8 +123,8 @@ Bytes intensiveRef(const Knobs& kn, const Geo& g, const Bytes& img, Bytes dst) {
                 S = L < 0.5 ? (mx - mn) / (mx + mn) : float((mx - mn) / (2.0 - mx - mn));
                 H = v[0] == mx ? (v[1] - v[2]) / (mx - mn) : v[1] == mx ? (v[2] - v[0]) / (mx - mn) + 2.0f : (v[0] - v[1]) / (mx - mn) + 4.0f;
                 H = float(H / 6.0);
-                if (H < 0) H += 1;
-                if (H > 1) H -= 1;
+                H = H < 0 ? H + 1 : H;
+                H = H > 1 ? H - 1 : H;
             }
             S = std::min(S * f, 1.0f);
             const float q = L <= 0.5 ? float(L * (1.0 + S)) : L + S - L * S, p = float(2.0 * L - q);
@@ -176,26 +154,25 @@ TEST(Intensive, MatchesPerPixelReading) {
     }
 }
 
-TEST(Intensive, PinsRefusalsAndAllocationFailure) {
-    const Geo g{8, 6, 3, 24, 8, 16, 0};
-    Bytes img = stack(1, g), dst(std::size_t(g.h) * g.stride * 2);
-    ASSERT_EQ(ol_combi_intensive(1, 2, 0.0f, 0.0f, 1, 8, 6, 24, 0, 3, 8, 16, img.data(), dst.data()), 6);
-    for (std::size_t i = 0; i < img.size(); ++i) EXPECT_NEAR(dst[2 * i] | dst[2 * i + 1] << 8, img[i] << 8, 1) << i;  // one image: itself
-    ASSERT_EQ(ol_combi_intensive(1, 2, 0.0f, -10.0f, 1, 8, 6, 24, 0, 3, 8, 8, img.data(), dst.data()), 6);
-    EXPECT_TRUE(dst[0] == dst[1] && dst[1] == dst[2]);  // saturation factor 0: grey
-    const Bytes before = dst;
-    const struct { int step, r, n, h, stride, bpsIn, bpsOut; } bad[] = {
-        {0, 2, 1, 6, 24, 8, 8}, {1, 0, 1, 6, 24, 8, 8}, {1, -3, 1, 6, 24, 8, 8}, {1, 2, 0, 6, 24, 8, 8},
-        {1, 2, 1, 0, 24, 8, 8}, {1, 2, 1, 6, 23, 8, 8}, {1, 2, 1, 6, 24, 32, 8}, {1, 2, 1, 6, 24, 8, 12}};
-    for (const auto& b : bad) {
-        EXPECT_EQ(ol_combi_intensive(b.step, b.r, 0.0f, 0.0f, b.n, 8, b.h, b.stride, 0, 3, b.bpsIn, b.bpsOut, img.data(), dst.data()), 0);
-        EXPECT_EQ(dst, before);
-    }
-    EXPECT_EQ(ol_combi_intensive(1, 1 << 30, 0.0f, 0.0f, 1, 8, 6, 24, 0, 3, 8, 8, img.data(), dst.data()), -4);
+// Refused arguments leave the target as it was; a failed allocation gives -4
+// (the two-image blend's target then holds the unblurred mask).
+TEST(Combine, RefusalsAndAllocationFailures) {
+    const Geo g{21, 13, 3, 63, 8, 8, 0};
+    const Bytes img = stack(2, g), before = oltest::randomBytes(std::size_t(g.h) * g.stride * 2, 5);
+    const struct { int ia, w, h, stride, bpsOut; } bad2[] = {{0, 0, 13, 63, 8}, {0, 21, 0, 63, 8}, {-1, 21, 13, 63, 8}, {0, 21, 13, 62, 8}, {0, 21, 13, 63, 12}, {0, 21, 13, 63, -8}};
+    const struct { int step, r, n, h, stride, bpsIn, bpsOut; } badI[] = {{0, 2, 1, 6, 63, 8, 8}, {1, 0, 1, 6, 63, 8, 8}, {1, -3, 1, 6, 63, 8, 8}, {1, 2, 0, 6, 63, 8, 8},
+        {1, 2, 1, 0, 63, 8, 8}, {1, 2, 1, 6, 62, 8, 8}, {1, 2, 1, 6, 63, 32, 8}, {1, 2, 1, 6, 63, 8, 12}};
+    Bytes dst = before;
+    for (const auto& b : bad2) EXPECT_EQ(ol_combi_2images(0, b.ia, 1, b.w, b.h, b.stride, 0, 8, b.bpsOut, 3, img.data(), dst.data()), 0);
+    for (const auto& b : badI) EXPECT_EQ(ol_combi_intensive(b.step, b.r, 0.0f, 0.0f, b.n, 21, b.h, b.stride, 0, 3, b.bpsIn, b.bpsOut, img.data(), dst.data()), 0);
+    EXPECT_EQ(ol_combi_intensive(1, 1 << 30, 0.0f, 0.0f, 1, 21, 6, 63, 0, 3, 8, 8, img.data(), dst.data()), -4);
     for (long nth : {1, 2}) {
         oltest::FailAllocation fail(nth);
-        EXPECT_EQ(ol_combi_intensive(1, 2, 0.0f, 0.0f, 1, 8, 6, 24, 0, 3, 8, 8, img.data(), dst.data()), -4);
-        EXPECT_EQ(dst, before);
+        EXPECT_EQ(ol_combi_intensive(1, 2, 0.0f, 0.0f, 2, 21, 13, 63, 0, 3, 8, 8, img.data(), dst.data()), -4);
     }
+    EXPECT_EQ(dst, before);
+    oltest::FailAllocation fail(1);
+    EXPECT_EQ(ol_combi_2images(0, 0, 1, g.w, g.h, g.stride, 0, 8, 8, 3, img.data(), dst.data()), -4);
+    EXPECT_EQ(dst, twoImagesRef(0, 1, g, img, before, true));
 }
 }  // namespace
