@@ -31,19 +31,18 @@ Bytes twoImagesRef(int ia, int ib, const Geo& g, const Bytes& img, Bytes dst, bo
     auto bright = [&](int k) { unsigned sum = 0; int sx = w <= 50 ? 1 : w / 50 + 1, sy = h <= 50 ? 1 : h / 50 + 1;
         for (int y = 0; y < h; y += sy) for (int x = 0; x < w; x += sx) for (int i = 0; i < 3; ++i) sum += lvl(k, long(y) * w + x, i);
         return sum / (unsigned(s) * 2500); };
-    int B = ib, D = ia;
-    if (work && bright(ia) > bright(ib)) B = ia, D = ib;
+    const bool aBright = work && bright(ia) > bright(ib);  // a tie makes ib the bright one
+    const int B = aBright ? ia : ib, D = aBright ? ib : ia;
     auto M = [&](int x, int y) -> std::uint8_t& { return dst[(std::size_t(y) * g.stride + std::size_t(x) * s) * ob]; };
     for (int y = 0; work && y < h; ++y) for (int x = 0; x < w; ++x) {
         const int t = lvl(D, long(y) * w + x, 0) + lvl(D, long(y) * w + x, 1) + lvl(D, long(y) * w + x, 2);
         M(x, y) = std::uint8_t(clampI(128 - int(float(t - 204) * -0.38333333), 255));
     }
     if (unblurred) return dst;
-    auto box = [](auto v, int i, int n, int lo, int hi) {
-        long sum = 0, cnt = 0;
-        for (int p = std::max(1, i - lo); p <= std::min(n - 1, i + hi); ++p) sum += v(p), ++cnt;
-        return cnt ? int(sum / cnt) : 0;
-    };
+    auto box = [](auto v, int i, int n, int lo, int hi) {  // positions 1..n-1 only; none gives 0
+        long sum = 0, p = std::max(1, i - lo), end = std::min(n - 1, i + hi);
+        for (long q = p; q <= end; ++q) sum += v(int(q));
+        return end >= p ? int(sum / (end - p + 1)) : 0; };
     std::vector<int> tmp(std::size_t(w) * h);
     for (int y = 0; y < h; ++y) for (int x = 0; x < w; ++x) tmp[y * w + x] = box([&](int p) { return M(p, y); }, x, w, 10, 9);
     for (int y = 0; y < h; ++y) for (int x = 0; x < w; ++x) M(x, y) = std::uint8_t(box([&](int p) { return tmp[p * w + x]; }, y, h, 10, 10));
@@ -78,8 +77,7 @@ TEST(TwoImages, MatchesPerPixelReading) {
 // (past its end a badness reads as 0).
 struct Knobs { int step, r; float power, sat; int n; };
 float hue(float p, float q, float t) {
-    t = t < 0 ? t + 1 : t;
-    t = t > 1 ? t - 1 : t;
+    t = t < 0 ? t + 1 : t, t = t > 1 ? t - 1 : t;
     const float x2 = t + t, x3 = x2 + t, x6 = x3 + t + t + t;
     return x6 < 1 ? p + (q - p) * x6 : x2 < 1 ? q : x3 < 2 ? float(p + (q - p) * (4.0 - x6)) : p;
 }
@@ -123,8 +121,7 @@ Bytes intensiveRef(const Knobs& kn, const Geo& g, const Bytes& img, Bytes dst) {
                 S = L < 0.5 ? (mx - mn) / (mx + mn) : float((mx - mn) / (2.0 - mx - mn));
                 H = v[0] == mx ? (v[1] - v[2]) / (mx - mn) : v[1] == mx ? (v[2] - v[0]) / (mx - mn) + 2.0f : (v[0] - v[1]) / (mx - mn) + 4.0f;
                 H = float(H / 6.0);
-                H = H < 0 ? H + 1 : H;
-                H = H > 1 ? H - 1 : H;
+                H = H < 0 ? H + 1 : H, H = H > 1 ? H - 1 : H;
             }
             S = std::min(S * f, 1.0f);
             const float q = L <= 0.5 ? float(L * (1.0 + S)) : L + S - L * S, p = float(2.0 * L - q);
