@@ -258,6 +258,29 @@ OL_API int sharp16(float amount, int width, int height, int rowStride, int spp, 
                    uint16_t* dst);
 
 /* ------------------------------------------------------------------------ */
+/* Image combination                                                         */
+
+/* Two images of a packed stack (image i at i*width*height*spp samples) in one
+ * blend: a mask of the darker image's levels, box-blurred (20 columns by 21
+ * rows), takes the darker image where it is bright and the brighter one
+ * elsewhere. dst holds the mask during the run. Returns height, 0 when there
+ * is nothing to do or an argument is refused, -4 when the work buffer can't
+ * be allocated (dst then holds the unblurred mask). A 16-bit source writes
+ * 16-bit samples whatever bpsOut says (the mask spacing follows bpsOut). */
+OL_API int ol_combi_2images(int unused, int ia, int ib, int width, int height, int rowStride, int swap,
+                            int bpsIn, int bpsOut, int spp, const void* images, void* dst);
+/* Weighted mean of n packed images, each weighted by the bilateral window sum
+ * (radius, samples every step pixels) of its distance from mid-grey. power:
+ * integer part 0 uses 1e6 / (sum + 1), else (sum + 1)^-(2^(power/10)).
+ * saturation: integer part 0 leaves colours, else S times 1 + saturation/10.
+ * Returns height, 0 when height or n is below 1 or an argument is refused
+ * (step or radius below 1, depths other than 8 and 16), -4 when a work table
+ * can't be allocated. Single-threaded and slow: n*w*h*(2r/step+1)^2 samples. */
+OL_API int ol_combi_intensive(int step, int radius, float power, float saturation, int n, int width, int height,
+                              int rowStride, int swap, int spp, int bpsIn, int bpsOut, const void* images,
+                              void* dst);
+
+/* ------------------------------------------------------------------------ */
 /* Exposure fusion                                                           */
 
 /* Threads and scratch files of ol_fusion. The three files are created with
