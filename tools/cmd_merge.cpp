@@ -237,7 +237,15 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
     if (firstOrientation >= 2 && firstOrientation <= 8 && orientation == 1)
         warn("the frames differ in their Exif orientation; the picture is left as stored");
     int ow = w, oh = h;
-    if (orientation != 1) rgbe = orientRgbePlanes(rgbe, ow, oh, orientation);
+    if (orientation == 3 || orientation == 6 || orientation == 8) {
+        // Plain turns go through the library's quarter turns; the mirrored
+        // orientations stay with the host's own remapping.
+        Transform turn;
+        turn.rotate = orientation == 3 ? 180 : orientation == 6 ? 90 : 270;
+        transformRgbe(turn, rgbe, ow, oh);
+    } else if (orientation != 1) {
+        rgbe = orientRgbePlanes(rgbe, ow, oh, orientation);
+    }
     exif.orientation = 1;
     transformRgbe(req.transform, rgbe, ow, oh);
     int stripRows = req.stripRows;
