@@ -47,6 +47,8 @@ const char* const kFuseHelp =
     "                         they are removed afterwards\n"
     "      --quality Q        JPEG quality 1..100 (default 92)\n"
     "      --dpi N            resolution written in a TIFF (default 300)\n"
+    "      --method M         pyramid (the default; two and intensive are not\n"
+    "                         available yet)\n"
     "      --crop X,Y,W,H     keep only this rectangle of the output (pixels)\n"
     "      --rotate DEG       turn the output 90, 180 or 270 degrees clockwise\n"
     "                         (after the crop; the Exif orientation is kept)\n"
@@ -61,7 +63,7 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
                            {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
                            {"times", 0, true}, {"times-file", 0, true},
-                           {"crop", 0, true}, {"rotate", 0, true}, {"align", 0, false}, {"deghost", 0, false}});
+                           {"crop", 0, true}, {"rotate", 0, true}, {"method", 0, true}, {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
     const Common common = commonOptions(args);
     FuseRequest req;
@@ -82,6 +84,10 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.quality = args.integer("quality", 92, 1, 100);
     req.dpi = args.integer("dpi", 300, 1, 100000);
     req.transform = parseTransform(args);
+    const std::string method = args.text("method", "pyramid");
+    if (method == "two" || method == "intensive")
+        throw Failure(kExitUnavailable, "--method " + method + " is not available yet: use --method pyramid");
+    if (method != "pyramid") throw Failure(kExitUsage, "option --method: pyramid, two or intensive, not '" + method + "'");
     requireFramesAndOutput(args, "fuse", "OUT.tif");
     const GivenTimes times = givenTimes(args, req.frames);
     req.times = times.seconds;
