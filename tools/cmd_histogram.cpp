@@ -106,7 +106,10 @@ Histograms radianceHistograms(const Picture& pic, float low, float high, bool ve
 
 std::string jsonArray(const Counts& c) {
     std::string s = "[";
-    for (std::size_t i = 0; i < c.size(); ++i) s += (i ? "," : "") + std::to_string(c[i]);
+    for (std::size_t i = 0; i < c.size(); ++i) {
+        if (i) s += ',';
+        s += std::to_string(c[i]);
+    }
     return s + "]";
 }
 
