@@ -47,6 +47,11 @@ const char* const kFuseHelp =
     "                         they are removed afterwards\n"
     "      --quality Q        JPEG quality 1..100 (default 92)\n"
     "      --dpi N            resolution written in a TIFF (default 300)\n"
+    "      --method M         pyramid (the default; two and intensive are not\n"
+    "                         available yet)\n"
+    "      --crop X,Y,W,H     keep only this rectangle of the output (pixels)\n"
+    "      --rotate DEG       turn the output 90, 180 or 270 degrees clockwise\n"
+    "                         (after the crop; the Exif orientation is kept)\n"
     "      --align            align the frames first (not available yet)\n"
     "      --deghost          keep moving objects out (not available yet)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
@@ -58,7 +63,7 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
                            {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
                            {"times", 0, true}, {"times-file", 0, true},
-                           {"align", 0, false}, {"deghost", 0, false}});
+                           {"crop", 0, true}, {"rotate", 0, true}, {"method", 0, true}, {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
     const Common common = commonOptions(args);
     FuseRequest req;
@@ -78,6 +83,11 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.scratch = args.text("scratch", "");
     req.quality = args.integer("quality", 92, 1, 100);
     req.dpi = args.integer("dpi", 300, 1, 100000);
+    req.transform = parseTransform(args);
+    const std::string method = args.text("method", "pyramid");
+    if (method == "two" || method == "intensive")
+        throw Failure(kExitUnavailable, "--method " + method + " is not available yet: use --method pyramid");
+    if (method != "pyramid") throw Failure(kExitUsage, "option --method: pyramid, two or intensive, not '" + method + "'");
     requireFramesAndOutput(args, "fuse", "OUT.tif");
     const GivenTimes times = givenTimes(args, req.frames);
     req.times = times.seconds;
@@ -141,6 +151,7 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
 
     progress.stage("reading frames", 0.25);
     FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    req.transform.check(frames.width, frames.height);  // before the long work
     const int w = frames.width, h = frames.height, n = frames.count();
     if (tiff && (w > 65535 || h > 65535))
         throw Failure(kExitUsage, req.out + ": a TIFF output is limited to 65535 pixels a side; use .png");
@@ -203,6 +214,7 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     out.pixels.resize(out.byteCount());
     std::memcpy(out.pixels.data(), work.data(), out.byteCount());
     work = {};
+    transformImage(req.transform, out);
     const Metadata& first = frames.meta[0];
     ExifRecord exif = sharedExif(frames);
     GpsRecord gps = first.gps;
@@ -210,8 +222,8 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     writeAtomically(req.out, [&](const std::string& temp) {
         if (tiff) {
             tif_info info{};
-            info.width = w;
-            info.height = h;
+            info.width = out.width;
+            info.height = out.height;
             info.samples = 3;
             info.bits = req.bits;
             info.dpi = req.dpi;
@@ -244,10 +256,11 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
 
     char line[512];
     std::snprintf(line, sizeof line, "wrote %s: %dx%d %d-bit %s fused from %s (%s mode, %d thread%s)",
-                  req.out.c_str(), w, h, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", counted(n, "frame").c_str(),
+                  req.out.c_str(), out.width, out.height, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", counted(n, "frame").c_str(),
                   diskUsed ? "disk" : "memory", diskUsed ? 1 : files.nbProc,
                   (diskUsed ? 1 : files.nbProc) == 1 ? "" : "s");
     report(common, line);
+    if (req.transform.any()) report(common, "  " + req.transform.text());
     std::string kept;
     if (!first.icc.empty()) kept += " ICC profile" + (first.profileName.empty() ? "" : " '" + first.profileName + "'");
     if (exif.camera[0] || exif.date[0] || exif.exposureNum > 0 || exif.iso > 0 || exif.focalNum > 0) kept += " Exif";

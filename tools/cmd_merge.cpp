@@ -44,6 +44,9 @@ const char* const kMergeHelp =
     "      --strip-rows N    write the picture N rows at a time (default: only\n"
     "                        pictures above 64 megapixels, 256 rows; the strip\n"
     "                        form carries no metadata lines)\n"
+    "      --crop X,Y,W,H    keep only this rectangle (pixels, upright picture)\n"
+    "      --rotate DEG      turn the picture 90, 180 or 270 degrees clockwise\n"
+    "                        (after the crop)\n"
     "      --align           align the frames first (not available yet)\n"
     "      --deghost         keep moving objects out (not available yet)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
@@ -52,7 +55,7 @@ int cmdMerge(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"preview", 0, true},
                            {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
                            {"times", 0, true}, {"times-file", 0, true}, {"preview-tone", 0, true}, {"black-level", 0, true},
-                           {"align", 0, false}, {"deghost", 0, false}});
+                           {"crop", 0, true}, {"rotate", 0, true}, {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kMergeHelp)) return kExitOk;
     const Common common = commonOptions(args);
     MergeRequest req;
@@ -64,6 +67,7 @@ int cmdMerge(const std::vector<std::string>& argv) {
     req.stripRows = args.integer("strip-rows", 0, 1, 1 << 20);
     req.previewTone = args.text("preview-tone", "photographic");
     req.blackLevel = args.number("black-level", 0, 0, 128);
+    req.transform = parseTransform(args);
     if (req.previewTone != "photographic" && req.previewTone != "linear")
         throw Failure(kExitUsage, "option --preview-tone: photographic or linear");
     requireFramesAndOutput(args, "merge", "OUT.hdr");
@@ -184,6 +188,12 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
 
     progress.stage("reading frames", 0.3);
     FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
+    {
+        // The crop is in the upright picture: orientations 5 to 8 swap the sides.
+        const int o = frames.meta[0].exif.orientation;
+        const bool swap = o >= 5 && o <= 8;
+        req.transform.check(swap ? frames.height : frames.width, swap ? frames.width : frames.height);
+    }
     applyBlackLevel(frames, req.blackLevel);
     if (req.blackLevel <= 0) {
         // The merge takes any level above its dark threshold for light; in
@@ -227,8 +237,17 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
     if (firstOrientation >= 2 && firstOrientation <= 8 && orientation == 1)
         warn("the frames differ in their Exif orientation; the picture is left as stored");
     int ow = w, oh = h;
-    if (orientation != 1) rgbe = orientRgbePlanes(rgbe, ow, oh, orientation);
+    if (orientation == 3 || orientation == 6 || orientation == 8) {
+        // Plain turns go through the library's quarter turns; the mirrored
+        // orientations stay with the host's own remapping.
+        Transform turn;
+        turn.rotate = orientation == 3 ? 180 : orientation == 6 ? 90 : 270;
+        transformRgbe(turn, rgbe, ow, oh);
+    } else if (orientation != 1) {
+        rgbe = orientRgbePlanes(rgbe, ow, oh, orientation);
+    }
     exif.orientation = 1;
+    transformRgbe(req.transform, rgbe, ow, oh);
     int stripRows = req.stripRows;
     if (stripRows <= 0 && static_cast<double>(ow) * oh > kStripPixels) stripRows = 256;
     writeRadiance(req.out, ow, oh, exif, profile, rgbe, stripRows, common, progress);
@@ -242,6 +261,7 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
                   req.out.c_str(), ow, oh, counted(n, "frame").c_str(), frames.bps, exposures.source.c_str(),
                   exposureList(frames, exposures).c_str());
     report(common, line);
+    if (req.transform.any()) report(common, "  " + req.transform.text());
     if (orientation != 1)
         report(common, "  turned upright: Exif orientation " + std::to_string(orientation) + ", " +
                            orientationText(orientation));

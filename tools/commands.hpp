@@ -16,12 +16,16 @@ int cmdFuse(const std::vector<std::string>& args);
 int cmdInfo(const std::vector<std::string>& args);
 int cmdDemo(const std::vector<std::string>& args);
 int cmdBracket(const std::vector<std::string>& args);
+int cmdPreview(const std::vector<std::string>& args);
+int cmdHistogram(const std::vector<std::string>& args);
 
 extern const char* const kMergeHelp;
 extern const char* const kFuseHelp;
 extern const char* const kInfoHelp;
 extern const char* const kDemoHelp;
 extern const char* const kBracketHelp;
+extern const char* const kPreviewHelp;
+extern const char* const kHistogramHelp;
 
 // Options shared by the commands.
 #define OLHDR_COMMON_OPTIONS                                                   \

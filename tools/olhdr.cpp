@@ -26,6 +26,8 @@ static const char* const kMainHelp =
     "  fuse      fuse frames into an 8 or 16-bit TIFF, PNG or JPEG\n"
     "  info      show a file's size, depth and metadata\n"
     "  bracket   write a synthetic bracket of frames (for trials and tests)\n"
+    "  preview   write a screen-size JPEG or PNG of any input\n"
+    "  histogram draw a picture's histogram as a PNG, or print it (--json)\n"
     "\n"
     "Frames may be JPEG, PNG, 8 or 16-bit TIFF, or 8 or 16-bit RGB PSD files of one\n"
     "size and depth. `olhdr COMMAND --help` describes a command.\n"
@@ -140,7 +142,8 @@ int main(int argc, char** argv) {
                 const std::string& c = args.front();
                 const char* text = c == "merge" ? kMergeHelp : c == "fuse" ? kFuseHelp
                                  : c == "info" ? kInfoHelp : c == "demo" ? kDemoHelp
-                                 : c == "bracket" ? kBracketHelp : nullptr;
+                                 : c == "bracket" ? kBracketHelp
+                                 : c == "preview" ? kPreviewHelp : c == "histogram" ? kHistogramHelp : nullptr;
                 if (!text) throw Failure(kExitUsage, "unknown command '" + c + "'");
                 std::fputs(text, stdout);
                 return kExitOk;
@@ -157,6 +160,8 @@ int main(int argc, char** argv) {
         if (command == "info") return cmdInfo(args);
         if (command == "demo") return cmdDemo(args);
         if (command == "bracket") return cmdBracket(args);
+        if (command == "preview") return cmdPreview(args);
+        if (command == "histogram") return cmdHistogram(args);
         throw Failure(kExitUsage, "unknown command '" + command + "' (try olhdr --help)");
     } catch (const Failure& f) {
         std::fflush(stdout);

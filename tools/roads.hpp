@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "transform.hpp"
 
 namespace olhdr {
 
@@ -22,6 +23,7 @@ struct MergeRequest {
     std::string timesSource;    // "from --times", "from LIST"
     std::string previewTone = "photographic";  // or "linear"
     double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
+    Transform transform;        // --crop, --rotate of the picture and preview
 };
 
 struct FuseRequest {
@@ -36,6 +38,7 @@ struct FuseRequest {
     int dpi = 300;
     std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
     std::string timesSource;
+    Transform transform;        // --crop, --rotate of the output
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
