@@ -15,6 +15,7 @@
 #include "outfile.hpp"
 #include "progress.hpp"
 #include "quiet.hpp"
+#include "picture.hpp"
 #include "roads.hpp"
 
 namespace olhdr {
@@ -47,6 +48,11 @@ const char* const kFuseHelp =
     "                         they are removed afterwards\n"
     "      --quality Q        JPEG quality 1..100 (default 92)\n"
     "      --dpi N            resolution written in a TIFF (default 300)\n"
+    "      --compress S       fuse at 16 bits and bring the result to 8 bits under\n"
+    "                         a luminance mask, shadows lifted (as `olhdr compress`)\n"
+    "      --contrast C       S-shaped contrast curve on the output, 0..0.95\n"
+    "      --sharpen AMOUNT   3x3 Laplacian sharpening of the output, -1..4\n"
+    "                         (negative softens)\n"
     "      --align            align the frames first (not available yet)\n"
     "      --deghost          keep moving objects out (not available yet)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
@@ -58,6 +64,7 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
                            {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
                            {"times", 0, true}, {"times-file", 0, true},
+                           {"compress", 0, true}, {"contrast", 0, true}, {"sharpen", 0, true},
                            {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
     const Common common = commonOptions(args);
@@ -78,6 +85,11 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.scratch = args.text("scratch", "");
     req.quality = args.integer("quality", 92, 1, 100);
     req.dpi = args.integer("dpi", 300, 1, 100000);
+    req.compress = args.integer("compress", -1, 0, 100);
+    req.contrast = static_cast<float>(args.number("contrast", 0, 0, 0.95));
+    req.sharpen = static_cast<float>(args.number("sharpen", 0, -1, 4));
+    if (req.compress >= 0 && args.has("bits") && req.bits != 8)
+        throw Failure(kExitUsage, "--compress makes an 8-bit output: leave out --bits 16");
     requireFramesAndOutput(args, "fuse", "OUT.tif");
     const GivenTimes times = givenTimes(args, req.frames);
     req.times = times.seconds;
@@ -175,10 +187,11 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
         files.namePoids = namePoids.c_str();
         files.namePyramPoids = namePyram.c_str();
     }
+    const int fusedBits = req.compress >= 0 ? 16 : req.bits;
     int r;
     {
         LibraryOutput quiet(common.verbose);
-        r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, req.bits, 16, 16,
+        r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, fusedBits, 16, 16,
                       lenPyram, 0, 1.0f, exposureTimes.data(), frames.block.data(), indexFixedExpo.data(),
                       nullptr, nullptr, work.data());
     }
@@ -199,10 +212,11 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     out.width = w;
     out.height = h;
     out.spp = 3;
-    out.bps = req.bits;
+    out.bps = fusedBits;
     out.pixels.resize(out.byteCount());
     std::memcpy(out.pixels.data(), work.data(), out.byteCount());
     work = {};
+    finishPicture(out, req.compress, req.contrast, req.sharpen, common.verbose);
     const Metadata& first = frames.meta[0];
     ExifRecord exif = sharedExif(frames);
     GpsRecord gps = first.gps;
@@ -248,6 +262,18 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
                   diskUsed ? "disk" : "memory", diskUsed ? 1 : files.nbProc,
                   (diskUsed ? 1 : files.nbProc) == 1 ? "" : "s");
     report(common, line);
+    std::string finish;
+    if (req.compress >= 0) finish += ", fused at 16 bits and compressed (strength " + std::to_string(req.compress) + ")";
+    if (req.contrast != 0.0f || req.sharpen != 0.0f) {
+        std::snprintf(line, sizeof line, "%s%.3g", req.contrast != 0.0f ? ", contrast " : ", sharpened ",
+                      req.contrast != 0.0f ? req.contrast : req.sharpen);
+        finish += line;
+        if (req.contrast != 0.0f && req.sharpen != 0.0f) {
+            std::snprintf(line, sizeof line, ", sharpened %.3g", req.sharpen);
+            finish += line;
+        }
+    }
+    if (!finish.empty()) report(common, "  finished:" + finish.substr(1));
     std::string kept;
     if (!first.icc.empty()) kept += " ICC profile" + (first.profileName.empty() ? "" : " '" + first.profileName + "'");
     if (exif.camera[0] || exif.date[0] || exif.exposureNum > 0 || exif.iso > 0 || exif.focalNum > 0) kept += " Exif";

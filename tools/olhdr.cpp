@@ -26,6 +26,10 @@ static const char* const kMainHelp =
     "  fuse      fuse frames into an 8 or 16-bit TIFF, PNG or JPEG\n"
     "  info      show a file's size, depth and metadata\n"
     "  bracket   write a synthetic bracket of frames (for trials and tests)\n"
+    "  response  estimate the camera's response gamma, or read it from a profile\n"
+    "  compress  bring a 16-bit TIFF or PNG to 8 bits, shadows lifted\n"
+    "  rank      order frames from dark to bright, with their spacing in stops\n"
+    "  panorama  turn a mirror-ball picture into a latitude-longitude panorama\n"
     "\n"
     "Frames may be JPEG, PNG, 8 or 16-bit TIFF, or 8 or 16-bit RGB PSD files of one\n"
     "size and depth. `olhdr COMMAND --help` describes a command.\n"
@@ -140,7 +144,9 @@ int main(int argc, char** argv) {
                 const std::string& c = args.front();
                 const char* text = c == "merge" ? kMergeHelp : c == "fuse" ? kFuseHelp
                                  : c == "info" ? kInfoHelp : c == "demo" ? kDemoHelp
-                                 : c == "bracket" ? kBracketHelp : nullptr;
+                                 : c == "bracket" ? kBracketHelp
+                                 : c == "response" ? kResponseHelp : c == "compress" ? kCompressHelp
+                                 : c == "rank" ? kRankHelp : c == "panorama" ? kPanoramaHelp : nullptr;
                 if (!text) throw Failure(kExitUsage, "unknown command '" + c + "'");
                 std::fputs(text, stdout);
                 return kExitOk;
@@ -157,6 +163,10 @@ int main(int argc, char** argv) {
         if (command == "info") return cmdInfo(args);
         if (command == "demo") return cmdDemo(args);
         if (command == "bracket") return cmdBracket(args);
+        if (command == "response") return cmdResponse(args);
+        if (command == "compress") return cmdCompress(args);
+        if (command == "rank") return cmdRank(args);
+        if (command == "panorama") return cmdPanorama(args);
         throw Failure(kExitUsage, "unknown command '" + command + "' (try olhdr --help)");
     } catch (const Failure& f) {
         std::fflush(stdout);

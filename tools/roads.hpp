@@ -22,6 +22,7 @@ struct MergeRequest {
     std::string timesSource;    // "from --times", "from LIST"
     std::string previewTone = "photographic";  // or "linear"
     double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
+    bool responseAuto = false;  // gamma estimated from the frames (--response auto)
 };
 
 struct FuseRequest {
@@ -36,6 +37,9 @@ struct FuseRequest {
     int dpi = 300;
     std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
     std::string timesSource;
+    int compress = -1;        // >= 0: fused at 16 bits, brought to 8 by comp16 at this strength
+    float contrast = 0;       // lumcontr's curve strength on the output, 0 for none
+    float sharpen = 0;        // Laplacian sharpening amount on the output, 0 for none
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
