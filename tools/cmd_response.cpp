@@ -69,10 +69,28 @@ std::vector<std::uint8_t> readWhole(const std::string& path) {
     return b;
 }
 
-bool holds(const std::vector<std::uint8_t>& b, const char* tag) {
-    for (std::size_t i = 0; i + 4 <= b.size() && i < 128 + 12 * 1024; ++i)
-        if (std::memcmp(b.data() + i, tag, 4) == 0) return true;
-    return false;
+std::uint32_t be32(const std::vector<std::uint8_t>& b, std::size_t at) {
+    return at + 4 <= b.size() ? (std::uint32_t(b[at]) << 24 | std::uint32_t(b[at + 1]) << 16 |
+                                 std::uint32_t(b[at + 2]) << 8 | b[at + 3])
+                              : 0;
+}
+
+// Why the exponent is 2.2 by default when it is: the library takes a single
+// exponent ('curv' with one entry) from an r, g or b tone curve only.
+std::string defaultReason(const std::vector<std::uint8_t>& b) {
+    const std::uint32_t tags = be32(b, 128);
+    bool grey = false;
+    for (std::uint32_t i = 0; i < tags && i < 4096; ++i) {
+        const std::size_t at = 132 + 12 * static_cast<std::size_t>(i);
+        if (at + 12 > b.size()) break;
+        const std::string sig(reinterpret_cast<const char*>(&b[at]), 4);
+        if (sig == "kTRC") grey = true;
+        if (sig != "rTRC" && sig != "gTRC" && sig != "bTRC") continue;
+        const std::size_t off = be32(b, at + 4);  // 64-bit: off + 12 cannot wrap
+        const bool single = off + 12 <= b.size() && std::memcmp(&b[off], "curv", 4) == 0 && be32(b, off + 8) == 1;
+        return single ? "" : "; its tone curve is a table or a formula, not one exponent: 2.2 assumed";
+    }
+    return grey ? "; a grey profile's curve is not read: 2.2 assumed" : "; no tone curve in the profile, 2.2 assumed";
 }
 
 int fromProfile(const std::string& path, const Common& common) {
@@ -101,12 +119,11 @@ int fromProfile(const std::string& path, const Common& common) {
     if (r < 0 || icc.size() <= 12)
         throw Failure(kExitInput, path + ": damaged ICC profile (its header gives " + std::to_string(-r) +
                                       " bytes, there are " + std::to_string(icc.size()) + ")");
-    const bool curve = holds(icc, "rTRC") || holds(icc, "gTRC") || holds(icc, "bTRC");
     const std::string name = profileName(icc);
     char line[512];
     std::snprintf(line, sizeof line, "%s: gamma %.4g (%s%s%s)%s", path.c_str(), gamma, where.c_str(),
                   name.empty() ? "" : " '", name.empty() ? "" : (name + "'").c_str(),
-                  curve ? "" : "; no tone curve in the profile, 2.2 assumed");
+                  defaultReason(icc).c_str());
     report(common, line);
     return kExitOk;
 }
