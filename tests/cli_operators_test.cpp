@@ -87,6 +87,12 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
             EXPECT_TRUE(fs::exists(f + c.file));
         }
     }
+    // The estimated exponent is what the merge used: the same picture as --gamma.
+    std::smatch g;
+    const std::string said = run("response " + jpg).out;
+    ASSERT_TRUE(std::regex_search(said, g, std::regex("gamma ([0-9.]+)")));
+    ASSERT_EQ(run("merge -q " + jpg + "--gamma " + g[1].str() + " -o " + quote(f + "given.hdr")).code, 0);
+    EXPECT_EQ(oltest::readFile(f + "given.hdr"), oltest::readFile(f + "auto.hdr"));
     // The table runs from 0 to 1; the plot and the panorama open at their sizes.
     const auto csv = oltest::readFile(f + "r.csv");
     const std::string text(csv.begin(), csv.end());
