@@ -15,6 +15,7 @@
 #include "outfile.hpp"
 #include "progress.hpp"
 #include "quiet.hpp"
+#include "picture_write.hpp"
 #include "roads.hpp"
 
 namespace olhdr {
@@ -52,6 +53,11 @@ const char* const kFuseHelp =
     "      --crop X,Y,W,H     keep only this rectangle of the output (pixels)\n"
     "      --rotate DEG       turn the output 90, 180 or 270 degrees clockwise\n"
     "                         (after the crop; the Exif orientation is kept)\n"
+    "      --compress S       fuse at 16 bits and bring the result to 8 bits under\n"
+    "                         a luminance mask, shadows lifted (as `olhdr compress`)\n"
+    "      --contrast C       S-shaped contrast curve on the output, 0..0.95\n"
+    "      --sharpen AMOUNT   3x3 Laplacian sharpening of the output, -1..4\n"
+    "                         (negative softens)\n"
     "      --align            align the frames first (not available yet)\n"
     "      --deghost          keep moving objects out (not available yet)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
@@ -63,7 +69,9 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"midtone", 0, true}, {"threads", 'j', true}, {"disk", 0, false},
                            {"scratch", 0, true}, {"quality", 0, true}, {"dpi", 0, true},
                            {"times", 0, true}, {"times-file", 0, true},
-                           {"crop", 0, true}, {"rotate", 0, true}, {"method", 0, true}, {"align", 0, false}, {"deghost", 0, false}});
+                           {"crop", 0, true}, {"rotate", 0, true}, {"method", 0, true},
+                           {"compress", 0, true}, {"contrast", 0, true}, {"sharpen", 0, true},
+                           {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
     const Common common = commonOptions(args);
     FuseRequest req;
@@ -88,6 +96,11 @@ int cmdFuse(const std::vector<std::string>& argv) {
     if (method == "two" || method == "intensive")
         throw Failure(kExitUnavailable, "--method " + method + " is not available yet: use --method pyramid");
     if (method != "pyramid") throw Failure(kExitUsage, "option --method: pyramid, two or intensive, not '" + method + "'");
+    req.compress = args.integer("compress", -1, 0, 100);
+    req.contrast = static_cast<float>(args.number("contrast", 0, 0, 0.95));
+    req.sharpen = static_cast<float>(args.number("sharpen", 0, -1, 4));
+    if (req.compress >= 0 && args.has("bits") && req.bits != 8)
+        throw Failure(kExitUsage, "--compress makes an 8-bit output: leave out --bits 16");
     requireFramesAndOutput(args, "fuse", "OUT.tif");
     const GivenTimes times = givenTimes(args, req.frames);
     req.times = times.seconds;
@@ -186,10 +199,11 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
         files.namePoids = namePoids.c_str();
         files.namePyramPoids = namePyram.c_str();
     }
+    const int fusedBits = req.compress >= 0 ? 16 : req.bits;
     int r;
     {
         LibraryOutput quiet(common.verbose);
-        r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, req.bits, 16, 16,
+        r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, fusedBits, 16, 16,
                       lenPyram, 0, 1.0f, exposureTimes.data(), frames.block.data(), indexFixedExpo.data(),
                       nullptr, nullptr, work.data());
     }
@@ -210,10 +224,11 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     out.width = w;
     out.height = h;
     out.spp = 3;
-    out.bps = req.bits;
+    out.bps = fusedBits;
     out.pixels.resize(out.byteCount());
     std::memcpy(out.pixels.data(), work.data(), out.byteCount());
     work = {};
+    finishPicture(out, req.compress, req.contrast, req.sharpen, common.verbose);
     transformImage(req.transform, out);
     const Metadata& first = frames.meta[0];
     ExifRecord exif = sharedExif(frames);
@@ -261,6 +276,18 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
                   (diskUsed ? 1 : files.nbProc) == 1 ? "" : "s");
     report(common, line);
     if (req.transform.any()) report(common, "  " + req.transform.text());
+    std::string finish;
+    if (req.compress >= 0) finish += ", fused at 16 bits and compressed (strength " + std::to_string(req.compress) + ")";
+    if (req.contrast != 0.0f || req.sharpen != 0.0f) {
+        std::snprintf(line, sizeof line, "%s%.3g", req.contrast != 0.0f ? ", contrast " : ", sharpened ",
+                      req.contrast != 0.0f ? req.contrast : req.sharpen);
+        finish += line;
+        if (req.contrast != 0.0f && req.sharpen != 0.0f) {
+            std::snprintf(line, sizeof line, ", sharpened %.3g", req.sharpen);
+            finish += line;
+        }
+    }
+    if (!finish.empty()) report(common, "  finished:" + finish.substr(1));
     std::string kept;
     if (!first.icc.empty()) kept += " ICC profile" + (first.profileName.empty() ? "" : " '" + first.profileName + "'");
     if (exif.camera[0] || exif.date[0] || exif.exposureNum > 0 || exif.iso > 0 || exif.focalNum > 0) kept += " Exif";

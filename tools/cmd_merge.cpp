@@ -41,6 +41,8 @@ const char* const kMergeHelp =
     "      --black-level L   the frames' black sits at level L of 255 (film scans):\n"
     "                        it is taken off before the merge\n"
     "      --gamma G         response gamma of the frames (default 2.2)\n"
+    "      --response auto   estimate the response gamma from the frames\n"
+    "                        (as `olhdr response` does) and merge with it\n"
     "      --strip-rows N    write the picture N rows at a time (default: only\n"
     "                        pictures above 64 megapixels, 256 rows; the strip\n"
     "                        form carries no metadata lines)\n"
@@ -55,7 +57,8 @@ int cmdMerge(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"preview", 0, true},
                            {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
                            {"times", 0, true}, {"times-file", 0, true}, {"preview-tone", 0, true}, {"black-level", 0, true},
-                           {"crop", 0, true}, {"rotate", 0, true}, {"align", 0, false}, {"deghost", 0, false}});
+                           {"response", 0, true}, {"crop", 0, true}, {"rotate", 0, true},
+                           {"align", 0, false}, {"deghost", 0, false}});
     if (printHelpIfAsked(args, kMergeHelp)) return kExitOk;
     const Common common = commonOptions(args);
     MergeRequest req;
@@ -70,6 +73,11 @@ int cmdMerge(const std::vector<std::string>& argv) {
     req.transform = parseTransform(args);
     if (req.previewTone != "photographic" && req.previewTone != "linear")
         throw Failure(kExitUsage, "option --preview-tone: photographic or linear");
+    if (args.has("response")) {
+        if (args.text("response", "") != "auto") throw Failure(kExitUsage, "option --response: auto");
+        if (req.gamma > 0) throw Failure(kExitUsage, "give either --gamma or --response auto, not both");
+        req.responseAuto = true;
+    }
     requireFramesAndOutput(args, "merge", "OUT.hdr");
     if (req.evStep > 0 && (args.has("times") || args.has("times-file")))
         throw Failure(kExitUsage, "give either exposure times or --ev-step, not both");
@@ -214,13 +222,25 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
     const int w = frames.width, h = frames.height, n = frames.count();
     std::vector<float> lut(static_cast<std::size_t>(1) << frames.bps);
     std::vector<float> deltaT = exposures.deltaT;
-    if (req.gamma > 0) lut[0] = static_cast<float>(req.gamma);
+    double gamma = req.gamma;
+    if (req.responseAuto) {
+        // The merge builds its table from the exponent in lut[0], the same
+        // curve as gen_courbe's over the levels; the table itself is refilled.
+        std::vector<float> curve;
+        const int g1000 = estimateResponse(frames, deltaT, curve, common.verbose);
+        gamma = g1000 / 1000.0;
+        gen_courbe(g1000, static_cast<float>(1.0 / std::pow(256.0, gamma)), lut.data());
+        char text[96];
+        std::snprintf(text, sizeof text, "response gamma %.3f estimated from the frames", gamma);
+        note(common, text);
+    }
+    if (gamma > 0) lut[0] = static_cast<float>(gamma);
     float stats[3] = {0, 0, 0};
     std::vector<std::uint8_t> rgbe(static_cast<std::size_t>(w) * h * 4);
     int r;
     {
         LibraryOutput quiet(common.verbose);
-        r = ol_hdr_merge(0, n, w, h, 3, frames.bps, req.gamma > 0 ? 1 : 0, lut.data(), -1.0f, deltaT.data(),
+        r = ol_hdr_merge(0, n, w, h, 3, frames.bps, gamma > 0 ? 1 : 0, lut.data(), -1.0f, deltaT.data(),
                          frames.block.data(), stats, rgbe.data());
     }
     if (r == -4) throw Failure(kExitProcessing, "out of memory while merging");

@@ -18,6 +18,10 @@ int cmdDemo(const std::vector<std::string>& args);
 int cmdBracket(const std::vector<std::string>& args);
 int cmdPreview(const std::vector<std::string>& args);
 int cmdHistogram(const std::vector<std::string>& args);
+int cmdResponse(const std::vector<std::string>& args);
+int cmdCompress(const std::vector<std::string>& args);
+int cmdRank(const std::vector<std::string>& args);
+int cmdPanorama(const std::vector<std::string>& args);
 
 extern const char* const kMergeHelp;
 extern const char* const kFuseHelp;
@@ -26,6 +30,10 @@ extern const char* const kDemoHelp;
 extern const char* const kBracketHelp;
 extern const char* const kPreviewHelp;
 extern const char* const kHistogramHelp;
+extern const char* const kResponseHelp;
+extern const char* const kCompressHelp;
+extern const char* const kRankHelp;
+extern const char* const kPanoramaHelp;
 
 // Options shared by the commands.
 #define OLHDR_COMMON_OPTIONS                                                   \
@@ -70,5 +78,11 @@ std::string writeFailure(int code);
 
 // "1 frame", "3 frames".
 std::string counted(int n, const std::string& noun);
+
+struct FrameSet;
+// The response exponent of a bracket (calc_courbe) times 1000; `curve`
+// receives its 256-entry table. Throws Failure when the frames can't tell.
+int estimateResponse(const FrameSet& frames, const std::vector<float>& deltaT, std::vector<float>& curve,
+                     bool verbose);
 
 }  // namespace olhdr

@@ -28,6 +28,10 @@ static const char* const kMainHelp =
     "  bracket   write a synthetic bracket of frames (for trials and tests)\n"
     "  preview   write a screen-size JPEG or PNG of any input\n"
     "  histogram draw a picture's histogram as a PNG, or print it (--json)\n"
+    "  response  estimate the camera's response gamma, or read it from a profile\n"
+    "  compress  bring a 16-bit TIFF or PNG to 8 bits, shadows lifted\n"
+    "  rank      order frames from dark to bright, with their spacing in stops\n"
+    "  panorama  turn a mirror-ball picture into a latitude-longitude panorama\n"
     "\n"
     "Frames may be JPEG, PNG, 8 or 16-bit TIFF, or 8 or 16-bit RGB PSD files of one\n"
     "size and depth. `olhdr COMMAND --help` describes a command.\n"
@@ -143,7 +147,9 @@ int main(int argc, char** argv) {
                 const char* text = c == "merge" ? kMergeHelp : c == "fuse" ? kFuseHelp
                                  : c == "info" ? kInfoHelp : c == "demo" ? kDemoHelp
                                  : c == "bracket" ? kBracketHelp
-                                 : c == "preview" ? kPreviewHelp : c == "histogram" ? kHistogramHelp : nullptr;
+                                 : c == "preview" ? kPreviewHelp : c == "histogram" ? kHistogramHelp
+                                 : c == "response" ? kResponseHelp : c == "compress" ? kCompressHelp
+                                 : c == "rank" ? kRankHelp : c == "panorama" ? kPanoramaHelp : nullptr;
                 if (!text) throw Failure(kExitUsage, "unknown command '" + c + "'");
                 std::fputs(text, stdout);
                 return kExitOk;
@@ -162,6 +168,10 @@ int main(int argc, char** argv) {
         if (command == "bracket") return cmdBracket(args);
         if (command == "preview") return cmdPreview(args);
         if (command == "histogram") return cmdHistogram(args);
+        if (command == "response") return cmdResponse(args);
+        if (command == "compress") return cmdCompress(args);
+        if (command == "rank") return cmdRank(args);
+        if (command == "panorama") return cmdPanorama(args);
         throw Failure(kExitUsage, "unknown command '" + command + "' (try olhdr --help)");
     } catch (const Failure& f) {
         std::fflush(stdout);

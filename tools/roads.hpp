@@ -24,6 +24,7 @@ struct MergeRequest {
     std::string previewTone = "photographic";  // or "linear"
     double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
     Transform transform;        // --crop, --rotate of the picture and preview
+    bool responseAuto = false;  // gamma estimated from the frames (--response auto)
 };
 
 struct FuseRequest {
@@ -39,6 +40,9 @@ struct FuseRequest {
     std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
     std::string timesSource;
     Transform transform;        // --crop, --rotate of the output
+    int compress = -1;        // >= 0: fused at 16 bits, brought to 8 by comp16 at this strength
+    float contrast = 0;       // lumcontr's curve strength on the output, 0 for none
+    float sharpen = 0;        // Laplacian sharpening amount on the output, 0 for none
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
