@@ -26,6 +26,7 @@ static const char* const kMainHelp =
     "  fuse      fuse frames into an 8 or 16-bit TIFF, PNG or JPEG\n"
     "  info      show a file's size, depth and metadata\n"
     "  bracket   write a synthetic bracket of frames (for trials and tests)\n"
+    "  ghosts    show where frames disagree because something moved\n"
     "\n"
     "Frames may be JPEG, PNG, 8 or 16-bit TIFF, or 8 or 16-bit RGB PSD files of one\n"
     "size and depth. `olhdr COMMAND --help` describes a command.\n"
@@ -42,15 +43,8 @@ static const char* const kMainHelp =
     "  2  an input file is missing, unreadable, or does not fit the others\n"
     "  3  an output file could not be written (nothing is left behind)\n"
     "  4  the library failed (for example out of memory)\n"
-    "  5  the feature asked for is not available yet (--align, --deghost)\n"
+    "  5  the feature asked for is not available yet\n"
     "  130  interrupted (partial outputs are removed)\n";
-
-void refuseUnavailable(bool align, bool deghost) {
-    if (align)
-        throw Failure(kExitUnavailable, "--align is not available yet: frames must be aligned already");
-    if (deghost)
-        throw Failure(kExitUnavailable, "--deghost is not available yet: frames must be free of motion");
-}
 
 bool printHelpIfAsked(const Args& args, const char* help) {
     if (!args.has("help")) return false;
@@ -66,7 +60,6 @@ Common commonOptions(const Args& args) {
 }
 
 void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample) {
-    refuseUnavailable(args.has("align"), args.has("deghost"));
     if (args.positional().empty()) throw Failure(kExitUsage, "no frames given (olhdr " + command + " --help)");
     if (args.positional().size() == 1)
         throw Failure(kExitUsage, "one frame given: " + command + " needs two or more exposures of the scene");
@@ -140,7 +133,7 @@ int main(int argc, char** argv) {
                 const std::string& c = args.front();
                 const char* text = c == "merge" ? kMergeHelp : c == "fuse" ? kFuseHelp
                                  : c == "info" ? kInfoHelp : c == "demo" ? kDemoHelp
-                                 : c == "bracket" ? kBracketHelp : nullptr;
+                                 : c == "bracket" ? kBracketHelp : c == "ghosts" ? kGhostsHelp : nullptr;
                 if (!text) throw Failure(kExitUsage, "unknown command '" + c + "'");
                 std::fputs(text, stdout);
                 return kExitOk;
@@ -157,6 +150,7 @@ int main(int argc, char** argv) {
         if (command == "info") return cmdInfo(args);
         if (command == "demo") return cmdDemo(args);
         if (command == "bracket") return cmdBracket(args);
+        if (command == "ghosts") return cmdGhosts(args);
         throw Failure(kExitUsage, "unknown command '" + command + "' (try olhdr --help)");
     } catch (const Failure& f) {
         std::fflush(stdout);

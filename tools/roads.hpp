@@ -22,6 +22,10 @@ struct MergeRequest {
     std::string timesSource;    // "from --times", "from LIST"
     std::string previewTone = "photographic";  // or "linear"
     double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
+    bool align = false;         // frames brought into register first
+    bool keepSize = false;      // with align: keep the size (white margins)
+    bool deghost = false;       // hdr_unghost instead of the plain merge
+    bool consistency = false;   // with deghost: calc_hdr instead
 };
 
 struct FuseRequest {
@@ -36,6 +40,10 @@ struct FuseRequest {
     int dpi = 300;
     std::vector<double> times;  // seconds, one a frame; empty: Exif or inferred
     std::string timesSource;
+    bool align = false;         // frames brought into register first
+    bool keepSize = false;      // with align: keep the size (white margins)
+    bool deghost = false;       // ghost masks filled from one frame
+    int ghostThreshold = 20;    // ol_ghost_detect's threshold, 8-bit scale
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
