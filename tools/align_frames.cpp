@@ -15,7 +15,9 @@ namespace {
 // original frame `in` (w x h): out(x, y) == in(x + X, y + Y) in the three
 // colour samples wherever in(x + X, y + Y) exists. The library keeps the
 // offsets to itself; its result bounds them (X + Y <= spread), so the few
-// candidates are tried, cheapest rejection first: a sparse grid, then all.
+// candidates are tried, cheapest rejection first: a grid of about 64 points
+// a side over the whole frame (a clipped sky matches every candidate, so the
+// points must not stay in one area), then every pixel.
 std::pair<int, int> findOffset(const std::uint8_t* in, const std::uint8_t* out, int w, int h, int w2, int h2,
                                int bytes, int spread) {
     const std::size_t px = static_cast<std::size_t>(3) * bytes;
@@ -27,9 +29,10 @@ std::pair<int, int> findOffset(const std::uint8_t* in, const std::uint8_t* out, 
                     return false;
         return true;
     };
+    const int coarse = std::max(1, std::min(w2, h2) / 64);
     for (int sum = 0; sum <= spread; ++sum)
         for (int X = 0; X <= sum; ++X)
-            if (same(X, sum - X, 7) && same(X, sum - X, 1)) return {X, sum - X};
+            if (same(X, sum - X, coarse) && same(X, sum - X, 1)) return {X, sum - X};
     return {0, 0};
 }
 
