@@ -363,16 +363,79 @@ TEST_F(Cli, CommandLineMistakesAreUsageErrors) {
     EXPECT_FALSE(fs::exists(dir.file("x.tif")));
 }
 
-TEST_F(Cli, AlignAndDeghostAreAnnouncedAsNotAvailable) {
+// Handheld brackets with known displacements come back with exactly those
+// shifts, cropped or kept; a moving square is marked, and a deghosted fusion
+// shows it once where the plain one blends it away.
+TEST_F(Cli, AlignAndDeghostOnHandheldAndMovingBrackets) {
+    TempDir dir;
+    struct Case {
+        const char* command;
+        const char* bracketOptions;
+        const char* options;
+        const char* expected;  // a line of the output
+    };
+    const Case cases[] = {
+        {"fuse", "--frames 3 --format png --shift 0,0:-3,2:5,-4", "--align",
+         "  aligned: shifts (right,down) against frame 1: +0,+0 -3,+2 +5,-4; cropped to 472x314\n"},
+        {"merge", "--frames 5 --bits 16 --format tif --shift 0,0:2,2:-2,1:1,-3:3,0", "--align --keep-size",
+         "  aligned: shifts (right,down) against frame 1: +0,+0 +2,+2 -2,+1 +1,-3 +3,+0; size kept at 480x320\n"},
+        {"ghosts", "--frames 4 --shift 0,0:-4,3:3,0:1,-2", "--align",
+         "  aligned: shifts (right,down) against frame 1: +0,+0 -4,+3 +3,+0 +1,-2; cropped to 473x315\n"},
+        {"merge", "--frames 3 --format png", "--align --deghost --consistency",
+         "  aligned: shifts (right,down) against frame 1: +0,+0 +0,+0 +0,+0; cropped to 480x320\n"},
+    };
+    int row = 0;
+    for (const Case& c : cases) {
+        const std::string name = "s" + std::to_string(row++);
+        const auto frames = bracket(dir, name, std::string("--size 480x320 --ev-step 1 ") + c.bracketOptions);
+        const std::string out = dir.file(name + (c.command == std::string("fuse") ? ".tif"
+                                                 : c.command == std::string("merge") ? ".hdr" : ".png"));
+        const Result r = run(std::string(c.command) + " " + join(frames) + c.options + " -o " + quote(out));
+        EXPECT_EQ(r.code, 0) << c.command << " " << c.bracketOptions << ": " << r.err;
+        EXPECT_NE(r.out.find(c.expected), std::string::npos) << c.bracketOptions << "\n" << r.out;
+        EXPECT_TRUE(fs::exists(out));
+    }
+
+    // 96x64 frames, square 12 pixels a side in a different place in each.
+    const auto moving = bracket(dir, "m", "--moving --format png");
+    const Result g = run("ghosts " + join(moving) + " -o " + quote(dir.file("g.png")));
+    EXPECT_EQ(g.code, 0) << g.err;
+    EXPECT_NE(g.out.find("of pixels marked (threshold 20), filled from frame 2"), std::string::npos) << g.out;
+    EXPECT_EQ(g.out.find("ghosts: 0.0%"), std::string::npos) << g.out;
+    auto redPixels = [&](const std::string& options) {
+        const std::string out = dir.file("fused.tif");
+        const Result r = run("fuse -q " + join(moving) + options + " -o " + quote(out));
+        EXPECT_EQ(r.code, 0) << r.err;
+        // The TIFF writer puts its one uncompressed strip right after the header.
+        const std::vector<std::uint8_t> b = oltest::readFile(out);
+        int red = 0;
+        for (std::size_t i = 8; i + 2 < 8 + 96 * 64 * 3 && i + 2 < b.size(); i += 3)
+            red += b[i] > 150 && b[i + 1] < 90 && b[i + 2] < 90;
+        return red;
+    };
+    const int once = redPixels(" --deghost");
+    EXPECT_GE(once, 144 * 8 / 10);
+    EXPECT_LE(once, 144 * 12 / 10);
+    EXPECT_LT(redPixels(""), 144 / 2);
+}
+
+TEST_F(Cli, AlignAndDeghostRefuseBadStacksWithOneLine) {
     TempDir dir;
     const auto frames = bracket(dir, "f", "");
-    expectCleanFailure(run("merge " + join(frames) + " --align -o " + quote(dir.file("x.hdr"))), 5, "--align");
-    expectCleanFailure(run("fuse " + join(frames) + " --deghost -o " + quote(dir.file("x.tif"))), 5, "--deghost");
-    EXPECT_FALSE(fs::exists(dir.file("x.hdr")));
+    const auto big = bracket(dir, "big", "--size 100x64");
+    const std::string out = " -o " + quote(dir.file("x.tif"));
+    expectCleanFailure(run("fuse " + quote(frames[0]) + " --align --deghost" + out), 1, "one frame given");
+    expectCleanFailure(run("ghosts " + quote(frames[0]) + " -o " + quote(dir.file("g.png"))), 1, "one frame given");
+    expectCleanFailure(run("fuse " + quote(frames[0]) + " " + quote(big[1]) + " --align" + out), 2, big[1]);
+    expectCleanFailure(run("ghosts " + quote(frames[0]) + " " + quote(big[1]) + " -o " + quote(dir.file("g.png"))), 2,
+                       big[1]);
+    expectCleanFailure(run("merge " + join(frames) + " --keep-size -o " + quote(dir.file("x.hdr"))), 1, "--align");
+    expectCleanFailure(run("fuse " + join(frames) + " --ghost-threshold 5" + out), 1, "--deghost");
+    EXPECT_EQ(entries(dir.path()), 2u);
 }
 
 TEST_F(Cli, EveryCommandHasHelp) {
-    for (const char* cmd : {"merge", "fuse", "info", "demo", "bracket"}) {
+    for (const char* cmd : {"merge", "fuse", "info", "demo", "bracket", "ghosts"}) {
         const Result r = run(std::string(cmd) + " --help");
         EXPECT_EQ(r.code, 0) << cmd;
         EXPECT_EQ(r.out.rfind(std::string("usage: olhdr ") + cmd, 0), 0u) << r.out;

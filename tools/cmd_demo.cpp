@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "args.hpp"
+#include "handheld.hpp"
 #include "commands.hpp"
 #include "library.hpp"
 #include "orient.hpp"
@@ -41,6 +42,9 @@ const char* const kBracketHelp =
     "      --no-metadata    write the frames without Exif, GPS and IPTC\n"
     "      --orientation N  store the frames as a camera held that way would\n"
     "                       (Exif orientation 1..8, default 1)\n"
+    "      --shift LIST     as a handheld camera: frame k's content moved by\n"
+    "                       X,Y pixels (right, down), e.g. 0,0:3,-2:-1,4\n"
+    "      --moving         add a red square that moves from frame to frame\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
 
 const char* const kDemoHelp =
@@ -62,6 +66,7 @@ struct BracketOptions {
     std::string format = "jpg";
     bool metadata = true;
     int orientation = 1;
+    Handheld handheld;  // --shift, --moving
 };
 
 void makeFolder(const std::string& dir) {
@@ -174,7 +179,9 @@ std::vector<std::string> writeBracket(const BracketOptions& opt, const std::stri
                                       Progress& progress) {
     makeFolder(dir);
     if (opt.format == "jpg" && opt.spec.bits != 8) throw Failure(kExitUsage, "JPEG frames have 8-bit samples");
-    const std::vector<SceneFrame> frames = renderBracket(opt.spec);
+    const std::vector<SceneFrame> frames = opt.handheld.shifts.empty() && !opt.handheld.moving
+                                               ? renderBracket(opt.spec)
+                                               : renderHandheld(opt.spec, opt.handheld);
     std::vector<std::string> paths;
     const std::vector<std::uint8_t> iptc = opt.metadata ? keywordBlock() : std::vector<std::uint8_t>{};
     for (std::size_t k = 0; k < frames.size(); ++k) {
@@ -297,7 +304,8 @@ std::string invocationName() {
 int cmdBracket(const std::vector<std::string>& argv) {
     const Args args(argv, {OLHDR_COMMON_OPTIONS, {"out", 'o', true}, {"size", 0, true}, {"frames", 0, true},
                            {"ev-step", 0, true}, {"format", 0, true}, {"bits", 'b', true},
-                           {"no-metadata", 0, false}, {"orientation", 0, true}});
+                           {"no-metadata", 0, false}, {"orientation", 0, true}, {"shift", 0, true},
+                           {"moving", 0, false}});
     if (printHelpIfAsked(args, kBracketHelp)) return kExitOk;
     if (!args.positional().empty()) throw Failure(kExitUsage, "unexpected argument '" + args.positional()[0] + "'");
     const Common common = commonOptions(args);
@@ -316,6 +324,8 @@ int cmdBracket(const std::vector<std::string>& argv) {
     opt.orientation = args.integer("orientation", 1, 1, 8);
     if (opt.orientation != 1 && !opt.metadata)
         throw Failure(kExitUsage, "--orientation is an Exif tag: it needs the metadata (drop --no-metadata)");
+    if (args.has("shift")) opt.handheld.shifts = parseShifts(*args.value("shift"), opt.spec.frames);
+    opt.handheld.moving = args.has("moving");
     const std::string dir = args.text("out", "olhdr-bracket");
     Progress progress(!common.quiet, 2);
     progress.stage("rendering frames", 1.0);

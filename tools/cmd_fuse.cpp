@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "align_frames.hpp"
 #include "args.hpp"
 #include "commands.hpp"
 #include "library.hpp"
@@ -58,8 +59,17 @@ const char* const kFuseHelp =
     "      --contrast C       S-shaped contrast curve on the output, 0..0.95\n"
     "      --sharpen AMOUNT   3x3 Laplacian sharpening of the output, -1..4\n"
     "                         (negative softens)\n"
-    "      --align            align the frames first (not available yet)\n"
-    "      --deghost          keep moving objects out (not available yet)\n"
+    "      --align            bring handheld frames into register first (whole-\n"
+    "                         pixel shifts); the image is cropped to the part\n"
+    "                         all frames cover\n"
+    "      --keep-size        with --align: keep the frame size (uncovered\n"
+    "                         margins are white)\n"
+    "      --deghost          find where frames disagree because something moved\n"
+    "                         and fill those regions from the middle exposure\n"
+    "                         alone (for an even count the darker middle one)\n"
+    "      --ghost-threshold T with --deghost: how far a frame may stray from\n"
+    "                         its neighbour's prediction, on the 8-bit scale\n"
+    "                         (default 20; lower marks more)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
 
 int cmdFuse(const std::vector<std::string>& argv) {
@@ -71,7 +81,8 @@ int cmdFuse(const std::vector<std::string>& argv) {
                            {"times", 0, true}, {"times-file", 0, true},
                            {"crop", 0, true}, {"rotate", 0, true}, {"method", 0, true},
                            {"compress", 0, true}, {"contrast", 0, true}, {"sharpen", 0, true},
-                           {"align", 0, false}, {"deghost", 0, false}});
+                           {"align", 0, false}, {"deghost", 0, false}, {"keep-size", 0, false},
+                           {"ghost-threshold", 0, true}});
     if (printHelpIfAsked(args, kFuseHelp)) return kExitOk;
     const Common common = commonOptions(args);
     FuseRequest req;
@@ -101,6 +112,12 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.sharpen = static_cast<float>(args.number("sharpen", 0, -1, 4));
     if (req.compress >= 0 && args.has("bits") && req.bits != 8)
         throw Failure(kExitUsage, "--compress makes an 8-bit output: leave out --bits 16");
+    req.align = args.has("align");
+    req.keepSize = args.has("keep-size");
+    req.deghost = args.has("deghost");
+    req.ghostThreshold = args.integer("ghost-threshold", kGhostThreshold, 0, 765);
+    if (req.keepSize && !req.align) throw Failure(kExitUsage, "--keep-size goes with --align");
+    if (args.has("ghost-threshold") && !req.deghost) throw Failure(kExitUsage, "--ghost-threshold goes with --deghost");
     requireFramesAndOutput(args, "fuse", "OUT.tif");
     const GivenTimes times = givenTimes(args, req.frames);
     req.times = times.seconds;
@@ -164,7 +181,12 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
 
     progress.stage("reading frames", 0.25);
     FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
-    req.transform.check(frames.width, frames.height);  // before the long work
+    std::vector<std::pair<int, int>> shifts;
+    if (req.align) {
+        progress.stage("aligning", 0.1);
+        shifts = alignFrames(frames, req.keepSize, common.verbose);
+    }
+    req.transform.check(frames.width, frames.height);  // on the aligned size, before the long work
     const int w = frames.width, h = frames.height, n = frames.count();
     if (tiff && (w > 65535 || h > 65535))
         throw Failure(kExitUsage, req.out + ": a TIFF output is limited to 65535 pixels a side; use .png");
@@ -178,9 +200,16 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     const int lenPyram = pyram_len(w, h);
     if (lenPyram < w * h) throw Failure(kExitProcessing, "image too large to fuse");
     std::vector<std::uint16_t> work(static_cast<std::size_t>(lenPyram) * 3);
-    // No ghost masks: --deghost would detect the moving areas and hand their
-    // masks and chosen frames to the fusion here.
+    // With --deghost one mask plane: its regions take the middle exposure
+    // alone (indexFixedExpo[0] names the frame that fills plane 0).
     std::vector<int> indexFixedExpo(n, -1);
+    std::vector<std::uint8_t> ghostMask;
+    double ghostShare = 0;
+    if (req.deghost) {
+        ghostMask = detectGhosts(frames, exposures.deltaT, req.ghostThreshold, common.verbose);
+        ghostShare = markedShare(ghostMask, w, h);
+        indexFixedExpo[0] = middleExposure(exposures.deltaT);
+    }
     std::vector<float> exposureTimes = exposures.deltaT;
     float params[7];
     std::memcpy(params, req.params, sizeof params);
@@ -205,7 +234,7 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
         LibraryOutput quiet(common.verbose);
         r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, fusedBits, 16, 16,
                       lenPyram, 0, 1.0f, exposureTimes.data(), frames.block.data(), indexFixedExpo.data(),
-                      nullptr, nullptr, work.data());
+                      req.deghost ? ghostMask.data() : nullptr, nullptr, work.data());
     }
     scratch.reset();
     // The library keeps small stacks of 8-bit frames in memory even when asked.
@@ -288,6 +317,8 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
         }
     }
     if (!finish.empty()) report(common, "  finished:" + finish.substr(1));
+    if (req.align) report(common, "  " + alignedLine(shifts, frames, req.keepSize));
+    if (req.deghost) report(common, "  " + ghostLine(ghostShare, req.ghostThreshold, indexFixedExpo[0]));
     std::string kept;
     if (!first.icc.empty()) kept += " ICC profile" + (first.profileName.empty() ? "" : " '" + first.profileName + "'");
     if (exif.camera[0] || exif.date[0] || exif.exposureNum > 0 || exif.iso > 0 || exif.focalNum > 0) kept += " Exif";

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "align_frames.hpp"
 #include "args.hpp"
 #include "commands.hpp"
 #include "library.hpp"
@@ -49,8 +50,16 @@ const char* const kMergeHelp =
     "      --crop X,Y,W,H    keep only this rectangle (pixels, upright picture)\n"
     "      --rotate DEG      turn the picture 90, 180 or 270 degrees clockwise\n"
     "                        (after the crop)\n"
-    "      --align           align the frames first (not available yet)\n"
-    "      --deghost         keep moving objects out (not available yet)\n"
+    "      --align           bring handheld frames into register first (whole-\n"
+    "                        pixel shifts); the picture is cropped to the part\n"
+    "                        all frames cover\n"
+    "      --keep-size       with --align: keep the frame size (uncovered margins\n"
+    "                        are white)\n"
+    "      --deghost         where frames disagree because something moved, blend\n"
+    "                        toward the middle exposure instead of the mean\n"
+    "      --consistency     with --deghost: a pixel that does not change between\n"
+    "                        frames as a still scene would becomes the plain mean\n"
+    "                        of the frames (a softer cure)\n"
     "  -q, --quiet  -v, --verbose  -h, --help\n";
 
 int cmdMerge(const std::vector<std::string>& argv) {
@@ -58,7 +67,8 @@ int cmdMerge(const std::vector<std::string>& argv) {
                            {"ev-step", 0, true}, {"gamma", 0, true}, {"strip-rows", 0, true},
                            {"times", 0, true}, {"times-file", 0, true}, {"preview-tone", 0, true}, {"black-level", 0, true},
                            {"response", 0, true}, {"crop", 0, true}, {"rotate", 0, true},
-                           {"align", 0, false}, {"deghost", 0, false}});
+                           {"align", 0, false}, {"deghost", 0, false}, {"keep-size", 0, false},
+                           {"consistency", 0, false}});
     if (printHelpIfAsked(args, kMergeHelp)) return kExitOk;
     const Common common = commonOptions(args);
     MergeRequest req;
@@ -78,6 +88,12 @@ int cmdMerge(const std::vector<std::string>& argv) {
         if (req.gamma > 0) throw Failure(kExitUsage, "give either --gamma or --response auto, not both");
         req.responseAuto = true;
     }
+    req.align = args.has("align");
+    req.keepSize = args.has("keep-size");
+    req.deghost = args.has("deghost");
+    req.consistency = args.has("consistency");
+    if (req.keepSize && !req.align) throw Failure(kExitUsage, "--keep-size goes with --align");
+    if (req.consistency && !req.deghost) throw Failure(kExitUsage, "--consistency goes with --deghost");
     requireFramesAndOutput(args, "merge", "OUT.hdr");
     if (req.evStep > 0 && (args.has("times") || args.has("times-file")))
         throw Failure(kExitUsage, "give either exposure times or --ev-step, not both");
@@ -196,12 +212,6 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
 
     progress.stage("reading frames", 0.3);
     FrameSet frames = loadFrameSet(req.frames, common.verbose, progress);
-    {
-        // The crop is in the upright picture: orientations 5 to 8 swap the sides.
-        const int o = frames.meta[0].exif.orientation;
-        const bool swap = o >= 5 && o <= 8;
-        req.transform.check(swap ? frames.height : frames.width, swap ? frames.width : frames.height);
-    }
     applyBlackLevel(frames, req.blackLevel);
     if (req.blackLevel <= 0) {
         // The merge takes any level above its dark threshold for light; in
@@ -211,9 +221,18 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
             warn("the darkest frame has almost nothing below level " + std::to_string(floor) +
                  " of 255; if black sits there (a film scan), give --black-level " + std::to_string(floor));
     }
-    // Frame alignment (--align) belongs here, on the photo block, before the
-    // exposures are measured; ghost handling (--deghost) would choose a merge
-    // that keeps moving objects out. Both are refused up front for now.
+    // Aligned on the photo block, before the exposures are measured on it.
+    std::vector<std::pair<int, int>> shifts;
+    if (req.align) {
+        progress.stage("aligning", 0.1);
+        shifts = alignFrames(frames, req.keepSize, common.verbose);
+    }
+    {
+        // The crop is in the upright, aligned picture: orientations 5 to 8 swap the sides.
+        const int o = frames.meta[0].exif.orientation;
+        const bool swap = o >= 5 && o <= 8;
+        req.transform.check(swap ? frames.height : frames.width, swap ? frames.width : frames.height);
+    }
     const Exposures exposures = frameExposures(frames, req.evStep, req.times, req.timesSource, common.verbose);
     for (const auto& line : exposures.notes) note(common, line);
     for (const auto& line : exposures.warnings) warn(line);
@@ -240,8 +259,19 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
     int r;
     {
         LibraryOutput quiet(common.verbose);
-        r = ol_hdr_merge(0, n, w, h, 3, frames.bps, gamma > 0 ? 1 : 0, lut.data(), -1.0f, deltaT.data(),
+        // The movement-resisting merges take red first (mode 1) and scale
+        // the median exposure to 2 * 0.5.
+        if (req.deghost && req.consistency) {
+            rgbe[0] = 1;  // consistency test on, threshold 1.0
+            r = calc_hdr(1, n, w, h, 3, frames.bps, gamma > 0 ? 1 : 0, lut.data(), 0.5f, deltaT.data(),
                          frames.block.data(), stats, rgbe.data());
+        } else if (req.deghost) {
+            r = hdr_unghost(1, 1, n, w, h, 3, frames.bps, gamma > 0 ? 1 : 0, lut.data(), 0.5f, deltaT.data(),
+                            frames.block.data(), stats, rgbe.data());
+        } else {
+            r = ol_hdr_merge(0, n, w, h, 3, frames.bps, gamma > 0 ? 1 : 0, lut.data(), -1.0f, deltaT.data(),
+                             frames.block.data(), stats, rgbe.data());
+        }
     }
     if (r == -4) throw Failure(kExitProcessing, "out of memory while merging");
     if (r != h) throw Failure(kExitProcessing, "the merge failed (code " + std::to_string(r) + ")");
@@ -282,6 +312,18 @@ void runMerge(const MergeRequest& req, const Common& common, Progress& progress)
                   exposureList(frames, exposures).c_str());
     report(common, line);
     if (req.transform.any()) report(common, "  " + req.transform.text());
+    if (req.align) report(common, "  " + alignedLine(shifts, frames, req.keepSize));
+    if (req.deghost) {
+        // The share is what the ghost detection marks on the same frames; the
+        // merge itself works pixel by pixel without a mask.
+        const auto mask = detectGhosts(frames, exposures.deltaT, kGhostThreshold, common.verbose);
+        char buf[256];
+        std::snprintf(buf, sizeof buf, "  deghosted: %s; the ghost detection marks %.1f%% of pixels",
+                      req.consistency ? "inconsistent pixels taken as the plain mean of the frames"
+                                      : "disagreeing pixels blended toward the middle exposure",
+                      markedShare(mask, w, h) * 100.0);
+        report(common, buf);
+    }
     if (orientation != 1)
         report(common, "  turned upright: Exif orientation " + std::to_string(orientation) + ", " +
                            orientationText(orientation));

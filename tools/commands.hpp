@@ -22,6 +22,7 @@ int cmdResponse(const std::vector<std::string>& args);
 int cmdCompress(const std::vector<std::string>& args);
 int cmdRank(const std::vector<std::string>& args);
 int cmdPanorama(const std::vector<std::string>& args);
+int cmdGhosts(const std::vector<std::string>& args);
 
 extern const char* const kMergeHelp;
 extern const char* const kFuseHelp;
@@ -34,14 +35,11 @@ extern const char* const kResponseHelp;
 extern const char* const kCompressHelp;
 extern const char* const kRankHelp;
 extern const char* const kPanoramaHelp;
+extern const char* const kGhostsHelp;
 
 // Options shared by the commands.
 #define OLHDR_COMMON_OPTIONS                                                   \
     {"help", 'h', false}, {"quiet", 'q', false}, {"verbose", 'v', false}
-
-// `--align` and `--deghost` are accepted on the command line and refused
-// with kExitUnavailable until frame alignment and ghost handling are wired in.
-void refuseUnavailable(bool align, bool deghost);
 
 // Prints `help` on stdout when --help was given, and says whether it was.
 bool printHelpIfAsked(const Args& args, const char* help);
@@ -50,7 +48,7 @@ bool printHelpIfAsked(const Args& args, const char* help);
 Common commonOptions(const Args& args);
 
 // The last checks of a command that turns frames into one output, once its
-// options are read: --align and --deghost, then the frames (two or more; a
+// options are read: the frames (two or more; a
 // frame named twice is warned about), then -o (`outExample` names the
 // output in the message, e.g. "OUT.hdr").
 void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample);

@@ -32,6 +32,7 @@ static const char* const kMainHelp =
     "  compress  bring a 16-bit TIFF or PNG to 8 bits, shadows lifted\n"
     "  rank      order frames from dark to bright, with their spacing in stops\n"
     "  panorama  turn a mirror-ball picture into a latitude-longitude panorama\n"
+    "  ghosts    show where frames disagree because something moved\n"
     "\n"
     "Frames may be JPEG, PNG, 8 or 16-bit TIFF, or 8 or 16-bit RGB PSD files of one\n"
     "size and depth. `olhdr COMMAND --help` describes a command.\n"
@@ -48,15 +49,8 @@ static const char* const kMainHelp =
     "  2  an input file is missing, unreadable, or does not fit the others\n"
     "  3  an output file could not be written (nothing is left behind)\n"
     "  4  the library failed (for example out of memory)\n"
-    "  5  the feature asked for is not available yet (--align, --deghost)\n"
+    "  5  the feature asked for is not available yet\n"
     "  130  interrupted (partial outputs are removed)\n";
-
-void refuseUnavailable(bool align, bool deghost) {
-    if (align)
-        throw Failure(kExitUnavailable, "--align is not available yet: frames must be aligned already");
-    if (deghost)
-        throw Failure(kExitUnavailable, "--deghost is not available yet: frames must be free of motion");
-}
 
 bool printHelpIfAsked(const Args& args, const char* help) {
     if (!args.has("help")) return false;
@@ -72,7 +66,6 @@ Common commonOptions(const Args& args) {
 }
 
 void requireFramesAndOutput(const Args& args, const std::string& command, const std::string& outExample) {
-    refuseUnavailable(args.has("align"), args.has("deghost"));
     if (args.positional().empty()) throw Failure(kExitUsage, "no frames given (olhdr " + command + " --help)");
     if (args.positional().size() == 1)
         throw Failure(kExitUsage, "one frame given: " + command + " needs two or more exposures of the scene");
@@ -146,7 +139,7 @@ int main(int argc, char** argv) {
                 const std::string& c = args.front();
                 const char* text = c == "merge" ? kMergeHelp : c == "fuse" ? kFuseHelp
                                  : c == "info" ? kInfoHelp : c == "demo" ? kDemoHelp
-                                 : c == "bracket" ? kBracketHelp
+                                 : c == "bracket" ? kBracketHelp : c == "ghosts" ? kGhostsHelp
                                  : c == "preview" ? kPreviewHelp : c == "histogram" ? kHistogramHelp
                                  : c == "response" ? kResponseHelp : c == "compress" ? kCompressHelp
                                  : c == "rank" ? kRankHelp : c == "panorama" ? kPanoramaHelp : nullptr;
@@ -172,6 +165,7 @@ int main(int argc, char** argv) {
         if (command == "compress") return cmdCompress(args);
         if (command == "rank") return cmdRank(args);
         if (command == "panorama") return cmdPanorama(args);
+        if (command == "ghosts") return cmdGhosts(args);
         throw Failure(kExitUsage, "unknown command '" + command + "' (try olhdr --help)");
     } catch (const Failure& f) {
         std::fflush(stdout);

@@ -25,6 +25,10 @@ struct MergeRequest {
     double blackLevel = 0;      // 8-bit scale; above 0: taken off every sample
     Transform transform;        // --crop, --rotate of the picture and preview
     bool responseAuto = false;  // gamma estimated from the frames (--response auto)
+    bool align = false;         // frames brought into register first
+    bool keepSize = false;      // with align: keep the size (white margins)
+    bool deghost = false;       // hdr_unghost instead of the plain merge
+    bool consistency = false;   // with deghost: calc_hdr instead
 };
 
 struct FuseRequest {
@@ -43,6 +47,10 @@ struct FuseRequest {
     int compress = -1;        // >= 0: fused at 16 bits, brought to 8 by comp16 at this strength
     float contrast = 0;       // lumcontr's curve strength on the output, 0 for none
     float sharpen = 0;        // Laplacian sharpening amount on the output, 0 for none
+    bool align = false;         // frames brought into register first
+    bool keepSize = false;      // with align: keep the size (white margins)
+    bool deghost = false;       // ghost masks filled from one frame
+    int ghostThreshold = 20;    // ol_ghost_detect's threshold, 8-bit scale
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
