@@ -30,6 +30,7 @@ TEST(MetareadCrashers, KeptFilesReturnTheirCodes) {
     int files = 0;
     for (const auto& entry : fs::directory_iterator(dir)) {
         const std::string name = entry.path().filename().string();
+        if (name == "README.md") continue;  // notes of scripts/fuzz.sh
         SCOPED_TRACE(name);
         const auto start = std::chrono::steady_clock::now();
         const Outcome o = runAllReaders(entry.path().string());
