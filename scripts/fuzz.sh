@@ -31,6 +31,7 @@ if [ ${#targets[@]} -eq 0 ]; then
 fi
 testdata=${OL_TESTDATA:-/work/shared/testdata}
 jobs=${OL_JOBS:-2}
+keep_bytes=${OL_FUZZ_KEEP_BYTES:-8192}
 
 # Shared-data patterns of each target (paths under $testdata) and the bytes
 # of call arguments the target reads before the file.
@@ -95,10 +96,13 @@ for t in "${targets[@]}"; do
   rc=$?
   set -e
   # New paths go back into the kept corpus, minimised against what it holds.
-  # The shared files stay out of it (they are only ever copied in at run time).
+  # The shared files stay out of it (they are only ever copied in at run time),
+  # and so do inputs above $keep_bytes (mostly mutated shared files): the kept
+  # corpus stays small enough to commit.
   mkdir -p "$run/found"
   for f in "$run/corpus"/*; do
-    case $(basename "$f") in shared_*) ;; *) [ -e "$kept/$(basename "$f")" ] || cp "$f" "$run/found/" ;; esac
+    case $(basename "$f") in shared_*) continue ;; esac
+    [ -e "$kept/$(basename "$f")" ] || [ "$(stat -c %s "$f")" -gt "$keep_bytes" ] || cp "$f" "$run/found/"
   done
   before=$(ls "$kept" | wc -l)
   "$bin" -merge=1 -max_len=262144 -timeout=10 "$kept" "$run/found" > "$run/merge.log" 2>&1 || true
