@@ -33,7 +33,8 @@ TEST(AllocSweep, EveryAllocationFailsInTurn) {
     for (std::size_t i = 3; i < rgbe.size(); i += 4) rgbe[i] = static_cast<std::uint8_t>(124 + rgbe[i] % 8);
     ExifRecord exif;
     std::memset(&exif, 0, sizeof exif);
-    const std::string pic = dir.file("in.hdr"), out = dir.file("out.hdr"), strip = dir.file("strip.hdr");
+    const std::string pic = dir.file("in.hdr"), out = dir.file("out.hdr"), strip = dir.file("strip.hdr"),
+                      tif = dir.file("out.tif");
     ASSERT_EQ(ol_io_rgbe_write(pic.c_str(), W, H, &exif, nullptr, "sRGB", rgbe.data()), H);
     const std::string psd = std::string(OL_SOURCE_DIR) + "/fuzz/corpus/psd_reader_fuzz/psd8rle.psd";
     PsdInfo info{};
@@ -74,6 +75,20 @@ TEST(AllocSweep, EveryAllocationFailsInTurn) {
          [&] { return decomp2(pic.c_str(), dims, dst.data(), nullptr); }, none},
         {"ol_io_read_preview_rgbe", -4, [&] { fill(dst, 4u * 8 * 4); },
          [&] { return ol_io_read_preview_rgbe(W, H, 8, 4, pic.c_str(), dst.data()); }, none},
+        {"ol_downsample", -4, [&] { fill(dst, 4u * 2 * 2); },
+         [&] { return ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, rgbe.data(), dst.data()); }, none},
+        {"buf2tifOld", -1, [] {},
+         [&] {
+             tif_info t;
+             std::memset(&t, 0, sizeof t);
+             t.width = 4;
+             t.height = 2;
+             t.samples = 3;
+             t.bits = 8;
+             t.dpi = 300;
+             return buf2tifOld(rgbe.data(), &t, 12, nullptr, &exif, nullptr, 0, nullptr, 0, nullptr, tif.c_str());
+         },
+         none},
         {"load_psd", -4, [&] { fill(psdOut, 16u * info.width * info.height); },
          [&] {
              PsdInfo copy = info;
