@@ -25,7 +25,8 @@ while [ $# -gt 0 ]; do
     *) targets+=("$1"); shift ;;
   esac
 done
-[ -n "$minutes" ] || { echo "usage: $0 --minutes N [TARGET...]" >&2; exit 2; }
+# (0 would be libFuzzer's "no limit")
+[[ "$minutes" =~ ^[1-9][0-9]*$ ]] || { echo "usage: $0 --minutes N [TARGET...]  (N >= 1)" >&2; exit 2; }
 if [ ${#targets[@]} -eq 0 ]; then
   for f in fuzz/*_fuzz.cpp; do targets+=("$(basename "$f" .cpp)"); done
 fi
