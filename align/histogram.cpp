@@ -3,6 +3,7 @@
 
 #include "align/align_internal.hpp"
 #include "align/luminance.hpp"
+#include "frame/clones.hpp"
 #include "frame/histogram.hpp"
 
 namespace ol::alignment {
@@ -11,15 +12,8 @@ namespace {
 // Four interleaved histograms break the chain of increments on one entry that
 // a smooth image makes. Luminance is written a chunk at a time (a loop the
 // compiler vectorises), then counted while the chunk is in the cache.
-// Clang cannot clone a function template, so only GCC builds the AVX2 copy;
-// the loop is integer-only, so both copies give the same counts.
-#if defined(__GNUC__) && !defined(__clang__)
-#define OL_COUNT_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define OL_COUNT_CLONES
-#endif
 template <int Bytes, int Samples>
-OL_COUNT_CLONES
+OL_AVX2_CLONES
 void countFrame(const std::uint8_t* frame, std::size_t pixels, int samples, std::uint8_t* plane,
                 std::int64_t* hist) noexcept {
     constexpr std::size_t kChunk = 4096;
