@@ -42,7 +42,7 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --preset asan "${ctest_opts[@]}" -LE interop || status=1
 
 step "ThreadSanitizer build and threaded tests"
-build tsan -DOL_BUILD_TESTS=ON -DOL_TEST_GLOB="fusion*_test.cpp" -UOL_SUBSYSTEMS -UOL_TRACE_DEFINES
+build tsan -DOL_BUILD_TESTS=ON -DOL_TEST_GLOB="fusion*_test.cpp;*_threads_test.cpp" -UOL_SUBSYSTEMS -UOL_TRACE_DEFINES
 TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan "${ctest_opts[@]}" || status=1
 
 if [ "$fuzz_seconds" != "0" ]; then
