@@ -3,6 +3,7 @@
 
 #include "align/align_internal.hpp"
 #include "align/luminance.hpp"
+#include "frame/clones.hpp"
 #include "frame/histogram.hpp"
 
 namespace ol::alignment {
@@ -12,7 +13,7 @@ namespace {
 // a smooth image makes. Luminance is written a chunk at a time (a loop the
 // compiler vectorises), then counted while the chunk is in the cache.
 template <int Bytes, int Samples>
-__attribute__((target_clones("avx2", "default")))
+OL_AVX2_CLONES
 void countFrame(const std::uint8_t* frame, std::size_t pixels, int samples, std::uint8_t* plane,
                 std::int64_t* hist) noexcept {
     constexpr std::size_t kChunk = 4096;

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "frame/clones.hpp"
 #include "align/align_internal.hpp"
 #include "frame/histogram.hpp"
 #include "frame/numeric.hpp"
@@ -14,7 +15,7 @@ namespace ol::alignment {
 namespace {
 
 // Interior output pixels of one row: centre weight 4, edges 2, corners 1, >> 4.
-__attribute__((target_clones("avx2", "default")))
+OL_AVX2_CLONES
 void reduceInterior(const std::uint8_t* r0, const std::uint8_t* r1, const std::uint8_t* r2, int n,
                     std::uint8_t* out) noexcept {
     for (int x = 0; x < n; ++x) {

@@ -2,6 +2,7 @@
 // mismatch is the population count of A XOR (B shifted), 64 pixels a step.
 #include <bit>
 
+#include "frame/clones.hpp"
 #include "align/align_internal.hpp"
 
 namespace ol::alignment {
@@ -13,7 +14,7 @@ inline std::uint64_t wordAt(const std::uint64_t* row, int words, long i) noexcep
 
 // Kept inside this file: a cloned function gets a resolver symbol of its
 // own, which must not leave the shared library.
-__attribute__((target_clones("avx2", "default")))
+OL_AVX2_CLONES
 std::int64_t mismatchClone(const Level& lv, const std::uint64_t* A, const std::uint64_t* B, int ox,
                            int oy) noexcept {
     const int words = lv.words;

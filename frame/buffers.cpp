@@ -3,6 +3,7 @@
 // the copy functions trust their arguments, as a memcpy would.
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "Ombrelumen40Lib1.h"
@@ -23,6 +24,9 @@ int save_buffer(const char* path, const void* buf, int size) {
     if (!f) return -1;
     const std::size_t n = size > 0 ? static_cast<std::size_t>(size) : 0;
     if (!ol::writeExact(f.get(), buf, n)) return -1;
+    // A short dump stays in the stream's buffer until the close, which is
+    // where a full device reports it.
+    if (std::fclose(f.release()) != 0) return -1;
     return size;
 }
 

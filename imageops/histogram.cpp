@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "frame/clones.hpp"
 #include "Ombrelumen40Lib1.h"
 #include "frame/alloc.hpp"
 #include "frame/numeric.hpp"
@@ -77,11 +78,7 @@ void countColours(int width, int height, std::int64_t rowStep, int spp, const T*
 // The level loop of three-sample pixels: plain integer arithmetic, so every
 // instruction set gives the same bytes; where the compiler can build it, a
 // second copy for AVX2 (chosen at load time) handles 32 pixels a step.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__ELF__)
-#define OL_WIDE_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define OL_WIDE_CLONES
-#endif
+#define OL_WIDE_CLONES OL_AVX2_CLONES
 OL_WIDE_CLONES void levels3(const std::uint8_t* p, int n, std::uint8_t* lv) noexcept {
     for (int i = 0; i < n; ++i)
         lv[i] = static_cast<std::uint8_t>((54 * p[3 * i + 2] + 183 * p[3 * i + 1] + 19 * p[3 * i]) >> 8);
