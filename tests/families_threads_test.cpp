@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
-#include "fusion_stack.hpp"
+#include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
 namespace {
