@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "Ombrelumen40Lib1.h"
+#include "tests/support/records.hpp"
 
 namespace {
 
@@ -23,16 +24,7 @@ constexpr int kW = 4000, kH = 3000;
 std::string scratch() { return "/tmp/metawrite-bench-" + std::to_string(getpid()) + ".tif"; }
 
 tif_info info(int samples, int bits, int mode) {
-    tif_info t;
-    std::memset(&t, 0, sizeof t);
-    t.width = kW;
-    t.height = kH;
-    t.samples = samples;
-    t.bits = bits;
-    t.dpi = 300;
-    t.mode = mode;
-    t.orientation = 1;
-    return t;
+    return oltest::records::makeInfo(kW, kH, samples, bits, mode);
 }
 
 void run(benchmark::State& state, int samples, int inBytes, int bits, int mode) {

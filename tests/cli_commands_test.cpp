@@ -17,30 +17,16 @@ namespace {
 
 const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
 
-struct Result {
-    int code = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
+using Result = oltest::HostRun;
+using oltest::shellQuote;
+std::string quote(const std::string& s) { return shellQuote(s); }
 
 std::string readText(const std::string& path) {
     const std::vector<std::uint8_t> b = oltest::readFile(path);
     return std::string(b.begin(), b.end());
 }
 
-Result run(const std::string& args) {
-    const TempDir errDir;
-    Result r;
-    r.code = oltest::runCommand(quote(kProgram) + " " + args + " 2>" + quote(errDir.file("err")), &r.out);
-    r.err = readText(errDir.file("err"));
-    return r;
-}
+Result run(const std::string& args) { return oltest::runOlhdr(args); }
 
 std::string join(const std::vector<std::string>& files) {
     std::string s;

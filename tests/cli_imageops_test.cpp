@@ -17,20 +17,9 @@ namespace {
 
 const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
 
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string q(const std::string& s) { return "'" + s + "'"; }
-
-Result run(const TempDir& dir, const std::string& args) {
-    Result r;
-    r.code = oltest::runCommand(q(kProgram) + " " + args + " 2>" + q(dir.file("err")), &r.out);
-    const std::vector<std::uint8_t> e = oltest::readFile(dir.file("err"));
-    r.err.assign(e.begin(), e.end());
-    return r;
-}
+using Result = oltest::HostRun;
+std::string q(const std::string& s) { return oltest::shellQuote(s); }
+Result run(const TempDir&, const std::string& args) { return oltest::runOlhdr(args); }
 
 struct Rgb {
     int w = 0, h = 0;

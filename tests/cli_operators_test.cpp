@@ -14,25 +14,9 @@ namespace {
 
 const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
 
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-Result run(const std::string& args) {
-    const TempDir errDir;
-    Result r;
-    r.code = oltest::runCommand(quote(kProgram) + " " + args + " 2>" + quote(errDir.file("err")), &r.out);
-    const auto b = oltest::readFile(errDir.file("err"));
-    r.err.assign(b.begin(), b.end());
-    return r;
-}
+using Result = oltest::HostRun;
+std::string quote(const std::string& s) { return oltest::shellQuote(s); }
+Result run(const std::string& args) { return oltest::runOlhdr(args); }
 
 // A generated bracket of three frames, their names joined for a command line.
 std::string bracket(const TempDir& dir, const std::string& name, const std::string& options) {

@@ -60,6 +60,23 @@ int runCommand(const std::string& command, std::string* out) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::string shellQuote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+HostRun runOlhdr(const std::string& args) {
+    const TempDir errDir;
+    HostRun r;
+    r.code = runCommand(shellQuote(std::string(OL_TOOLS_DIR) + "/olhdr") + " " + args + " 2>" +
+                            shellQuote(errDir.file("err")),
+                        &r.out);
+    const std::vector<std::uint8_t> e = readFile(errDir.file("err"));
+    r.err.assign(e.begin(), e.end());
+    return r;
+}
+
 bool haveProgram(const std::string& name) {
     return runCommand("command -v " + name + " >/dev/null 2>&1") == 0;
 }

@@ -44,6 +44,15 @@ void writeText(const std::string& path, const std::string& text);
 
 // Runs a shell command; returns its exit status and fills `out` with stdout.
 int runCommand(const std::string& command, std::string* out = nullptr);
+// A word for the shell, in single quotes.
+std::string shellQuote(const std::string& s);
+// What a run of the command-line host printed and returned.
+struct HostRun {
+    int code = -1;
+    std::string out, err;
+};
+// Runs `olhdr ARGS` (ARGS already quoted for the shell), capturing both streams.
+HostRun runOlhdr(const std::string& args);
 // True when the program is on PATH.
 bool haveProgram(const std::string& name);
 // Python 3 from the system packages (the one with numpy, OpenCV, tifffile).
