@@ -232,7 +232,7 @@ TEST_F(CliImageOps, BadInputGivesOneLine) {
         {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --crop 0,60,96,5", 1, "does not lie inside"},
         {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --crop -1,0,5,5", 1, "option --crop"},
         {"merge " + frames_ + "-o " + q(dir_->file("x.hdr")) + " --rotate 45", 1, "option --rotate: 90, 180 or 270"},
-        {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --method two", 5, "--method two is not available yet"},
+        {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --method two --deghost", 1, "--deghost goes with --method pyramid"},
         {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --method blend", 1, "option --method"},
         {"preview " + q(dir_->file("none.jpg")) + " -o " + q(dir_->file("x.jpg")), 2, "none.jpg: no such file"},
         {"histogram " + q(dir_->file("none.hdr")) + " --json", 2, "none.hdr: no such file"},

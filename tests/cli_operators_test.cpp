@@ -61,6 +61,12 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
          "p.hdr"},
         {"fuse " + deep + "--compress 20 --contrast 0.3 --sharpen 0.5 -o " + quote(f + "f.jpg"), "wrote .*f\\.jpg: 96x64 8-bit JPEG",
          "f.jpg"},
+        // The one-pass blends, 16-bit frames to 8 bits and 8 to 16. The third
+        // frame is mostly white, and its other pixels rank it below the second.
+        {"fuse " + deep + "--method two --rotate 90 -o " + quote(f + "two.png"),
+         "wrote .*two\\.png: 64x96 8-bit PNG fused from 3 frames \\(two-image blend of frame-1\\.png \\(dark\\) and frame-2\\.png \\(bright", "two.png"},
+        {"fuse " + jpg + "--method intensive --bits 16 --crop 0,0,90,60 -o " + quote(f + "int.tif"),
+         "wrote .*int\\.tif: 90x60 16-bit TIFF fused from 3 frames \\(intensive blend, radius 1 step 1\\)", "int.tif"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args);
@@ -84,6 +90,8 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
     EXPECT_NE(text.find("\n255,1,"), std::string::npos);
     EXPECT_TRUE(std::regex_search(run("info " + quote(f + "r.png")).out, std::regex("width +256\nheight +256")));
     EXPECT_TRUE(std::regex_search(run("info " + quote(f + "p.hdr")).out, std::regex("width +192\nheight +64")));
+    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "two.png")).out, std::regex("width +64\nheight +96")));
+    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "int.tif")).out, std::regex("width +90\nheight +60")));
 }
 
 TEST(CliOperators, BadInputsFailWithOneLine) {

@@ -13,6 +13,7 @@
 #include "args.hpp"
 #include "commands.hpp"
 #include "library.hpp"
+#include "image.hpp"
 #include "outfile.hpp"
 #include "progress.hpp"
 #include "quiet.hpp"
@@ -49,8 +50,20 @@ const char* const kFuseHelp =
     "                         they are removed afterwards\n"
     "      --quality Q        JPEG quality 1..100 (default 92)\n"
     "      --dpi N            resolution written in a TIFF (default 300)\n"
-    "      --method M         pyramid (the default; two and intensive are not\n"
-    "                         available yet)\n"
+    "      --method M         pyramid (the default): weighted Laplacian pyramids;\n"
+    "                         two: a one-pass blend of the darkest and the\n"
+    "                         brightest frame as `olhdr rank` orders them (by the\n"
+    "                         mean level of the pixels that are neither pure black\n"
+    "                         nor pure white, so a mostly clipped frame can rank\n"
+    "                         below a shorter exposure): highlights from the dark\n"
+    "                         one under a blurred mask of its levels, the rest\n"
+    "                         from the bright one;\n"
+    "                         intensive: a one-pass weighted mean of all frames,\n"
+    "                         each weighted by how far its surroundings lie from\n"
+    "                         mid-grey (a window of radius max(W,H)/100 sampled\n"
+    "                         every radius/4 pixels; slow). --strength and\n"
+    "                         --saturation steer it too; the other weight options,\n"
+    "                         --times, --disk and --deghost are for the pyramid\n"
     "      --crop X,Y,W,H     keep only this rectangle of the output (pixels)\n"
     "      --rotate DEG       turn the output 90, 180 or 270 degrees clockwise\n"
     "                         (after the crop; the Exif orientation is kept)\n"
@@ -103,10 +116,16 @@ int cmdFuse(const std::vector<std::string>& argv) {
     req.quality = args.integer("quality", 92, 1, 100);
     req.dpi = args.integer("dpi", 300, 1, 100000);
     req.transform = parseTransform(args);
-    const std::string method = args.text("method", "pyramid");
-    if (method == "two" || method == "intensive")
-        throw Failure(kExitUnavailable, "--method " + method + " is not available yet: use --method pyramid");
-    if (method != "pyramid") throw Failure(kExitUsage, "option --method: pyramid, two or intensive, not '" + method + "'");
+    req.method = args.text("method", "pyramid");
+    if (req.method != "pyramid" && req.method != "two" && req.method != "intensive")
+        throw Failure(kExitUsage, "option --method: pyramid, two or intensive, not '" + req.method + "'");
+    if (req.method != "pyramid") {
+        for (const char* o : {"bias", "highlight-cut", "white-clip", "black-clip", "midtone", "threads", "disk", "scratch",
+                              "deghost", "times", "times-file"})
+            if (args.has(o)) throw Failure(kExitUsage, std::string("--") + o + " goes with --method pyramid");
+        if (req.method == "two" && (args.has("strength") || args.has("saturation")))
+            throw Failure(kExitUsage, "--method two takes neither --strength nor --saturation");
+    }
     req.compress = args.integer("compress", -1, 0, 100);
     req.contrast = static_cast<float>(args.number("contrast", 0, 0, 0.95));
     req.sharpen = static_cast<float>(args.number("sharpen", 0, -1, 4));
@@ -167,6 +186,53 @@ void fusionProgress(float fraction, int32_t* cancel) {
     if (Progress::current) Progress::current->update(fraction);
 }
 
+// The one-pass blends of --method two and intensive, into a packed RGB image
+// of `bits` bits. `how` receives the words of the report line.
+Image blendFrames(const FuseRequest& req, const FrameSet& frames, int bits, bool verbose, std::string& how) {
+    const int w = frames.width, h = frames.height, n = frames.count();
+    // Both blends write 16-bit samples for 16-bit frames, whatever the output
+    // depth asks (16-bit input with 8-bit output would saturate in the
+    // intensive blend): blend at 16 and keep the top bytes afterwards.
+    Image out;
+    out.width = w;
+    out.height = h;
+    out.spp = 3;
+    out.bps = frames.bps == 16 ? 16 : bits;
+    out.pixels.resize(out.byteCount());
+    int r;
+    if (req.method == "two") {
+        // The darkest and the brightest frame as rankvig orders them (it
+        // takes 8-bit levels: 16-bit frames by their top bytes).
+        std::vector<std::uint8_t> levels;
+        const std::uint8_t* block8 = frames.block.data();
+        if (frames.bps == 16) {
+            levels.resize(frames.block.size() / 2);
+            for (std::size_t i = 0; i < levels.size(); ++i) levels[i] = frames.block[2 * i + 1];
+            block8 = levels.data();
+        }
+        std::vector<int> order(n), stops(n);
+        LibraryOutput quiet(verbose);
+        rankvig(n, w, h, w * 3, 3, block8, order.data(), stops.data());
+        const int dark = order[n - 1], bright = order[0];
+        levels = {};
+        r = ol_combi_2images(0, dark, bright, w, h, w * 3, 0, frames.bps, out.bps, 3, frames.block.data(),
+                             out.pixels.data());
+        how = "two-image blend of " + std::filesystem::path(frames.paths[dark]).filename().string() + " (dark) and " +
+              std::filesystem::path(frames.paths[bright]).filename().string() + " (bright)";
+    } else {
+        // A window of about a hundredth of the picture, 9 x 9 samples.
+        const int radius = std::max(1, std::max(w, h) / 100), step = std::max(1, radius / 4);
+        LibraryOutput quiet(verbose);
+        r = ol_combi_intensive(step, radius, req.params[0], req.params[3], n, w, h, w * 3, 0, 3, frames.bps, out.bps,
+                               frames.block.data(), out.pixels.data());
+        how = "intensive blend, radius " + std::to_string(radius) + " step " + std::to_string(step);
+    }
+    if (r == -4) throw Failure(kExitProcessing, "out of memory while blending");
+    if (r < 0) throw Failure(kExitProcessing, "the blend failed (code " + std::to_string(r) + ")");
+    if (out.bps != bits) out = to8Bit(out);
+    return out;
+}
+
 }  // namespace
 
 void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
@@ -193,32 +259,41 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     // Fewer than 4 pixels a side leave the pyramid without levels, and the
     // fusion writes nothing.
     if (std::min(w, h) < 4) throw Failure(kExitInput, req.frames[0] + ": frames need at least 4 pixels a side to fuse");
-    const Exposures exposures = frameExposures(frames, 0, req.times, req.timesSource, common.verbose);
-    for (const auto& line : exposures.warnings) warn(line);
-
-    progress.stage("fusing", 0.6);
-    const int lenPyram = pyram_len(w, h);
-    if (lenPyram < w * h) throw Failure(kExitProcessing, "image too large to fuse");
-    std::vector<std::uint16_t> work(static_cast<std::size_t>(lenPyram) * 3);
-    // With --deghost one mask plane: its regions take the middle exposure
-    // alone (indexFixedExpo[0] names the frame that fills plane 0).
-    std::vector<int> indexFixedExpo(n, -1);
-    std::vector<std::uint8_t> ghostMask;
+    const int fusedBits = req.compress >= 0 ? 16 : req.bits;
+    Image out;
+    std::string how;  // the report's words on the method
     double ghostShare = 0;
-    if (req.deghost) {
-        ghostMask = detectGhosts(frames, exposures.deltaT, req.ghostThreshold, common.verbose);
-        ghostShare = markedShare(ghostMask, w, h);
-        indexFixedExpo[0] = middleExposure(exposures.deltaT);
-    }
-    std::vector<float> exposureTimes = exposures.deltaT;
-    float params[7];
-    std::memcpy(params, req.params, sizeof params);
-    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-    std::unique_ptr<ScratchFolder> scratch;
-    std::string nameSource, namePoids, namePyram;
-    FusionFiles files{};
-    files.nbProc = req.threads > 0 ? req.threads : static_cast<int>(cores);
-    if (req.disk) {
+    int ghostFrame = -1;
+    if (req.method != "pyramid") {
+        progress.stage("blending", 0.6);
+        out = blendFrames(req, frames, fusedBits, common.verbose, how);
+        progress.update(1.0);
+    } else {
+        const Exposures exposures = frameExposures(frames, 0, req.times, req.timesSource, common.verbose);
+        for (const auto& line : exposures.warnings) warn(line);
+
+        progress.stage("fusing", 0.6);
+        const int lenPyram = pyram_len(w, h);
+        if (lenPyram < w * h) throw Failure(kExitProcessing, "image too large to fuse");
+        std::vector<std::uint16_t> work(static_cast<std::size_t>(lenPyram) * 3);
+        // With --deghost one mask plane: its regions take the middle exposure
+        // alone (indexFixedExpo[0] names the frame that fills plane 0).
+        std::vector<int> indexFixedExpo(n, -1);
+        std::vector<std::uint8_t> ghostMask;
+        if (req.deghost) {
+            ghostMask = detectGhosts(frames, exposures.deltaT, req.ghostThreshold, common.verbose);
+            ghostShare = markedShare(ghostMask, w, h);
+            indexFixedExpo[0] = middleExposure(exposures.deltaT);
+        }
+        std::vector<float> exposureTimes = exposures.deltaT;
+        float params[7];
+        std::memcpy(params, req.params, sizeof params);
+        const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+        std::unique_ptr<ScratchFolder> scratch;
+        std::string nameSource, namePoids, namePyram;
+        FusionFiles files{};
+        files.nbProc = req.threads > 0 ? req.threads : static_cast<int>(cores);
+        if (req.disk) {
         scratch = std::make_unique<ScratchFolder>(req.scratch);
         nameSource = scratch->file("source.raw");
         namePoids = scratch->file("weights.raw");
@@ -227,36 +302,37 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
         files.nameSource = nameSource.c_str();
         files.namePoids = namePoids.c_str();
         files.namePyramPoids = namePyram.c_str();
-    }
-    const int fusedBits = req.compress >= 0 ? 16 : req.bits;
-    int r;
-    {
+        }
+        int r;
+        {
         LibraryOutput quiet(common.verbose);
         r = ol_fusion(&files, fusionProgress, params, n, w, h, w * 3, 0, 3, frames.bps, fusedBits, 16, 16,
                       lenPyram, 0, 1.0f, exposureTimes.data(), frames.block.data(), indexFixedExpo.data(),
                       req.deghost ? ghostMask.data() : nullptr, nullptr, work.data());
-    }
-    scratch.reset();
-    // The library keeps small stacks of 8-bit frames in memory even when asked.
-    const bool diskUsed = req.disk && (n >= 3 || frames.bps >= 16);
-    if (r == -4) throw Failure(kExitProcessing, "out of memory while fusing (try --disk)");
-    if (r == -2 || r == -3)
+        }
+        scratch.reset();
+        // The library keeps small stacks of 8-bit frames in memory even when asked.
+        const bool diskUsed = req.disk && (n >= 3 || frames.bps >= 16);
+        if (r == -4) throw Failure(kExitProcessing, "out of memory while fusing (try --disk)");
+        if (r == -2 || r == -3)
         throw Failure(kExitOutput, std::string("the fusion's scratch files could not be ") +
                                        (r == -2 ? "written" : "read back") + " in " +
                                        (req.scratch.empty() ? std::string("the temporary folder") : req.scratch) +
                                        " (is the disk full?)");
-    if (r < 0) throw Failure(kExitProcessing, "the fusion failed (code " + std::to_string(r) + ")");
-    progress.update(1.0);
+        if (r < 0) throw Failure(kExitProcessing, "the fusion failed (code " + std::to_string(r) + ")");
+        progress.update(1.0);
+        out.width = w;
+        out.height = h;
+        out.spp = 3;
+        out.bps = fusedBits;
+        out.pixels.resize(out.byteCount());
+        std::memcpy(out.pixels.data(), work.data(), out.byteCount());
+        const int threads = diskUsed ? 1 : files.nbProc;
+        how = std::string(diskUsed ? "disk" : "memory") + " mode, " + counted(threads, "thread");
+        ghostFrame = indexFixedExpo[0];
+    }
 
     progress.stage("writing", 0.15);
-    Image out;
-    out.width = w;
-    out.height = h;
-    out.spp = 3;
-    out.bps = fusedBits;
-    out.pixels.resize(out.byteCount());
-    std::memcpy(out.pixels.data(), work.data(), out.byteCount());
-    work = {};
     finishPicture(out, req.compress, req.contrast, req.sharpen, common.verbose);
     transformImage(req.transform, out);
     const Metadata& first = frames.meta[0];
@@ -299,10 +375,8 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     progress.finish();
 
     char line[512];
-    std::snprintf(line, sizeof line, "wrote %s: %dx%d %d-bit %s fused from %s (%s mode, %d thread%s)",
-                  req.out.c_str(), out.width, out.height, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", counted(n, "frame").c_str(),
-                  diskUsed ? "disk" : "memory", diskUsed ? 1 : files.nbProc,
-                  (diskUsed ? 1 : files.nbProc) == 1 ? "" : "s");
+    std::snprintf(line, sizeof line, "wrote %s: %dx%d %d-bit %s fused from %s (%s)", req.out.c_str(), out.width,
+                  out.height, req.bits, tiff ? "TIFF" : png ? "PNG" : "JPEG", counted(n, "frame").c_str(), how.c_str());
     report(common, line);
     if (req.transform.any()) report(common, "  " + req.transform.text());
     std::string finish;
@@ -318,7 +392,7 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
     }
     if (!finish.empty()) report(common, "  finished:" + finish.substr(1));
     if (req.align) report(common, "  " + alignedLine(shifts, frames, req.keepSize));
-    if (req.deghost) report(common, "  " + ghostLine(ghostShare, req.ghostThreshold, indexFixedExpo[0]));
+    if (req.deghost) report(common, "  " + ghostLine(ghostShare, req.ghostThreshold, ghostFrame));
     std::string kept;
     if (!first.icc.empty()) kept += " ICC profile" + (first.profileName.empty() ? "" : " '" + first.profileName + "'");
     if (exif.camera[0] || exif.date[0] || exif.exposureNum > 0 || exif.iso > 0 || exif.focalNum > 0) kept += " Exif";

@@ -51,6 +51,7 @@ struct FuseRequest {
     bool keepSize = false;      // with align: keep the size (white margins)
     bool deghost = false;       // ghost masks filled from one frame
     int ghostThreshold = 20;    // ol_ghost_detect's threshold, 8-bit scale
+    std::string method = "pyramid";  // pyramid, two (ol_combi_2images) or intensive (ol_combi_intensive)
 };
 
 void runMerge(const MergeRequest& req, const Common& common, Progress& progress);
