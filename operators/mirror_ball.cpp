@@ -25,6 +25,7 @@
 // end reads as 0 (an exponent byte of 0 is black).
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "Ombrelumen40Lib1.h"
 #include "frame/alloc.hpp"
@@ -51,47 +52,118 @@ inline double clamp01(double f) noexcept {
     return f;
 }
 
-// The cell and fractions of every target pixel of one row.
+// The cell and fractions of a target pixel.
 struct Cell {
     std::int32_t ix, iy;
     double fx, fy;
 };
 
+// The projection, row by row. With its tables (one row of cells, and per
+// column sin and cos of phi) a row is computed whole at startRow with fewer
+// libm calls than the per-pixel reading, and the same bytes:
+// - columns x and W/2 - x have phi and -phi (the same double, negated), so
+//   the same cos(phi), the same atan2 arguments and the same b: atan2, cos(b)
+//   and sin(b) are taken once for the pair (checked bit for bit per column);
+// - rows are visited in mirrored pairs (y, h-1-y) (rowAt); where the second
+//   row's sin(theta) is bit for bit the first one's, the acos arguments
+//   repeat and so do a and s = sin(a/2).
+// Without the memory for the tables every cell is computed on its own.
+//
+// Nearest-neighbour sampling (mode 0) needs of sx and sy only which side of
+// each multiple of 0.5 they lie on (the cell and the fx, fy > 0.5 steps). The
+// same point follows from the identities sin(acos(u) / 2) = sqrt((1 - u) / 2)
+// and (cos, sin)(atan2(y, x)) = (x, y) / hypot(x, y), with a square root and
+// a division in place of five libm calls, on the same u, x and y. Both ways
+// stay within a few 1e-16 of the exact function of those doubles (the libm
+// calls are accurate to an ulp or two, the identities to a few roundings),
+// so sx and sy differ by some 1e-12 of a pixel at most; where the shortcut
+// lands within 1e-10 (w + h) of a multiple of 0.5, or is not finite, the
+// cell is computed the long way. The cells and steps are therefore the same.
 class Projection {
 public:
-    Projection(long w, long h, long xmax) noexcept : w_(w), h_(h), xmax_(xmax), W_(2 * w) {
-        // sin and cos of phi by column, the same values as computed in the
-        // pixel loop; without the memory they are computed there.
-        tab_ = makeOwned<double>(sizeOf(W_) * 2);
-        if (tab_)
-            for (long x = 0; x < W_; ++x) {
-                const double phi = phiOf(x);
-                tab_[2 * x] = std::sin(phi);
-                tab_[2 * x + 1] = std::cos(phi);
-            }
+    Projection(long w, long h, long xmax, bool nearest) noexcept
+        : w_(w), h_(h), xmax_(xmax), W_(2 * w), nearest_(nearest), margin_(2e-10 * static_cast<double>(w + h)) {
+        tab_ = makeOwned<double>(sizeOf(W_) * 5);
+        twin_ = makeOwned<std::int32_t>(sizeOf(W_));
+        cells_ = makeOwned<Cell>(sizeOf(W_));
+        if (!tab_ || !twin_ || !cells_) {
+            tab_ = {};
+            return;
+        }
+        double* sinP = tab_.get();
+        double* cosP = sinP + W_;
+        for (long x = 0; x < W_; ++x) {
+            const double phi = phiOf(x);
+            sinP[x] = std::sin(phi);
+            cosP[x] = std::cos(phi);
+            const long other = W_ / 2 - x;
+            twin_[x] = other >= 0 && other < x && sameBits(cosP[other], cosP[x]) ? static_cast<std::int32_t>(other) : -1;
+        }
     }
+
+    // The k-th row to visit: 0, h-1, 1, h-2, ...
+    long rowAt(long k) const noexcept { return k % 2 == 0 ? k / 2 : h_ - 1 - k / 2; }
 
     void startRow(long y) noexcept {
         const double theta = static_cast<double>(y) * kPi / static_cast<double>(h_ - 1);
         sinT_ = std::sin(theta);
         cosT_ = std::cos(theta);
+        if (!tab_) return;
+        const double* sinP = tab_.get();
+        const double* cosP = sinP + W_;
+        double* sRow = tab_.get() + 2 * W_;
+        double* cbRow = sRow + W_;
+        double* sbRow = cbRow + W_;
+        if (nearest_) {
+            for (long x = 0; x < W_; ++x) {
+                const double u = sinP[x] * sinT_, across = -(cosP[x] * sinT_);
+                const double rho = std::sqrt(cosT_ * cosT_ + across * across), s = std::sqrt((1.0 - u) * 0.5);
+                const double sx = (across / rho * s + 1.0) * (static_cast<double>(w_) * 0.5);
+                const double sy = (1.0 - cosT_ / rho * s) * (static_cast<double>(h_) * 0.5);
+                cells_[x] = rho > 1e-150 && clearOfHalves(sx) && clearOfHalves(sy) ? clamped(sx, sy) : exact(x);
+            }
+            return;
+        }
+        const bool sameS = haveRow_ && sameBits(sinT_, prevSinT_);
+        for (long x = 0; x < W_; ++x) {
+            if (!sameS) sRow[x] = std::sin(std::acos(sinP[x] * sinT_) * 0.5);
+            const std::int32_t t = twin_[x];
+            if (t >= 0) {
+                cbRow[x] = cbRow[t];
+                sbRow[x] = sbRow[t];
+            } else {
+                const double b = std::atan2(cosT_, -(cosP[x] * sinT_));
+                cbRow[x] = std::cos(b);
+                sbRow[x] = std::sin(b);
+            }
+            cells_[x] = finish(cbRow[x], sbRow[x], sRow[x]);
+        }
+        prevSinT_ = sinT_;
+        haveRow_ = true;
     }
 
-    Cell cell(long x) const noexcept {
-        double sinP, cosP;
-        if (tab_) {
-            sinP = tab_[2 * x];
-            cosP = tab_[2 * x + 1];
-        } else {
-            const double phi = phiOf(x);
-            sinP = std::sin(phi);
-            cosP = std::cos(phi);
-        }
+    Cell cell(long x) const noexcept { return tab_ ? cells_[x] : exact(x); }
+
+private:
+    Cell exact(long x) const noexcept {
+        const double phi = phiOf(x);
+        const double sinP = std::sin(phi), cosP = std::cos(phi);
         const double a = std::acos(sinP * sinT_);
         const double b = std::atan2(cosT_, -(cosP * sinT_));
-        const double s = std::sin(a * 0.5);
-        const double sx = (std::cos(b) * s + 1.0) * (static_cast<double>(w_) * 0.5);
-        const double sy = (1.0 - std::sin(b) * s) * (static_cast<double>(h_) * 0.5);
+        return finish(std::cos(b), std::sin(b), std::sin(a * 0.5));
+    }
+    bool clearOfHalves(double v) const noexcept {
+        const double t = 2.0 * v;
+        return std::fabs(t - std::nearbyint(t)) > margin_;  // false for NaN
+    }
+    static bool sameBits(double a, double b) noexcept { return std::memcmp(&a, &b, sizeof a) == 0; }
+    double phiOf(long x) const noexcept {
+        return (static_cast<double>(x) - static_cast<double>(W_) * 0.25) * 2.0 * kPi / static_cast<double>(W_ - 1);
+    }
+    Cell finish(double cosB, double sinB, double s) const noexcept {
+        return clamped((cosB * s + 1.0) * (static_cast<double>(w_) * 0.5), (1.0 - sinB * s) * (static_cast<double>(h_) * 0.5));
+    }
+    Cell clamped(double sx, double sy) const noexcept {
         std::int32_t ix = truncToInt(sx), iy = truncToInt(sy);
         if (ix < 1) ix = 1;
         if (ix > xmax_) ix = static_cast<std::int32_t>(xmax_);
@@ -99,14 +171,14 @@ public:
         if (iy > h_ - 3) iy = static_cast<std::int32_t>(h_ - 3);
         return {ix, iy, sx - ix, sy - iy};
     }
-
-private:
-    double phiOf(long x) const noexcept {
-        return (static_cast<double>(x) - static_cast<double>(W_) * 0.25) * 2.0 * kPi / static_cast<double>(W_ - 1);
-    }
     long w_, h_, xmax_, W_;
-    double sinT_ = 0.0, cosT_ = 0.0;
-    Owned<double> tab_;
+    bool nearest_;
+    double margin_;  // on 2 sx and 2 sy
+    double sinT_ = 0.0, cosT_ = 0.0, prevSinT_ = 0.0;
+    bool haveRow_ = false;
+    Owned<double> tab_;  // sin phi, cos phi; the row's s, cos b, sin b
+    Owned<std::int32_t> twin_;
+    Owned<Cell> cells_;
 };
 
 // Samples of an integer source; Checked reads 0 outside [0, extent).
@@ -174,12 +246,13 @@ void sampleLdr(int mode, const Src& src, std::ptrdiff_t stride, std::ptrdiff_t s
 
 template <class T>
 void remapLdr(int mode, long w, long h, long srcStride, long dstStride, int spp, const T* src, T* dst) noexcept {
-    Projection proj(w, h, w - 1);
+    Projection proj(w, h, w - 1, mode == 0);
     const std::ptrdiff_t extent = static_cast<std::ptrdiff_t>((h - 1) * srcStride + w * spp);
     const LdrSource<T, false> fast{src, extent};
     const LdrSource<T, true> checked{src, extent};
     const long W = 2 * w;
-    for (long y = 0; y < h; ++y) {
+    for (long k = 0; k < h; ++k) {
+        const long y = proj.rowAt(k);
         proj.startRow(y);
         T* out = dst + sizeOf(y) * sizeOf(dstStride);
         for (long x = 0; x < W; ++x, out += spp) {
@@ -272,13 +345,14 @@ RgbePixel sampleHdr(int mode, const Src& src, std::ptrdiff_t w, const Cell& c) n
 }
 
 void remapHdr(int mode, long w, long h, const std::uint8_t* src, std::uint8_t* dst) noexcept {
-    Projection proj(w, h, w - 3);
+    Projection proj(w, h, w - 3, mode == 0);
     const std::ptrdiff_t extent = static_cast<std::ptrdiff_t>(4 * w * h);
     const float* table = rgbeExpTable().v;
     const HdrSource<false> fast{src, extent, w, table};
     const HdrSource<true> checked{src, extent, w, table};
     const long W = 2 * w;
-    for (long y = 0; y < h; ++y) {
+    for (long k = 0; k < h; ++k) {
+        const long y = proj.rowAt(k);
         proj.startRow(y);
         std::uint8_t* row = dst + sizeOf(y) * sizeOf(4 * W);
         for (long x = 0; x < W; ++x) {
