@@ -83,6 +83,7 @@ protected:
         ASSERT_EQ(m.code, 0) << m.err;
         const Result f = run(*dir_, "fuse -q " + frames_ + "-o " + q(dir_->file("base.png")));
         ASSERT_EQ(f.code, 0) << f.err;
+        ASSERT_EQ(run(*dir_, "merge -q " + frames_ + "--crop 0,0,8,8 -o " + q(dir_->file("tiny.hdr"))).code, 0);
     }
     static void TearDownTestSuite() { delete dir_; }
     static TempDir* dir_;
@@ -236,6 +237,8 @@ TEST_F(CliImageOps, BadInputGivesOneLine) {
         {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --method blend", 1, "option --method"},
         {"preview " + q(dir_->file("none.jpg")) + " -o " + q(dir_->file("x.jpg")), 2, "none.jpg: no such file"},
         {"histogram " + q(dir_->file("none.hdr")) + " --json", 2, "none.hdr: no such file"},
+        // The reader takes one header line per 128 bytes of file: too few for an 8x8 picture.
+        {"preview " + q(dir_->file("tiny.hdr")) + " -o " + q(dir_->file("x.jpg")), 2, "too small for the library's Radiance reader"},
         {"preview " + q(dir_->file("photo.png")) + " -o " + q(dir_->file("x.jpg")) + " --max-size 0", 1, "max-size"},
     };
     for (const Row& row : rows) {

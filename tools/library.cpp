@@ -190,6 +190,15 @@ RadianceFile readRadianceHeader(const std::string& path, bool verbose) {
         if (r >= 0) extract_rgbe_exif(path.c_str(), &rf.exif);
     }
     if (r == -1) badInput(path, "cannot open");
+    // The reader looks for the resolution line within fileSize/128 header
+    // lines (100 from 12801 bytes): a small picture can have more header
+    // lines than that, and is then not read.
+    std::error_code ec;
+    const auto bytes = std::filesystem::file_size(path, ec);
+    if (r < 0 && !ec && bytes < 12801)
+        badInput(path, "too small for the library's Radiance reader: it reads at most " +
+                           std::to_string(bytes / 128) + " header lines in a file of " + std::to_string(bytes) +
+                           " bytes (one per 128) and found no resolution line among them");
     if (r < 0) badInput(path, "not a Radiance picture (no resolution line)");
     rf.width = dims[0];
     rf.height = dims[1];
