@@ -8,9 +8,9 @@
   centre, -a around it) and a replicated border, which is the rim rule of
   sharpen; the bytes differ by the rounding (truncation of the scaled
   Laplacian here, round-to-nearest there).
-- remap_ldr (mode 1, bilinear) against cv2.remap with a precomputed map
-  (INTER_LINEAR): the map is not timed on OpenCV's side, while remap_ldr
-  computes its projection (six trigonometric calls a pixel) inside the call.
+- remap_ldr (mode 1, bilinear; mode 0, nearest) against cv2.remap with a
+  precomputed map (INTER_LINEAR, INTER_NEAREST): the map is not timed on
+  OpenCV's side, while remap_ldr computes its projection inside the call.
 - moyenne of a 3-frame stack against numpy.mean over the stack axis.
 
 The library runs on one thread; OpenCV is timed with its default threads and
@@ -114,6 +114,10 @@ def main():
     ours = lambda: lib.remap_ldr(1, 8, w, h, w * 3, 2 * w * 3, 3, ptr(img), ptr(pano))
     cvr = lambda: cv2.remap(img, mx, my, cv2.INTER_LINEAR, borderMode=cv2.BORDER_REPLICATE)
     compare("remap_ldr mode 1 vs cv2.remap", ours, cvr, cvr)
+    ours0 = lambda: lib.remap_ldr(0, 8, w, h, w * 3, 2 * w * 3, 3, ptr(img), ptr(pano))
+    cvn = lambda: cv2.remap(img, mx, my, cv2.INTER_NEAREST, borderMode=cv2.BORDER_REPLICATE)
+    compare("remap_ldr mode 0 vs cv2.remap NEAREST", ours0, cvn, cvn)
+    ours()
     t_map = median_ms(lambda: ball_map(w, h), max(1, args.reps // 3))[0]
     diff = np.abs(pano.astype(int) - cvr().astype(int))
     print(f"remap bytes: median difference {np.median(diff)}, {np.mean(diff > 1) * 100:.1f} % differ by more than 1"

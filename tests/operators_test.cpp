@@ -299,9 +299,7 @@ TEST(Sharpen, FlatImagesAtTheRim) {
     const int w = 4, h = 3;
     std::vector<std::uint16_t> s16(w * h * 3, 1000), d16(s16.size());
     ASSERT_EQ(sharp16(0.5f, w, h, w * 3, 3, s16.data(), d16.data()), h);
-    EXPECT_EQ(d16[0], 3500);                // corner: 5 neighbours missing
-    EXPECT_EQ(d16[3 * 1], 2500);            // edge: 3 missing
-    EXPECT_EQ(d16[3 * (w + 1) + 2], 1000);  // inside
+    EXPECT_EQ(d16[0], 3500);  // sharp16 leaves missing neighbours out: a flat corner brightens; sharpen's stays
     for (auto [fw, fh] : {std::pair{5, 4}, {1, 6}, {6, 1}, {1, 1}}) {  // sharpen keeps flat flat, lines included
         std::vector<std::uint8_t> s8(fw * fh * 3, 90), d8(s8.size(), 0);
         ASSERT_EQ(sharpen(2.0f, fw, fh, fw * 3, 3, s8.data(), d8.data()), fh);
