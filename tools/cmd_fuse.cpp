@@ -220,7 +220,8 @@ Image blendFrames(const FuseRequest& req, const FrameSet& frames, int bits, bool
         how = "two-image blend of " + std::filesystem::path(frames.paths[dark]).filename().string() + " (dark) and " +
               std::filesystem::path(frames.paths[bright]).filename().string() + " (bright)";
     } else {
-        // A window of about a hundredth of the picture, 9 x 9 samples.
+        // A window of about a hundredth of the picture, 2 radius / step + 1
+        // samples a side (9 for large pictures).
         const int radius = std::max(1, std::max(w, h) / 100), step = std::max(1, radius / 4);
         LibraryOutput quiet(verbose);
         r = ol_combi_intensive(step, radius, req.params[0], req.params[3], n, w, h, w * 3, 0, 3, frames.bps, out.bps,
