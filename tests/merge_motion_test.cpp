@@ -259,17 +259,15 @@ TEST(MotionMerge, BlackSaturatedAndOneFrame) {
     for (int variant : {-1, 1}) {
         const Args a{1, variant, 1, 0, 0, 1};
         Stack s = scene(3, 5, 2, 3, 8, {1, 2, 4}, 1);
-        std::fill(s.bytes.begin(), s.bytes.end(), 0);
-        Out o = run(s, a, {1, 2, 4});  // all black: grey at 1e11
-        EXPECT_EQ(o.stats, (std::array<float, 3>{256 * 1e11f, 0, 0}));
-        EXPECT_EQ(o.rgbe[3 * 5], encode(1e11f, 1e11f, 1e11f, false)[3]);
-        std::fill(s.bytes.begin(), s.bytes.end(), 255);  // saturated everywhere: marker, then grey at 0
+        for (int v : {0, 255}) {  // all black: grey at 1e11; saturated everywhere: 1e9, marker, then grey at 0
+            std::fill(s.bytes.begin(), s.bytes.end(), v);
+            const Out o = run(s, a, {1, 2, 4});
+            EXPECT_TRUE(o == reference(s, a, {1, 2, 4}));
+            EXPECT_EQ(o.stats, (std::array<float, 3>{256 * (v ? 1e9f : 1e11f), 0, v ? -1.0f : 0}));  // saturated: no mean
+            EXPECT_EQ(v ? o.rgbe[0] + o.rgbe[3 * 5] : o.rgbe[3 * 5], v ? 128 : encode(1e11f, 1e11f, 1e11f, false)[3]);
+            EXPECT_EQ(o.dt, (std::vector<float>{1.0f, 0.5f, 0.25f}));  // reciprocals of the scaled exposures: median 2 -> 2*midValue
+        }
         EXPECT_EQ(run(s, {2, variant, 1, 0, 0, 1}, {1, 2, 4}).rgbe[3 * 5], variant < 0 ? 255 : 128);
-        o = run(s, a, {1, 2, 4});
-        EXPECT_EQ(o.stats[2], -1.0f);  // no pixel counted: the mean is not written
-        EXPECT_EQ(o.rgbe[0] + o.rgbe[3 * 5], 128);
-        // The reciprocals of the scaled exposures come back: median 2 -> 2*midValue.
-        EXPECT_EQ(o.dt, (std::vector<float>{1.0f, 0.5f, 0.25f}));
         EXPECT_EQ(run(scene(1, 9, 3, 3, 16, {1}, 4), a, {3}).dt[0], 0.5f);  // one frame
     }
 }
