@@ -240,8 +240,7 @@ TEST(Align, BoundaryCasesAndCorrectionStop) {
 TEST(Align, AllocationFailureLeavesBlockAndDims) {
     const Shape s{3, 120, 80, 4, 8};
     const Bytes in = makeStack(s, {0, 4, -3}, {2, 0, -1}, 8);
-    const long count = oltest::countAllocations([&] { runLib(s, in, 0); });
-    for (long n = 1; n <= count; ++n) {
+    for (long n = 1, count = oltest::countAllocations([&] { runLib(s, in, 0); }); n <= count; ++n) {
         oltest::FailAllocation fail(n);
         const Out o = runLib(s, in, 0);
         EXPECT_TRUE(o.rc == -4 && o.block == in && o.dims[0] == 0 && o.dims[1] == -7) << n;
