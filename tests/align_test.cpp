@@ -190,7 +190,8 @@ TEST(Align, FindsKnownShifts) {
     const Case cases[] = {{{3, 200, 150, 3, 8}, {0, 3, -4}, {0, -5, 2}},                               // L = 4
                           {{5, 320, 200, 4, 16}, {-7, 0, 6, 8, 5}, {7, 0, -7, -1, 8}},                    // L = 4, reach 15
                           {{7, 160, 120, 3, 16}, {1, 0, -1, -3, -1, 4, 0}, {-2, 0, 3, 1, -4, 0, -3}},     // L = 3, reach 7
-                          {{4, 400, 300, 4, 8}, {-15, 0, 16, 0}, {16, 0, -15, -5}}};                    // L = 5, reach 31
+                          {{4, 400, 300, 4, 8}, {-15, 0, 16, 0}, {16, 0, -15, -5}},                     // L = 5, reach 31
+                          {{3, 240, 160, 3, 8}, {15, 0, -15}, {-15, 0, 15}}};                           // L = 4, at the reach
     for (const Case& c : cases)
         for (int keep : {0, 1}) {
             const Bytes in = makeStack(c.s, c.sx, c.sy, 99);
@@ -239,8 +240,7 @@ TEST(Align, BoundaryCasesAndCorrectionStop) {
 TEST(Align, AllocationFailureLeavesBlockAndDims) {
     const Shape s{3, 120, 80, 4, 8};
     const Bytes in = makeStack(s, {0, 4, -3}, {2, 0, -1}, 8);
-    const long count = oltest::countAllocations([&] { runLib(s, in, 0); });
-    for (long n = 1; n <= count; ++n) {
+    for (long n = 1, count = oltest::countAllocations([&] { runLib(s, in, 0); }); n <= count; ++n) {
         oltest::FailAllocation fail(n);
         const Out o = runLib(s, in, 0);
         EXPECT_TRUE(o.rc == -4 && o.block == in && o.dims[0] == 0 && o.dims[1] == -7) << n;

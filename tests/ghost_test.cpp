@@ -128,18 +128,14 @@ TEST(Ghost, MovingObjectIsMarkedWithItsDilationAndFusedOnceFromTheFixedPhoto) {
     // Three photos (exposures 0.5, 1, 2 through gamma 2.2) of a smooth scene,
     // with a bright 40-pixel square at rows 100..139 and column x0 = 60 + 100 p in photo p.
     const int w = 400, h = 300;
-    Bytes img(3 * w * h * 3), masks[2] = {Bytes(w * h / 8), Bytes(w * h / 8)};
+    Bytes img(3 * w * h * 3), mask(w * h / 8);
     for (int i = 0; i < 3 * w * h * 3; ++i) {
         const int p = i / (w * h * 3), x = i / 3 % w, y = i / 3 / w % h, obj = y >= 100 && y < 140 && x >= 60 + 100 * p && x < 100 + 100 * p;
         img[i] = std::uint8_t(255 * std::pow((obj ? 0.4 : 0.08 + 0.25 * x / w + 0.04 * (i % 3)) * (0.5 * (1 << p)), 1 / 2.2));
     }
-    for (int k : {0, 1}) {  // exposures one stop apart by rank, or given
-        std::vector<float> dt = {0.5f, 1.0f, 2.0f};
-        EXPECT_EQ(detect(10, 3, w, h, 3, 8, k ? -1.0f : 1.0f, dt, img, masks[k]), 75);
-        EXPECT_EQ(dt, (std::vector<float>{0.5f, 1.0f, 2.0f}));
-    }
-    const Bytes& mask = masks[0];
-    EXPECT_EQ(mask, masks[1]);
+    std::vector<float> dt = {9, 9, 9};  // guessed one stop apart by rank: the exposures the photos were made with
+    EXPECT_EQ(detect(10, 3, w, h, 3, 8, 1.0f, dt, img, mask), 75);
+    EXPECT_EQ(dt, (std::vector<float>{0.5f, 1.0f, 2.0f}));
     for (int i = 0; i < w * h; ++i) {  // inside a square: marked; more than 8 pixels from every square: clear
         const int x = i % w, y = i / w, x0 = 60 + 100 * std::clamp((x - 40) / 100, 0, 2);
         const int far = std::max({0, x0 - x, x - x0 - 39, 100 - y, y - 139});
@@ -147,7 +143,8 @@ TEST(Ghost, MovingObjectIsMarkedWithItsDilationAndFusedOnceFromTheFixedPhoto) {
     }
     for (int x0 : {60, 160})  // the expansion grows the region on every side
         for (auto [x, y] : {std::pair{x0 - 2, 120}, {x0 + 41, 120}, {x0 + 20, 98}, {x0 + 20, 141}}) EXPECT_TRUE(bit(mask, y * w + x));
-    // Brightening of the inner 20x20 of each square against the same columns 80 rows lower.
+    // Through ol_fusion on 2 threads (also under ThreadSanitizer), as plane 1 behind an empty plane: photo 0's
+    // square stays out and photo 1's is whole (the inner 20x20 against the same columns 80 rows lower).
     fustest::Job job = fustest::sized(w, h);
     auto bright = [&](int x0) {
         long d = 0;
@@ -155,53 +152,45 @@ TEST(Ghost, MovingObjectIsMarkedWithItsDilationAndFusedOnceFromTheFixedPhoto) {
             for (int i = (y * w + x0 + 10) * 3; i < (y * w + x0 + 30) * 3; ++i) d += job.work[i] - job.work[i + 80 * w * 3];
         return d / 1200;
     };
-    job.nbProc = 2;
-    ASSERT_GE(job.go(img), 0);
-    const long plain[2] = {bright(60), bright(160)};
-    job.mask = Bytes(w * h / 8), job.fixedExpo = {2, 1, -1};  // an empty plane 0 for photo 2, the detected one as plane 1
+    job.nbProc = 2, job.fixedExpo = {2, 1, -1}, job.mask = Bytes(w * h / 8);
     job.mask.insert(job.mask.end(), mask.begin(), mask.end());
     ASSERT_GE(job.go(img), 0);
-    EXPECT_GT(plain[0], 15);  // without the mask photo 0's square shows through
     EXPECT_LE(std::abs(bright(60)) + std::abs(bright(260)), 3);
-    EXPECT_GT(bright(160), plain[1] + 10);  // and the fixed photo's square is whole
+    EXPECT_GT(bright(160), 30);  // a fusion without the mask blends it to under 27
 }
 
 TEST(Ghost, BadInputAndNothingToDo) {
-    struct Row { int n, w, ch, bps, given, want; };  // given: bits of settings, deltaT, images, mask
-    const Row rows[] = {{2, 4, 3, 12, 15, -2}, {2, 4, 3, 32, 15, -2}, {-1, 4, 3, 8, 15, -1}, {2, 4, 0, 8, 15, -1}, {2, -4, 3, 8, 15, -1},
-                        {2, 4, 3, 8, 14, -1}, {2, 4, 3, 8, 13, -1}, {2, 4, 3, 16, 11, -1}, {2, 4, 3, 8, 7, -1}, {0, 4, 3, 8, 15, 0}};
-    Bytes img(2 * 16 * 3 * 2, 100), mask(2, 0);
+    struct Row { int n, w, h, ch, bps, given, want; };  // given: bits of settings, deltaT, images, mask
+    const Row rows[] = {{2, 4, 4, 3, 12, 15, -2}, {2, 4, 4, 3, 32, 15, -2}, {-1, 4, 4, 3, 8, 15, -1}, {2, 4, 4, 0, 8, 15, -1},
+                        {2, -4, 4, 3, 8, 15, -1}, {2, 4, 4, 3, 8, 14, -1}, {2, 4, 4, 3, 8, 13, -1}, {2, 4, 4, 3, 16, 11, -1},
+                        {2, 4, 4, 3, 8, 7, -1}, {0, 4, 4, 3, 8, 15, 0},
+                        // empty and one-pixel pictures; one photo compares nothing (bits past the picture are left over)
+                        {1, 0, 0, 3, 8, 15, 0}, {2, 0, 5, 3, 8, 15, 2}, {2, 1, 0, 3, 8, 15, 0}, {1, 1, 1, 3, 8, 15, 1},
+                        {2, 1, 1, 3, 8, 15, 1}, {1, 1, 5, 3, 8, 15, 2}, {2, 1, 5, 3, 8, 15, 2}};
+    Bytes img(2 * 16 * 3 * 2, 100);
     std::vector<float> dt = {1, 2};
     for (const Row& r : rows) {
+        Bytes mask(2, 0);
         float seuil = 0, *s = r.given & 1 ? &seuil : nullptr, *d = r.given & 2 ? dt.data() : nullptr;
-        EXPECT_EQ(ol_ghost_detect(s, r.n, r.w, 4, r.ch, r.bps, -1, d, r.given & 4 ? img.data() : nullptr, r.given & 8 ? mask.data() : nullptr), r.want);
+        EXPECT_EQ(ol_ghost_detect(s, r.n, r.w, r.h, r.ch, r.bps, -1, d, r.given & 4 ? img.data() : nullptr, r.given & 8 ? mask.data() : nullptr), r.want);
+        const int bits = std::clamp(r.w * r.h, 0, 8);
+        EXPECT_TRUE(((r.want > 0 && r.n > 1) || (bits ? mask[0] >> (8 - bits) : mask[0]) == 0) && mask[1] == 0) << r.n << " " << r.w << "x" << r.h;
     }
-    EXPECT_EQ(mask, Bytes(2, 0));
     std::vector<float> broken = {0, -1};  // log2 of 0 and of a negative exposure: limits of 0x80000000, no crash
+    Bytes mask(2, 0);
     EXPECT_EQ(detect(0, 2, 4, 4, 3, 8, -1, broken, img, mask), 1);
-    for (auto [w, h] : {std::pair{0, 0}, {0, 5}, {1, 0}, {1, 1}, {1, 5}})  // empty and one-pixel pictures
-        for (int n : {1, 2}) {
-            Bytes m(2, 0);
-            EXPECT_GE(detect(0, n, w, h, 3, 8, 0.0f, dt, img, m), 0);
-            if (n == 1 || w * h == 0) {  // one photo compares nothing (bits past the picture are left over)
-                EXPECT_EQ(w * h > 0 ? m[0] >> (8 - w * h) : m[0], 0);
-            }
-            EXPECT_EQ(m[1], 0);
-        }
 }
 
 TEST(Ghost, NoMemoryOnEachAllocationLeavesMaskAndExposuresAlone) {
     Bytes img = fustest::makeStack(3, 40, 30, 3, 8), mask(150);
     std::vector<float> dt = {0.5f, 1.0f, 2.0f};
-    const long count = oltest::countAllocations([&] { detect(10, 3, 40, 30, 3, 8, 0.0f, dt, img, mask); });
+    const long count = oltest::countAllocations([&] { auto d = dt; detect(10, 3, 40, 30, 3, 8, 0.0f, d, img, mask); });
     EXPECT_GE(count, 6);
     for (long k = 1; k <= count; ++k) {
         Bytes m(150, 0);
-        std::vector<float> d = {0.5f, 1.0f, 2.0f};
+        std::vector<float> d = dt;
         oltest::FailAllocation fail(k);
-        EXPECT_EQ(detect(10, 3, 40, 30, 3, 8, 0.0f, d, img, m), -4) << k;
-        EXPECT_EQ(m, Bytes(150, 0));
-        EXPECT_EQ(d, (std::vector<float>{0.5f, 1.0f, 2.0f}));
+        EXPECT_TRUE(detect(10, 3, 40, 30, 3, 8, 0.0f, d, img, m) == -4 && m == Bytes(150, 0) && d == dt) << k;
     }
 }
 

@@ -11,28 +11,56 @@ namespace olhdr {
 
 namespace {
 
+// Rows of each original frame kept for finding where the library put it: all
+// rows of a frame up to 256 high, else 256 rows spread evenly, so the copy
+// stays small (the block itself can be hundreds of megabytes).
+struct KeptRows {
+    std::vector<int> rows;           // row numbers in the original frame
+    std::vector<std::uint8_t> data;  // those rows of every frame, frame after frame
+};
+
+KeptRows keepRows(const FrameSet& frames) {
+    KeptRows kept;
+    const int h = frames.height, n = frames.count();
+    const int count = std::min(h, 256);
+    for (int i = 0; i < count; ++i) kept.rows.push_back(static_cast<int>(static_cast<long long>(i) * h / count));
+    const std::size_t rowBytes = frames.frameBytes() / std::max(1, h);
+    kept.data.resize(rowBytes * kept.rows.size() * n);
+    std::uint8_t* to = kept.data.data();
+    for (int k = 0; k < n; ++k)
+        for (int r : kept.rows) {
+            std::memcpy(to, frames.block.data() + frames.frameBytes() * k + rowBytes * r, rowBytes);
+            to += rowBytes;
+        }
+    return kept;
+}
+
 // The offset (X, Y) at which the aligned frame `out` (w2 x h2) shows the
-// original frame `in` (w x h): out(x, y) == in(x + X, y + Y) in the three
-// colour samples wherever in(x + X, y + Y) exists. The library keeps the
-// offsets to itself; its result bounds them (X + Y <= spread), so the few
-// candidates are tried, cheapest rejection first: a grid of about 64 points
-// a side over the whole frame (a clipped sky matches every candidate, so the
-// points must not stay in one area), then every pixel.
-std::pair<int, int> findOffset(const std::uint8_t* in, const std::uint8_t* out, int w, int h, int w2, int h2,
-                               int bytes, int spread) {
+// original frame (w wide, its kept rows in `in`): out(x, y) == in(x + X,
+// y + Y) in the three colour samples wherever in(x + X, y + Y) exists. The
+// library keeps the offsets to itself; its result bounds them (X + Y <=
+// spread), so the few candidates are tried, cheapest rejection first: a grid
+// of about 64 points a side over the whole frame (a clipped sky matches every
+// candidate, so the points must not stay in one area), then the kept rows
+// whole.
+std::pair<int, int> findOffset(const KeptRows& kept, const std::uint8_t* in, const std::uint8_t* out, int w,
+                               int w2, int h2, int bytes, int spread) {
     const std::size_t px = static_cast<std::size_t>(3) * bytes;
-    auto same = [&](int X, int Y, int step) {
-        for (int y = 0; y < h2 && y + Y < h; y += step)
+    auto same = [&](int X, int Y, std::size_t rowStep, int step) {
+        for (std::size_t i = 0; i < kept.rows.size(); i += rowStep) {
+            const int y = kept.rows[i] - Y;
+            if (y < 0 || y >= h2) continue;
             for (int x = 0; x < w2 && x + X < w; x += step)
                 if (std::memcmp(out + (static_cast<std::size_t>(y) * w2 + x) * px,
-                                in + (static_cast<std::size_t>(y + Y) * w + x + X) * px, px) != 0)
+                                in + (i * w + x + X) * px, px) != 0)
                     return false;
+        }
         return true;
     };
-    const int coarse = std::max(1, std::min(w2, h2) / 64);
+    const int coarse = std::max(1, w2 / 64);
     for (int sum = 0; sum <= spread; ++sum)
         for (int X = 0; X <= sum; ++X)
-            if (same(X, sum - X, coarse) && same(X, sum - X, 1)) return {X, sum - X};
+            if (same(X, sum - X, 4, coarse) && same(X, sum - X, 1, 1)) return {X, sum - X};
     return {0, 0};
 }
 
@@ -40,7 +68,7 @@ std::pair<int, int> findOffset(const std::uint8_t* in, const std::uint8_t* out, 
 
 std::vector<std::pair<int, int>> alignFrames(FrameSet& frames, bool keepSize, bool verbose) {
     const int n = frames.count(), w = frames.width, h = frames.height;
-    const std::vector<std::uint8_t> original = frames.block;
+    const KeptRows kept = keepRows(frames);
     int dims[2] = {keepSize ? 1 : 0, 0};
     int spread;
     {
@@ -56,8 +84,8 @@ std::vector<std::pair<int, int>> alignFrames(FrameSet& frames, bool keepSize, bo
     const int bytes = frames.bps / 8;
     std::vector<std::pair<int, int>> offsets(n);
     for (int k = 0; k < n; ++k)
-        offsets[k] = findOffset(original.data() + static_cast<std::size_t>(k) * w * h * 3 * bytes,
-                                frames.block.data() + frames.frameBytes() * k, w, h, dims[0], dims[1], bytes, spread);
+        offsets[k] = findOffset(kept, kept.data.data() + kept.rows.size() * w * 3 * bytes * k,
+                                frames.block.data() + frames.frameBytes() * k, w, dims[0], dims[1], bytes, spread);
     // Output frame k shows its original at offset X_k; the scene stands still
     // in the output, so X_k - X_0 is how far frame k's content was moved.
     std::vector<std::pair<int, int>> shifts(n);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <future>
 
 #include "cli.hpp"
 #include "quiet.hpp"
@@ -138,17 +139,22 @@ PsdSummary readPsdSummary(const std::string& path, bool verbose) {
     return s;
 }
 
-Frame loadFrame(const std::string& path, bool verbose) {
+namespace {
+// `decoded`, when valid, holds the pixels of a JPEG or PNG frame decoded on
+// another thread; everything that calls the library stays on this one (the
+// output guard of quiet.hpp is process-wide).
+Frame loadFrameWith(const std::string& path, bool verbose, std::future<Image>* decoded) {
     Frame f;
     f.path = path;
     f.kind = sniff(path);
+    const bool early = decoded && decoded->valid();
     switch (f.kind) {
         case FileKind::Missing:
             if (access(path.c_str(), F_OK) == 0) badInput(path, std::string("cannot open: ") + std::strerror(EACCES));
             badInput(path, "no such file");
         case FileKind::Directory: badInput(path, "is a folder, not an image");
-        case FileKind::Jpeg: f.image = readJpeg(path); break;
-        case FileKind::Png: f.image = readPng(path); break;
+        case FileKind::Jpeg: f.image = early ? decoded->get() : readJpeg(path); break;
+        case FileKind::Png: f.image = early ? decoded->get() : readPng(path); break;
         case FileKind::Tiff: f.image = readTiff(path); break;
         case FileKind::Radiance: badInput(path, "is a Radiance picture, not an exposure frame");
         case FileKind::Psd: {
@@ -178,6 +184,9 @@ Frame loadFrame(const std::string& path, bool verbose) {
     f.meta = readMetadata(path, f.kind, &f.image, verbose);
     return f;
 }
+}  // namespace
+
+Frame loadFrame(const std::string& path, bool verbose) { return loadFrameWith(path, verbose, nullptr); }
 
 RadianceFile readRadianceHeader(const std::string& path, bool verbose) {
     RadianceFile rf;
@@ -290,9 +299,25 @@ int meanLevel(const Image& img) {
 FrameSet loadFrameSet(const std::vector<std::string>& paths, bool verbose, Progress& progress) {
     FrameSet set;
     const int n = static_cast<int>(paths.size());
+    // JPEG and PNG pixels are decoded one frame ahead on a second thread, so
+    // two frames decode at once while this thread takes the metadata and
+    // fills the block; errors still surface in frame order.
+    auto start = [&](int k) {
+        std::future<Image> pixels;
+        if (k >= n) return pixels;
+        const FileKind kind = sniff(paths[k]);
+        if (kind == FileKind::Jpeg || kind == FileKind::Png)
+            pixels = std::async(std::launch::async, [path = paths[k], kind] {
+                return kind == FileKind::Jpeg ? readJpeg(path) : readPng(path);
+            });
+        return pixels;
+    };
+    std::future<Image> next = start(0);
     for (int k = 0; k < n; ++k) {
         progress.update(static_cast<double>(k) / n);
-        Frame f = loadFrame(paths[k], verbose);
+        std::future<Image> current = std::move(next);
+        next = start(k + 1);
+        Frame f = loadFrameWith(paths[k], verbose, &current);
         if (k == 0) {
             set.width = f.image.width;
             set.height = f.image.height;
