@@ -8,8 +8,9 @@
 //
 // Prints the median over N runs of the whole call, in ms, ns per pixel and
 // ns per pixel and frame, from the wall clock and from the thread's CPU time
-// (the latter is steadier on a shared machine). One thread: the merge runs on
-// the caller's thread.
+// (the latter is steadier on a shared machine), and a hash of the output
+// (planes and statistics) to check that a change keeps the bytes. One thread:
+// the merge runs on the caller's thread.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -72,6 +73,13 @@ std::vector<std::uint8_t> makeStack(int n, int width, int height, int bps, const
     return out;
 }
 
+// FNV-1a, 64 bits.
+std::uint64_t hashBytes(const void* data, std::size_t n, std::uint64_t h = 1469598103934665603ull) {
+    const auto* p = static_cast<const unsigned char*>(data);
+    for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 1099511628211ull;
+    return h;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -88,8 +96,8 @@ int main(int argc, char** argv) {
         else if (a == "--merges") merges = argv[i + 1];
     }
     std::printf("merges %dx%d, spp 3, median of %d runs, 1 thread\n", width, height, reps);
-    std::printf("%-12s %-7s %-4s %10s %12s %18s %10s %18s\n", "merge", "frames", "bps", "wall ms", "ns/pixel",
-                "ns/pixel/frame", "cpu ms", "cpu ns/pixel/frame");
+    std::printf("%-12s %-7s %-4s %10s %12s %18s %10s %18s %16s\n", "merge", "frames", "bps", "wall ms", "ns/pixel",
+                "ns/pixel/frame", "cpu ms", "cpu ns/pixel/frame", "hash");
     const double pixels = static_cast<double>(width) * height;
     // Each merge by name: calc0 is calc_hdr with the consistency test off,
     // unghost2 hdr_unghost on the spread of luminance.
@@ -140,8 +148,10 @@ int main(int argc, char** argv) {
                 std::sort(ms.begin(), ms.end());
                 std::sort(cpu.begin(), cpu.end());
                 const double med = ms[ms.size() / 2], medCpu = cpu[cpu.size() / 2];
-                std::printf("%-12s %-7d %-4d %10.1f %12.2f %18.2f %10.1f %18.2f\n", name.c_str(), n, bps, med,
-                            med * 1e6 / pixels, med * 1e6 / (pixels * n), medCpu, medCpu * 1e6 / (pixels * n));
+                const std::uint64_t hash = hashBytes(stats, sizeof stats, hashBytes(rgbe.data(), rgbe.size()));
+                std::printf("%-12s %-7d %-4d %10.1f %12.2f %18.2f %10.1f %18.2f %016llx\n", name.c_str(), n, bps, med,
+                            med * 1e6 / pixels, med * 1e6 / (pixels * n), medCpu, medCpu * 1e6 / (pixels * n),
+                            static_cast<unsigned long long>(hash));
                 std::fflush(stdout);
             }
         }

@@ -136,10 +136,11 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
         visits[j].saturation = saturationLevel[k];
         visits[j].darkLevel = j == nPhotos - 1 ? kLastDarkLevel : kDarkLevel;
         visits[j].frame = k;
+        visits[j].beta = weightBeta(saturationLevel[k]);
     }
 
     MergeStats st;
-    const MergeJob job{nPhotos, width, height, spp, visits, lut, rgbe};
+    const MergeJob job{nPhotos, width, height, spp, visits, lut, rgbe, true};
     // The diagnostic line is printed from the plain kernel only.
     if (traceMerge != 0 || !mergeRowsAvx2(job, bps, 0, height, st)) {
         if (bps == 8)

@@ -24,6 +24,10 @@ struct FrameVisit {
     int saturation;
     int darkLevel;  // the sums are reset when ival is below this
     int frame;      // frame number, for the diagnostic line
+    // Upper curvature of the weight curve (fillWeightTable with `saturation`
+    // and this beta), for a vector kernel that computes the weights instead of
+    // gathering them from the table; see MergeJob::weightCurve.
+    float beta = 0.0f;
 };
 
 struct MergeStats {
@@ -50,6 +54,11 @@ struct MergeJob {
     const FrameVisit* visits;
     const float* lut;
     std::uint8_t* rgbe;
+    // True when every visit's table is fillWeightTable(saturation, beta): the
+    // vector kernel then computes the weight from ival with the table's float
+    // operations (the same values) instead of a gather from 256 KiB a frame,
+    // which misses the cache. The plain kernel always reads the table.
+    bool weightCurve = false;
 };
 
 // The luminance that goes into the statistics.

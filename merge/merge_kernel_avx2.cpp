@@ -19,7 +19,8 @@ namespace {
 using namespace lanes;
 
 // Kind: 1, 3 or 4 for a fixed spp with its own loads, 0 for any other.
-template <class T, int Kind>
+// Curve: the weights are computed from the curve (MergeJob::weightCurve).
+template <class T, int Kind, bool Curve>
 OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& stats) noexcept {
     // A local copy stays in registers: the byte stores of the output could
     // otherwise alias it.
@@ -39,6 +40,9 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
     const __m256i i0 = _mm256_setzero_si256(), i255 = _mm256_set1_epi32(255);
     const __m256i i126 = _mm256_set1_epi32(126), i135 = _mm256_set1_epi32(135), i128 = _mm256_set1_epi32(128);
     const __m256i interleave = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const __m256 levelStep = _mm256_set1_ps(1.0f / 65536.0f), half = _mm256_set1_ps(0.5f);
+    const __m256 one = _mm256_set1_ps(1.0f), four = _mm256_set1_ps(4.0f);
+    const __m256i lowerTop = _mm256_set1_epi32(32768);
     const float* lut = job.lut;
     __m256 vmax = _mm256_set1_ps(st.maxLum), vmin = _mm256_set1_ps(st.minLum);
 
@@ -62,13 +66,26 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
                 const __m256i ival = _mm256_add_epi32(
                     _mm256_add_epi32(_mm256_mullo_epi32(ha, c54), _mm256_mullo_epi32(hb, c183)),
                     _mm256_mullo_epi32(hc, c19));
-                nSat = _mm256_sub_epi32(nSat, _mm256_cmpgt_epi32(ival, _mm256_set1_epi32(f.saturation)));
+                const __m256i saturated = _mm256_cmpgt_epi32(ival, _mm256_set1_epi32(f.saturation));
+                nSat = _mm256_sub_epi32(nSat, saturated);
                 const __m256 reset = _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(f.darkLevel), ival));
                 sW = _mm256_andnot_ps(reset, sW);
                 sR = _mm256_andnot_ps(reset, sR);
                 sG = _mm256_andnot_ps(reset, sG);
                 sB = _mm256_andnot_ps(reset, sB);
-                const __m256 w = _mm256_i32gather_ps(f.weight, ival, 4);
+                __m256 w;
+                if constexpr (Curve) {
+                    // fillWeightTable's operations: t = ival/65536 and
+                    // t - 0.5 are exact, then (1 - a*(d*d))^2 rounded step by
+                    // step; 0 above the saturation level.
+                    const __m256 d = _mm256_sub_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(ival), levelStep), half);
+                    const __m256 a = _mm256_blendv_ps(four, _mm256_set1_ps(f.beta),
+                                                      _mm256_castsi256_ps(_mm256_cmpgt_epi32(ival, lowerTop)));
+                    const __m256 v = _mm256_sub_ps(one, _mm256_mul_ps(a, _mm256_mul_ps(d, d)));
+                    w = _mm256_andnot_ps(_mm256_castsi256_ps(saturated), _mm256_mul_ps(v, v));
+                } else {
+                    w = _mm256_i32gather_ps(f.weight, ival, 4);
+                }
                 sW = _mm256_add_ps(sW, w);
                 const __m256 wT = _mm256_mul_ps(w, _mm256_set1_ps(f.invT));
                 sR = _mm256_add_ps(sR, _mm256_mul_ps(wT, _mm256_i32gather_ps(lut, s.a, 4)));
@@ -134,13 +151,13 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
     stats = st;
 }
 
-template <class T>
+template <class T, bool Curve>
 OL_TARGET_AVX2 void dispatchSpp(const MergeJob& job, int y0, int y1, MergeStats& st) noexcept {
     switch (job.spp) {
-        case 3: rowsAvx2<T, 3>(job, y0, y1, st); break;
-        case 4: rowsAvx2<T, 4>(job, y0, y1, st); break;
-        case 1: rowsAvx2<T, 1>(job, y0, y1, st); break;
-        default: rowsAvx2<T, 0>(job, y0, y1, st); break;
+        case 3: rowsAvx2<T, 3, Curve>(job, y0, y1, st); break;
+        case 4: rowsAvx2<T, 4, Curve>(job, y0, y1, st); break;
+        case 1: rowsAvx2<T, 1, Curve>(job, y0, y1, st); break;
+        default: rowsAvx2<T, 0, Curve>(job, y0, y1, st); break;
     }
 }
 
@@ -148,10 +165,13 @@ OL_TARGET_AVX2 void dispatchSpp(const MergeJob& job, int y0, int y1, MergeStats&
 
 bool mergeRowsAvx2(const MergeJob& job, int bps, int y0, int y1, MergeStats& st) noexcept {
     if (!__builtin_cpu_supports("avx2")) return false;
-    if (bps == 8)
-        dispatchSpp<std::uint8_t>(job, y0, y1, st);
-    else
-        dispatchSpp<std::uint16_t>(job, y0, y1, st);
+    if (bps == 8) {
+        if (job.weightCurve) dispatchSpp<std::uint8_t, true>(job, y0, y1, st);
+        else dispatchSpp<std::uint8_t, false>(job, y0, y1, st);
+    } else {
+        if (job.weightCurve) dispatchSpp<std::uint16_t, true>(job, y0, y1, st);
+        else dispatchSpp<std::uint16_t, false>(job, y0, y1, st);
+    }
     return true;
 }
 

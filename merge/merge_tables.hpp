@@ -9,6 +9,10 @@
 
 #include "frame/rgbe.hpp"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace ol {
 
 inline constexpr int kMergeLevels = 65536;
@@ -60,13 +64,43 @@ inline float log2AsFloat(float v) noexcept {
 // become neutral grey at the largest luminance, dead-dark ones (exponent byte
 // 0) neutral grey at the smallest. The grey is encoded without the zero
 // guard, so a value of 0 gives a NaN scale: mantissas 0 and exponent byte 128.
+// The exponent run is scanned 16 bytes at a time, and a group holding markers
+// is rewritten by masks in its four runs.
 inline void replaceMarkers(int width, int height, float minLum, float maxLum, RgbeForm form,
                            std::uint8_t* rgbe) noexcept {
     const RgbePixel bright = encodeRgbe(maxLum, maxLum, maxLum, form, ZeroGuard::Off);
     const RgbePixel dark = encodeRgbe(minLum, minLum, minLum, form, ZeroGuard::Off);
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128(), ones = _mm_set1_epi8(-1);
+    const __m128i brightR = _mm_set1_epi8(static_cast<char>(bright.r)), darkR = _mm_set1_epi8(static_cast<char>(dark.r));
+    const __m128i brightG = _mm_set1_epi8(static_cast<char>(bright.g)), darkG = _mm_set1_epi8(static_cast<char>(dark.g));
+    const __m128i brightB = _mm_set1_epi8(static_cast<char>(bright.b)), darkB = _mm_set1_epi8(static_cast<char>(dark.b));
+    const __m128i brightE = _mm_set1_epi8(static_cast<char>(bright.e)), darkE = _mm_set1_epi8(static_cast<char>(dark.e));
+#endif
     for (int y = 0; y < height; ++y) {
         const RgbeRow row = rgbeRow(rgbe, width, y);
-        for (int x = 0; x < width; ++x) {
+        int x = 0;
+#if defined(__SSE2__)
+        for (; x + 16 <= width; x += 16) {
+            auto* pe = reinterpret_cast<__m128i*>(row.e + x);
+            const __m128i e = _mm_loadu_si128(pe);
+            const __m128i isBright = _mm_cmpeq_epi8(e, ones);
+            const __m128i isDark = _mm_cmpeq_epi8(e, zero);
+            const __m128i marked = _mm_or_si128(isBright, isDark);
+            if (_mm_movemask_epi8(marked) == 0) continue;
+            auto put = [&](std::uint8_t* plane, __m128i b, __m128i d) {
+                auto* p = reinterpret_cast<__m128i*>(plane + x);
+                const __m128i keep = _mm_andnot_si128(marked, _mm_loadu_si128(p));
+                _mm_storeu_si128(p, _mm_or_si128(keep, _mm_or_si128(_mm_and_si128(isBright, b),
+                                                                     _mm_and_si128(isDark, d))));
+            };
+            put(row.r, brightR, darkR);
+            put(row.g, brightG, darkG);
+            put(row.b, brightB, darkB);
+            put(row.e, brightE, darkE);
+        }
+#endif
+        for (; x < width; ++x) {
             const std::uint8_t e = row.e[x];
             if (e == 255)
                 storeRgbe(row, x, bright);

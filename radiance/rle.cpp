@@ -134,12 +134,12 @@ RleStatus decodeComponent(const std::uint8_t*& p, const std::uint8_t* end, int w
             const int n = code - 128;
             if (x + n > width) return RleStatus::RunOverrun;
             if (p >= end) return RleStatus::Truncated;
-            std::memset(dst + x, *p++, static_cast<std::size_t>(n));
+            fillPacket(dst + x, *p++, n);
             x += n;
         } else {
             if (code == 0 || x + code > width) return RleStatus::BadLiteral;
             if (end - p < code) return RleStatus::Truncated;
-            std::memcpy(dst + x, p, static_cast<std::size_t>(code));
+            copyPacket(dst + x, p, code);
             p += code;
             x += code;
         }
