@@ -221,11 +221,13 @@ TEST(Align, BoundaryCasesAndCorrectionStop) {
     }
     // The correction loop stops on histograms it can never satisfy: a run of
     // counts that comes back to a count already taken returns that count.
-    std::vector<std::int64_t> h(3 * 256, 0);
-    h[240] = 1000, h[256 + 3] = 1000;       // all above 235; all black
-    h[512 + 3] = 500, h[512 + 100] = 500;   // satisfiable
+    std::vector<std::int64_t> h(5 * 256, 0);
+    h[240] = 1000, h[256 + 3] = 1000;          // all above 235; all black
+    h[512 + 3] = 500, h[512 + 100] = 500;      // satisfiable
+    h[768 + 235] = 1000, h[1024 + 15] = 1000;  // at the two limits: kept, also by the correction
     EXPECT_EQ(ol::alignment::adjust_count(h.data(), 0, 900), 0);
-    for (int k = 1; k < 3; ++k) EXPECT_EQ(ol::alignment::adjust_count(h.data(), k, 900), adjust(&h[256 * k], 900));
+    for (int k = 1; k < 5; ++k) EXPECT_EQ(ol::alignment::adjust_count(h.data(), k, 900), adjust(&h[256 * k], 900));
+    for (int k = 3; k < 5; ++k) EXPECT_TRUE(adjust(&h[256 * k], 900) == 900 && ol::alignment::correctedCount(h.data(), k, 900) == 900);
     for (int v : {0, 255}) EXPECT_EQ(runLib({3, 70, 40, 3, 8}, Bytes(3 * 70 * 40 * 3, v), 0).rc, 0);  // whole stacks end too
 }
 
@@ -234,8 +236,7 @@ TEST(Align, AllocationFailureLeavesBlockAndDims) {
     const Bytes in = makeStack(s, {0, 4, -3}, {2, 0, -1}, 8);
     for (long n = 1, count = oltest::countAllocations([&] { runLib(s, in, 0); }); n <= count; ++n) {
         oltest::FailAllocation fail(n);
-        const Out o = runLib(s, in, 0);
-        EXPECT_TRUE(o.rc == -4 && o.block == in && o.dims[0] == 0 && o.dims[1] == -7) << n;
+        EXPECT_TRUE(runLib(s, in, 0) == (Out{in, {0, -7}, -4})) << n;
     }
 }
 

@@ -227,12 +227,9 @@ TEST(MotionMerge, RandomStacksMatchReference) {
 // turns to the plain mean (values elsewhere: the per-pixel reading above).
 TEST(MotionMerge, MovingObject) {
     const std::vector<float> dt = {1, 2, 4, 8};
-    Stack s = scene(4, 40, 8, 3, 8, dt, 1);
-    for (int k = 0; k < 4; ++k)
-        for (std::size_t p = 0; p < s.px(); ++p) {
-            const double r = static_cast<int>(p % 40) / 8 == k ? 0.6 : 0.02 * (1 + p % 40 / 10.0);
-            for (int c = 0; c < 3; ++c) s.set(k, p * 3 + c, static_cast<unsigned>(255 * std::pow(r * dt[k] / 8, 1 / 2.2)));
-        }
+    Stack s{4, 40, 8, 3, 8, std::vector<std::uint8_t>(4 * 40 * 8 * 3)};
+    for (int i = 0, k = 0, x = 0; i < 4 * 40 * 8 * 3; ++i, k = i / (40 * 8 * 3), x = i / 3 % 40)
+        s.bytes[i] = static_cast<std::uint8_t>(255 * std::pow((x / 8 == k ? 0.6 : 0.02 * (1 + x / 10.0)) * dt[k] / 8, 1 / 2.2));
     const Out ug = run(s, {1, 1, 0, 0, 0, 1}, dt), ch = run(s, {1, -1, 1, 0, 0, 1}, dt), plain = run(s, {1, -1, 0, 0, 0, 1}, dt);
     for (int x = 0; x < 40; x += 3) {
         const float v = ug.lut[s.get(2, x * 3)] * ug.dt[2];  // frame 2 is the middle one
