@@ -4,7 +4,9 @@
 # for byte:
 #   olhdr_compare.sh build/release/tools/olhdr build/windows/bin/olhdr.exe FOLDER
 # The Windows side is given paths in both spellings (forward slashes, and
-# backslashes for merge). Two things in printed lines differ by nature and
+# backslashes for merge). Between them the commands read and write JPEG, PNG,
+# 16-bit TIFF (through libtiff too) and Radiance files, and fuse in memory
+# and disk mode. Two things in printed lines differ by nature and
 # are evened out before the comparison, nothing else in any file:
 #  - paths are joined with each platform's separator ("demo/frames" against
 #    "demo\frames"): backslashes in the Windows lines become slashes;
@@ -32,7 +34,9 @@ run() {  # side, program..., then the commands
   step info info "${frames[@]}" demo/scene.hdr demo/scene-fused.tif
   step info-json info --json "${frames[0]}"
   step merge merge "${wframes[@]}" -o merge.hdr --preview merge-preview.png
-  step fuse fuse "${frames[@]}" -o fuse.tif -b 16 -j 3
+  # Over the demo's own output (a rename over an existing file), same bytes.
+  step fuse fuse "${frames[@]}" -o demo/scene-fused.tif -b 16 -j 3
+  step preview preview demo/scene-fused.tif -o preview.png --max-size 300
   step fuse-disk fuse "${frames[@]}" -o fuse-disk.jpg --disk --scratch . -j 1
   cd - > /dev/null
 }
