@@ -7,7 +7,8 @@
 #   scripts/windows_deps.sh      -> build/windows-deps/{include,lib}
 # Only the libraries are built (no tools, documentation or tests of theirs);
 # libtiff with zlib and JPEG only. Idempotent: a second run finds the stamp
-# and returns at once; downloads are kept in build/windows-deps/src.
+# and returns at once (unless this script changed); downloads are kept in
+# build/windows-deps/src.
 #
 # Trust chain: the archive's signed InRelease (checked with gpgv against
 # debian-archive-keyring where both are installed) gives the sha256 of the
@@ -25,8 +26,10 @@ toolchain=$root/cmake/mingw-w64-x86_64.cmake
 packages=(libjpeg-turbo libpng1.6 tiff)
 say() { echo "windows-deps: $*" >&2; }
 
-if [ -f "$out/stamp" ] && [ -f "$out/lib/libtiff.a" ]; then
-  say "already built ($(tr '\n' ' ' < "$out/stamp"))"; exit 0
+# The stamp names this script's own hash, so that a changed recipe rebuilds.
+recipe="recipe $(sha256sum "$0" | cut -c1-16)"
+if [ -f "$out/stamp" ] && [ -f "$out/lib/libtiff.a" ] && grep -qx "$recipe" "$out/stamp"; then
+  say "already built ($(paste -sd, "$out/stamp"))"; exit 0
 fi
 for tool in curl xz sha256sum patch cmake "$triple-gcc-posix"; do
   command -v "$tool" > /dev/null || { say "$tool is missing (scripts/setup.sh --windows installs it)"; exit 1; }
@@ -128,5 +131,6 @@ cp "$out/tiff/libtiff/libtiff.a" "$out/lib/"
 
 # Build trees and unpacked sources go; the tarballs stay for a rebuild.
 rm -rf "$out/jpeg" "$out/png" "$out/tiff" "$src"/{libjpeg-turbo,libpng1.6,tiff}
+echo "$recipe" >> "$out/stamp.part"
 mv "$out/stamp.part" "$out/stamp"
-say "built $(tr '\n' ' ' < "$out/stamp")in $(( $(date +%s) - started ))s: $(cd "$out/lib" && ls | tr '\n' ' ')"
+say "built $(paste -sd, "$out/stamp") in $(( $(date +%s) - started ))s: $(cd "$out/lib" && ls | tr '\n' ' ')"

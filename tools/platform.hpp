@@ -35,7 +35,7 @@ int replaceFile(const char* from, const char* to);
 // `handler` runs on an interrupt from the terminal or a termination request.
 void onInterrupt(void (*handler)(int));
 
-// Folder for scratch files: $TMPDIR, else the system's.
+// Folder for scratch files: $TMPDIR or /tmp on POSIX, the system's on Windows.
 std::string tempFolder();
 // Creates a new folder or file from a name ending in XXXXXX, which is
 // replaced in place; false (errno set) when none can be made. The file is

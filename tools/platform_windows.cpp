@@ -43,9 +43,20 @@ int processId() { return _getpid(); }
 int removeFile(const char* path) { return _unlink(path); }
 int removeFolder(const char* path) { return _rmdir(path); }
 
-// The C library's rename refuses an existing target on Windows.
+// The C library's rename refuses an existing target on Windows. A failure
+// sets errno, for the caller's message, from the system's error.
 int replaceFile(const char* from, const char* to) {
-    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) ? 0 : -1;
+    if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return 0;
+    switch (GetLastError()) {
+        case ERROR_FILE_NOT_FOUND:
+        case ERROR_PATH_NOT_FOUND: errno = ENOENT; break;
+        case ERROR_ACCESS_DENIED:
+        case ERROR_SHARING_VIOLATION: errno = EACCES; break;
+        case ERROR_DISK_FULL:
+        case ERROR_HANDLE_DISK_FULL: errno = ENOSPC; break;
+        default: errno = EIO;
+    }
+    return -1;
 }
 
 void exitNow(int code) { _exit(code); }
@@ -56,9 +67,9 @@ void onInterrupt(void (*handler)(int)) {
     std::signal(SIGBREAK, handler);
 }
 
+// TMP, TEMP or the profile's folder, as the system says; TMPDIR is left out
+// (under wine it may hold a Unix path).
 std::string tempFolder() {
-    const char* t = std::getenv("TMPDIR");
-    if (t && *t) return t;
     std::error_code ec;
     const auto p = std::filesystem::temp_directory_path(ec);
     return ec ? std::string(".") : p.string();
