@@ -9,7 +9,13 @@ set(CMAKE_C_COMPILER   ${OL_MINGW_TRIPLE}-gcc-posix)
 set(CMAKE_CXX_COMPILER ${OL_MINGW_TRIPLE}-g++-posix)
 set(CMAKE_RC_COMPILER  ${OL_MINGW_TRIPLE}-windres)
 
-set(CMAKE_FIND_ROOT_PATH /usr/${OL_MINGW_TRIPLE})
+# The system's mingw-w64 files, then the static codecs olhdr.exe links, built
+# by scripts/windows_deps.sh (zlib is Debian's libz-mingw-w64-dev; its
+# static archive, not the import library of its DLL).
+get_filename_component(_ol_source ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
+set(OL_WINDOWS_DEPS ${_ol_source}/build/windows-deps CACHE PATH "Static codecs for olhdr.exe")
+set(CMAKE_FIND_ROOT_PATH /usr/${OL_MINGW_TRIPLE} ${OL_WINDOWS_DEPS})
+set(ZLIB_LIBRARY /usr/${OL_MINGW_TRIPLE}/lib/libz.a CACHE FILEPATH "")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

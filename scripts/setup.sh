@@ -3,7 +3,7 @@
 # already present are not fetched again, so a second run costs a second.
 #   scripts/setup.sh          build tools and libraries only
 #   scripts/setup.sh --tests  also the independent programs the tests compare with
-#   scripts/setup.sh --windows the mingw-w64 cross compiler and wine (Windows build)
+#   scripts/setup.sh --windows the mingw-w64 cross compiler, its zlib, and wine (Windows build)
 set -euo pipefail
 
 build_pkgs=(build-essential cmake pkg-config libjpeg62-turbo-dev libpng-dev libtiff-dev)
@@ -13,7 +13,7 @@ test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
 
 want=("${build_pkgs[@]}")
 if [ "${1:-}" = "--tests" ]; then want+=("${test_pkgs[@]}"); fi
-windows_pkgs=(g++-mingw-w64-x86-64-posix wine wine64)
+windows_pkgs=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64)
 if [ "${1:-}" = "--windows" ]; then want+=("${windows_pkgs[@]}"); fi
 
 missing=()

@@ -1,9 +1,6 @@
 // olhdr bracket and olhdr demo: a synthetic bracketed scene written as
 // ordinary camera files, and the whole road from it to a Radiance picture and
 // a fused image.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
 
 #include <cstdio>
@@ -16,6 +13,7 @@
 #include "library.hpp"
 #include "orient.hpp"
 #include "outfile.hpp"
+#include "platform.hpp"
 #include "progress.hpp"
 #include "quiet.hpp"
 #include "roads.hpp"
@@ -283,16 +281,16 @@ std::string sizeText(const std::string& path) {
 // that the lines the demo prints work when pasted.
 std::string invocationName() {
     std::error_code ec;
-    const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (ec) return "olhdr";
+    const std::filesystem::path self = platform::selfPath();
+    if (self.empty()) return "olhdr";
     const char* path = std::getenv("PATH");
     std::string dirs = path ? path : "";
     for (std::size_t start = 0; start <= dirs.size();) {
-        const auto colon = std::min(dirs.find(':', start), dirs.size());
+        const auto colon = std::min(dirs.find(platform::pathListSeparator(), start), dirs.size());
         const std::string dir = dirs.substr(start, colon - start);
         start = colon + 1;
-        const auto candidate = std::filesystem::path(dir.empty() ? "." : dir) / "olhdr";
-        if (access(candidate.c_str(), X_OK) == 0) {
+        const auto candidate = std::filesystem::path(dir.empty() ? "." : dir) / platform::programFile("olhdr");
+        if (platform::isExecutable(candidate.string())) {
             return std::filesystem::equivalent(candidate, self, ec) ? "olhdr" : self.string();
         }
     }

@@ -1,6 +1,5 @@
 // olhdr fuse: frames to a displayable image by exposure fusion.
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include "library.hpp"
 #include "image.hpp"
 #include "outfile.hpp"
+#include "platform.hpp"
 #include "progress.hpp"
 #include "quiet.hpp"
 #include "picture_write.hpp"
@@ -153,16 +153,11 @@ class ScratchFolder {
 public:
     explicit ScratchFolder(const std::string& parent) {
         std::string base = parent;
-        if (base.empty()) {
-            const char* t = std::getenv("TMPDIR");
-            base = t && *t ? t : "/tmp";
-        }
+        if (base.empty()) base = platform::tempFolder();
         std::string templ = (std::filesystem::path(base) / "olhdr-fuse-XXXXXX").string();
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back(0);
-        if (!mkdtemp(buf.data()))
+        if (!platform::makeTempFolder(templ))
             throw Failure(kExitOutput, base + ": cannot make a scratch folder: " + std::strerror(errno));
-        path_ = buf.data();
+        path_ = templ;
         slots_.push_back(registerCleanup(path_, true));
     }
     ~ScratchFolder() {

@@ -130,7 +130,7 @@ int fromProfile(const std::string& path, const Common& common) {
 
 void writeCsv(const std::string& target, const std::vector<float>& lut, const std::vector<float>& measured) {
     writeAtomically(target, [&](const std::string& temp) {
-        std::FILE* f = std::fopen(temp.c_str(), "w");
+        std::FILE* f = std::fopen(temp.c_str(), "wb");
         if (!f) throw Failure(kExitOutput, target + ": cannot create the file");
         std::fprintf(f, "level,value,measured\n");
         for (int i = 0; i < 256; ++i) {

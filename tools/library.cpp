@@ -1,6 +1,5 @@
 #include "library.hpp"
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <future>
 
 #include "cli.hpp"
+#include "platform.hpp"
 #include "quiet.hpp"
 
 namespace olhdr {
@@ -35,11 +35,12 @@ int psdLengthBits(const std::string& path) {
 // The chunk is a whole TIFF structure, so the library reads it as a TIFF file
 // from a scratch copy.
 void readExifFromTiffBytes(const std::vector<std::uint8_t>& tiff, Metadata& m) {
-    char name[] = "/tmp/olhdr-exif-XXXXXX";
-    const int fd = mkstemp(name);
-    if (fd < 0) return;
-    const bool ok = write(fd, tiff.data(), tiff.size()) == static_cast<ssize_t>(tiff.size());
-    close(fd);
+    std::string temp = (std::filesystem::path(platform::tempFolder()) / "olhdr-exif-XXXXXX").string();
+    if (!platform::makeTempFile(temp)) return;
+    const char* name = temp.c_str();
+    std::FILE* f = std::fopen(name, "wb");
+    const bool ok = f && std::fwrite(tiff.data(), 1, tiff.size(), f) == tiff.size();
+    if (f && std::fclose(f) != 0) return void(std::remove(name));
     if (ok) {
         get_exif_data(name, 0, &m.exif, &m.gps);
         if (m.exif.iptcLen > 0 && m.exif.iptcOffset > 0 && m.exif.iptcLen < (1 << 24)) {
@@ -150,7 +151,7 @@ Frame loadFrameWith(const std::string& path, bool verbose, std::future<Image>* d
     const bool early = decoded && decoded->valid();
     switch (f.kind) {
         case FileKind::Missing:
-            if (access(path.c_str(), F_OK) == 0) badInput(path, std::string("cannot open: ") + std::strerror(EACCES));
+            if (std::error_code ec; std::filesystem::exists(path, ec)) badInput(path, std::string("cannot open: ") + std::strerror(EACCES));
             badInput(path, "no such file");
         case FileKind::Directory: badInput(path, "is a folder, not an image");
         case FileKind::Jpeg: f.image = early ? decoded->get() : readJpeg(path); break;

@@ -11,6 +11,7 @@
 #include "args.hpp"
 #include "commands.hpp"
 #include "outfile.hpp"
+#include "platform.hpp"
 #include "times.hpp"
 
 namespace olhdr {
@@ -123,6 +124,7 @@ std::string counted(int n, const std::string& noun) {
 
 int main(int argc, char** argv) {
     using namespace olhdr;
+    platform::initialise();
     std::setlocale(LC_ALL, "C");
     installSignalCleanup();
     std::vector<std::string> args(argv + 1, argv + argc);

@@ -1,9 +1,5 @@
 #include "outfile.hpp"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -12,6 +8,7 @@
 #include <filesystem>
 
 #include "cli.hpp"
+#include "platform.hpp"
 
 namespace olhdr {
 
@@ -30,7 +27,7 @@ std::atomic<int> gUserStderr{2};
 std::atomic<int> gCommitted{0};
 
 void say(const char* text) {
-    ssize_t r = write(gUserStderr.load(), text, std::strlen(text));
+    long r = platform::writeFd(gUserStderr.load(), text, std::strlen(text));
     (void)r;
 }
 
@@ -40,13 +37,13 @@ void onSignal(int) {
     // before is complete and stays.
     bool removed = false;
     for (int i = 0; i < kSlots; ++i)
-        if (gUsed[i].load() && !gFolder[i] && unlink(gPending[i]) == 0) removed = true;
+        if (gUsed[i].load() && !gFolder[i] && platform::removeFile(gPending[i]) == 0) removed = true;
     for (int i = 0; i < kSlots; ++i)
-        if (gUsed[i].load() && gFolder[i]) rmdir(gPending[i]);
+        if (gUsed[i].load() && gFolder[i]) platform::removeFolder(gPending[i]);
     say(removed                  ? "olhdr: interrupted, partial output removed\n"
         : gCommitted.load() > 0 ? "olhdr: interrupted; every output written so far is complete\n"
                                 : "olhdr: interrupted before any output was written\n");
-    _exit(kExitInterrupted);
+    platform::exitNow(kExitInterrupted);
 }
 
 }  // namespace
@@ -81,7 +78,7 @@ OutputFile::OutputFile(std::string target) : target_(std::move(target)) {
     const std::filesystem::path p(target_);
     const std::string name = p.filename().string();
     const std::string dir = folderOf(target_);
-    temp_ = (std::filesystem::path(dir) / ("." + name + ".part-" + std::to_string(getpid()))).string();
+    temp_ = (std::filesystem::path(dir) / ("." + name + ".part-" + std::to_string(platform::processId()))).string();
     slot_ = registerCleanup(temp_, false);
 }
 
@@ -91,7 +88,7 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::commit() {
-    if (std::rename(temp_.c_str(), target_.c_str()) != 0) {
+    if (platform::replaceFile(temp_.c_str(), target_.c_str()) != 0) {
         const std::string why = std::strerror(errno);
         throw Failure(kExitOutput, target_ + ": cannot write: " + why);
     }
@@ -107,7 +104,7 @@ void checkWritable(const std::string& target) {
     const std::string dir = folderOf(target);
     if (!std::filesystem::is_directory(dir, ec))
         throw Failure(kExitOutput, target + ": folder " + dir + " does not exist");
-    if (access(dir.c_str(), W_OK | X_OK) != 0)
+    if (!platform::canWriteIn(dir))
         throw Failure(kExitOutput, target + ": cannot write in folder " + dir + ": " + std::strerror(errno));
 }
 
@@ -139,13 +136,7 @@ std::vector<std::pair<std::string, std::string>> sameFiles(const std::vector<std
 }
 
 void installSignalCleanup() {
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGHUP, &sa, nullptr);
+    platform::onInterrupt(onSignal);
 }
 
 }  // namespace olhdr

@@ -1,18 +1,17 @@
 #include "progress.hpp"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+
+#include "platform.hpp"
 
 namespace olhdr {
 
 Progress* Progress::current = nullptr;
 
 Progress::Progress(bool enabled, int fd)
-    : enabled_(enabled && isatty(fd)), fd_(fd), start_(std::chrono::steady_clock::now()) {
+    : enabled_(enabled && platform::isTerminal(fd)), fd_(fd), start_(std::chrono::steady_clock::now()) {
     current = this;
 }
 
@@ -38,7 +37,7 @@ void Progress::update(double fraction) {
 void Progress::finish() {
     if (!enabled_ || !drawn_) return;
     const std::string clear = "\r\033[K";
-    ssize_t r = write(fd_, clear.data(), clear.size());
+    long r = platform::writeFd(fd_, clear.data(), clear.size());
     (void)r;
     drawn_ = false;
 }
@@ -49,11 +48,14 @@ void Progress::draw(bool force) {
     if (!force && drawn_ && now - last_ < std::chrono::milliseconds(80)) return;
     last_ = now;
     int columns = 80;
-    winsize ws{};
-    if (ioctl(fd_, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 20) columns = ws.ws_col;
+    if (const int c = platform::terminalColumns(fd_); c > 20) columns = c;
     const double seconds = std::chrono::duration<double>(now - start_).count();
-    const std::string line = "\r" + progressLine(name_, done_, seconds, columns - 1) + "\033[K";
-    ssize_t r = write(fd_, line.data(), line.size());
+    // Appended rather than concatenated: GCC 12 warns (-Wrestrict) on the
+    // inlined operator+ chain in the mingw build.
+    std::string line = "\r";
+    line += progressLine(name_, done_, seconds, columns - 1);
+    line += "\033[K";
+    long r = platform::writeFd(fd_, line.data(), line.size());
     (void)r;
     drawn_ = true;
 }

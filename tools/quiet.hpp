@@ -5,12 +5,10 @@
 // stderr. Restored when the guard goes.
 #pragma once
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "outfile.hpp"
+#include "platform.hpp"
 #include "progress.hpp"
 
 namespace olhdr {
@@ -20,17 +18,17 @@ public:
     explicit LibraryOutput(bool verbose) {
         std::fflush(stdout);
         std::fflush(stderr);
-        savedOut_ = dup(1);
-        savedErr_ = dup(2);
+        savedOut_ = platform::dupFd(1);
+        savedErr_ = platform::dupFd(2);
         setUserStderr(savedErr_);  // an interrupt still reaches the user
         if (verbose) {
-            dup2(2, 1);
+            platform::dup2Fd(2, 1);
         } else {
-            const int devnull = open("/dev/null", O_WRONLY);
+            const int devnull = platform::openNullDevice();
             if (devnull >= 0) {
-                dup2(devnull, 1);
-                dup2(devnull, 2);
-                close(devnull);
+                platform::dup2Fd(devnull, 1);
+                platform::dup2Fd(devnull, 2);
+                platform::closeFd(devnull);
             }
         }
         if (Progress::current) Progress::current->setFd(savedErr_);
@@ -39,13 +37,13 @@ public:
         std::fflush(stdout);
         std::fflush(stderr);
         if (savedOut_ >= 0) {
-            dup2(savedOut_, 1);
-            close(savedOut_);
+            platform::dup2Fd(savedOut_, 1);
+            platform::closeFd(savedOut_);
         }
         if (savedErr_ >= 0) {
-            dup2(savedErr_, 2);
+            platform::dup2Fd(savedErr_, 2);
             setUserStderr(2);
-            close(savedErr_);
+            platform::closeFd(savedErr_);
         }
         if (Progress::current) Progress::current->setFd(2);
     }

@@ -57,7 +57,7 @@ std::vector<double> parseTimeList(const std::string& text, std::size_t frames) {
 }
 
 std::vector<double> readTimesFile(const std::string& path, const std::vector<std::string>& frames) {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     if (!in) throw Failure(kExitInput, path + ": cannot open the list of exposure times");
     std::map<std::string, double> named;
     std::vector<double> bare;

@@ -112,26 +112,23 @@ static void fillExif(ExifRecord* exif, GpsRecord* gps) {
     exif->orientation = 1;
     strcpy(exif->camera, "Cross-platform camera");
     memcpy(exif->date, "2026:06:21 12:00:00", 19);
-    gps->latitude[0] = 48; gps->latitude[1] = 1; gps->latitude[2] = 51; gps->latitude[3] = 1;
-    gps->latitude[4] = 3024; gps->latitude[5] = 100;
-    gps->longitude[0] = 2; gps->longitude[1] = 1; gps->longitude[2] = 17; gps->longitude[3] = 1;
-    gps->longitude[4] = 4020; gps->longitude[5] = 100;
+    static const uint32_t lat[6] = {48, 1, 51, 1, 3024, 100}, lon[6] = {2, 1, 17, 1, 4020, 100};
+    memcpy(gps->latitude, lat, sizeof lat);
+    memcpy(gps->longitude, lon, sizeof lon);
     gps->altitude[0] = 35; gps->altitude[1] = 1;
     gps->lat_ref = 'N'; gps->long_ref = 'E';
     memcpy(gps->datestamp, "2026:06:21", 10);
 }
 
-static void printRecords(const char* what, const ExifRecord* exif, const GpsRecord* gps) {
-    const uint8_t* b = (const uint8_t*)exif;
-    printf("%s exif:", what);
-    for (size_t i = 0; i < sizeof *exif; ++i) printf("%02x", b[i]);
+static void printHex(const char* what, const char* record, const void* p, size_t size) {
+    printf("%s %s:", what, record);
+    for (size_t i = 0; i < size; ++i) printf("%02x", ((const uint8_t*)p)[i]);
     printf("\n");
-    if (gps) {
-        b = (const uint8_t*)gps;
-        printf("%s gps:", what);
-        for (size_t i = 0; i < sizeof *gps; ++i) printf("%02x", b[i]);
-        printf("\n");
-    }
+}
+
+static void printRecords(const char* what, const ExifRecord* exif, const GpsRecord* gps) {
+    printHex(what, "exif", exif, sizeof *exif);
+    if (gps) printHex(what, "gps", gps, sizeof *gps);
 }
 
 /* ------------------------------------------------------------------------ */
