@@ -30,6 +30,9 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
               const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
               void* poids) noexcept;
 
+// `threads` in the stages below: the rows of each level are split into bands
+// on up to that many threads; the result does not depend on it.
+
 // Adds one photo (its level 0 in `work`) into the fused pyramid.
 int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitDepthFusion,
              int bitDepthPoids, int wrapX, const void* pyrPoids, std::FILE* fpPyramPoids,
