@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "frame/clones.hpp"
 #include "frame/numeric.hpp"
 
 // The span expansion is inlined into its callers, so that a caller built
@@ -177,10 +178,15 @@ OL_EXPAND_INLINE void expandSpanChannels(const T* coarse, int y, int wF, int hF,
         expandSpan<0>(coarse, y, wF, hF, wC, ch, wrap, x0, n, up);
 }
 
-// expandSpanChannels on 16-bit levels, compiled once with a vector variant
-// chosen at load time (integer arithmetic: the same values on every one).
-void expandSpan16(const std::uint16_t* coarse, int y, int wF, int hF, int wC, int ch, bool wrap, int x0,
-                  int n, std::int32_t* up) noexcept;
+// expandSpanChannels on 16-bit levels, with a vector variant chosen at load
+// time (integer arithmetic: the same values on every one). Internal to each
+// file that uses it: a cloned function with external linkage would export
+// its resolver from the shared library.
+[[maybe_unused]] OL_AVX2_CLONES static void expandSpan16(const std::uint16_t* coarse, int y, int wF, int hF,
+                                                         int wC, int ch, bool wrap, int x0, int n,
+                                                         std::int32_t* up) noexcept {
+    expandSpanChannels(coarse, y, wF, hF, wC, ch, wrap, x0, n, up);
+}
 
 // Pixels per span, so that the values of a span fit a small stack table.
 inline constexpr int kSpanSamples = 3072;
