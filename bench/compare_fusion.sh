@@ -139,8 +139,8 @@ if [ "$profile" = 1 ] && command -v perf >/dev/null; then
   if perf record -q -o "$work/perf.data" "$olhdr" fuse $(ls "$cache/$size-$n"/frame-*.jpg) -o "$work/p.tif" -q \
       > /dev/null 2>&1; then
     echo "profile of olhdr fuse, $size, $n frames (share of samples, by library and function):"
-    perf report -i "$work/perf.data" --no-children --sort dso,symbol -g none 2>/dev/null |
-      grep '%' | head -12 | cut -c1-110
+    { perf report -i "$work/perf.data" --no-children --sort dso,symbol -g none 2>/dev/null |
+        grep '%' | head -12 | cut -c1-110; } || true  # head closes the pipe early
   fi
 fi
 exit $status
