@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "frame/clones.hpp"
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
+#include "fusion/bands.hpp"
 #include "fusion/expand.hpp"
 #include "fusion/pyramid.hpp"
 #include "fusion/scratch.hpp"
@@ -34,12 +36,58 @@ inline float weightFraction(const void* base, std::size_t i, int bitDepthPoids) 
     return 0.0f;
 }
 
+// The weight fraction of each pixel, once per channel: 8-bit weights from
+// `w`, 16-bit ones (any alignment) from the bytes at `w16`.
+template <int CH>
+inline void spreadCh(const std::uint8_t* w, int n, int ch, float* mult) noexcept {
+    const int chn = CH > 0 ? CH : ch;
+    for (int x = 0; x < n; ++x) {
+        const float m = static_cast<float>(w[x]) * (1.0f / 256.0f);
+        for (int c = 0; c < chn; ++c) mult[x * chn + c] = m;
+    }
+}
+template <int CH>
+inline void spreadCh(const unsigned char* w16, int n, int ch, float* mult, int) noexcept {
+    const int chn = CH > 0 ? CH : ch;
+    for (int x = 0; x < n; ++x) {
+        const float m = static_cast<float>(loadWeight<std::uint16_t>(w16, static_cast<std::size_t>(x))) *
+                        (1.0f / 65536.0f);
+        for (int c = 0; c < chn; ++c) mult[x * chn + c] = m;
+    }
+}
+void spreadFractions8(const std::uint8_t* w, int n, int ch, float* mult) noexcept {
+    if (ch == 3) spreadCh<3>(w, n, 3, mult);
+    else if (ch == 1) spreadCh<1>(w, n, 1, mult);
+    else spreadCh<0>(w, n, ch, mult);
+}
+void spreadFractions16(const unsigned char* w16, int n, int ch, float* mult) noexcept {
+    if (ch == 3) spreadCh<3>(w16, n, 3, mult, 0);
+    else if (ch == 1) spreadCh<1>(w16, n, 1, mult, 0);
+    else spreadCh<0>(w16, n, ch, mult, 0);
+}
+
+// fused += trunc(float(sample - up) * mult), clamped to 0..65535, for one
+// span. |sample - up| < 65536 and mult < 1: the product converts exactly,
+// lane by lane the same at any vector width.
+OL_AVX2_CLONES
+void blendSpan16(const std::uint16_t* __restrict s, const std::int32_t* __restrict up,
+                 const float* __restrict mult, std::uint16_t* __restrict d, int count) noexcept {
+    for (int j = 0; j < count; ++j) {
+        const std::int32_t diff = static_cast<std::int32_t>(s[j]) - up[j];
+        std::int32_t v = static_cast<std::int32_t>(d[j]) +
+                         static_cast<std::int32_t>(static_cast<float>(diff) * mult[j]);
+        v = v < 0 ? 0 : v;
+        v = v > 65535 ? 65535 : v;
+        d[j] = static_cast<std::uint16_t>(v);
+    }
+}
+
 }  // namespace
 
 int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int bitDepthFusion,
                  int bitDepthPoids, int wrapX, int diskRows, std::FILE* fpPyramPoids,
                  void* rowBuffer, int offPoids, int initFine, int initCoarse, void* scratch,
-                 const void* pyrPoids, const void* work, void* fused) noexcept {
+                 const void* pyrPoids, const void* work, void* fused, int threads) noexcept {
     if constexpr (traceProbe)
         std::fprintf(stderr,
                      "fusion22et23  up %d x %d   to  %d x %d    total coarse: %d  fine: %d  -  initFine: %d  coarse: %d  fromDisk: %d  \n",
@@ -54,7 +102,9 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
         const auto* w16 = static_cast<const std::uint16_t*>(work);
         auto* f16 = static_cast<std::uint16_t*>(fused);
         const std::uint16_t* coarse = w16 + initCoarse;
-        for (int y = 0; y < hFine; ++y) {
+        // Rows [y0, y1); each writes only its own row of `fused`.
+        auto blendRows = [&](int y0, int y1) -> int {
+        for (int y = y0; y < y1; ++y) {
             const void* wrow = nullptr;
             std::size_t wfirst = 0;
             if (bitDepthPoids == 8 || bitDepthPoids == 16) {
@@ -109,36 +159,27 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
             float mult[kSpanSamples];
             for (int x0 = 0; x0 < wFine; x0 += span) {
                 const int n = wFine - x0 < span ? wFine - x0 : span;
-                expandSpanChannels(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
+                expandSpan16(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
                 const int count = n * channels;
                 if (wrow == nullptr) {
                     for (int j = 0; j < count; ++j) mult[j] = 1.0f;
                 } else if (bitDepthPoids == 8) {
-                    const auto* wp = static_cast<const std::uint8_t*>(wrow) + wfirst + x0;
-                    for (int x = 0; x < n; ++x) {
-                        const float m = static_cast<float>(wp[x]) * (1.0f / 256.0f);
-                        for (int c = 0; c < channels; ++c) mult[x * channels + c] = m;
-                    }
+                    spreadFractions8(static_cast<const std::uint8_t*>(wrow) + wfirst + x0, n, channels, mult);
                 } else {
-                    const unsigned char* wp = static_cast<const unsigned char*>(wrow) + (wfirst + x0) * 2;
-                    for (int x = 0; x < n; ++x) {
-                        const float m = static_cast<float>(loadWeight<std::uint16_t>(wp, static_cast<std::size_t>(x))) *
-                                        (1.0f / 65536.0f);
-                        for (int c = 0; c < channels; ++c) mult[x * channels + c] = m;
-                    }
+                    spreadFractions16(static_cast<const unsigned char*>(wrow) + (wfirst + x0) * 2, n, channels, mult);
                 }
-                const std::uint16_t* __restrict s = src + static_cast<std::size_t>(x0) * channels;
-                std::uint16_t* __restrict d = dst + static_cast<std::size_t>(x0) * channels;
-                for (int j = 0; j < count; ++j) {
-                    const std::int32_t diff = static_cast<std::int32_t>(s[j]) - up[j];
-                    // |diff| < 65536 and mult < 1: the product converts exactly.
-                    std::int32_t v = static_cast<std::int32_t>(d[j]) +
-                                     static_cast<std::int32_t>(static_cast<float>(diff) * mult[j]);
-                    v = v < 0 ? 0 : v;
-                    v = v > 65535 ? 65535 : v;
-                    d[j] = static_cast<std::uint16_t>(v);
-                }
+                blendSpan16(src + static_cast<std::size_t>(x0) * channels, up, mult,
+                            dst + static_cast<std::size_t>(x0) * channels, count);
             }
+        }
+        return 0;
+        };
+        // Weights read row by row from the file follow one file position:
+        // that level stays on the calling thread.
+        if (diskRows) {
+            if (blendRows(0, hFine) < 0) return -3;
+        } else {
+            runBands(threads, hFine, rowSamples, [&](int first, int count) { blendRows(first, first + count); });
         }
     } else if (bitDepthFusion == 32) {
         // Float pyramids have no row-wise disk path: without an in-memory
@@ -146,18 +187,20 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
         const auto* wf = static_cast<const float*>(work);
         auto* ff = static_cast<float*>(fused);
         const float* coarse = wf + initCoarse;
-        for (int y = 0; y < hFine; ++y) {
-            const std::size_t rowStart = static_cast<std::size_t>(initFine) + y * rowSamples;
-            const float* src = wf + rowStart;
-            float* dst = ff + rowStart;
-            const bool weighted = (bitDepthPoids == 8 || bitDepthPoids == 16) && pyrPoids != nullptr;
-            const std::size_t wfirst = static_cast<std::size_t>(offPoids) + static_cast<std::size_t>(y) * wFine;
-            expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap, [&](int x, int c, float up) {
-                const float mult = weighted ? weightFraction(pyrPoids, wfirst + x, bitDepthPoids) : 1.0f;
-                const std::size_t f = static_cast<std::size_t>(x) * channels + c;
-                dst[f] += (src[f] - up) * mult;
-            });
-        }
+        runBands(threads, hFine, rowSamples, [&](int first, int count) {
+            for (int y = first; y < first + count; ++y) {
+                const std::size_t rowStart = static_cast<std::size_t>(initFine) + y * rowSamples;
+                const float* src = wf + rowStart;
+                float* dst = ff + rowStart;
+                const bool weighted = (bitDepthPoids == 8 || bitDepthPoids == 16) && pyrPoids != nullptr;
+                const std::size_t wfirst = static_cast<std::size_t>(offPoids) + static_cast<std::size_t>(y) * wFine;
+                expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap, [&](int x, int c, float up) {
+                    const float mult = weighted ? weightFraction(pyrPoids, wfirst + x, bitDepthPoids) : 1.0f;
+                    const std::size_t f = static_cast<std::size_t>(x) * channels + c;
+                    dst[f] += (src[f] - up) * mult;
+                });
+            }
+        });
     }
     if constexpr (tracePreview) {
         // One sampled sample per level: channel 0 of the centre pixel.
@@ -195,7 +238,7 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
 
 int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitDepthFusion,
              int bitDepthPoids, int wrapX, const void* pyrPoids, std::FILE* fpPyramPoids,
-             void* rowBuffer, void* work, void* fused) noexcept {
+             void* rowBuffer, void* work, void* fused, int threads) noexcept {
     const bool disk = pyrPoids == nullptr;
     if (disk && fpPyramPoids == nullptr) return -1;
     const int wBytes = bitDepthPoids / 8;
@@ -208,8 +251,8 @@ int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitD
         if constexpr (traceLevels)
             std::fprintf(stderr, "== lapl nivo%d  nivFine %d x %d   nivCoarse %d x %d  fin: %d %d\n", k,
                          w, h, wc, hc, (w & 1) ? wc - 1 : wc, (h & 1) ? hc - 1 : hc);
-        fusion21a(w, h, wc, hc, channels, bitDepthFusion, wrapX, initFine, initCoarse, nullptr, work,
-                  "fusion21a");
+        fusion21aFrom(nullptr, w, h, wc, hc, channels, bitDepthFusion, wrapX, initFine, initCoarse, work,
+                      "fusion21a", threads);
         const void* levelPoids = pyrPoids;
         int offPoids = static_cast<int>(positPoidsPyram);
         if (disk && k > 0) {
@@ -229,7 +272,7 @@ int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitD
         }
         const int r = fusion22et23(w, h, wc, hc, channels, bitDepthFusion, bitDepthPoids, wrapX,
                                    disk && k == 0, fpPyramPoids, rowBuffer, offPoids, initFine,
-                                   initCoarse, nullptr, levelPoids, work, fused);
+                                   initCoarse, nullptr, levelPoids, work, fused, threads);
         if constexpr (traceBlend) std::fprintf(stderr, "retour fusion22et23: %d\n", r);
         if (r < 0) return r;
         positPoidsPyram += static_cast<std::int64_t>(w) * h;

@@ -14,7 +14,16 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "frame/clones.hpp"
 #include "frame/numeric.hpp"
+
+// The span expansion is inlined into its callers, so that a caller built
+// with a vector variant (frame/clones.hpp) gets the same variant of it.
+#if defined(__GNUC__)
+#define OL_EXPAND_INLINE [[gnu::always_inline]] inline
+#else
+#define OL_EXPAND_INLINE inline
+#endif
 
 namespace ol {
 
@@ -100,7 +109,7 @@ namespace ol {
 // channel-interleaved into `up` (n * ch values). x0 is even. CH is the
 // channel count when known at compile time, else 0.
 template <int CH, class T>
-inline void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRuntime, bool wrap, int x0,
+OL_EXPAND_INLINE void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRuntime, bool wrap, int x0,
                        int n, typename Expand<T>::Acc* up) noexcept {
     using E = Expand<T>;
     using Acc = typename E::Acc;
@@ -157,7 +166,7 @@ inline void expandSpan(const T* coarse, int y, int wF, int hF, int wC, int chRun
 // expandSpan with the common channel counts (3, 1, 4) compiled in, any
 // other count at run time.
 template <class T>
-inline void expandSpanChannels(const T* coarse, int y, int wF, int hF, int wC, int ch, bool wrap, int x0, int n,
+OL_EXPAND_INLINE void expandSpanChannels(const T* coarse, int y, int wF, int hF, int wC, int ch, bool wrap, int x0, int n,
                                typename Expand<T>::Acc* up) noexcept {
     if (ch == 3)
         expandSpan<3>(coarse, y, wF, hF, wC, 3, wrap, x0, n, up);
@@ -167,6 +176,16 @@ inline void expandSpanChannels(const T* coarse, int y, int wF, int hF, int wC, i
         expandSpan<4>(coarse, y, wF, hF, wC, 4, wrap, x0, n, up);
     else
         expandSpan<0>(coarse, y, wF, hF, wC, ch, wrap, x0, n, up);
+}
+
+// expandSpanChannels on 16-bit levels, with a vector variant chosen at load
+// time (integer arithmetic: the same values on every one). Internal to each
+// file that uses it: a cloned function with external linkage would export
+// its resolver from the shared library.
+[[maybe_unused]] OL_AVX2_CLONES static void expandSpan16(const std::uint16_t* coarse, int y, int wF, int hF,
+                                                         int wC, int ch, bool wrap, int x0, int n,
+                                                         std::int32_t* up) noexcept {
+    expandSpanChannels(coarse, y, wF, hF, wC, ch, wrap, x0, n, up);
 }
 
 // Pixels per span, so that the values of a span fit a small stack table.

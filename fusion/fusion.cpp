@@ -3,6 +3,7 @@
 // collapse into the output. Memory mode keeps everything in buffers; disk
 // mode moves the source, the weight planes and the weight pyramid to three
 // scratch files named by the caller and reuses `images` twice.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "frame/file.hpp"
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
+#include "fusion/bands.hpp"
 #include "fusion/pyramid.hpp"
 #include "fusion/scratch.hpp"
 #include "fusion/stages.hpp"
@@ -49,6 +51,10 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
               float unusedScale, float* exposureTimes, void* images, int* indexFixedExpo,
               unsigned char* ghostMask, void* outFloat, void* work) noexcept {
     int nbProc = files ? files->nbProc : 0;
+    // The stages after the weights split their rows into bands on the
+    // host's threads in both modes (their results do not depend on it); only
+    // the weight stage follows nbProc as the disk mode sets it.
+    const int threads = nbProc > 1 ? nbProc : 1;
     if constexpr (traceProbe)
         std::fprintf(stderr,
                      "ol_fusion:  %d photos  %d x %d  lenPyram: %d  bspIn: %d  out: %d     bitDepthPoids: %d   bitDepthFusion: %d  nbProc: %d\n",
@@ -207,7 +213,12 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     if (bitDepthFusion == 16) {
         auto* f16 = static_cast<std::uint16_t*>(fused);
         const std::size_t n = static_cast<std::size_t>(biasedPixels) * channels;
-        for (std::size_t i = 0; i < n; ++i) f16[i] = 32767;
+        constexpr std::size_t block = std::size_t(1) << 16;
+        const int blocks = static_cast<int>((n + block - 1) / block);
+        runBands(threads, blocks, block, [&](int first, int count) {
+            const std::size_t end = std::min(n, static_cast<std::size_t>(first + count) * block);
+            for (std::size_t i = static_cast<std::size_t>(first) * block; i < end; ++i) f16[i] = 32767;
+        });
     }
 
     const float span = 1.0f - (start + 0.2f);
@@ -231,7 +242,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             unsigned char* plane = poids + static_cast<std::size_t>(i) * pixels * wBytes;
             if (plane != weightArea) std::memmove(weightArea, plane, pixels * wBytes);
         }
-        const int r21 = adjust21(nivo, width, height, bitDepthPoids, wrapX, weightArea);
+        const int r21 = adjust21(nivo, width, height, bitDepthPoids, wrapX, weightArea, threads);
         if constexpr (traceFlow) std::fprintf(stderr, "retour adjust21: %d\n", r21);
         if (r21 < 0) return r21;
         if (disk) {
@@ -263,10 +274,16 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         } else {
             const unsigned char* photo =
                 static_cast<const unsigned char*>(images) + static_cast<std::size_t>(i) * pixels * channels * inBytes;
-            toPipeline(photo, bspIn, pixels * channels, work16);
+            const std::size_t rowBytes = rowSamples * inBytes;
+            runBands(threads, height, rowSamples, [&](int first, int count) {
+                toPipeline(photo + static_cast<std::size_t>(first) * rowBytes, bspIn,
+                           static_cast<std::size_t>(count) * rowSamples,
+                           work16 + static_cast<std::size_t>(first) * rowSamples);
+            });
         }
         const int r22 = fusion22(nivo, width, height, channels, bspOut, bitDepthFusion, bitDepthPoids, wrapX,
-                                 disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), pipeline, fused);
+                                 disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), pipeline, fused,
+                                 threads);
         if (r22 < 0) return r22;
         const int k = nbPhotos - i;
         fusion_progress(progress, start + span * static_cast<float>(k) / static_cast<float>(nbPhotos));
@@ -278,7 +295,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     poidsOwned.reset();
 
     const int r3 = fusion3(fusionParams, nivo, width, height, channels, bspOut, bitDepthFusion, outStride,
-                           outSwap, wrapX, fused, outFloat, work);
+                           outSwap, wrapX, fused, outFloat, work, threads);
     if constexpr (traceProbe) std::fprintf(stderr, "retour fusion3 %d \n", r3);
     fusion_progress(progress, 0.95f);
     return r3;

@@ -5,6 +5,7 @@
 
 #include "frame/alloc.hpp"
 #include "frame/histogram.hpp"
+#include "fusion/bands.hpp"
 
 namespace ol {
 namespace {
@@ -44,11 +45,17 @@ void countPhoto(const T* photo, std::int64_t pixels, int channels, int satLimit,
     saturated += sat;
 }
 
+constexpr int kMaxSlices = 16;
+struct Slice {
+    std::int64_t histo[256];
+    std::int64_t saturated;
+};
+
 }  // namespace
 
 int photo_stats(int nbPhotos, int width, int height, int channels, int bps, const void* images,
                 int* percNoisy, int* percSat, int* surexNivo, int* medianLevel,
-                int* photoOrder) noexcept {
+                int* photoOrder, int threads) noexcept {
     Owned<std::int64_t> histo = makeOwned<std::int64_t>(256);
     Owned<int> remaining = makeOwned<int>(nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1);
     if (!histo || !remaining) return -4;
@@ -58,12 +65,26 @@ int photo_stats(int nbPhotos, int width, int height, int channels, int bps, cons
     std::int64_t saturated = 0;  // not reset between photos
     for (int p = 0; p < nbPhotos; ++p) {
         std::memset(histo.get(), 0, 256 * sizeof(std::int64_t));
-        if (bps == 8)
-            countPhoto(static_cast<const std::uint8_t*>(images) + p * photoSamples, pixels, channels,
-                       satLimit, histo.get(), saturated);
-        else if (bps == 16)
-            countPhoto(static_cast<const std::uint16_t*>(images) + p * photoSamples, pixels,
-                       channels, satLimit, histo.get(), saturated);
+        // Slices of rows counted apart and summed: integer counts, the same
+        // for any split.
+        Slice slice[kMaxSlices] = {};
+        const int slices = threads < 1 ? 1 : (threads > kMaxSlices ? kMaxSlices : threads);
+        runBandsIndexed(slices, height > 0 ? height : 0, static_cast<std::size_t>(width) * channels,
+                 [&](int band, int first, int count) {
+                     Slice& sl = slice[band];
+                     const std::int64_t start = static_cast<std::int64_t>(first) * width;
+                     const std::int64_t n = static_cast<std::int64_t>(count) * width;
+                     if (bps == 8)
+                         countPhoto(static_cast<const std::uint8_t*>(images) + p * photoSamples + start * channels,
+                                    n, channels, satLimit, sl.histo, sl.saturated);
+                     else if (bps == 16)
+                         countPhoto(static_cast<const std::uint16_t*>(images) + p * photoSamples + start * channels,
+                                    n, channels, satLimit, sl.histo, sl.saturated);
+                 });
+        for (const Slice& sl : slice) {
+            for (int k = 0; k < 256; ++k) histo[k] += sl.histo[k];
+            saturated += sl.saturated;
+        }
         surexNivo[p] = static_cast<int>(saturated);
         medianLevel[p] = brightnessKey(histo.get(), pixels);
         std::int64_t high = 0, low = 0;

@@ -12,9 +12,10 @@ namespace ol {
 //   medianLevel[p] median luminance level << 8, or the 95th percentile level
 //                  (unshifted) when the median is below 5
 //   photoOrder     the photos by falling medianLevel, ties in index order
+// The histograms are counted by slices of rows on up to `threads` threads.
 // Returns nbPhotos, or -4 when memory runs out.
 int photo_stats(int nbPhotos, int width, int height, int channels, int bps, const void* images,
                 int* percNoisy, int* percSat, int* surexNivo, int* medianLevel,
-                int* photoOrder) noexcept;
+                int* photoOrder, int threads = 1) noexcept;
 
 }  // namespace ol

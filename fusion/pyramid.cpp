@@ -5,8 +5,10 @@
 #include <cstdio>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/clones.hpp"
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
+#include "fusion/bands.hpp"
 
 namespace ol {
 
@@ -69,6 +71,50 @@ struct Kernel<float> {
     // A float tap fetched across the horizontal wrap goes through an integer.
     static float wrapped(float v) noexcept { return static_cast<float>(truncToInt(v)); }
 };
+
+// The full kernel over columns [cx0, cx1] of one coarse row, from the fine
+// rows above (r0), on (r1) and below (r2) its centre.
+template <int CH, class T>
+inline void innerLoop(const T* __restrict r0, const T* __restrict r1, const T* __restrict r2,
+                      T* __restrict out, int cx0, int cx1, int chRuntime) noexcept {
+    const int chn = CH > 0 ? CH : chRuntime;
+    for (int cx = cx0; cx <= cx1; ++cx) {
+        for (int c = 0; c < chn; ++c) {
+            const std::size_t i = static_cast<std::size_t>(2 * cx) * chn + c;
+            out[static_cast<std::size_t>(cx) * chn + c] =
+                Kernel<T>::full(r0[i - chn], r0[i + chn], r2[i - chn], r2[i + chn], r0[i], r2[i],
+                                r1[i + chn], r1[i - chn], r1[i]);
+        }
+    }
+}
+
+template <class T>
+inline void innerChannels(const T* r0, const T* r1, const T* r2, T* out, int cx0, int cx1, int ch) noexcept {
+    if (ch == 3)
+        innerLoop<3>(r0, r1, r2, out, cx0, cx1, 3);
+    else if (ch == 1)
+        innerLoop<1>(r0, r1, r2, out, cx0, cx1, 1);
+    else if (ch == 4)
+        innerLoop<4>(r0, r1, r2, out, cx0, cx1, 4);
+    else
+        innerLoop<0>(r0, r1, r2, out, cx0, cx1, ch);
+}
+
+// The integer kernels get a vector variant chosen at load time (the same
+// values on every instruction set); the float one keeps its scalar order.
+OL_AVX2_CLONES
+void innerRow(const std::uint16_t* r0, const std::uint16_t* r1, const std::uint16_t* r2, std::uint16_t* out,
+              int cx0, int cx1, int ch) noexcept {
+    innerChannels(r0, r1, r2, out, cx0, cx1, ch);
+}
+OL_AVX2_CLONES
+void innerRow(const std::uint8_t* r0, const std::uint8_t* r1, const std::uint8_t* r2, std::uint8_t* out,
+              int cx0, int cx1, int ch) noexcept {
+    innerChannels(r0, r1, r2, out, cx0, cx1, ch);
+}
+void innerRow(const float* r0, const float* r1, const float* r2, float* out, int cx0, int cx1, int ch) noexcept {
+    innerChannels(r0, r1, r2, out, cx0, cx1, ch);
+}
 
 template <class T>
 struct Reducer {
@@ -133,50 +179,30 @@ struct Reducer {
 
     // Interior columns [cx0, cx1] of inner row cy: the full kernel without
     // any border test.
-    template <int CH>
     void inner(int cy, int cx0, int cx1) const noexcept {
-        const int chn = CH > 0 ? CH : ch;
-        const std::size_t rowF = static_cast<std::size_t>(wF) * chn;
-        const T* __restrict r1 = fine + static_cast<std::size_t>(2 * cy) * rowF;
-        const T* __restrict r0 = r1 - rowF;
-        const T* __restrict r2 = r1 + rowF;
-        T* __restrict out = coarse + static_cast<std::size_t>(cy) * wC * chn;
-        for (int cx = cx0; cx <= cx1; ++cx) {
-            for (int c = 0; c < chn; ++c) {
-                const std::size_t i = static_cast<std::size_t>(2 * cx) * chn + c;
-                out[static_cast<std::size_t>(cx) * chn + c] =
-                    Kernel<T>::full(r0[i - chn], r0[i + chn], r2[i - chn], r2[i + chn], r0[i], r2[i],
-                                    r1[i + chn], r1[i - chn], r1[i]);
-            }
-        }
+        const std::size_t rowF = static_cast<std::size_t>(wF) * ch;
+        const T* r1 = fine + static_cast<std::size_t>(2 * cy) * rowF;
+        T* out = coarse + static_cast<std::size_t>(cy) * wC * ch;
+        innerRow(r1 - rowF, r1, r1 + rowF, out, cx0, cx1, ch);
     }
 
-    void run() const noexcept {
-        // Top row: corner, inner columns, corner when the width is odd.
-        for (int cx = 0; cx < wC; ++cx) pixel(cx, 0);
-        // Inner rows. With an odd height the last coarse row lies on the fine
-        // border and is done below; with an even one it is an inner row.
-        const int lastInner = oddH ? hC - 2 : hC - 1;
+    // Coarse rows [cy0, cy1): the top row, inner rows (first column, inner
+    // columns, last column when the width is odd) and, with an odd height,
+    // the bottom row, which lies on the fine border. Rows are independent,
+    // so any split into bands gives the same level.
+    void runRows(int cy0, int cy1) const noexcept {
         const int lastFast = oddW ? wC - 2 : wC - 1;
-        // With an even width the last coarse column has its E tap inside the
-        // row, wrapX or not, so it takes the plain interior loop.
-        for (int cy = 1; cy <= lastInner; ++cy) {
-            pixel(0, cy);
-            const int cx1 = lastFast;
-            if (cx1 >= 1) {
-                if (ch == 1)
-                    inner<1>(cy, 1, cx1);
-                else if (ch == 3)
-                    inner<3>(cy, 1, cx1);
-                else if (ch == 4)
-                    inner<4>(cy, 1, cx1);
-                else
-                    inner<0>(cy, 1, cx1);
+        for (int cy = cy0; cy < cy1; ++cy) {
+            if (cy == 0 || (oddH && cy == hC - 1)) {
+                for (int cx = 0; cx < wC; ++cx) pixel(cx, cy);
+                continue;
             }
+            pixel(0, cy);
+            // With an even width the last coarse column has its E tap inside
+            // the row, wrapX or not, so it takes the plain interior loop.
+            if (lastFast >= 1) inner(cy, 1, lastFast);
             if (oddW && wC - 1 >= 1) pixel(wC - 1, cy);
         }
-        if (oddH && hC - 1 >= 1)
-            for (int cx = 0; cx < wC; ++cx) pixel(cx, hC - 1);
     }
 };
 
@@ -192,12 +218,13 @@ struct Reducer {
 // initFine of `buffer`.
 template <class T>
 void reduceLevel(int wF, int hF, int wC, int hC, int ch, int wrapX, int initFine, int initCoarse,
-                 const void* source, void* buffer) noexcept {
+                 const void* source, void* buffer, int threads) noexcept {
     T* base = static_cast<T*>(buffer);
     const T* fine = source ? static_cast<const T*>(source) : base + initFine;
-    Reducer<T> r{fine, base + initCoarse, wF, hF, wC, hC, ch, wrapX != 0,
-                 (wF & 1) != 0, (hF & 1) != 0};
-    r.run();
+    const Reducer<T> r{fine, base + initCoarse, wF, hF, wC, hC, ch, wrapX != 0,
+                       (wF & 1) != 0, (hF & 1) != 0};
+    runBands(threads, hC, static_cast<std::size_t>(wC) * ch * 4,
+             [&r](int first, int count) { r.runRows(first, first + count); });
 }
 
 }  // namespace
@@ -206,25 +233,25 @@ void fusion21a(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int
                int initFine, int initCoarse, void* scratch, void* buffer,
                const char* label) noexcept {
     fusion21aFrom(nullptr, wFine, hFine, wCoarse, hCoarse, channels, bps, wrapX, initFine,
-                  initCoarse, buffer, label);
+                  initCoarse, buffer, label, 1);
 }
 
 void fusion21aFrom(const void* source, int wFine, int hFine, int wCoarse, int hCoarse,
                    int channels, int bps, int wrapX, int initFine, int initCoarse, void* buffer,
-                   const char* label) noexcept {
+                   const char* label, int threads) noexcept {
     if constexpr (traceProbe)
         std::fprintf(stderr, "%s  %d x %d  ->  %d x %d    bps: %d     initFine: %d  coarse: %d\n",
                      label, wFine, hFine, wCoarse, hCoarse, bps, initFine, initCoarse);
     if (wFine < 1 || hFine < 1 || wCoarse < 1 || hCoarse < 1 || channels < 1) return;
     if (bps == 8)
         reduceLevel<std::uint8_t>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine,
-                                  initCoarse, source, buffer);
+                                  initCoarse, source, buffer, threads);
     else if (bps == 16)
         reduceLevel<std::uint16_t>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine,
-                                   initCoarse, source, buffer);
+                                   initCoarse, source, buffer, threads);
     else if (bps == 32)
         reduceLevel<float>(wFine, hFine, wCoarse, hCoarse, channels, wrapX, initFine, initCoarse,
-                           source, buffer);
+                           source, buffer, threads);
     if constexpr (traceStats) {
         // One sampled coarse pixel per level: the centre, channel 0.
         const int cx = wCoarse / 2, cy = hCoarse / 2;
@@ -238,7 +265,7 @@ void fusion21aFrom(const void* source, int wFine, int hFine, int wCoarse, int hC
     }
 }
 
-int adjust21(int nivo, int width, int height, int bps, int wrapX, void* buffer) noexcept {
+int adjust21(int nivo, int width, int height, int bps, int wrapX, void* buffer, int threads) noexcept {
     if constexpr (traceFlow) std::fprintf(stderr, "adjust21  - rangMax: %d\n", nivo);
     int w = width, h = height;
     int initFine = 0;
@@ -248,8 +275,8 @@ int adjust21(int nivo, int width, int height, int bps, int wrapX, void* buffer) 
             std::fprintf(stderr, "gauss_pyram nivo%d  nivFine %d x %d   nivCoarse %d x %d\n", k, w,
                          h, wc, hc);
         const int initCoarse = initFine + w * h;
-        fusion21a(w, h, wc, hc, 1, bps, wrapX, initFine, initCoarse, nullptr, buffer,
-                  "fusion21a");
+        fusion21aFrom(nullptr, w, h, wc, hc, 1, bps, wrapX, initFine, initCoarse, buffer,
+                      "fusion21a", threads);
         if constexpr (traceFlow) {
             // The centre of the new level beside the fine pixel it stands on.
             const int cx = wc / 2, cy = hc / 2;

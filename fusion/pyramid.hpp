@@ -35,12 +35,14 @@ void fusion21a(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int
 // fusion21a with the fine level read from its own buffer `source` (its first
 // sample) rather than from `buffer`; initFine only names the printed lines.
 // Ghost detection reduces 8-bit photos this way without copying them first.
+// The coarse rows are split into bands on up to `threads` threads.
 void fusion21aFrom(const void* source, int wFine, int hFine, int wCoarse, int hCoarse,
                    int channels, int bps, int wrapX, int initFine, int initCoarse, void* buffer,
-                   const char* label) noexcept;
+                   const char* label, int threads = 1) noexcept;
 
 // Builds the Gaussian pyramid of the one-channel plane at the start of
-// `buffer`, in place. Returns nivo.
-int adjust21(int nivo, int width, int height, int bps, int wrapX, void* buffer) noexcept;
+// `buffer`, in place, each level on up to `threads` threads. Returns nivo.
+int adjust21(int nivo, int width, int height, int bps, int wrapX, void* buffer,
+             int threads = 1) noexcept;
 
 }  // namespace ol

@@ -6,17 +6,34 @@
 #include <cstdio>
 
 #include "frame/alloc.hpp"
+#include "frame/clones.hpp"
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
+#include "fusion/bands.hpp"
 #include "fusion/expand.hpp"
 #include "fusion/pyramid.hpp"
 #include "fusion/stages.hpp"
 
 namespace ol {
+namespace {
+
+// One span of a 16-bit level: the bias of 32767 removed, the expansion
+// added, clamped to 0..65535.
+OL_AVX2_CLONES
+void collapseSpan16(const std::int32_t* __restrict up, std::uint16_t* __restrict d, int count) noexcept {
+    for (int j = 0; j < count; ++j) {
+        std::int32_t v = static_cast<std::int32_t>(d[j]) - 32767 + up[j];
+        v = v < 0 ? 0 : v;
+        v = v > 65535 ? 65535 : v;
+        d[j] = static_cast<std::uint16_t>(v);
+    }
+}
+
+}  // namespace
 
 void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
                   int bitDepthFusion, int wrapX, int initFine, int initCoarse, void* scratch,
-                  void* fused) noexcept {
+                  void* fused, int threads) noexcept {
     if constexpr (traceStats)
         std::fprintf(stderr,
                      "fusion31et32  up %d x %d   to  %d x %d    total coarse: %d  fine: %d  -  initFine: %d  coarse: %d\n",
@@ -28,8 +45,9 @@ void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
         auto* f16 = static_cast<std::uint16_t*>(fused);
         const std::uint16_t* coarse = f16 + initCoarse;
         const int span = spanPixels(channels);
+        runBands(threads, hFine, rowSamples, [&](int first, int count) {
         std::int32_t up[kSpanSamples];
-        for (int y = 0; y < hFine; ++y) {
+        for (int y = first; y < first + count; ++y) {
             std::uint16_t* dst = f16 + initFine + y * rowSamples;
             // Removing the bias of 32767 leaves the finished level.
             if (span < 2) {
@@ -43,17 +61,11 @@ void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
             }
             for (int x0 = 0; x0 < wFine; x0 += span) {
                 const int n = wFine - x0 < span ? wFine - x0 : span;
-                expandSpanChannels(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
-                std::uint16_t* __restrict d = dst + static_cast<std::size_t>(x0) * channels;
-                const int count = n * channels;
-                for (int j = 0; j < count; ++j) {
-                    std::int32_t v = static_cast<std::int32_t>(d[j]) - 32767 + up[j];
-                    v = v < 0 ? 0 : v;
-                    v = v > 65535 ? 65535 : v;
-                    d[j] = static_cast<std::uint16_t>(v);
-                }
+                expandSpan16(coarse, y, wFine, hFine, wCoarse, channels, wrap, x0, n, up);
+                collapseSpan16(up, dst + static_cast<std::size_t>(x0) * channels, n * channels);
             }
         }
+        });
         if constexpr (traceStats) {
             const int x = wFine / 2, y = hFine / 2;
             std::fprintf(stderr, "  up:  %d     Coarse: %d       Res: %d     at %d %d\n", 0,
@@ -63,13 +75,15 @@ void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
     } else if (bitDepthFusion == 32) {
         auto* ff = static_cast<float*>(fused);
         const float* coarse = ff + initCoarse;
-        for (int y = 0; y < hFine; ++y) {
-            float* dst = ff + initFine + y * rowSamples;
-            expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap,
-                      [dst, channels](int x, int c, float up) {
-                          dst[static_cast<std::size_t>(x) * channels + c] += up;
-                      });
-        }
+        runBands(threads, hFine, rowSamples, [&](int first, int count) {
+            for (int y = first; y < first + count; ++y) {
+                float* dst = ff + initFine + y * rowSamples;
+                expandRow(coarse, y, wFine, hFine, wCoarse, channels, wrap,
+                          [dst, channels](int x, int c, float up) {
+                              dst[static_cast<std::size_t>(x) * channels + c] += up;
+                          });
+            }
+        });
         if constexpr (traceStats) {
             const int o1 = (channels - 1) / 2, o2 = channels - 1;
             const std::size_t i = static_cast<std::size_t>(initFine);
@@ -181,12 +195,15 @@ inline O toSample(float v, std::int32_t top) noexcept {
 
 template <class O>
 void finishImage(const Finish& fin, int width, int height, int channels, int bitDepthFusion,
-                 int outStride, int outSwap, const void* fused, void* work) noexcept {
+                 int outStride, int outSwap, const void* fused, void* work, int threads) noexcept {
     const int o1 = (channels - 1) / 2, o2 = channels - 1;
     const int d0 = outSwap ? o2 : 0, d2 = outSwap ? 0 : o2;
     const std::int32_t top = sizeof(O) == 1 ? 255 : 65535;
     O* out = static_cast<O*>(work);
     const int sx = width / 2, sy = height / 2;  // the sampled pixel of the probe line
+    // Rows that overlap in the output (a stride below the row) are written in
+    // row order, the later row winning: they stay on one thread.
+    if (static_cast<std::int64_t>(outStride) < static_cast<std::int64_t>(width) * channels) threads = 1;
     if (bitDepthFusion == 16 && !fin.saturate) {
         // Every step acts on one value at a time: one table over all 16-bit
         // fused values, built before the pixel loop.
@@ -197,7 +214,8 @@ void finishImage(const Finish& fin, int width, int height, int channels, int bit
             table[v] = toSample<O>(fin.applyOne(x), top);
         }
         const auto* f16 = static_cast<const std::uint16_t*>(fused);
-        for (int y = 0; y < height; ++y) {
+        runBands(threads, height, static_cast<std::size_t>(width) * channels, [&](int first, int count) {
+        for (int y = first; y < first + count; ++y) {
             const std::uint16_t* src = f16 + static_cast<std::size_t>(y) * width * channels;
             O* dst = out + static_cast<std::size_t>(y) * outStride;
             for (int x = 0; x < width; ++x) {
@@ -218,9 +236,11 @@ void finishImage(const Finish& fin, int width, int height, int channels, int bit
                     }
             }
         }
+        });
         return;
     }
-    for (int y = 0; y < height; ++y) {
+    runBands(threads, height, static_cast<std::size_t>(width) * channels * 8, [&](int first, int count) {
+    for (int y = first; y < first + count; ++y) {
         O* dst = out + static_cast<std::size_t>(y) * outStride;
         for (int x = 0; x < width; ++x) {
             const std::size_t s = (static_cast<std::size_t>(y) * width + x) * channels;
@@ -249,13 +269,14 @@ void finishImage(const Finish& fin, int width, int height, int channels, int bit
             d[d2] = toSample<O>(v[2], top);
         }
     }
+    });
 }
 
 }  // namespace
 
 void fusion33(const float* fusionParams, int width, int height, int channels, int bspOut,
               int bitDepthFusion, int outStride, int outSwap, void* scratch, const void* fused,
-              void* outFloat, void* work) noexcept {
+              void* outFloat, void* work, int threads) noexcept {
     const float colorSaturation = fusionParams[3];
     const float whiteClip = fusionParams[4];
     const float blackClip = fusionParams[5];
@@ -278,14 +299,14 @@ void fusion33(const float* fusionParams, int width, int height, int channels, in
     fin.toUnit = fin.saturate || fin.gamma;
     fin.clip = whiteClip > 0.0f || blackClip > 0.0f;
     if (bspOut == 8)
-        finishImage<std::uint8_t>(fin, width, height, channels, bitDepthFusion, outStride, outSwap, fused, work);
+        finishImage<std::uint8_t>(fin, width, height, channels, bitDepthFusion, outStride, outSwap, fused, work, threads);
     else if (bspOut == 16)
-        finishImage<std::uint16_t>(fin, width, height, channels, bitDepthFusion, outStride, outSwap, fused, work);
+        finishImage<std::uint16_t>(fin, width, height, channels, bitDepthFusion, outStride, outSwap, fused, work, threads);
 }
 
 int fusion3(const float* fusionParams, int nivo, int width, int height, int channels, int bspOut,
             int bitDepthFusion, int outStride, int outSwap, int wrapX, void* fused,
-            void* outFloat, void* work) noexcept {
+            void* outFloat, void* work, int threads) noexcept {
     const std::size_t n = nivo + 2 > 0 ? static_cast<std::size_t>(nivo + 2) : 1;
     Owned<int> widths = makeOwned<int>(n);
     Owned<int> heights = makeOwned<int>(n);
@@ -305,12 +326,12 @@ int fusion3(const float* fusionParams, int nivo, int width, int height, int chan
             std::fprintf(stderr, "Reconstruction nivo%d  Fine: %d  %d x %d  Coarse: %d   %d x %d\n", k,
                          initFine, widths[k], heights[k], initCoarse, widths[k + 1], heights[k + 1]);
         fusion31et32(widths[k], heights[k], widths[k + 1], heights[k + 1], channels, bitDepthFusion,
-                     wrapX, initFine, initCoarse, nullptr, fused);
+                     wrapX, initFine, initCoarse, nullptr, fused, threads);
         initCoarse = initFine;
         if (k > 0) initFine -= widths[k - 1] * heights[k - 1] * channels;
     }
     fusion33(fusionParams, width, height, channels, bspOut, bitDepthFusion, outStride, outSwap,
-             nullptr, fused, outFloat, work);
+             nullptr, fused, outFloat, work, threads);
     return width * height * channels;
 }
 

@@ -30,28 +30,31 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
               const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
               void* poids) noexcept;
 
+// `threads` in the stages below: the rows of each level are split into bands
+// on up to that many threads; the result does not depend on it.
+
 // Adds one photo (its level 0 in `work`) into the fused pyramid.
 int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitDepthFusion,
              int bitDepthPoids, int wrapX, const void* pyrPoids, std::FILE* fpPyramPoids,
-             void* rowBuffer, void* work, void* fused) noexcept;
+             void* rowBuffer, void* work, void* fused, int threads = 1) noexcept;
 
 int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int bitDepthFusion,
                  int bitDepthPoids, int wrapX, int diskRows, std::FILE* fpPyramPoids,
                  void* rowBuffer, int offPoids, int initFine, int initCoarse, void* scratch,
-                 const void* pyrPoids, const void* work, void* fused) noexcept;
+                 const void* pyrPoids, const void* work, void* fused, int threads = 1) noexcept;
 
 // Collapses the fused pyramid and writes the finished image into `work`.
 int fusion3(const float* fusionParams, int nivo, int width, int height, int channels, int bspOut,
             int bitDepthFusion, int outStride, int outSwap, int wrapX, void* fused,
-            void* outFloat, void* work) noexcept;
+            void* outFloat, void* work, int threads = 1) noexcept;
 
 void fusion31et32(int wFine, int hFine, int wCoarse, int hCoarse, int channels,
                   int bitDepthFusion, int wrapX, int initFine, int initCoarse, void* scratch,
-                  void* fused) noexcept;
+                  void* fused, int threads = 1) noexcept;
 
 void fusion33(const float* fusionParams, int width, int height, int channels, int bspOut,
               int bitDepthFusion, int outStride, int outSwap, void* scratch, const void* fused,
-              void* outFloat, void* work) noexcept;
+              void* outFloat, void* work, int threads = 1) noexcept;
 
 int rgb_to_hsl(const float* rgb, float* hsl) noexcept;
 int hsl_to_rgb(const float* hsl, float* rgb) noexcept;

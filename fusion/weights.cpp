@@ -373,7 +373,7 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
         return -4;
 
     if (photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
-                    surexNivo.get(), medianLevel.get(), photoOrder.get()) < 0)
+                    surexNivo.get(), medianLevel.get(), photoOrder.get(), nbProc) < 0)
         photoBias = 0.0f;
     if constexpr (traceProbe)
         for (int p = 0; p < nbPhotos; ++p)

@@ -1,0 +1,35 @@
+// Bands of rows on the host's threads, for the stages after the weights:
+// every band writes only its own rows, so the result does not depend on the
+// number of bands. The calling thread takes the last band and joins the
+// others before returning; a band whose thread will not start runs on the
+// calling thread too. Small jobs stay on the calling thread, where starting
+// a thread would cost more than it saves.
+#pragma once
+
+#include <cstddef>
+#include <type_traits>
+
+namespace ol {
+
+// Calls fn(ctx, band, first, count) for consecutive bands 0, 1, ... covering
+// rows [0, rows), on up to `threads` threads (never more bands than that).
+// `workPerRow` (samples, say) decides whether the job is worth splitting.
+void runBandsRaw(int threads, int rows, std::size_t workPerRow, void (*fn)(void*, int, int, int),
+                 void* ctx) noexcept;
+
+// f(band, first, count).
+template <class F>
+void runBandsIndexed(int threads, int rows, std::size_t workPerRow, F&& f) noexcept {
+    runBandsRaw(
+        threads, rows, workPerRow,
+        [](void* c, int band, int first, int count) { (*static_cast<std::remove_reference_t<F>*>(c))(band, first, count); },
+        const_cast<void*>(static_cast<const void*>(&f)));
+}
+
+// f(first, count).
+template <class F>
+void runBands(int threads, int rows, std::size_t workPerRow, F&& f) noexcept {
+    runBandsIndexed(threads, rows, workPerRow, [&f](int, int first, int count) { f(first, count); });
+}
+
+}  // namespace ol
