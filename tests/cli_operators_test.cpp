@@ -40,11 +40,7 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
     const std::string first = quote(dir.file("d") + "/" + fs::directory_iterator(dir.file("d"))->path().filename().string());
     ASSERT_EQ(run("merge -q " + jpg + "-o " + quote(dir.file("m.hdr"))).code, 0);
     const std::string f = dir.file("");
-    struct Case {
-        std::string args;
-        std::string pattern;  // on stdout
-        std::string file;     // written, "" for none
-    };
+    struct Case { std::string args, pattern, file; };  // the pattern on stdout; the file written, "" for none
     const std::vector<Case> cases = {
         // The generator's camera is a 2.2 curve with a soft shoulder.
         {"response " + jpg + "--csv " + quote(f + "r.csv") + " --plot " + quote(f + "r.png"),
@@ -73,9 +69,7 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
         const Result r = run(c.args);
         EXPECT_EQ(r.code, 0) << r.err;
         EXPECT_TRUE(std::regex_search(r.out, std::regex(c.pattern))) << r.out;
-        if (!c.file.empty()) {
-            EXPECT_TRUE(fs::exists(f + c.file));
-        }
+        if (!c.file.empty()) { EXPECT_TRUE(fs::exists(f + c.file)); }
     }
     // The estimated exponent is what the merge used: the same picture as --gamma.
     std::smatch g;
@@ -88,10 +82,8 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
     const std::string text(csv.begin(), csv.end());
     EXPECT_EQ(text.rfind("level,value,measured\n0,", 0), 0u);
     EXPECT_NE(text.find("\n255,1,"), std::string::npos);
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "r.png")).out, std::regex("width +256\nheight +256")));
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "p.hdr")).out, std::regex("width +192\nheight +64")));
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "two.png")).out, std::regex("width +64\nheight +96")));
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "int.tif")).out, std::regex("width +90\nheight +60")));
+    for (auto [file, size] : {std::pair{"r.png", "256\nheight +256"}, {"p.hdr", "192\nheight +64"}, {"two.png", "64\nheight +96"}, {"int.tif", "90\nheight +60"}})
+        EXPECT_TRUE(std::regex_search(run("info " + quote(f + file)).out, std::regex(std::string("width +") + size))) << file;
 }
 
 TEST(CliOperators, BadInputsFailWithOneLine) {
@@ -101,11 +93,7 @@ TEST(CliOperators, BadInputsFailWithOneLine) {
     const std::string one = quote(dir.file("j") + "/" + fs::directory_iterator(dir.file("j"))->path().filename().string());
     oltest::writeText(dir.file("bad.icc"), "short");
     const std::string out = " -o " + quote(dir.file("o.png"));
-    struct Case {
-        std::string args;
-        int code;
-        std::string mention;
-    };
+    struct Case { std::string args; int code; std::string mention; };
     const std::vector<Case> cases = {
         {"compress " + one + out, 2, "has 8-bit samples; compress takes a 16-bit"},
         {"compress " + quote(dir.file("none.tif")) + out, 2, "none.tif: no such file"},
