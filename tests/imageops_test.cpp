@@ -14,7 +14,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 Bytes rnd(std::size_t n, std::uint32_t seed) { return oltest::randomBytes(n, seed); }
-template <class T> T* as(Bytes& b) { return reinterpret_cast<T*>(b.data()); }
 template <class T> const T* as(const Bytes& b) { return reinterpret_cast<const T*>(b.data()); }
 long ext(long rows, long step, long len) { return rows < 1 ? 0 : (rows - 1) * step + len; }
 using Pos = std::array<int, 3>;  // the three colour samples of a pixel: first, middle, last or 0, 1, 2
@@ -36,16 +35,14 @@ void refTurn(int angle, int w, int h, long ss, int spp, long ds, const Pos& p, i
         }
 }
 
-struct TurnCase { int bps, w, h, spp, angle, srcPad, dstPad; };
-
 // Both turns match the column walk at every size, 16x16 blocks and their
 // edges included, so four turns give the original.
 TEST(ImageOps, QuarterTurnsMatchTheColumnWalk) {
-    const TurnCase cases[] = {{8, 7, 5, 3, 90, 0, 0},   {8, 7, 5, 3, 270, 2, 3}, {16, 9, 4, 4, 90, 1, 0},
+    const struct TurnCase { int bps, w, h, spp, angle, srcPad, dstPad; } cases[] = {{8, 7, 5, 3, 90, 0, 0},   {8, 7, 5, 3, 270, 2, 3}, {16, 9, 4, 4, 90, 1, 0},
                               {16, 9, 4, 4, 270, 0, 2}, {8, 1, 1, 1, 90, 0, 0},  {8, 70, 33, 1, 270, 0, 0}, {8, 40, 35, 1, 90, 0, 0},
                               {8, 5, 1, 3, 90, 0, 0},   {8, 1, 6, 3, 270, 0, 0}, {8, 6, 5, 2, 90, 0, 0},
                               {8, 6, 5, 2, 270, 1, 1},  {16, 65, 66, 3, 90, 3, 0}, {8, 33, 2, 4, 270, 0, 4}};
-    for (const TurnCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.bps << " " << c.w << "x" << c.h << " spp " << c.spp << " " << c.angle);
         const int sz = c.bps / 8, ss = c.w * c.spp + c.srcPad, ds = c.h * c.spp + c.dstPad;
         const Bytes src = rnd(size_t(ext(c.h, ss, c.w * c.spp)) * sz, 1);
@@ -74,8 +71,7 @@ TEST(ImageOps, QuarterTurnsMatchTheColumnWalk) {
 
 // Sampled copy of a rectangle by buffer kind: output (x, r) from source
 // (x0 + x*pas, y0 + r*pas); kind 1 bits (set only), 8, 16, 168 (16 to 8), 32.
-void refGrid(int kind, int w, long stride, int spp, int x0, int y0, int pas, int cols, int rows, int outW,
-             const std::uint8_t* s, std::uint8_t* d) {
+void refGrid(int kind, int w, long stride, int spp, int x0, int y0, int pas, int cols, int rows, int outW, const std::uint8_t* s, std::uint8_t* d) {
     const Pos p = fml(spp);
     for (int r = 0; r < rows; ++r)
         for (int x = 0; x < cols; ++x) {
@@ -90,14 +86,12 @@ void refGrid(int kind, int w, long stride, int spp, int x0, int y0, int pas, int
         }
 }
 
-struct CropCase { int bps, spp, cw, ch, left, top, srcStride, dstPad; };
-
 TEST(ImageOps, CropsTakeTheRectangleInsideTheRow) {
     // Source 11x9; crops at each border, negative corners, past the right edge.
-    const CropCase cases[] = {{8, 3, 4, 3, 0, 0, 33, 0},  {8, 3, 4, 3, 7, 6, 33, 2},  {16, 4, 5, 2, -3, -1, 44, 0},
+    const struct CropCase { int bps, spp, cw, ch, left, top, srcStride, dstPad; } cases[] = {{8, 3, 4, 3, 0, 0, 33, 0},  {8, 3, 4, 3, 7, 6, 33, 2},  {16, 4, 5, 2, -3, -1, 44, 0},
                               {8, 1, 11, 9, 0, 0, 11, 0}, {16, 1, 1, 1, 10, 8, 12, 0}, {8, 2, 4, 4, 7, 5, 22, 1},
                               {8, 2, 3, 2, 2, 2, 23, 0},  {8, 3, 6, 3, 8, 0, 33, 0},  {8, 4, 3, 2, 12, 0, 44, 0}};
-    for (const CropCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.bps << " spp " << c.spp << " at " << c.left << "," << c.top);
         const int sz = c.bps / 8, ds = c.cw * c.spp + c.dstPad, l = std::max(c.left, 0), t = std::max(c.top, 0);
         const Bytes src = rnd(size_t(c.srcStride) * 9 * sz, 7);
@@ -108,8 +102,7 @@ TEST(ImageOps, CropsTakeTheRectangleInsideTheRow) {
             for (int x = 0; x < c.cw && (l + x + 1) * c.spp <= c.srcStride; ++x)
                 for (int k = 0; k < 3; ++k) {
                     const long si = long(l + x) * c.spp + p[k], di = long(x) * c.spp + p[k];
-                    if (si < c.srcStride && di < (r < c.ch - 1 ? ds : c.cw * c.spp))
-                        std::memcpy(&want[(r * ds + di) * sz], &src[((t + r) * c.srcStride + si) * sz], sz);
+                    if (si < c.srcStride && di < (r < c.ch - 1 ? ds : c.cw * c.spp)) std::memcpy(&want[(r * ds + di) * sz], &src[((t + r) * c.srcStride + si) * sz], sz);
                 }
         EXPECT_EQ(got, want);
         // crop_hdr on an 11-wide picture of planes, columns past 11 not copied.
@@ -131,13 +124,12 @@ void refCounts(int w, int h, long step, int spp, const T* d, std::vector<int32_t
         for (int x = 0; x < w; ++x) {
             const long i = y * step + long(x) * spp;
             const unsigned s0 = d[i + p[0]], s1 = d[i + p[1]], s2 = i + p[2] < end ? d[i + p[2]] : 0, s = 54 * s2 + 183 * s1 + 19 * s0;
-            ++c[hi8<T>(s0)], ++c[256 + hi8<T>(s1)], ++c[512 + hi8<T>(s2)];
-            ++c[768 + ((54 * hi8<T>(s2) + 183 * hi8<T>(s1) + 19 * hi8<T>(s0)) >> 8)];
+            ++c[hi8<T>(s0)], ++c[256 + hi8<T>(s1)], ++c[512 + hi8<T>(s2)], ++c[768 + ((54 * hi8<T>(s2) + 183 * hi8<T>(s1) + 19 * hi8<T>(s0)) >> 8)];
             if (sizeof(T) == 2) ++c[1024 + (s >> 15)], range[0] = std::min(range[0], float(s >> 8)), range[1] = std::max(range[1], float(s >> 8));
         }
 }
 
-TEST(ImageOps, HistogramsCountEachPixelOncePerCall) {
+TEST(ImageOps, HistogramsCountEachPixelOncePerCallAndRadianceMarks) {
     const int rows[][5] = {{8, 17, 9, 3, 0}, {16, 17, 9, 3, 5}, {8, 1, 1, 1, 0}, {16, 7, 4, 4, 2}, {8, 6, 5, 2, 0},
                            {16, 6, 5, 2, 1}, {16, 1, 1, 3, 0},  {8, 64, 3, 1, 7}};
     for (const auto& r : rows) {
@@ -159,12 +151,10 @@ TEST(ImageOps, HistogramsCountEachPixelOncePerCall) {
     // A white 16-bit pixel: bin 511, luminance 65535; width 0 keeps the start range.
     std::vector<std::uint16_t> white(3, 65535);
     std::vector<int32_t> bins(512);
-    float range[2], range0[2] = {-1, -1};
-    EXPECT_EQ(hist16(1, 1, 3, 3, white.data(), range, bins.data()) + hist16(0, 2, 3, 3, white.data(), range0, bins.data()), 3);
-    EXPECT_EQ(std::vector<float>({float(bins[511]), range[0], range[1], range0[0], range0[1]}), std::vector<float>({1, 65535, 65535, 65535, 0}));
-}
-
-TEST(ImageOps, RadianceHistogramAndItsMarks) {
+    float r1[2], r0[2] = {-1, -1};
+    EXPECT_EQ(hist16(1, 1, 3, 3, white.data(), r1, bins.data()) + hist16(0, 2, 3, 3, white.data(), r0, bins.data()), 3);
+    EXPECT_EQ(std::vector<float>({float(bins[511]), r1[0], r1[1], r0[0], r0[1]}), std::vector<float>({1, 65535, 65535, 65535, 0}));
+    // Radiance pictures: getHisto32's bins, and the marks of hist32info on them.
     const int w = 37, h = 11;
     Bytes planes = rnd(4 * w * h, 11);
     for (int i = 0; i < w * h; ++i) {  // exponents near 128, some 0, some levels 0
@@ -186,8 +176,7 @@ TEST(ImageOps, RadianceHistogramAndItsMarks) {
     // Marks from the text on that histogram, log axis (32) and linear (16).
     for (int mode : {32, 16}) {
         float info[10] = {5.0f, 200.0f};  // 200 is no percentile: 100 stands in
-        const float lo = mode == 16 ? range[0] : lmin, hi = mode == 16 ? range[1] : float(std::log(double(range[1])));
-        const float bw = float(double(hi - lo) * 0.001953125);
+        const float lo = mode == 16 ? range[0] : lmin, hi = mode == 16 ? range[1] : float(std::log(double(range[1]))), bw = float(double(hi - lo) * 0.001953125);
         auto val = [&](int b) { float v = lo + float(b) * bw; return mode == 32 ? float(std::exp(double(v))) : v; };
         long total = 0, sum = 0;
         for (int i = 0; i < 512; ++i) total += got[i], sum += long(i) * got[i];

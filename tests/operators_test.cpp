@@ -1,18 +1,18 @@
 // Single-image operators against small per-pixel readings of their rules, on
 // random inputs; hand pins only at the boundaries (rims, modes, bad sizes).
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <functional>
 #include <random>
 
 #include "frame/numeric.hpp"
 #include "frame/rgbe.hpp"
+#include "support/box_mean.hpp"
 #include "support/testsupport.hpp"
 
 namespace {
 
 using ol::truncToInt;
+using oltest::boxMean;
 std::mt19937 rng(20261125);
 
 template <class T> std::vector<T> randomSamples(std::size_t n, int top) {
@@ -20,18 +20,10 @@ template <class T> std::vector<T> randomSamples(std::size_t n, int top) {
     for (auto& s : v) s = static_cast<T>(rng() % (top + 1u));
     return v;
 }
-long clampL(long v, long lo, long hi) { return v < lo ? lo : (v > hi ? hi : v); }
 // Guarded read of a buffer: outside it a sample is 0.
 template <class T> int at(const std::vector<T>& v, long i) { return i < 0 || i >= static_cast<long>(v.size()) ? 0 : v[i]; }
 template <class T> void expectSame(const std::vector<T>& got, const std::vector<T>& want, const char* what) {
     for (std::size_t i = 0; i < want.size(); ++i) ASSERT_EQ(+got.at(i), +want[i]) << what << " at sample " << i;
-}
-// Clipped box mean of one line, summed afresh: positions 1..n-1 only, 0 for none.
-int boxMean(const std::function<int(long)>& value, long i, long n, long before, long after) {
-    long sum = 0, count = 0;
-    for (long p = i - before; p <= i + after; ++p)
-        if (p >= 1 && p < n) sum += value(p), ++count;
-    return count ? static_cast<int>(sum / count) : 0;
 }
 
 TEST(ToneParams, RoundingAndScales) {
@@ -50,9 +42,9 @@ template <class T> void checkContrast(float contrast, int brightness, int w, int
     const double S = sizeof(T) == 1 ? 64.0 : 16384.0, c = contrast;
     const int kx[4] = {0, int(S * (c + 1)), int(S * (3 - c)), top}, ky[4] = {0, int(S * (1 - c)), int(S * (3 + c)), top};
     auto curve = [&](long v) {
-        v = clampL(v + (sizeof(T) == 1 ? brightness : brightness * 256L), 0, top);
+        v = std::clamp<long>(v + (sizeof(T) == 1 ? brightness : brightness * 256L), 0, top);
         int s = 0;  // the segment [kx[s], kx[s+1]) holding v, 3 for none
-        for (; s < 3 && !(v >= kx[s] && v < kx[s + 1]);) ++s;
+        while (s < 3 && !(v >= kx[s] && v < kx[s + 1])) ++s;
         const float slope = s < 3 ? float(ky[s + 1] - ky[s]) / float(kx[s + 1] - kx[s]) : 0;
         return s < 3 ? int(float(v) * slope + (float(ky[s]) - float(kx[s]) * slope)) : top;
     };
@@ -72,8 +64,7 @@ TEST(Lumcontr, CurveAtBothDepthsIdentityAndBadArguments) {
     EXPECT_EQ(lumcontr(0.5f, 0, 8, 64, 0, 192, 3, img.data()), 0);
     EXPECT_EQ(lumcontr(0.5f, 0, 8, 64, 2, 100, 3, img.data()), 0);  // stride shorter than a row
     expectSame(img, copy, "refused calls");
-    std::vector<std::uint8_t> one{9};  // spp 1 reads three samples a pixel: never past the buffer
-    EXPECT_EQ(lumcontr(NAN, 1000000, 8, 1, 1, 1, 1, one.data()), 1);
+    EXPECT_EQ(lumcontr(NAN, 1000000, 8, 1, 1, 1, 1, std::vector<std::uint8_t>{9}.data()), 1);  // spp 1 reads three samples a pixel: never past the buffer
 }
 
 TEST(Rankvig, OrderTiesAndStops) {
@@ -84,8 +75,7 @@ TEST(Rankvig, OrderTiesAndStops) {
         for (int k = 0; k < std::min(spp, 3); ++k) block[k] = 255;  // a white pixel (sum 765) doesn't count
         std::vector<int> o(n, -9), s(n, -9);
         EXPECT_EQ(rankvig(n, w, h, stride, spp, block.data(), o.data(), s.data()), s[n - 1]);
-        EXPECT_EQ(o, order);
-        if (!stops.empty()) { EXPECT_EQ(s, stops); }
+        EXPECT_EQ(o, order); if (!stops.empty()) { EXPECT_EQ(s, stops); }
     };
     run({77}, 3, {0}, {0});
     run({100, 100, 50}, 4, {0, 2, 1}, {});
@@ -97,14 +87,12 @@ TEST(Rankvig, OrderTiesAndStops) {
 // Means of the stack at the colour positions, as moyenne writes them.
 template <class Out> std::vector<Out> stackMeans(const std::vector<std::uint16_t>& st, int n, int w, int h, int stride, int spp, bool swap,
                             int scale, std::vector<Out> dst) {
-    const int mid = (spp - 1) / 2, last = spp - 1;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            long S[3] = {0, 0, 0};
-            for (int k = 0; k < n; ++k)
-                for (int c = 0; c < 3; ++c) S[c] += st[std::size_t(k) * w * h * spp + (y * w + x) * spp + (c == 0 ? 0 : c == 1 ? mid : last)];
-            Out* p = dst.data() + y * stride + x * spp;
-            p[swap ? last : 0] = Out(S[0] * scale / n), p[swap ? 0 : last] = Out(S[2] * scale / n), p[mid] = Out(S[1] * scale / n);
+    const int pos[3] = {0, (spp - 1) / 2, spp - 1};
+    for (int i = 0; i < w * h; ++i)
+        for (int c : {0, 2, 1}) {  // first, last, then middle: with 1 or 2 samples a pixel the middle stays
+            long sum = 0;
+            for (int k = 0; k < n; ++k) sum += st[(std::size_t(k) * w * h + i) * spp + pos[c]];
+            dst[i / w * stride + i % w * spp + pos[swap && c != 1 ? 2 - c : c]] = Out(sum * scale / n);
         }
     return dst;
 }
@@ -154,14 +142,13 @@ TEST(StackMeans, MoyenneAndHsautoMatchReading) {
 }
 
 // comp16: mask, 17 x 17 clipped box blur, blend; on a rectangle of a source.
-std::vector<std::uint8_t> compressReading(int strength, const std::vector<std::uint16_t>& src, int x0, int y0, int w,
-                                          int h, int sstride, int dstride, int spp, std::vector<std::uint8_t> dst) {
+std::vector<std::uint8_t> compressReading(int strength, const std::vector<std::uint16_t>& src, int x0, int y0, int w, int h, int sstride, int dstride, int spp, std::vector<std::uint8_t> dst) {
     const int g1 = spp > 1 ? 1 : 0, b1 = spp > 1 ? 2 : 0;
     auto S = [&](int x, int y, int c) { return int(src[(y0 + y) * sstride + (x0 + x) * spp + c]); };
     std::vector<int> mask(w * h), tmp(w * h);
     for (int i = 0, x, y, Y; i < w * h; ++i) {
         x = i % w, y = i / w, Y = int((float(S(x, y, g1) >> 8) * 0.6094f + float(S(x, y, 0) >> 8) * 0.3086f) + float(S(x, y, b1) >> 8) * 0.082f);
-        mask[i] = int(clampL(long(double(float(Y - 68)) * 1.15 + 128.0), 0, 255));
+        mask[i] = std::clamp(int(double(float(Y - 68)) * 1.15 + 128.0), 0, 255);
     }
     for (int i = 0; i < w * h; ++i) tmp[i] = boxMean([&](long c) { return mask[i / w * w + c]; }, i % w, w, 8, 8);
     const double g = strength * 0.01 + 0.5;
@@ -171,13 +158,13 @@ std::vector<std::uint8_t> compressReading(int strength, const std::vector<std::u
         for (int c : {0, g1, b1}) {
             const int p = std::min(255, truncToInt(std::pow(double(S(x, y, c)), g)));
             const double t = float(S(x, y, c) >> 8) * a;
-            dst[y * dstride + x * spp + c] = std::uint8_t(clampL(truncToInt(t + p * (1.0 - a)), 0, 255));
+            dst[y * dstride + x * spp + c] = std::uint8_t(std::clamp(truncToInt(t + p * (1.0 - a)), 0, 255));
         }
     }
     return dst;
 }
 
-TEST(Comp16, WholeImageAndRectangleMatchReading) {
+TEST(Comp16, WholeImageAndRectangleMatchReadingFailedWorkBufferAndRefusals) {
     const struct { int strength, w, h, spp; } cases[] = {{0, 23, 19, 3}, {50, 9, 30, 4}, {-70, 40, 3, 1}, {180, 2, 2, 3}, {25, 1, 6, 3}};  // width 1: empty windows
     for (const auto& k : cases) {
         const int stride = k.w * k.spp + 2;
@@ -193,9 +180,6 @@ TEST(Comp16, WholeImageAndRectangleMatchReading) {
         ASSERT_EQ(comp16qv(k.strength, 1, 1, cw, ch, stride, cw * k.spp, k.spp, src.data(), qv.data()), 1 + ch);
         expectSame(qv, wantQv, "comp16qv");
     }
-}
-
-TEST(Comp16, FailedWorkBufferAndNothingToDo) {
     std::vector<std::uint16_t> src(20 * 3 * 4, 0);  // Y = 0: mask 49 before blurring
     std::vector<std::uint8_t> dst(src.size(), 200);
     ASSERT_EQ(([&] { oltest::FailAllocation fail(1); return comp16(0, 20, 4, 60, 3, src.data(), dst.data()); }()), -4);
@@ -208,8 +192,7 @@ TEST(Comp16, FailedWorkBufferAndNothingToDo) {
 
 // sharpen's rim rules written out by position; its centre advances by 3
 // samples a pixel whatever spp is. sharp16 adds only neighbours inside.
-template <class T> std::vector<T> sharpenReading(bool rimRules, float amount, const std::vector<T>& s, int w, int h, int stride, int spp,
-                              std::vector<T> d) {
+template <class T> std::vector<T> sharpenReading(bool rimRules, float amount, const std::vector<T>& s, int w, int h, int stride, int spp, std::vector<T> d) {
     const int top = sizeof(T) == 1 ? 255 : 65535;
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
@@ -231,12 +214,12 @@ template <class T> std::vector<T> sharpenReading(bool rimRules, float amount, co
                     const int dx = L ? -1 : 1, dy = U ? -1 : 1;
                     k = 2 * (n(dx, 0) + n(0, dy)) + n(dx, dy) - 5 * C;
                 }
-                d[j] = T(clampL(std::int32_t(std::uint32_t(C) - std::uint32_t(truncToInt(float(k) * amount))), 0, top));  // wraps as unsigned
+                d[j] = T(std::clamp(std::int32_t(std::uint32_t(C) - std::uint32_t(truncToInt(float(k) * amount))), 0, top));  // wraps as unsigned
             }
     return d;
 }
 
-TEST(Sharpen, RimRulesDriftAndBothDepths) {
+TEST(Sharpen, RimRulesDriftBothDepthsAndRefusals) {
     for (float amount : {0.0f, 0.37f, 1.5f, -0.8f, 3e9f, NAN})
         for (int spp : {1, 3, 4})
             for (auto [w, h] : {std::pair{2, 2}, {7, 5}, {37, 4}, {3, 9}}) {
@@ -250,9 +233,6 @@ TEST(Sharpen, RimRulesDriftAndBothDepths) {
                 ASSERT_EQ(sharp16(amount, w, h, stride, spp, s16.data(), d16.data()), h);
                 expectSame(d16, w16, "sharp16");
             }
-}
-
-TEST(Sharpen, FlatImagesAtTheRimAndRefusals) {
     std::vector<std::uint16_t> s16(4 * 3 * 3, 1000), d16(s16.size());
     ASSERT_EQ(sharp16(0.5f, 4, 3, 12, 3, s16.data(), d16.data()), 3);
     EXPECT_EQ(d16[0], 3500);  // sharp16 leaves missing neighbours out: a flat corner brightens; sharpen's stays
@@ -300,7 +280,7 @@ template <class T> void checkRemapLdr(int mode, int w, int h, int spp, int top) 
     for (long y = 0; y < h; ++y)
         for (long x = 0; x < 2 * w; ++x) {
             const Cell c = project(x, y, w, h, w - 1);
-            long i = c.iy * ss + c.ix * spp;
+            const long i = c.iy * ss + c.ix * spp;
             float wx[4], wy[4];
             spline(c.fx, wx), spline(c.fy, wy);
             for (int k = 0; k < 3; ++k) {
@@ -324,12 +304,11 @@ void checkRemapHdr(int mode, int w, int h) {
     for (long y = 0; y < h; ++y)
         for (long x = 0; x < 2 * w; ++x) {
             const Cell c = project(x, y, w, h, w - 3);
-            long i = c.iy * 4 * w + c.ix;
+            const long i = c.iy * 4 * w + c.ix;
             std::uint8_t out[4];
             auto decode = [&](long p, int k) { return at(src, p + 3 * w) ? float(at(src, p + k * w)) * tab[at(src, p + 3 * w)] : 0.0f; };
-            if (mode == 0) {
-                i += (c.fx > 0.5 ? 1 : 0) + (c.fy > 0.5 ? 4 * w : 0);
-                for (int k = 0; k < 4; ++k) out[k] = std::uint8_t(at(src, i + k * w));
+            if (mode == 0) {  // the nearest pixel's bytes
+                for (int k = 0; k < 4; ++k) out[k] = std::uint8_t(at(src, i + (c.fx > 0.5 ? 1 : 0) + (c.fy > 0.5 ? 4 * w : 0) + k * w));
             } else {
                 const float fx = float(std::clamp(c.fx, 0.0, 1.0)), fy = float(std::clamp(c.fy, 0.0, 1.0));
                 float v[3], wx[4], wy[4];
@@ -339,9 +318,8 @@ void checkRemapHdr(int mode, int w, int h) {
                     v[k] = mode == 1 ? lerp(i + 4 * w) * fy + lerp(i) * (1 - fy)
                                      : splineSum(wx, wy, [&](int r, int q) { return decode(i + (r - 1) * 4 * w + q - 1, k); });
                 }
-                const float m = std::max({v[0], v[1], v[2]});
                 int e = 0;
-                const float f = std::frexp(m, &e), sc = float(f * 256.0 / m);
+                const float m = std::max({v[0], v[1], v[2]}), f = std::frexp(m, &e), sc = float(f * 256.0 / m);
                 for (int k = 0; k < 3; ++k) out[k] = m > 1e-32 ? std::uint8_t(truncToInt(v[k] * sc)) : 0;
                 out[3] = m > 1e-32 ? std::uint8_t(e + 120) : 0;
             }
@@ -372,31 +350,24 @@ TEST(Remap, ModesDepthsAndSmallSizes) {
 // phi = 90 degrees facing the camera.
 TEST(Remap, BallSpotsLandAtTheirDirections) {
     const int w = 160, h = 160, W = 2 * w;
-    const double rad = M_PI / 180;
-    auto dir = [](double th, double ph) { return std::array{-std::cos(ph) * std::sin(th), std::cos(th), std::sin(ph) * std::sin(th)}; };
     for (auto [thDeg, phDeg] : {std::pair{90.0, 90.0}, {60.0, 50.0}, {120.0, 140.0}, {75.0, 170.0}, {100.0, 15.0}}) {
-        const auto spot = dir(thDeg * rad, phDeg * rad);
+        const double th = thDeg * M_PI / 180, ph = phDeg * M_PI / 180, spot[3] = {-std::cos(ph) * std::sin(th), std::cos(th), std::sin(ph) * std::sin(th)};
         std::vector<std::uint8_t> ball(std::size_t(w) * h * 3, 0), planes(std::size_t(w) * h * 4, 0);
         for (int py = 0; py < h; ++py)
             for (int px = 0; px < w; ++px) {
                 const double u = (px - w / 2.0) / (w / 2.0), v = (h / 2.0 - py) / (h / 2.0), nz2 = 1 - u * u - v * v;
                 const double nz = std::sqrt(std::max(nz2, 0.0)), cosine = 2 * nz * u * spot[0] + 2 * nz * v * spot[1] + (2 * nz2 - 1) * spot[2];
                 if (nz2 <= 0 || cosine < std::cos(0.12)) continue;
-                for (int k = 0; k < 3; ++k) ball[(py * w + px) * 3 + k] = 200, planes[(py * 4 + k) * w + px] = 200;
-                planes[(py * 4 + 3) * w + px] = 130;
+                for (int k = 0; k < 4; ++k) planes[(py * 4 + k) * w + px] = k < 3 ? 200 : 130, ball[(py * w + px) * 3 + k % 3] = 200;
             }
-        const std::vector<std::uint16_t> ball16(ball.begin(), ball.end());
-        const double wantX = phDeg * rad * (W - 1) / (2 * M_PI) + W / 4.0, wantY = thDeg * rad * (h - 1) / M_PI;
+        const double wantX = ph * (W - 1) / (2 * M_PI) + W / 4.0, wantY = th * (h - 1) / M_PI;
         for (int mode : {0, 1, 2})
-            for (int kind : {8, 16, 32}) {
+            for (int kind : {8, 32}) {  // 16 bits take the 8-bit projection
                 std::vector<std::uint8_t> out(std::size_t(W) * h * 3), hdr(std::size_t(W) * h * 4);
-                std::vector<std::uint16_t> out16(out.size());
                 std::vector<double> value(std::size_t(W) * h);
                 if (kind == 8) remap_ldr(mode, 8, w, h, w * 3, W * 3, 3, ball.data(), out.data());
-                if (kind == 16) remap_ldr(mode, 16, w, h, w * 3, W * 3, 3, ball16.data(), out16.data());
-                if (kind == 32) remap_hdr(mode, w, h, planes.data(), hdr.data());
-                for (int i = 0; i < W * h; ++i)
-                    value[i] = kind == 8 ? out[3 * i] : kind == 16 ? out16[3 * i] : std::ldexp(hdr[i / W * 4 * W + i % W], hdr[i / W * 4 * W + 3 * W + i % W]);
+                else remap_hdr(mode, w, h, planes.data(), hdr.data());
+                for (int i = 0; i < W * h; ++i) value[i] = kind == 8 ? out[3 * i] : std::ldexp(hdr[i / W * 4 * W + i % W], hdr[i / W * 4 * W + 3 * W + i % W]);
                 const double top = *std::max_element(value.begin(), value.end());
                 double n = 0, sx = 0, sy = 0;  // the centroid of the half-maximum area
                 for (int i = 0; i < W * h; ++i) if (value[i] >= top / 2) n += 1, sx += i % W, sy += i / W;
