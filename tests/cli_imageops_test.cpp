@@ -69,11 +69,9 @@ protected:
         }
     }
     static void TearDownTestSuite() { delete dir_; }
-    static TempDir* dir_;
-    static std::string frames_;
+    static inline TempDir* dir_ = nullptr;
+    static inline std::string frames_;
 };
-TempDir* CliImageOps::dir_ = nullptr;
-std::string CliImageOps::frames_;
 
 // The sizes the host picks; the pixels are the library's resampling, tested
 // there. A picture no larger than the size asked for comes out unchanged.

@@ -173,7 +173,7 @@ TEST(ImageOps, HistogramsCountEachPixelOncePerCallAndRadianceMarks) {
             if (r[3 * w + x]) ++want[std::clamp(tr((std::log(double(v)) - lmin) * double(scale)), 0, 511)];
         }
     EXPECT_EQ(got, want);
-    // Marks from the text on that histogram, log axis (32) and linear (16).
+    // The ten marks of hist32info on that histogram, log axis (32) and linear (16).
     for (int mode : {32, 16}) {
         float info[10] = {5.0f, 200.0f};  // 200 is no percentile: 100 stands in
         const float lo = mode == 16 ? range[0] : lmin, hi = mode == 16 ? range[1] : float(std::log(double(range[1]))), bw = float(double(hi - lo) * 0.001953125);
