@@ -2,7 +2,6 @@
 // and the fuse finishing options, run as a user runs them on generated
 // brackets: what each prints and writes, and one-line errors on bad input.
 #include <algorithm>
-#include <filesystem>
 #include <regex>
 
 #include "support/testsupport.hpp"
@@ -32,40 +31,32 @@ std::string bracket(const TempDir& dir, const std::string& name, const std::stri
 
 }  // namespace
 
-TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
+TEST(CliOperators, CommandsPrintAndWriteWhatTheySayAndFailWithOneLine) {
     if (!fs::exists(kProgram)) GTEST_SKIP() << "olhdr not built";
     TempDir dir;
-    const std::string jpg = bracket(dir, "j", "");
-    const std::string deep = bracket(dir, "d", "--format png --bits 16");
-    const std::string first = quote(dir.file("d") + "/" + fs::directory_iterator(dir.file("d"))->path().filename().string());
+    const std::string jpg = bracket(dir, "j", ""), deep = bracket(dir, "d", "--format png --bits 16");
+    auto firstOf = [&](const std::string& sub) { return quote(dir.file(sub) + "/" + fs::directory_iterator(dir.file(sub))->path().filename().string()); };
+    const std::string first = firstOf("d"), one = firstOf("j");  // a 16-bit PNG frame and a JPEG frame
     ASSERT_EQ(run("merge -q " + jpg + "-o " + quote(dir.file("m.hdr"))).code, 0);
     const std::string f = dir.file("");
-    struct Case {
-        std::string args;
-        std::string pattern;  // on stdout
-        std::string file;     // written, "" for none
-    };
+    auto o = [&](const std::string& name) { return " -o " + quote(f + name); };
+    struct Case { std::string args, pattern, file; };  // the pattern on stdout; the file written, "" for none
     const std::vector<Case> cases = {
         // The generator's camera is a 2.2 curve with a soft shoulder.
         {"response " + jpg + "--csv " + quote(f + "r.csv") + " --plot " + quote(f + "r.png"),
          "response gamma (1\\.[89]|2\\.[0-5])\\d* from 3 frames \\(8-bit\\), exposures \\(from Exif\\)", "r.csv"},
-        {"response --profile " + quote(f + "j/" + fs::directory_iterator(f + "j")->path().filename().string()),
-         "gamma 2\\.(199|2) \\(profile embedded in the JPEG", ""},
-        {"merge " + jpg + "--response auto -o " + quote(f + "auto.hdr"), "wrote .*auto\\.hdr: 96x64 Radiance", "auto.hdr"},
-        {"compress " + first + " -o " + quote(f + "c.png") + " --strength 10", "wrote .*c\\.png: 96x64 8-bit PNG from 16 bits",
-         "c.png"},
+        {"response --profile " + one, "gamma 2\\.(199|2) \\(profile embedded in the JPEG", ""},
+        {"merge " + jpg + "--response auto" + o("auto.hdr"), "wrote .*auto\\.hdr: 96x64 Radiance", "auto.hdr"},
+        {"compress " + first + o("c.png") + " --strength 10", "wrote .*c\\.png: 96x64 8-bit PNG from 16 bits", "c.png"},
         {"rank " + deep, "dark to bright by mean level, stops from the middle frame:\n +-\\d+  .*\n +\\+0  .*\n +\\+\\d+  .*\nspacing: ", ""},
-        {"panorama " + first + " -o " + quote(f + "p.tif") + " --mode spline16", "wrote .*p\\.tif: 192x64 16-bit TIFF panorama",
-         "p.tif"},
-        {"panorama " + quote(f + "m.hdr") + " -o " + quote(f + "p.hdr"), "wrote .*p\\.hdr: 192x64 Radiance panorama",
-         "p.hdr"},
-        {"fuse " + deep + "--compress 20 --contrast 0.3 --sharpen 0.5 -o " + quote(f + "f.jpg"), "wrote .*f\\.jpg: 96x64 8-bit JPEG",
-         "f.jpg"},
+        {"panorama " + first + o("p.tif") + " --mode spline16", "wrote .*p\\.tif: 192x64 16-bit TIFF panorama", "p.tif"},
+        {"panorama " + quote(f + "m.hdr") + o("p.hdr"), "wrote .*p\\.hdr: 192x64 Radiance panorama", "p.hdr"},
+        {"fuse " + deep + "--compress 20 --contrast 0.3 --sharpen 0.5" + o("f.jpg"), "wrote .*f\\.jpg: 96x64 8-bit JPEG", "f.jpg"},
         // The one-pass blends, 16-bit frames to 8 bits and 8 to 16. The third
         // frame is mostly white, and its other pixels rank it below the second.
-        {"fuse " + deep + "--method two --rotate 90 -o " + quote(f + "two.png"),
+        {"fuse " + deep + "--method two --rotate 90" + o("two.png"),
          "wrote .*two\\.png: 64x96 8-bit PNG fused from 3 frames \\(two-image blend of frame-1\\.png \\(dark\\) and frame-2\\.png \\(bright", "two.png"},
-        {"fuse " + jpg + "--method intensive --bits 16 --crop 0,0,90,60 -o " + quote(f + "int.tif"),
+        {"fuse " + jpg + "--method intensive --bits 16 --crop 0,0,90,60" + o("int.tif"),
          "wrote .*int\\.tif: 90x60 16-bit TIFF fused from 3 frames \\(intensive blend, radius 1 step 1\\)", "int.tif"},
     };
     for (const auto& c : cases) {
@@ -73,9 +64,7 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
         const Result r = run(c.args);
         EXPECT_EQ(r.code, 0) << r.err;
         EXPECT_TRUE(std::regex_search(r.out, std::regex(c.pattern))) << r.out;
-        if (!c.file.empty()) {
-            EXPECT_TRUE(fs::exists(f + c.file));
-        }
+        if (!c.file.empty()) { EXPECT_TRUE(fs::exists(f + c.file)); }
     }
     // The estimated exponent is what the merge used: the same picture as --gamma.
     std::smatch g;
@@ -88,25 +77,13 @@ TEST(CliOperators, CommandsPrintAndWriteWhatTheySay) {
     const std::string text(csv.begin(), csv.end());
     EXPECT_EQ(text.rfind("level,value,measured\n0,", 0), 0u);
     EXPECT_NE(text.find("\n255,1,"), std::string::npos);
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "r.png")).out, std::regex("width +256\nheight +256")));
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "p.hdr")).out, std::regex("width +192\nheight +64")));
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "two.png")).out, std::regex("width +64\nheight +96")));
-    EXPECT_TRUE(std::regex_search(run("info " + quote(f + "int.tif")).out, std::regex("width +90\nheight +60")));
-}
-
-TEST(CliOperators, BadInputsFailWithOneLine) {
-    if (!fs::exists(kProgram)) GTEST_SKIP() << "olhdr not built";
-    TempDir dir;
-    const std::string jpg = bracket(dir, "j", "");
-    const std::string one = quote(dir.file("j") + "/" + fs::directory_iterator(dir.file("j"))->path().filename().string());
+    for (auto [file, size] : {std::pair{"r.png", "256\nheight +256"}, {"p.hdr", "192\nheight +64"}, {"two.png", "64\nheight +96"}, {"int.tif", "90\nheight +60"}})
+        EXPECT_TRUE(std::regex_search(run("info " + quote(f + file)).out, std::regex(std::string("width +") + size))) << file;
+    // Bad input: the code, one line on stderr, no output.
     oltest::writeText(dir.file("bad.icc"), "short");
-    const std::string out = " -o " + quote(dir.file("o.png"));
-    struct Case {
-        std::string args;
-        int code;
-        std::string mention;
-    };
-    const std::vector<Case> cases = {
+    const std::string out = o("o.png");
+    struct Bad { std::string args; int code; std::string mention; };
+    const std::vector<Bad> bad = {
         {"compress " + one + out, 2, "has 8-bit samples; compress takes a 16-bit"},
         {"compress " + quote(dir.file("none.tif")) + out, 2, "none.tif: no such file"},
         {"compress " + one + out + " --strength 101", 1, "strength"},
@@ -120,7 +97,7 @@ TEST(CliOperators, BadInputsFailWithOneLine) {
         {"fuse " + jpg + "--sharpen nan" + out, 1, "sharpen"},
         {"merge " + jpg + "--response manual" + out, 1, "--response: auto"},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : bad) {
         SCOPED_TRACE(c.args);
         const Result r = run(c.args);
         EXPECT_EQ(r.code, c.code) << r.err;

@@ -3,9 +3,9 @@
 #include <cmath>
 #include <cstring>
 #include <random>
-#include <vector>
 
 #include "frame/numeric.hpp"
+#include "support/box_mean.hpp"
 #include "support/testsupport.hpp"
 
 namespace {
@@ -18,9 +18,7 @@ struct Geo { int w, h, spp, stride, bpsIn, bpsOut, swap; };
 Bytes stack(int n, const Geo& g) { return oltest::randomBytes(std::size_t(n) * g.w * g.h * g.spp * g.bpsIn / 8, rng()); }
 int sample(const Bytes& s, int bps, std::size_t i) { return bps == 8 ? s[i] : s[2 * i] | s[2 * i + 1] << 8; }
 void put(Bytes& d, int bytes, std::size_t i, int v) { if (bytes == 1) d[i] = std::uint8_t(v); else d[2 * i] = std::uint8_t(v), d[2 * i + 1] = std::uint8_t(v >> 8); }
-void writeOut(Bytes& d, int bytes, std::size_t at, const Geo& g, const int* v) {
-    put(d, bytes, at, v[g.swap ? 2 : 0]), put(d, bytes, at + (g.spp - 1) / 2, v[1]), put(d, bytes, at + g.spp - 1, v[g.swap ? 0 : 2]);
-}
+void writeOut(Bytes& d, int bytes, std::size_t at, const Geo& g, const int* v) { put(d, bytes, at, v[g.swap ? 2 : 0]), put(d, bytes, at + (g.spp - 1) / 2, v[1]), put(d, bytes, at + g.spp - 1, v[g.swap ? 0 : 2]); }
 
 // ol_combi_2images, read literally on the target's bytes.
 Bytes twoImagesRef(int ia, int ib, const Geo& g, const Bytes& img, Bytes dst, bool unblurred = false) {
@@ -39,13 +37,9 @@ Bytes twoImagesRef(int ia, int ib, const Geo& g, const Bytes& img, Bytes dst, bo
         M(x, y) = std::uint8_t(clampI(128 - int(float(t - 204) * -0.38333333), 255));
     }
     if (unblurred) return dst;
-    auto box = [](auto v, int i, int n, int lo, int hi) {  // positions 1..n-1 only; none gives 0
-        long sum = 0, p = std::max(1, i - lo), end = std::min(n - 1, i + hi);
-        for (long q = p; q <= end; ++q) sum += v(int(q));
-        return end >= p ? int(sum / (end - p + 1)) : 0; };
     std::vector<int> tmp(std::size_t(w) * h);
-    for (int y = 0; y < h; ++y) for (int x = 0; x < w; ++x) tmp[y * w + x] = box([&](int p) { return M(p, y); }, x, w, 10, 9);
-    for (int y = 0; y < h; ++y) for (int x = 0; x < w; ++x) M(x, y) = std::uint8_t(box([&](int p) { return tmp[p * w + x]; }, y, h, 10, 10));
+    for (int y = 0; y < h; ++y) for (int x = 0; x < w; ++x) tmp[y * w + x] = oltest::boxMean([&](long p) { return M(p, y); }, x, w, 10, 9);
+    for (int y = 0; y < h; ++y) for (int x = 0; x < w; ++x) M(x, y) = std::uint8_t(oltest::boxMean([&](long p) { return tmp[p * w + x]; }, y, h, 10, 10));
     for (int y = 0; work && y < h; ++y) for (int x = 0; x < w; ++x) {
         const float a = float(M(x, y) * 0.00390625), b = float(1.0 - a);
         int v[3];
@@ -57,20 +51,6 @@ Bytes twoImagesRef(int ia, int ib, const Geo& g, const Bytes& img, Bytes dst, bo
         writeOut(dst, g.bpsIn == 16 ? 2 : ob, std::size_t(y) * g.stride + std::size_t(x) * s, g, v);
     }
     return dst;
-}
-
-TEST(TwoImages, MatchesPerPixelReading) {
-    const Geo geos[] = {{23, 17, 3, 70, 8, 8, 0}, {60, 53, 4, 243, 8, 16, 1}, {31, 12, 1, 31, 16, 16, 0}, {9, 25, 3, 28, 16, 8, 1},
-                        {1, 1, 3, 3, 8, 8, 0},    {1, 6, 4, 4, 16, 16, 0},     {7, 1, 2, 15, 8, 16, 1}, {12, 12, 3, 36, 12, 8, 0}};
-    for (const Geo& g : geos)
-        for (int pair : {0, 1, 2, 3}) {
-            const int ia = pair == 2 ? 1 : pair & 1, ib = pair == 3 ? 1 : 2;
-            Bytes img = stack(3, g), dst = oltest::randomBytes(std::size_t(g.h) * g.stride * 2, rng());
-            if (pair == 3) std::memcpy(&img[img.size() / 3], &img[0], img.size() / 3);  // images 0 and 1 equal: a tie
-            const Bytes want = twoImagesRef(ia, ib, g, img, dst);
-            ASSERT_EQ(ol_combi_2images(7, ia, ib, g.w, g.h, g.stride, g.swap, g.bpsIn, g.bpsOut, g.spp, img.data(), dst.data()), g.h);
-            ASSERT_EQ(dst, want) << g.w << "x" << g.h << " spp " << g.spp << " " << g.bpsIn << "->" << g.bpsOut << " pair " << pair;
-        }
 }
 
 // ol_combi_intensive, read literally: the window walks the flat badness table
@@ -120,8 +100,7 @@ Bytes intensiveRef(const Knobs& kn, const Geo& g, const Bytes& img, Bytes dst) {
             if (mx != mn) {
                 S = L < 0.5 ? (mx - mn) / (mx + mn) : float((mx - mn) / (2.0 - mx - mn));
                 H = v[0] == mx ? (v[1] - v[2]) / (mx - mn) : v[1] == mx ? (v[2] - v[0]) / (mx - mn) + 2.0f : (v[0] - v[1]) / (mx - mn) + 4.0f;
-                H = float(H / 6.0);
-                H = H < 0 ? H + 1 : H, H = H > 1 ? H - 1 : H;
+                H = float(H / 6.0), H = H < 0 ? H + 1 : H, H = H > 1 ? H - 1 : H;
             }
             S = std::min(S * f, 1.0f);
             const float q = L <= 0.5 ? float(L * (1.0 + S)) : L + S - L * S, p = float(2.0 * L - q);
@@ -135,13 +114,23 @@ Bytes intensiveRef(const Knobs& kn, const Geo& g, const Bytes& img, Bytes dst) {
     return dst;
 }
 
-TEST(Intensive, MatchesPerPixelReading) {
-    const struct { Knobs k; Geo g; } rows[] = {
+TEST(Blends, MatchPerPixelReadings) {
+    const Geo geos[] = {{23, 17, 3, 70, 8, 8, 0}, {60, 53, 4, 243, 8, 16, 1}, {31, 12, 1, 31, 16, 16, 0}, {9, 25, 3, 28, 16, 8, 1},
+                        {1, 1, 3, 3, 8, 8, 0},    {1, 6, 4, 4, 16, 16, 0},     {7, 1, 2, 15, 8, 16, 1}, {12, 12, 3, 36, 12, 8, 0}};
+    for (const Geo& g : geos)
+        for (int pair : {0, 1, 2, 3}) {
+            const int ia = pair == 2 ? 1 : pair & 1, ib = pair == 3 ? 1 : 2;
+            Bytes img = stack(3, g), dst = oltest::randomBytes(std::size_t(g.h) * g.stride * 2, rng());
+            if (pair == 3) std::memcpy(&img[img.size() / 3], &img[0], img.size() / 3);  // images 0 and 1 equal: a tie
+            const Bytes want = twoImagesRef(ia, ib, g, img, dst);
+            ASSERT_EQ(ol_combi_2images(7, ia, ib, g.w, g.h, g.stride, g.swap, g.bpsIn, g.bpsOut, g.spp, img.data(), dst.data()), g.h);
+            ASSERT_EQ(dst, want) << g.w << "x" << g.h << " spp " << g.spp << " " << g.bpsIn << "->" << g.bpsOut << " pair " << pair;
+        }
+    const struct { Knobs k; Geo g; } rows[] = {  // 9 x 7 with r 5: windows clipped at both ends, weights that matter
         {{1, 3, 0.5f, 0.0f, 3}, {57, 11, 3, 175, 8, 8, 0}},    {{2, 4, 1.0f, 3.0f, 2}, {70, 13, 4, 280, 8, 16, 1}},
-        {{3, 5, -5.0f, -5.0f, 4}, {45, 14, 1, 45, 16, 16, 0}}, {{1, 2, 3.7f, 0.5f, 1}, {9, 7, 3, 27, 16, 8, 1}},
-        {{1, 6, 0.0f, 12.0f, 2}, {5, 4, 3, 15, 8, 8, 0}},      {{2, 3, 2.0f, -10.0f, 3}, {1, 1, 4, 4, 8, 8, 0}},
-        {{1, 1, NAN, NAN, 2}, {6, 5, 2, 12, 8, 8, 1}},         {{4, 9, 1e30f, 40.0f, 2}, {50, 21, 3, 150, 8, 8, 0}},
-    };
+        {{3, 5, -5.0f, -5.0f, 4}, {45, 14, 1, 45, 16, 16, 0}}, {{1, 5, 3.7f, 0.5f, 2}, {9, 7, 3, 27, 8, 16, 1}},
+        {{1, 6, 0.0f, 12.0f, 2}, {5, 4, 3, 15, 8, 8, 0}},      {{2, 3, 2.0f, -10.0f, 3}, {1, 1, 4, 4, 16, 8, 0}},
+        {{1, 1, NAN, NAN, 2}, {6, 5, 2, 12, 8, 8, 1}},         {{4, 9, 1e30f, 40.0f, 2}, {50, 21, 3, 150, 8, 8, 0}}};
     for (const auto& t : rows) {
         Bytes img = stack(t.k.n, t.g), dst = oltest::randomBytes(std::size_t(t.g.h) * t.g.stride * 2, rng());
         const Bytes want = intensiveRef(t.k, t.g, img, dst);
@@ -163,10 +152,7 @@ TEST(Combine, RefusalsAndAllocationFailures) {
     for (const auto& b : bad2) EXPECT_EQ(ol_combi_2images(0, b.ia, 1, b.w, b.h, b.stride, 0, 8, b.bpsOut, 3, img.data(), dst.data()), 0);
     for (const auto& b : badI) EXPECT_EQ(ol_combi_intensive(b.step, b.r, 0.0f, 0.0f, b.n, 21, b.h, b.stride, 0, 3, b.bpsIn, b.bpsOut, img.data(), dst.data()), 0);
     EXPECT_EQ(ol_combi_intensive(1, 1 << 30, 0.0f, 0.0f, 1, 21, 6, 63, 0, 3, 8, 8, img.data(), dst.data()), -4);
-    for (long nth : {1, 2}) {
-        oltest::FailAllocation fail(nth);
-        EXPECT_EQ(ol_combi_intensive(1, 2, 0.0f, 0.0f, 2, 21, 13, 63, 0, 3, 8, 8, img.data(), dst.data()), -4);
-    }
+    for (long nth : {1, 2}) EXPECT_EQ(([&] { oltest::FailAllocation fail(nth); return ol_combi_intensive(1, 2, 0.0f, 0.0f, 2, 21, 13, 63, 0, 3, 8, 8, img.data(), dst.data()); }()), -4);
     EXPECT_EQ(dst, before);
     oltest::FailAllocation fail(1);
     EXPECT_EQ(ol_combi_2images(0, 0, 1, g.w, g.h, g.stride, 0, 8, 8, 3, img.data(), dst.data()), -4);

@@ -1,7 +1,5 @@
 // The diagnostic lines of the preview and crop extraction, byte for byte
 // (this test links the library built with every diagnostic switch on).
-#include <vector>
-
 #include "support/testsupport.hpp"
 
 TEST(ImageOpsTrace, PreviewAndCropLines) {

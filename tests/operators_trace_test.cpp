@@ -1,7 +1,5 @@
 // The one diagnostic line of the operators, byte for byte (this test links
 // the library built with every diagnostic switch on).
-#include <vector>
-
 #include "support/testsupport.hpp"
 
 TEST(OperatorsTrace, MoyennePrintsDepthsAndRowRemainderFirst) {
