@@ -6,6 +6,7 @@
 #include "Ombrelumen40Lib1.h"
 #include "frame/alloc.hpp"
 #include "frame/file.hpp"
+#include "frame/status.hpp"
 #include "frame/trace.hpp"
 #include "frame/byte_source.hpp"
 #include "radiance/header.hpp"
@@ -65,13 +66,13 @@ int streamComponent(ByteSource& src, int width, std::uint8_t* dst) noexcept {
             const int code = p[0];
             if (code > 128) {
                 const int n = code - 128;
-                if (x + n > width) return -5;
+                if (x + n > width) return status::kRunOverrun;
                 std::memset(dst + x, p[1], static_cast<std::size_t>(n));
                 src.advance(2);
                 x += n;
                 continue;
             }
-            if (code == 0 || x + code > width) return -6;
+            if (code == 0 || x + code > width) return status::kBadLiteral;
             if (avail > static_cast<std::size_t>(code)) {
                 std::memcpy(dst + x, p + 1, static_cast<std::size_t>(code));
                 src.advance(static_cast<std::size_t>(code) + 1);
@@ -80,18 +81,18 @@ int streamComponent(ByteSource& src, int width, std::uint8_t* dst) noexcept {
             }
         }
         const int code = src.get();
-        if (code < 0) return -1;
+        if (code < 0) return status::kOpen;
         if (code > 128) {
             const int n = code - 128;
-            if (x + n > width) return -5;
+            if (x + n > width) return status::kRunOverrun;
             const int v = src.get();
-            if (v < 0) return -1;
+            if (v < 0) return status::kOpen;
             std::memset(dst + x, v, static_cast<std::size_t>(n));
             x += n;
         } else {
-            if (code == 0 || x + code > width) return -6;
+            if (code == 0 || x + code > width) return status::kBadLiteral;
             if (src.read(dst + x, static_cast<std::size_t>(code)) != static_cast<std::size_t>(code))
-                return -1;
+                return status::kOpen;
             x += code;
         }
     }
@@ -119,11 +120,11 @@ OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe
         std::fprintf(stdout, "in decomp-rle, infos=%d,%d,%d\n", width, height, size);
 
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     const std::size_t bytes = size > 0 ? static_cast<std::size_t>(size) : 0;
     Owned<std::uint8_t> block = makeOwned<std::uint8_t>(bytes);
-    if (!block) return -4;
-    if (!readExact(file.get(), block.get(), bytes)) return -2;
+    if (!block) return status::kNoMemory;
+    if (!readExact(file.get(), block.get(), bytes)) return status::kShort;
     file.reset();
 
     // Every step below is bounded by the block. The data running out (no
@@ -134,42 +135,42 @@ OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe
     const std::uint8_t* p = begin;
     for (;; ++p) {
         p = static_cast<const std::uint8_t*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
-        if (!p) return -3;
+        if (!p) return status::kContent;
         int h = 0, w = 0;
         if (scanResolutionAt(p + 1, end, &h, &w)) {
-            if (h != height || w != width) return -3;
+            if (h != height || w != width) return status::kContent;
             break;
         }
     }
     // Past the resolution line: 6 bytes on from its line feed, then to the
     // line feed that ends it, and over one blank line if there is one.
-    if (end - p <= 6) return -2;
+    if (end - p <= 6) return status::kShort;
     p += 6;
     p = static_cast<const std::uint8_t*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
-    if (!p) return -2;
+    if (!p) return status::kShort;
     ++p;
     if (p < end && *p == '\n') ++p;
 
     const bool runLength = end - p >= 3 && isRunLengthStart(p);
     if (runLength) {
         for (int y = 0; y < height; ++y) {
-            if (end - p < 4) return -2;
-            if (((p[2] << 8) | p[3]) != width) return -4;
+            if (end - p < 4) return status::kShort;
+            if (((p[2] << 8) | p[3]) != width) return status::kRowWidth;
             p += 4;
             std::uint8_t* row = rowStart(rgbe, width, y);
             for (int c = 0; c < 4; ++c) {
                 switch (decodeComponent(p, end, width, row + static_cast<std::size_t>(c) * width)) {
                     case RleStatus::Ok: break;
-                    case RleStatus::RunOverrun: return -5;
-                    case RleStatus::BadLiteral: return -6;
-                    case RleStatus::Truncated: return -2;
+                    case RleStatus::RunOverrun: return status::kRunOverrun;
+                    case RleStatus::BadLiteral: return status::kBadLiteral;
+                    case RleStatus::Truncated: return status::kShort;
                 }
             }
         }
     } else {
         const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
         for (int y = 0; y < height; ++y) {
-            if (static_cast<std::size_t>(end - p) < rowBytes) return -2;
+            if (static_cast<std::size_t>(end - p) < rowBytes) return status::kShort;
             dealPixels(p, width, rowStart(rgbe, width, y));
             p += rowBytes;
         }
@@ -184,20 +185,20 @@ OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, v
     traceStage("in decomp2-0\n");
 
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     std::FILE* f = file.get();
 
     int h = 0, w = 0;
-    if (findResolutionLine(f, headerLineBudget(size), &h, &w) < 0) return -2;
-    if (h != height || w != width) return -3;
+    if (findResolutionLine(f, headerLineBudget(size), &h, &w) < 0) return status::kShort;
+    if (h != height || w != width) return status::kContent;
     traceStage("in decomp2-1\n");
 
     Owned<std::uint8_t> head = makeOwned<std::uint8_t>(4);
-    if (!head) return -4;
+    if (!head) return status::kNoMemory;
     const long start = std::ftell(f);
-    if (start < 0) return -1;
-    if (!readExact(f, head.get(), 4)) return -2;
-    if (std::fseek(f, start, SEEK_SET) != 0) return -1;
+    if (start < 0) return status::kOpen;
+    if (!readExact(f, head.get(), 4)) return status::kShort;
+    if (std::fseek(f, start, SEEK_SET) != 0) return status::kOpen;
     const bool runLength = isRunLengthStart(head.get());
     traceStage("in decomp2-2\n");
 
@@ -206,9 +207,9 @@ OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, v
         traceStage("in decomp2-3\n");
         for (int y = 0; y < height; ++y) {
             std::uint8_t* hd = head.get();
-            if (src.read(hd, 4) != 4) return -2;
-            if (hd[2] >= 128) return -6;
-            if (((hd[2] << 8) | hd[3]) != width) return -4;
+            if (src.read(hd, 4) != 4) return status::kShort;
+            if (hd[2] >= 128) return status::kBadLiteral;
+            if (((hd[2] << 8) | hd[3]) != width) return status::kRowWidth;
             std::uint8_t* row = rowStart(rgbe, width, y);
             for (int c = 0; c < 4; ++c) {
                 const int r = streamComponent(src, width, row + static_cast<std::size_t>(c) * width);
@@ -219,11 +220,11 @@ OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, v
         traceStage("in decomp2-3\n");
         const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
         Owned<std::uint8_t> line = makeOwned<std::uint8_t>(rowBytes);
-        if (!line) return -4;
+        if (!line) return status::kNoMemory;
         // A picture of fewer than four rows reports every row.
         const int quarter = height / 4 > 0 ? height / 4 : 1;
         for (int y = 0; y < height; ++y) {
-            if (src.read(line.get(), rowBytes) != rowBytes) return -2;
+            if (src.read(line.get(), rowBytes) != rowBytes) return status::kShort;
             dealPixels(line.get(), width, rowStart(rgbe, width, y));
             if constexpr (traceFiles)
                 if (y % quarter == 0) std::fprintf(stdout, "ligne=%d\n", y);
