@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/tiff_tags.hpp"
 #include "support/records.hpp"
 #include "support/testsupport.hpp"
 
 namespace metatest {
 
 using namespace oltest::records;
+namespace tag = ol::tag;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -116,8 +118,8 @@ inline Bytes buildTiff(TiffSpec spec) {
     if (spec.ifds.empty()) spec.ifds.emplace_back();
     const bool hasExif = !spec.exif.empty();
     const bool hasGps = !spec.gps.empty();
-    if (hasExif) spec.ifds[0].push_back(longE(34665, 0));
-    if (hasGps) spec.ifds[0].push_back(longE(34853, 0));
+    if (hasExif) spec.ifds[0].push_back(longE(tag::kExifIfd, 0));
+    if (hasGps) spec.ifds[0].push_back(longE(tag::kGpsIfd, 0));
     std::vector<std::vector<Entry>*> all;
     for (auto& i : spec.ifds) all.push_back(&i);
     if (hasExif) all.push_back(&spec.exif);
