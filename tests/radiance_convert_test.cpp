@@ -268,19 +268,11 @@ TEST(RadianceFloatTiff, RoundTripMultipliesBy256) {
     float stats[3];
     ASSERT_EQ(fp2rgbe(a.c_str(), 4, 3, stats, planes.data()), 3);
     ASSERT_EQ(fp_save(b.c_str(), 4, 3, planes.data()), 3);
-    Bytes back(planes.size());
-    ASSERT_EQ(fp2rgbe(b.c_str(), 4, 3, stats, back.data()), 3);
+    // (Reading the saved file back, mantissas equal and exponents 8 up, is
+    // in roundtrip_test.cpp.)
     const Bytes f = oltest::readFile(b);
     for (std::size_t i = 0; i < rgb.size(); ++i) {
         const float v = ol::getF32LE(f.data() + 8 + 4 * i);
         EXPECT_NEAR(v, 256.0f * rgb[i], 256.0f * rgb[i] / 64) << i;
     }
-    // Reading back what was saved gives the same mantissas, 8 exponent
-    // steps up.
-    for (int y = 0; y < 3; ++y)
-        for (int x = 0; x < 4; ++x) {
-            auto p = pixelAt(planes, 4, x, y), q = pixelAt(back, 4, x, y);
-            EXPECT_EQ(q[0], p[0]);
-            EXPECT_EQ(q[3], p[3] + 8);
-        }
 }

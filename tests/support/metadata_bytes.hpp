@@ -312,21 +312,11 @@ inline std::vector<IfdEntry> readIfd(const Bytes& b, std::size_t at) {
     return out;
 }
 
-inline std::vector<int> tagsOf(const std::vector<IfdEntry>& ifd) {
-    std::vector<int> t;
-    for (const auto& e : ifd) t.push_back(e.tag);
-    return t;
-}
-
 // The entry of `tag`, by value (the IFD may be a temporary).
 inline std::optional<IfdEntry> find(const std::vector<IfdEntry>& ifd, int tag) {
     for (const auto& e : ifd)
         if (e.tag == tag) return e;
     return std::nullopt;
-}
-
-inline std::string text(const Bytes& b, std::size_t at, std::size_t n) {
-    return std::string(reinterpret_cast<const char*>(b.data() + at), n);
 }
 
 // ---- records and calls -----------------------------------------------------
