@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/tiff_tags.hpp"
 #include "metadata/psd_reader.hpp"
 #include <cmath>
 #include <cstring>
@@ -145,15 +146,15 @@ std::string writeJpeg() {
     };
     const std::uint32_t exifAt = 8 + 2 + 3 * 12 + 4, dataAt = exifAt + 2 + 4 * 12 + 4;
     le16(3);
-    entry(272, 2, 8, dataAt);
-    entry(274, 3, 1, 1);
-    entry(34665, 4, 1, exifAt);
+    entry(ol::tag::kModel, ol::kTiffAscii, 8, dataAt);
+    entry(ol::tag::kOrientation, ol::kTiffShort, 1, 1);
+    entry(ol::tag::kExifIfd, ol::kTiffLong, 1, exifAt);
     le32(0);
     le16(4);
-    entry(33434, 5, 1, dataAt + 8);
-    entry(33437, 5, 1, dataAt + 16);
-    entry(34855, 3, 1, 200);
-    entry(36867, 2, 20, dataAt + 24);
+    entry(ol::tag::kExposureTime, ol::kTiffRational, 1, dataAt + 8);
+    entry(ol::tag::kFNumber, ol::kTiffRational, 1, dataAt + 16);
+    entry(ol::tag::kIso, ol::kTiffShort, 1, 200);
+    entry(ol::tag::kDateTimeOriginal, ol::kTiffAscii, 20, dataAt + 24);
     le32(0);
     for (char c : std::string("BenchCam", 8)) t.push_back(static_cast<std::uint8_t>(c));
     le32(1);

@@ -131,12 +131,12 @@ std::size_t putExifIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, i
     // Entries, each taking its place in the data area in the same order.
     std::size_t cursor = data;
     if (rationalPresent(exif->exposureNum, exif->exposureDen)) {
-        putEntry(entry, 33434, kTiffRational, 1, offsetOf(cursor));
+        putEntry(entry, tag::kExposureTime, kTiffRational, 1, offsetOf(cursor));
         entry += 12;
         cursor += 8;
     }
     if (rationalPresent(exif->apertureNum, exif->apertureDen)) {
-        putEntry(entry, 33437, kTiffRational, 1, offsetOf(cursor));
+        putEntry(entry, tag::kFNumber, kTiffRational, 1, offsetOf(cursor));
         entry += 12;
         cursor += 8;
     }
@@ -144,19 +144,19 @@ std::size_t putExifIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, i
         if (tiff) std::fprintf(stdout, "buf2tif - iso: %d  \n", exif->iso);
     }
     if (exif->iso > 0) {
-        putShortEntry(entry, 34855, static_cast<std::uint32_t>(exif->iso));
+        putShortEntry(entry, tag::kIso, static_cast<std::uint32_t>(exif->iso));
         entry += 12;
     }
     if constexpr (traceFiles) {
         if (tiff) std::fprintf(stdout, "buf2tif - datetimeLen: %d  \n", datetimeLen);
     }
     if (datetimeLen > 0) {
-        putEntry(entry, 36867, kTiffAscii, static_cast<std::uint32_t>(datetimeLen), offsetOf(cursor));
+        putEntry(entry, tag::kDateTimeOriginal, kTiffAscii, static_cast<std::uint32_t>(datetimeLen), offsetOf(cursor));
         entry += 12;
         cursor += static_cast<std::size_t>(dateLen);
     }
     if (rationalPresent(exif->focalNum, exif->focalDen)) {
-        putEntry(entry, 37386, kTiffRational, 1, offsetOf(cursor));
+        putEntry(entry, tag::kFocalLength, kTiffRational, 1, offsetOf(cursor));
         entry += 12;
         cursor += 8;
     }
@@ -206,7 +206,7 @@ std::size_t putGpsIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, in
     const bool date = gps->datestamp[0] != 0;
 
     // GPSVersionID 2.2.0.0, inline.
-    putEntry(entry, 0, kTiffByte, 4, 0);
+    putEntry(entry, tag::kGpsVersion, kTiffByte, 4, 0);
     entry[8] = 2;
     entry[9] = 2;
     entry += 12;
@@ -214,35 +214,35 @@ std::size_t putGpsIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, in
     std::size_t cursor = data;
     // A reference entry (inline) and the entry of its `count` rationals (in
     // the data area) behind it, each value announced on the trace first.
-    const auto refAndRationals = [&](std::uint16_t tag, const char* refName, char ref, const char* valueName,
+    const auto refAndRationals = [&](std::uint16_t refTag, const char* refName, char ref, const char* valueName,
                                      std::uint32_t first, bool present, std::uint32_t count) {
         if constexpr (traceFiles) {
             if (tiff) std::fprintf(stdout, "buf2tif - %s: %d  \n", refName, ref);
         }
         if (refPresent(ref)) {
-            putRefEntry(entry, tag, ref);
+            putRefEntry(entry, refTag, ref);
             entry += 12;
         }
         if constexpr (traceFiles) {
             if (tiff) std::fprintf(stdout, "buf2tif - %s: %d  \n", valueName, static_cast<int>(first));
         }
         if (present) {
-            putEntry(entry, static_cast<std::uint16_t>(tag + 1), kTiffRational, count, offsetOf(cursor));
+            putEntry(entry, static_cast<std::uint16_t>(refTag + 1), kTiffRational, count, offsetOf(cursor));
             entry += 12;
             cursor += 8 * static_cast<std::size_t>(count);
         }
     };
-    refAndRationals(1, "lat_ref", gps->lat_ref, "latitude", gps->latitude[0], lat, 3);
-    refAndRationals(3, "long_ref", gps->long_ref, "longitude", gps->longitude[0], lon, 3);
+    refAndRationals(tag::kGpsLatRef, "lat_ref", gps->lat_ref, "latitude", gps->latitude[0], lat, 3);
+    refAndRationals(tag::kGpsLongRef, "long_ref", gps->long_ref, "longitude", gps->longitude[0], lon, 3);
     // GPSAltitudeRef is written as a two-byte ASCII item like the other
     // references, not as the BYTE that the Exif standard gives it; readers
     // of the files this writer has always produced expect it so.
-    refAndRationals(5, "alt_ref", gps->alt_ref, "altitude", gps->altitude[0], alt, 1);
+    refAndRationals(tag::kGpsAltRef, "alt_ref", gps->alt_ref, "altitude", gps->altitude[0], alt, 1);
     if constexpr (traceFiles) {
         if (tiff) std::fprintf(stdout, "buf2tif - timestamp: %d  \n", static_cast<int>(gps->timestamp[0]));
     }
     if (time) {
-        putEntry(entry, 7, kTiffRational, 3, offsetOf(cursor));
+        putEntry(entry, tag::kGpsTime, kTiffRational, 3, offsetOf(cursor));
         entry += 12;
         cursor += 24;
     }
@@ -250,7 +250,7 @@ std::size_t putGpsIfd(std::uint8_t* out, std::size_t pos, std::uint32_t base, in
         if (tiff) std::fprintf(stdout, "buf2tif - datestamp: %d  %d\n", gps->datestamp[0], dateCopyLen);
     }
     if (date) {
-        putEntry(entry, 29, kTiffAscii, 11, offsetOf(cursor));
+        putEntry(entry, tag::kGpsDate, kTiffAscii, 11, offsetOf(cursor));
         entry += 12;
         cursor += 11;
     }

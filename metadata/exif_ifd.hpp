@@ -7,18 +7,9 @@
 #include <cstdint>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/tiff_tags.hpp"
 
 namespace ol {
-
-// TIFF field types used by the writers.
-enum TiffType : std::uint16_t {
-    kTiffByte = 1,
-    kTiffAscii = 2,
-    kTiffShort = 3,
-    kTiffLong = 4,
-    kTiffRational = 5,
-    kTiffUndefined = 7,
-};
 
 // Which tags the records give and how many data bytes those tags need.
 struct ExifCensus {

@@ -10,37 +10,12 @@
 
 #include "frame/alloc.hpp"
 #include "frame/numeric.hpp"
+#include "frame/tiff_tags.hpp"
 #include "frame/trace.hpp"
 
 namespace ol {
 
 namespace {
-
-enum : std::uint16_t {
-    kTagImageDescription = 270,
-    kTagModel = 272,
-    kTagOrientation = 274,
-    kTagThumbOffset = 513,
-    kTagThumbLength = 514,
-    kTagXmp = 700,
-    kTagIptc = 33723,
-    kTagPhotoshop = 34377,
-    kTagExifIfd = 34665,
-    kTagGpsIfd = 34853,
-
-    kTagExposureTime = 33434,
-    kTagFNumber = 33437,
-    kTagIso = 34855,
-    kTagDateTimeOriginal = 36867,
-    kTagShutterSpeed = 37377,
-    kTagAperture = 37378,
-    kTagMaxAperture = 37381,
-    kTagFocalLength = 37386,
-    kTagPlaneXRes = 41486,
-    kTagPlaneResUnit = 41488,
-    kTagExposureIndex = 41493,
-    kTagFocal35 = 41989,
-};
 
 struct IfdEntry {
     std::uint16_t tag;
@@ -122,25 +97,25 @@ void parseExifIfd(ReadStream& s, std::int64_t base, RawExif& raw) noexcept {
         const std::int64_t next = s.tell();
         if (!s.seek(base + e.value)) continue;
         switch (e.tag) {
-            case kTagExposureTime: {
+            case ol::tag::kExposureTime: {
                 const Rational r = readRational(s);
                 if constexpr (traceFiles) std::fprintf(stdout, "exp. time - numer=%d   denom=%d\n", r.num, r.den);
                 if (r.den > 0) raw.exposure = static_cast<float>(r.num) / static_cast<float>(r.den);
                 break;
             }
-            case kTagFNumber: {
+            case ol::tag::kFNumber: {
                 const Rational r = readRational(s);
                 if (r.den > 0) raw.fnumber = static_cast<float>(r.num) / static_cast<float>(r.den);
                 break;
             }
-            case kTagIso:
+            case ol::tag::kIso:
                 raw.iso = static_cast<std::int32_t>(e.value);
                 break;
-            case kTagDateTimeOriginal:
+            case ol::tag::kDateTimeOriginal:
                 readLineInto(s, raw.date, 20);
                 if constexpr (traceFiles) std::fprintf(stdout, "Date_time: %s\n", raw.date);
                 break;
-            case kTagShutterSpeed: {
+            case ol::tag::kShutterSpeed: {
                 // APEX Tv: the exposure is 2^-Tv. Kept aside, and used only when
                 // no ExposureTime turns up in the whole IFD.
                 const Rational r = readRational(s);
@@ -149,38 +124,38 @@ void parseExifIfd(ReadStream& s, std::int64_t base, RawExif& raw) noexcept {
                     spare = static_cast<float>(1.0 / std::exp(std::log(2.0) * static_cast<double>(v)));
                 break;
             }
-            case kTagAperture:
-            case kTagMaxAperture:
+            case ol::tag::kAperture:
+            case ol::tag::kMaxAperture:
                 // Taken as the F-number as it stands, with no APEX conversion.
                 if (raw.fnumber == 0.0f) {
                     const Rational r = readRational(s);
                     if (r.den > 0) raw.fnumber = static_cast<float>(r.num) / static_cast<float>(r.den);
                 }
                 break;
-            case kTagFocalLength: {
+            case ol::tag::kFocalLength: {
                 const Rational r = readRational(s);
                 if (r.den > 0) raw.focal = static_cast<float>(r.num) / static_cast<float>(r.den);
                 if constexpr (traceFiles) std::fprintf(stdout, "focalLegnth %1.2f\n", static_cast<double>(raw.focal));
                 break;
             }
-            case kTagPlaneXRes: {
+            case ol::tag::kPlaneXRes: {
                 const Rational r = readRational(s);
                 if (r.den > 0) raw.planeRes = static_cast<float>(r.num) / static_cast<float>(r.den);
                 if constexpr (traceFiles)
                     std::fprintf(stdout, "FP XRes=%d/%d  -  %1.2f\n", r.num, r.den, static_cast<double>(raw.planeRes));
                 break;
             }
-            case kTagPlaneResUnit:
+            case ol::tag::kPlaneResUnit:
                 raw.planeResUnit = static_cast<std::int32_t>(e.value);
                 if constexpr (traceFiles) std::fprintf(stdout, "Unit=%d\n", raw.planeResUnit);
                 break;
-            case kTagExposureIndex:
+            case ol::tag::kExposureIndex:
                 if (raw.iso == 0) {
                     const Rational r = readRational(s);
                     raw.iso = r.den < 1 ? r.num : r.num / r.den;
                 }
                 break;
-            case kTagFocal35:
+            case ol::tag::kFocal35:
                 raw.focal35 = static_cast<std::int32_t>(e.value);
                 if constexpr (traceFiles) std::fprintf(stdout, "focal35=%d\n", raw.focal35);
                 break;
@@ -230,29 +205,29 @@ void parseGpsIfd(ReadStream& s, std::int64_t base, RawExif& raw) noexcept {
                 std::fprintf(stdout, "%s: %d/%d %d/%d %d/%d\n", label, r[0], r[1], r[2], r[3], r[4], r[5]);
         };
         switch (tag) {
-            case 1:
+            case ol::tag::kGpsLatRef:
                 readRef(raw.lat_ref, "latitude_ref");
                 break;
-            case 3:
+            case ol::tag::kGpsLongRef:
                 readRef(raw.long_ref, "long_ref");
                 break;
-            case 5:
+            case ol::tag::kGpsAltRef:
                 readRef(raw.alt_ref, "alt_ref");
                 break;
-            case 2:
+            case ol::tag::kGpsLat:
                 readTriple(raw.latitude, "Latitude");
                 break;
-            case 4:
+            case ol::tag::kGpsLong:
                 readTriple(raw.longitude, "Longitude");
                 break;
-            case 7:
+            case ol::tag::kGpsTime:
                 readTriple(raw.timestamp, "GPS timestamp");
                 break;
-            case 6:
+            case ol::tag::kGpsAlt:
                 readGpsRationals(s, raw.altitude, 1);
                 if constexpr (traceFiles) std::fprintf(stdout, "Altitude: %d/%d\n", raw.altitude[0], raw.altitude[1]);
                 break;
-            case 29:
+            case ol::tag::kGpsDate:
                 readLineInto(s, raw.datestamp, cnt >= 11 ? 11 : cnt);
                 break;
             default:
@@ -428,46 +403,46 @@ void walkTiff(ReadStream& s, std::int64_t base, int fileType, RawExif& raw) noex
             const std::int64_t next = s.tell();
             if (!s.seek(base + e.value)) continue;
             switch (e.tag) {
-                case kTagImageDescription:
+                case ol::tag::kImageDescription:
                     if (fileType == kMetaTiff) {
                         std::size_t got = 0;
                         Owned<char> text = readBlock(s, e.count, &got, raw);
                         if (text) parseDescription(text.get(), got, raw);
                     }
                     break;
-                case kTagModel:
+                case ol::tag::kModel:
                     readLineInto(s, raw.camera, e.count > 64 ? 64 : e.count);
                     break;
-                case kTagOrientation:
+                case ol::tag::kOrientation:
                     if (e.type == 3) raw.orientation = static_cast<std::int32_t>(e.value);
                     break;
-                case kTagThumbOffset:
+                case ol::tag::kThumbOffset:
                     if (ifd >= 1) raw.thumbOffset = static_cast<std::int32_t>(base + e.value);
                     break;
-                case kTagThumbLength:
+                case ol::tag::kThumbLength:
                     if (ifd >= 1) raw.thumbLen = static_cast<std::int32_t>(e.value);
                     break;
-                case kTagXmp:
+                case ol::tag::kXmp:
                     raw.xmpLen = static_cast<std::int32_t>(e.count);
                     raw.xmpOffset = static_cast<std::int32_t>(e.value);
                     if constexpr (tracePreview)
                         std::fprintf(stdout, "getExifData - XMP len: %d  val:%d  %x\n", raw.xmpLen, raw.xmpOffset,
                                      e.value);
                     break;
-                case kTagIptc:
+                case ol::tag::kIptc:
                     raw.iptcOffset = static_cast<std::int32_t>(e.value);
                     if (e.type == 4)
                         raw.iptcLen = static_cast<std::int32_t>(e.count * 4u);
                     else if (e.type == 7)
                         raw.iptcLen = static_cast<std::int32_t>(e.count);
                     break;
-                case kTagPhotoshop:
+                case ol::tag::kPhotoshop:
                     if (fileType == kMetaTiff) read8bim(s, e.count, raw);
                     break;
-                case kTagExifIfd:
+                case ol::tag::kExifIfd:
                     parseExifIfd(s, base, raw);
                     break;
-                case kTagGpsIfd:
+                case ol::tag::kGpsIfd:
                     parseGpsIfd(s, base, raw);
                     break;
                 default:

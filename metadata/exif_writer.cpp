@@ -51,18 +51,18 @@ OL_API int write_exif_buf(int exifCount, int exifLen, int gpsCount, int gpsLen, 
     ol::putU16LE(p + 8, static_cast<std::uint32_t>(n));
     std::uint8_t* entry = p + 10;
     if (hasModel) {
-        ol::putEntry(entry, 272, ol::kTiffAscii, static_cast<std::uint32_t>(modelLen),
+        ol::putEntry(entry, ol::tag::kModel, ol::kTiffAscii, static_cast<std::uint32_t>(modelLen),
                      static_cast<std::uint32_t>(modelAt));
         entry += 12;
     }
-    ol::putShortEntry(entry, 274, static_cast<std::uint32_t>(orientation));
+    ol::putShortEntry(entry, ol::tag::kOrientation, static_cast<std::uint32_t>(orientation));
     entry += 12;
     if (hasExif) {
-        ol::putEntry(entry, 34665, ol::kTiffLong, 1, static_cast<std::uint32_t>(exifAt));
+        ol::putEntry(entry, ol::tag::kExifIfd, ol::kTiffLong, 1, static_cast<std::uint32_t>(exifAt));
         entry += 12;
     }
     if (hasGps) {
-        ol::putEntry(entry, 34853, ol::kTiffLong, 1, static_cast<std::uint32_t>(gpsAt));
+        ol::putEntry(entry, ol::tag::kGpsIfd, ol::kTiffLong, 1, static_cast<std::uint32_t>(gpsAt));
         entry += 12;
     }
     // The next-IFD pointer stays 0 (out is zeroed by the caller).

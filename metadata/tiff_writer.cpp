@@ -240,43 +240,44 @@ OL_API int buf2tifOld(const void* data, const tif_info* info, int stride,
         e += 12;
     };
     const auto u32 = [](int v) { return static_cast<std::uint32_t>(v); };
-    addShort(256, u32(width));
-    addShort(257, u32(height));
+    addShort(tag::kImageWidth, u32(width));
+    addShort(tag::kImageLength, u32(height));
     if (sppOut == 1) {
-        putEntry(e, 258, kTiffShort, 1, 0);
+        putEntry(e, tag::kBitsPerSample, kTiffShort, 1, 0);
         putU16LE(e + 8, u32(bits));
         e += 12;
     } else {
-        add(258, kTiffShort, u32(sppOut), fileOffset(bitsAt));
+        add(tag::kBitsPerSample, kTiffShort, u32(sppOut), fileOffset(bitsAt));
     }
-    addShort(259, 1);
-    addShort(262, sppOut == 1 ? 1 : 2);
+    addShort(tag::kCompression, 1);
+    addShort(tag::kPhotometric, sppOut == 1 ? 1 : 2);
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - modelLen: %d  \n", modelLen);
-    if (modelLen > 0) add(272, kTiffAscii, u32(modelLen), fileOffset(modelAt));
+    if (modelLen > 0) add(tag::kModel, kTiffAscii, u32(modelLen), fileOffset(modelAt));
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - apres model\n");
-    add(273, kTiffLong, 1, 8);
-    addShort(274, u32(orientation));
-    addShort(277, u32(sppOut));
-    addShort(278, u32(height));
-    add(279, kTiffLong, 1, imageBytes);
-    // 284 stands before 282 and 283, and 700 behind 34675: files written by
-    // earlier versions have this order and it is kept.
-    addShort(284, 1);
-    add(282, kTiffRational, 1, fileOffset(xresAt));
-    add(283, kTiffRational, 1, fileOffset(yresAt));
+    add(tag::kStripOffsets, kTiffLong, 1, 8);
+    addShort(tag::kOrientation, u32(orientation));
+    addShort(tag::kSamplesPerPixel, u32(sppOut));
+    addShort(tag::kRowsPerStrip, u32(height));
+    add(tag::kStripByteCounts, kTiffLong, 1, imageBytes);
+    // PlanarConfiguration stands before the resolutions, and the XMP packet
+    // behind the ICC profile: files written by earlier versions have this
+    // order and it is kept.
+    addShort(tag::kPlanarConfig, 1);
+    add(tag::kXResolution, kTiffRational, 1, fileOffset(xresAt));
+    add(tag::kYResolution, kTiffRational, 1, fileOffset(yresAt));
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - lProfil: %d  \n", lProfil);
-    if (lProfil > 0) add(34675, kTiffUndefined, u32(lProfil), fileOffset(iccAt));
+    if (lProfil > 0) add(tag::kIccProfile, kTiffUndefined, u32(lProfil), fileOffset(iccAt));
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - tmMethod2: %d  \n", tmMethod);
-    if (tmMethod > 0) add(700, kTiffByte, u32(xmpLen), fileOffset(xmpAt));
+    if (tmMethod > 0) add(tag::kXmp, kTiffByte, u32(xmpLen), fileOffset(xmpAt));
     if constexpr (traceFiles)
         std::fprintf(stdout, "buf2tif - iptc_len: %d  ifd: %d\n", iptcLen, static_cast<int>(e - b));
-    if (iptcLen > 0) add(33723, kTiffLong, u32(iptcPadded / 4), fileOffset(iptcAt));
+    if (iptcLen > 0) add(tag::kIptc, kTiffLong, u32(iptcPadded / 4), fileOffset(iptcAt));
     if constexpr (traceFiles)
         std::fprintf(stdout, "buf2tif - exif_count: %d  ifd: %d\n", exifCount, static_cast<int>(e - b));
-    if (exifCount > 0) add(34665, kTiffLong, 1, fileOffset(exifAt));
+    if (exifCount > 0) add(tag::kExifIfd, kTiffLong, 1, fileOffset(exifAt));
     if constexpr (traceFiles)
         std::fprintf(stdout, "buf2tif - gpsCount: %d  ifd: %d\n", gpsCount, static_cast<int>(e - b));
-    if (gpsCount > 0) add(34853, kTiffLong, 1, fileOffset(gpsAt));
+    if (gpsCount > 0) add(tag::kGpsIfd, kTiffLong, 1, fileOffset(gpsAt));
     // Next-IFD pointer: stays 0.
 
     if constexpr (traceFiles) std::fprintf(stdout, "buf2tif - sppOut: %d  \n", sppOut);

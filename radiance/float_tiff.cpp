@@ -7,6 +7,7 @@
 #include "frame/bytes.hpp"
 #include "frame/file.hpp"
 #include "frame/rgbe.hpp"
+#include "frame/tiff_tags.hpp"
 
 namespace ol::radiance {
 namespace {
@@ -33,8 +34,8 @@ void findStripOffset(std::FILE* f, std::uint32_t dirOffset, long long* dataOffse
             const std::uint16_t tag = getU16LE(e);
             const std::uint16_t type = getU16LE(e + 2);
             const std::uint32_t n = getU32LE(e + 4);
-            const std::uint32_t value = (type == 3 && n < 3) ? getU16LE(e + 8) : getU32LE(e + 8);
-            if (tag == 0x111) *dataOffset = value;
+            const std::uint32_t value = (type == kTiffShort && n < 3) ? getU16LE(e + 8) : getU32LE(e + 8);
+            if (tag == ol::tag::kStripOffsets) *dataOffset = value;
         }
         if (!readU32LE(f, dirOffset)) return;
     }
@@ -152,17 +153,17 @@ OL_API int fp_save(const char* path, int width, int height, const unsigned char*
         std::uint32_t count, value;
     };
     const Entry entries[11] = {
-        {0x100, 3, 1, w & 0xFFFFu},  // ImageWidth and ImageLength as 16-bit values
-        {0x101, 3, 1, h & 0xFFFFu},
-        {0x102, 3, 3, dir + 138},
-        {0x103, 3, 1, 1},
-        {0x106, 3, 1, 2},
-        {0x111, 4, 1, 8},
-        {0x115, 3, 1, 3},
-        {0x116, 3, 1, h & 0xFFFFu},
-        {0x117, 4, 1, dataBytes},
-        {0x11C, 3, 1, 1},
-        {0x153, 3, 3, dir + 144},
+        {ol::tag::kImageWidth, ol::kTiffShort, 1, w & 0xFFFFu},  // ImageWidth and ImageLength as 16-bit values
+        {ol::tag::kImageLength, ol::kTiffShort, 1, h & 0xFFFFu},
+        {ol::tag::kBitsPerSample, ol::kTiffShort, 3, dir + 138},
+        {ol::tag::kCompression, ol::kTiffShort, 1, 1},
+        {ol::tag::kPhotometric, ol::kTiffShort, 1, 2},
+        {ol::tag::kStripOffsets, ol::kTiffLong, 1, 8},
+        {ol::tag::kSamplesPerPixel, ol::kTiffShort, 1, 3},
+        {ol::tag::kRowsPerStrip, ol::kTiffShort, 1, h & 0xFFFFu},
+        {ol::tag::kStripByteCounts, ol::kTiffLong, 1, dataBytes},
+        {ol::tag::kPlanarConfig, ol::kTiffShort, 1, 1},
+        {ol::tag::kSampleFormat, ol::kTiffShort, 3, dir + 144},
     };
     for (int i = 0; i < 11; ++i) {
         std::uint8_t* e = ifd + 2 + 12 * i;

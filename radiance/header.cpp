@@ -5,6 +5,7 @@
 #include "Ombrelumen40Lib1.h"
 #include "frame/file.hpp"
 #include "frame/numeric.hpp"
+#include "frame/status.hpp"
 #include "radiance/header.hpp"
 
 namespace ol::radiance {
@@ -20,7 +21,7 @@ bool scanResolution(const char* text, int* height, int* width) noexcept {
 int findResolutionLine(std::FILE* f, long budget, int* height, int* width) noexcept {
     char line[kLineBytes];
     for (long i = 0; i < budget; ++i) {
-        if (!readLine(f, line, kLineBytes)) return -1;
+        if (!readLine(f, line, kLineBytes)) return status::kOpen;
         if (scanResolution(line, height, width)) return 1;
     }
     return 0;
@@ -67,10 +68,10 @@ extern "C" {
 
 OL_API int rgbe_dim(const char* path, float* primaries, int* rgbeDims) {
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     std::FILE* f = file.get();
     const long size = fileSize(f);
-    if (size < 0) return -1;
+    if (size < 0) return status::kOpen;
 
     const long budget = headerLineBudget(size);
     float prim[8] = {0, 0, 0, 0, 0, 0, 0, 0};
@@ -78,7 +79,7 @@ OL_API int rgbe_dim(const char* path, float* primaries, int* rgbeDims) {
     long lines = 0;
     char line[kLineBytes];
     for (; lines < budget; ++lines) {
-        if (!readLine(f, line, kLineBytes)) return -2;
+        if (!readLine(f, line, kLineBytes)) return status::kShort;
         float p[8];
         if (std::sscanf(line, "PRIMARIES= %f %f %f %f %f %f %f %f", &p[0], &p[1], &p[2], &p[3],
                         &p[4], &p[5], &p[6], &p[7]) == 8) {
@@ -87,7 +88,7 @@ OL_API int rgbe_dim(const char* path, float* primaries, int* rgbeDims) {
         }
         if (scanResolution(line, &height, &width)) break;
     }
-    if (width == 0 || height == 0) return -3;
+    if (width == 0 || height == 0) return status::kContent;
     rgbeDims[0] = width;
     rgbeDims[1] = height;
     rgbeDims[2] = static_cast<int>(size);
@@ -105,13 +106,13 @@ OL_API int extract_rgbe_exif(const char* path, ExifRecord* exif) {
     exif->colorSpace = -1;
 
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     std::FILE* f = file.get();
 
     char line[kLineBytes];
     int lines = 0;
     for (; lines < 100; ++lines) {
-        if (!readLine(f, line, kLineBytes)) return -1;
+        if (!readLine(f, line, kLineBytes)) return status::kOpen;
         int h, w;
         if (scanResolution(line, &h, &w)) break;
         if (startsWith(line, "CAMERA=")) {

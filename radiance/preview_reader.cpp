@@ -10,6 +10,7 @@
 #include "frame/file.hpp"
 #include "frame/numeric.hpp"
 #include "frame/byte_source.hpp"
+#include "frame/status.hpp"
 #include "radiance/header.hpp"
 
 namespace ol::radiance {
@@ -26,12 +27,12 @@ int previewComponent(ByteSource& src, int width, float xRatio, int outWidth,
     int x = 0;
     while (x < width) {
         const int code = src.get();
-        if (code < 0) return -1;
+        if (code < 0) return status::kOpen;
         if (code > 128) {
             const int n = code - 128;
-            if (x + n > width) return -202;
+            if (x + n > width) return status::kPreviewRun;
             const int v = src.get();
-            if (v < 0) return -1;
+            if (v < 0) return status::kOpen;
             if (out) {
                 for (int c = x; c < x + n; ++c) {
                     if (c == want) {
@@ -45,14 +46,14 @@ int previewComponent(ByteSource& src, int width, float xRatio, int outWidth,
             }
             x += n;
         } else {
-            if (code == 0 || x + code > width) return -202;
+            if (code == 0 || x + code > width) return status::kPreviewRun;
             if (!out) {
                 if (src.skip(static_cast<std::size_t>(code)) != static_cast<std::size_t>(code))
-                    return -1;
+                    return status::kOpen;
             } else {
                 for (int c = x; c < x + code; ++c) {
                     const int v = src.get();
-                    if (v < 0) return -1;
+                    if (v < 0) return status::kOpen;
                     if (c == want) {
                         if (i < outWidth) out[i] = static_cast<std::uint8_t>(v);
                         ++i;
@@ -90,23 +91,23 @@ OL_API int ol_io_read_preview_rgbe(int width, int height, int previewWidth, int 
     const float yRatio = ratio(height, previewHeight);
 
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     std::FILE* f = file.get();
     const long size = fileSize(f);
-    if (size < 0) return -1;
+    if (size < 0) return status::kOpen;
     const long budget = previewLineBudget(size);
-    if (budget < 2) return -1;
+    if (budget < 2) return status::kOpen;
 
     int h = 0, w = 0;
-    if (findResolutionLine(f, budget, &h, &w) < 0) return -1;
-    if (h != height || w != width) return -200;
+    if (findResolutionLine(f, budget, &h, &w) < 0) return status::kOpen;
+    if (h != height || w != width) return status::kPreviewSize;
 
     Owned<std::uint8_t> head = makeOwned<std::uint8_t>(4);
-    if (!head) return -4;
+    if (!head) return status::kNoMemory;
     const long start = std::ftell(f);
-    if (start < 0) return -1;
-    if (!readExact(f, head.get(), 4)) return -1;
-    if (std::fseek(f, start, SEEK_SET) != 0) return -1;
+    if (start < 0) return status::kOpen;
+    if (!readExact(f, head.get(), 4)) return status::kOpen;
+    if (std::fseek(f, start, SEEK_SET) != 0) return status::kOpen;
     std::uint8_t* hd = head.get();
     const bool runLength = hd[0] == 2 && hd[1] == 2 && hd[2] < 128;
 
@@ -117,9 +118,9 @@ OL_API int ol_io_read_preview_rgbe(int width, int height, int previewWidth, int 
     long long y = 0;  // wide enough for height+1
     if (runLength) {
         for (y = 0; y < height; ++y) {
-            if (src.read(hd, 4) != 4) return -1;
-            if (hd[2] >= 128) return -201;
-            if (((hd[2] << 8) | hd[3]) != width) return -4;
+            if (src.read(hd, 4) != 4) return status::kOpen;
+            if (hd[2] >= 128) return status::kPreviewRowHeader;
+            if (((hd[2] << 8) | hd[3]) != width) return status::kRowWidth;
             const bool store = y == wantRow;
             std::uint8_t* row = store ? preview + static_cast<std::size_t>(j) * 4u * pw : nullptr;
             for (int c = 0; c < 4; ++c) {
@@ -136,10 +137,10 @@ OL_API int ol_io_read_preview_rgbe(int width, int height, int previewWidth, int 
     } else {
         const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
         Owned<std::uint8_t> line = makeOwned<std::uint8_t>(rowBytes);
-        if (!line) return -4;
+        if (!line) return status::kNoMemory;
         const std::uint8_t* px = line.get();
         for (y = 0; y < height; ++y) {
-            if (src.read(line.get(), rowBytes) != rowBytes) return -1;
+            if (src.read(line.get(), rowBytes) != rowBytes) return status::kOpen;
             if (y != wantRow) continue;
             std::uint8_t* row = preview + static_cast<std::size_t>(j) * 4u * pw;
             // A row of no width has no column to take (the limit width-1

@@ -6,6 +6,7 @@
 #include "Ombrelumen40Lib1.h"
 #include "frame/alloc.hpp"
 #include "frame/file.hpp"
+#include "frame/status.hpp"
 #include "frame/trace.hpp"
 #include "frame/byte_source.hpp"
 #include "radiance/header.hpp"
@@ -65,13 +66,13 @@ int streamComponent(ByteSource& src, int width, std::uint8_t* dst) noexcept {
             const int code = p[0];
             if (code > 128) {
                 const int n = code - 128;
-                if (x + n > width) return -5;
+                if (x + n > width) return status::kRunOverrun;
                 fillPacket(dst + x, p[1], n);
                 src.advance(2);
                 x += n;
                 continue;
             }
-            if (code == 0 || x + code > width) return -6;
+            if (code == 0 || x + code > width) return status::kBadLiteral;
             if (avail > static_cast<std::size_t>(code)) {
                 copyPacket(dst + x, p + 1, code);
                 src.advance(static_cast<std::size_t>(code) + 1);
@@ -80,18 +81,18 @@ int streamComponent(ByteSource& src, int width, std::uint8_t* dst) noexcept {
             }
         }
         const int code = src.get();
-        if (code < 0) return -1;
+        if (code < 0) return status::kOpen;
         if (code > 128) {
             const int n = code - 128;
-            if (x + n > width) return -5;
+            if (x + n > width) return status::kRunOverrun;
             const int v = src.get();
-            if (v < 0) return -1;
+            if (v < 0) return status::kOpen;
             std::memset(dst + x, v, static_cast<std::size_t>(n));
             x += n;
         } else {
-            if (code == 0 || x + code > width) return -6;
+            if (code == 0 || x + code > width) return status::kBadLiteral;
             if (src.read(dst + x, static_cast<std::size_t>(code)) != static_cast<std::size_t>(code))
-                return -1;
+                return status::kOpen;
             x += code;
         }
     }
@@ -166,7 +167,7 @@ OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe
         std::fprintf(stdout, "in decomp-rle, infos=%d,%d,%d\n", width, height, size);
 
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     const std::size_t bytes = size > 0 ? static_cast<std::size_t>(size) : 0;
     // The first `bytes` bytes of the file are decoded from memory, read in
     // order through a window of 512 KiB or four worst rows (a row of one-byte
@@ -180,35 +181,35 @@ OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe
     std::size_t capacity = worstRow * 4 > (std::size_t(1) << 19) ? worstRow * 4 : std::size_t(1) << 19;
     if (capacity > bytes) capacity = bytes;
     Owned<std::uint8_t> block = makeOwned<std::uint8_t>(capacity);
-    if (!block) return -4;
+    if (!block) return status::kNoMemory;
     // A file shorter than `bytes` is a short read before anything is decoded.
     const long actual = fileSize(file.get());
-    if (actual >= 0 && static_cast<std::size_t>(actual) < bytes) return -2;
+    if (actual >= 0 && static_cast<std::size_t>(actual) < bytes) return status::kShort;
     Window in(file.get(), block.get(), capacity, bytes);
 
     // Every step below is bounded by the data read. The data running out (no
     // resolution line, nothing after it, or a row cut short) is a read that
     // fell short: -2. A file that could not be measured and ends early is a
     // short read too, wherever that shows.
-    const auto fail = [&](int code) { return in.cut() ? -2 : code; };
+    const auto fail = [&](int code) { return in.cut() ? status::kShort : code; };
     for (;;) {
         const std::uint8_t* lf = in.find('\n');
-        if (!lf) return fail(-3);
+        if (!lf) return fail(status::kContent);
         in.take(lf);
         in.fill(1 + 256);  // the line feed and the text scanned after it
         int h = 0, w = 0;
         if (scanResolutionAt(in.p + 1, in.end, &h, &w)) {
-            if (h != height || w != width) return fail(-3);
+            if (h != height || w != width) return fail(status::kContent);
             break;
         }
         ++in.p;
     }
     // Past the resolution line: 6 bytes on from its line feed, then to the
     // line feed that ends it, and over one blank line if there is one.
-    if (!in.fill(7)) return -2;
+    if (!in.fill(7)) return status::kShort;
     in.p += 6;
     const std::uint8_t* lf = in.find('\n');
-    if (!lf) return -2;
+    if (!lf) return status::kShort;
     in.take(lf + 1);
     if (in.fill(1) && *in.p == '\n') ++in.p;
 
@@ -216,23 +217,23 @@ OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe
     if (runLength) {
         for (int y = 0; y < height; ++y) {
             in.fill(worstRow);
-            if (in.end - in.p < 4) return -2;
-            if (((in.p[2] << 8) | in.p[3]) != width) return fail(-4);
+            if (in.end - in.p < 4) return status::kShort;
+            if (((in.p[2] << 8) | in.p[3]) != width) return fail(status::kRowWidth);
             in.p += 4;
             std::uint8_t* row = rowStart(rgbe, width, y);
             for (int c = 0; c < 4; ++c) {
                 switch (decodeComponent(in.p, in.end, width, row + static_cast<std::size_t>(c) * width)) {
                     case RleStatus::Ok: break;
-                    case RleStatus::RunOverrun: return fail(-5);
-                    case RleStatus::BadLiteral: return fail(-6);
-                    case RleStatus::Truncated: return -2;
+                    case RleStatus::RunOverrun: return fail(status::kRunOverrun);
+                    case RleStatus::BadLiteral: return fail(status::kBadLiteral);
+                    case RleStatus::Truncated: return status::kShort;
                 }
             }
         }
     } else {
         const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
         for (int y = 0; y < height; ++y) {
-            if (!in.fill(rowBytes)) return -2;
+            if (!in.fill(rowBytes)) return status::kShort;
             dealPixels(in.p, width, rowStart(rgbe, width, y));
             in.p += rowBytes;
         }
@@ -247,20 +248,20 @@ OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, v
     traceStage("in decomp2-0\n");
 
     File file = openFile(path, "rb");
-    if (!file) return -1;
+    if (!file) return status::kOpen;
     std::FILE* f = file.get();
 
     int h = 0, w = 0;
-    if (findResolutionLine(f, headerLineBudget(size), &h, &w) < 0) return -2;
-    if (h != height || w != width) return -3;
+    if (findResolutionLine(f, headerLineBudget(size), &h, &w) < 0) return status::kShort;
+    if (h != height || w != width) return status::kContent;
     traceStage("in decomp2-1\n");
 
     Owned<std::uint8_t> head = makeOwned<std::uint8_t>(4);
-    if (!head) return -4;
+    if (!head) return status::kNoMemory;
     const long start = std::ftell(f);
-    if (start < 0) return -1;
-    if (!readExact(f, head.get(), 4)) return -2;
-    if (std::fseek(f, start, SEEK_SET) != 0) return -1;
+    if (start < 0) return status::kOpen;
+    if (!readExact(f, head.get(), 4)) return status::kShort;
+    if (std::fseek(f, start, SEEK_SET) != 0) return status::kOpen;
     const bool runLength = isRunLengthStart(head.get());
     traceStage("in decomp2-2\n");
 
@@ -269,9 +270,9 @@ OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, v
         traceStage("in decomp2-3\n");
         for (int y = 0; y < height; ++y) {
             std::uint8_t* hd = head.get();
-            if (src.read(hd, 4) != 4) return -2;
-            if (hd[2] >= 128) return -6;
-            if (((hd[2] << 8) | hd[3]) != width) return -4;
+            if (src.read(hd, 4) != 4) return status::kShort;
+            if (hd[2] >= 128) return status::kBadLiteral;
+            if (((hd[2] << 8) | hd[3]) != width) return status::kRowWidth;
             std::uint8_t* row = rowStart(rgbe, width, y);
             for (int c = 0; c < 4; ++c) {
                 const int r = streamComponent(src, width, row + static_cast<std::size_t>(c) * width);
@@ -282,11 +283,11 @@ OL_API int decomp2(const char* path, const int* rgbeDims, unsigned char* rgbe, v
         traceStage("in decomp2-3\n");
         const std::size_t rowBytes = width > 0 ? 4u * static_cast<std::size_t>(width) : 0;
         Owned<std::uint8_t> line = makeOwned<std::uint8_t>(rowBytes);
-        if (!line) return -4;
+        if (!line) return status::kNoMemory;
         // A picture of fewer than four rows reports every row.
         const int quarter = height / 4 > 0 ? height / 4 : 1;
         for (int y = 0; y < height; ++y) {
-            if (src.read(line.get(), rowBytes) != rowBytes) return -2;
+            if (src.read(line.get(), rowBytes) != rowBytes) return status::kShort;
             dealPixels(line.get(), width, rowStart(rgbe, width, y));
             if constexpr (traceFiles)
                 if (y % quarter == 0) std::fprintf(stdout, "ligne=%d\n", y);

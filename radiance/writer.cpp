@@ -6,6 +6,7 @@
 #include "Ombrelumen40Lib1.h"
 #include "frame/alloc.hpp"
 #include "frame/file.hpp"
+#include "frame/status.hpp"
 #include "frame/trace.hpp"
 #include "radiance/rle.hpp"
 
@@ -91,12 +92,12 @@ int writeRows(std::FILE* f, int width, int rows, const unsigned char* rgbe, int*
         const std::size_t rowMax = 4 + 8 * w;
         const std::size_t cap = rowMax > kWriteChunk ? rowMax : kWriteChunk;
         Owned<std::uint8_t> work = makeOwned<std::uint8_t>(cap);
-        if (!work) return -4;
+        if (!work) return status::kNoMemory;
         std::uint8_t* const buf = work.get();
         std::size_t used = 0;
         for (int y = 0; y < rows; ++y) {
             if (cap - used < rowMax) {
-                if (!writeExact(f, buf, used)) return -1;
+                if (!writeExact(f, buf, used)) return status::kOpen;
                 used = 0;
             }
             const std::uint8_t* row = rgbe + static_cast<std::size_t>(y) * 4u * w;
@@ -111,10 +112,10 @@ int writeRows(std::FILE* f, int width, int rows, const unsigned char* rgbe, int*
             if constexpr (kCount)
                 for (std::size_t x = 0; x < w; ++x) *cntMax += row[3 * w + x] > 254;
         }
-        if (used && !writeExact(f, buf, used)) return -1;
+        if (used && !writeExact(f, buf, used)) return status::kOpen;
     } else {
         Owned<std::uint8_t> line = makeOwned<std::uint8_t>(4 * w);
-        if (!line) return -4;
+        if (!line) return status::kNoMemory;
         std::uint8_t* px = line.get();
         for (int y = 0; y < rows; ++y) {
             const std::uint8_t* row = rgbe + static_cast<std::size_t>(y) * 4u * w;
@@ -126,7 +127,7 @@ int writeRows(std::FILE* f, int width, int rows, const unsigned char* rgbe, int*
             }
             if (std::fwrite(px, 4, w, f) != w) {
                 std::fprintf(stdout, "ol_io_rgbe_write uncompressed failed on line %d\n", y);
-                return -2;
+                return status::kShort;
             }
             if constexpr (kCount)
                 for (std::size_t x = 0; x < w; ++x) *cntMax += row[3 * w + x] > 254;
@@ -147,13 +148,13 @@ OL_API int ol_io_rgbe_write(const char* path, int width, int height, const ExifR
                             const void* /*unused*/, const char* profileName,
                             const unsigned char* rgbe) {
     File file = openFile(path, "wb");
-    if (!file) return -1;
-    if (!writeMetadataHeader(file.get(), width, height, exif, profileName)) return -1;
+    if (!file) return status::kOpen;
+    if (!writeMetadataHeader(file.get(), width, height, exif, profileName)) return status::kOpen;
     int unusedCount = 0;
     const int r = writeRows<false>(file.get(), width, height, rgbe, &unusedCount);
     if (r < 0) return r;
     // Data still in the stream's buffer can fail to reach the file here.
-    if (std::fclose(file.release()) != 0) return -1;
+    if (std::fclose(file.release()) != 0) return status::kOpen;
     return height;
 }
 
@@ -168,12 +169,12 @@ OL_API int ol_write_strip_rgbe(const char* path, int stripIndex, int rowsPerStri
     if constexpr (traceFlow != 0 || traceStats != 0) std::printf("write_strip_rgbe   linesToWrite=%d\n", rows);
 
     File file = openFile(path, stripIndex == 0 ? "wb" : "ab");
-    if (!file) return -1;
-    if (stripIndex == 0 && !writeStripHeader(file.get(), width, height)) return -1;
+    if (!file) return status::kOpen;
+    if (stripIndex == 0 && !writeStripHeader(file.get(), width, height)) return status::kOpen;
     int cntMax = 0;
     const int r = writeRows<traceStats != 0>(file.get(), width, rows, rgbe, &cntMax);
     if (r < 0) return r;
-    if (std::fclose(file.release()) != 0) return -1;
+    if (std::fclose(file.release()) != 0) return status::kOpen;
     if constexpr (traceStats) std::printf("write_strip_rgbe  cntMax: %d\n", cntMax);
     return rows;
 }

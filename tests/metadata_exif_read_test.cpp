@@ -27,18 +27,18 @@ ExifRecord withIfd0(std::vector<Entry> ifd0) {
 TiffSpec fullSpec(bool little) {
     TiffSpec t;
     t.little = little;
-    t.ifds = {{asciiE(272, "Camera X100"), shortE(274, 6)}};
-    t.exif = {rationalE(33434, 1, 125),   rationalE(33437, 28, 10),  shortE(34855, 400),
-              asciiE(36867, "2024:05:06 07:08:09"), rationalE(37386, 35, 1), rationalE(41486, 4000, 3),
-              shortE(41488, 3),          shortE(41989, 52)};
-    t.gps = {bytesE(1, 2, std::string("N\0", 2)),
-             rationalsE(2, {48, 1, 51, 1, 2400, 100}),
-             bytesE(3, 2, std::string("E\0", 2)),
-             rationalsE(4, {2, 1, 21, 1, 700, 100}),
-             bytesE(5, 1, std::string("\1", 1)),
-             rationalE(6, 3512, 10),
-             rationalsE(7, {13, 1, 14, 1, 15, 1}),
-             asciiE(29, "2024:05:06")};
+    t.ifds = {{asciiE(tag::kModel, "Camera X100"), shortE(tag::kOrientation, 6)}};
+    t.exif = {rationalE(tag::kExposureTime, 1, 125),   rationalE(tag::kFNumber, 28, 10),  shortE(tag::kIso, 400),
+              asciiE(tag::kDateTimeOriginal, "2024:05:06 07:08:09"), rationalE(tag::kFocalLength, 35, 1), rationalE(tag::kPlaneXRes, 4000, 3),
+              shortE(tag::kPlaneResUnit, 3),          shortE(tag::kFocal35, 52)};
+    t.gps = {bytesE(tag::kGpsLatRef, 2, std::string("N\0", 2)),
+             rationalsE(tag::kGpsLat, {48, 1, 51, 1, 2400, 100}),
+             bytesE(tag::kGpsLongRef, 2, std::string("E\0", 2)),
+             rationalsE(tag::kGpsLong, {2, 1, 21, 1, 700, 100}),
+             bytesE(tag::kGpsAltRef, 1, std::string("\1", 1)),
+             rationalE(tag::kGpsAlt, 3512, 10),
+             rationalsE(tag::kGpsTime, {13, 1, 14, 1, 15, 1}),
+             asciiE(tag::kGpsDate, "2024:05:06")};
     return t;
 }
 
@@ -121,17 +121,17 @@ TEST(MetareadRational, TwoDecimalsOfScale) {
 }
 
 TEST(MetareadExif, ExposureTimeWinsOverShutterSpeedInEitherOrder) {
-    EXPECT_EQ(withExif({srationalE(37377, 7, 1), rationalE(33434, 1, 50)}).exposureDen, 5000);
-    EXPECT_EQ(withExif({rationalE(33434, 1, 50), srationalE(37377, 7, 1)}).exposureDen, 5000);
+    EXPECT_EQ(withExif({srationalE(tag::kShutterSpeed, 7, 1), rationalE(tag::kExposureTime, 1, 50)}).exposureDen, 5000);
+    EXPECT_EQ(withExif({rationalE(tag::kExposureTime, 1, 50), srationalE(tag::kShutterSpeed, 7, 1)}).exposureDen, 5000);
     // Alone, Tv 7 gives 2^-7 s.
-    EXPECT_EQ(withExif({srationalE(37377, 7, 1)}).exposureDen, 12800);
+    EXPECT_EQ(withExif({srationalE(tag::kShutterSpeed, 7, 1)}).exposureDen, 12800);
     // A negative Tv is a long exposure: 2^2 s.
-    const ExifRecord r = withExif({srationalE(37377, -2, 1)});
+    const ExifRecord r = withExif({srationalE(tag::kShutterSpeed, -2, 1)});
     EXPECT_EQ(r.exposureNum, 400);
     EXPECT_EQ(r.exposureDen, 100);
     // A zero denominator leaves no exposure, and the rational words untouched.
     TiffSpec t;
-    t.exif = {srationalE(37377, 7, 0)};
+    t.exif = {srationalE(tag::kShutterSpeed, 7, 0)};
     const Records z = readExifBytes(buildTiff(t), 0);
     EXPECT_EQ(z.exif.exposureNum, 0);
     EXPECT_EQ(z.result, 0);
@@ -140,23 +140,23 @@ TEST(MetareadExif, ExposureTimeWinsOverShutterSpeedInEitherOrder) {
 TEST(MetareadExif, ApertureIsoAndOrientationSources) {
     // ApertureValue only fills a missing FNumber, taken as it stands (no
     // APEX conversion); MaxApertureValue likewise.
-    EXPECT_EQ(withExif({rationalE(33437, 4, 1), rationalE(37378, 56, 10)}).apertureNum, 400);
-    EXPECT_EQ(withExif({rationalE(37378, 56, 10)}).apertureNum, 560);
-    EXPECT_EQ(withExif({rationalE(37381, 3, 1), rationalE(37378, 8, 1)}).apertureNum, 300);
+    EXPECT_EQ(withExif({rationalE(tag::kFNumber, 4, 1), rationalE(tag::kAperture, 56, 10)}).apertureNum, 400);
+    EXPECT_EQ(withExif({rationalE(tag::kAperture, 56, 10)}).apertureNum, 560);
+    EXPECT_EQ(withExif({rationalE(tag::kMaxAperture, 3, 1), rationalE(tag::kAperture, 8, 1)}).apertureNum, 300);
     // ExposureIndex stands in for a zero ISO (its numerator when the
     // denominator is 0), but only when it comes after the zero ISO.
-    EXPECT_EQ(withExif({shortE(34855, 0), rationalE(41493, 800, 2)}).iso, 400);
-    EXPECT_EQ(withExif({rationalE(41493, 640, 0)}).iso, 640);
-    EXPECT_EQ(withExif({shortE(34855, 200), rationalE(41493, 800, 1)}).iso, 200);
-    EXPECT_EQ(withExif({rationalE(41493, 800, 1), shortE(34855, 0)}).iso, 0);
+    EXPECT_EQ(withExif({shortE(tag::kIso, 0), rationalE(tag::kExposureIndex, 800, 2)}).iso, 400);
+    EXPECT_EQ(withExif({rationalE(tag::kExposureIndex, 640, 0)}).iso, 640);
+    EXPECT_EQ(withExif({shortE(tag::kIso, 200), rationalE(tag::kExposureIndex, 800, 1)}).iso, 200);
+    EXPECT_EQ(withExif({rationalE(tag::kExposureIndex, 800, 1), shortE(tag::kIso, 0)}).iso, 0);
     // Orientation only from a SHORT.
-    EXPECT_EQ(withIfd0({longE(274, 3)}).orientation, 0);
-    EXPECT_EQ(withIfd0({shortE(274, 8)}).orientation, 8);
+    EXPECT_EQ(withIfd0({longE(tag::kOrientation, 3)}).orientation, 0);
+    EXPECT_EQ(withIfd0({shortE(tag::kOrientation, 8)}).orientation, 8);
 }
 
 TEST(MetareadExif, ThumbnailOnlyFromLaterIfdsAndOnlyThreeIfdsWalked) {
     TiffSpec t;
-    t.ifds = {{longE(513, 1000), longE(514, 50)}, {longE(513, 2000), longE(514, 60)}};
+    t.ifds = {{longE(tag::kThumbOffset, 1000), longE(tag::kThumbLength, 50)}, {longE(tag::kThumbOffset, 2000), longE(tag::kThumbLength, 60)}};
     Bytes tiff = buildTiff(t);
     Records r = readExifBytes(tiff, 0);
     EXPECT_EQ(r.exif.thumbOffset, 2000);
@@ -166,26 +166,26 @@ TEST(MetareadExif, ThumbnailOnlyFromLaterIfdsAndOnlyThreeIfdsWalked) {
     EXPECT_EQ(r.exif.thumbOffset, 2000 + 2 + 4 + 6);
 
     // A third IFD (number 2) is read, a fourth is not.
-    t.ifds = {{shortE(274, 1)}, {shortE(274, 2)}, {shortE(274, 3)}, {shortE(274, 4)}};
+    t.ifds = {{shortE(tag::kOrientation, 1)}, {shortE(tag::kOrientation, 2)}, {shortE(tag::kOrientation, 3)}, {shortE(tag::kOrientation, 4)}};
     EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 3);
     // A loop in the chain ends there too.
-    t.ifds = {{shortE(274, 1)}, {shortE(274, 2)}};
+    t.ifds = {{shortE(tag::kOrientation, 1)}, {shortE(tag::kOrientation, 2)}};
     t.loopTo = 0;
     EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 1);
     // An IFD of 255 entries ends the chain; one of 256 does not.
     std::vector<Entry> big(254, longE(0x9999, 0));
-    big.push_back(shortE(274, 5));
+    big.push_back(shortE(tag::kOrientation, 5));
     t = TiffSpec{};
-    t.ifds = {big, {shortE(274, 7)}};
+    t.ifds = {big, {shortE(tag::kOrientation, 7)}};
     EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 5);
     big.push_back(longE(0x9998, 0));
-    t.ifds = {big, {shortE(274, 7)}};
+    t.ifds = {big, {shortE(tag::kOrientation, 7)}};
     EXPECT_EQ(readExifBytes(buildTiff(t), 0).exif.orientation, 7);
 }
 
 TEST(MetareadExif, ModelIsALineRead) {
-    EXPECT_EQ(field(withIfd0({asciiE(272, std::string(80, 'M'))}).camera, 64), std::string(63, 'M'));
-    EXPECT_EQ(field(withIfd0({asciiE(272, "Line one\nLine two")}).camera, 64), "Line one\n");
+    EXPECT_EQ(field(withIfd0({asciiE(tag::kModel, std::string(80, 'M'))}).camera, 64), std::string(63, 'M'));
+    EXPECT_EQ(field(withIfd0({asciiE(tag::kModel, "Line one\nLine two")}).camera, 64), "Line one\n");
 }
 
 TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
@@ -214,13 +214,13 @@ TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
 }
 
 TEST(MetareadExif, XmpAndIptcTags) {
-    ExifRecord r = withIfd0({rawE(700, 1, 4321, 900), rawE(33723, 4, 10, 1234)});
+    ExifRecord r = withIfd0({rawE(tag::kXmp, 1, 4321, 900), rawE(tag::kIptc, 4, 10, 1234)});
     EXPECT_EQ(r.xmpLen, 4321);
     EXPECT_EQ(r.xmpOffset, 900);
     EXPECT_EQ(r.iptcOffset, 1234);
     EXPECT_EQ(r.iptcLen, 40);
-    EXPECT_EQ(withIfd0({rawE(33723, 7, 10, 1234)}).iptcLen, 10);
-    r = withIfd0({rawE(33723, 3, 10, 1234)});  // another type: length unchanged
+    EXPECT_EQ(withIfd0({rawE(tag::kIptc, 7, 10, 1234)}).iptcLen, 10);
+    r = withIfd0({rawE(tag::kIptc, 3, 10, 1234)});  // another type: length unchanged
     EXPECT_EQ(r.iptcOffset, 1234);
     EXPECT_EQ(r.iptcLen, 0);
 }
@@ -312,7 +312,7 @@ TEST(MetareadExif, JpegScanStopsAndSaysWhy) {
 TEST(MetareadExif, DescriptionOnlyParsedInTiff) {
     const std::string desc = "f1, f2, f3, f4, f5, f6, f7, 1/250s, R345, G300, B512";
     TiffSpec t;
-    t.ifds = {{asciiE(270, desc)}};
+    t.ifds = {{asciiE(tag::kImageDescription, desc)}};
     const Bytes tiff = buildTiff(t);
     const Records r = readExifBytes(tiff, 0);
     EXPECT_EQ(r.exif.exposureNum, 100);

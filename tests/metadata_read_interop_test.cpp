@@ -110,12 +110,12 @@ TEST_P(TiffOrder, ExiftoolTagsXmpAndIptc) {
     EXPECT_EQ(r.gps.lat_ref, 'S');
     EXPECT_NEAR(dms(r.gps.latitude), 10.5, 1e-9);
 
-    // Tag 700: the packet exiftool reports, at the offset the reader gives.
+    // The XMP tag: the packet exiftool reports, at the offset the reader gives.
     std::string xmp;
     oltest::runCommand("exiftool -b -XMP " + tif, &xmp);
     ASSERT_GT(r.exif.xmpLen, 0);
     EXPECT_EQ(fileBytes(tif, r.exif.xmpOffset, r.exif.xmpLen), xmp);
-    // Tag 33723: the IPTC block with both keywords.
+    // The IPTC tag: the block with both keywords.
     const std::string iptc = iptcBlock(tif, r.exif);
     EXPECT_NE(iptc.find("gamma"), std::string::npos);
     EXPECT_NE(iptc.find("delta"), std::string::npos);

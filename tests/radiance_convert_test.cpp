@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "frame/bytes.hpp"
+#include "frame/tiff_tags.hpp"
 #include "support/radiance.hpp"
 
 using namespace radtest;
@@ -167,7 +168,7 @@ TEST(RadianceFloatTiff, ReadsPixelsAndStats) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.tif");
     const std::vector<float> rgb = {1.0f, 0.5f, 0.25f, 0.0f, 0.0f, 0.0f, 1e-33f, 0.0f, 0.0f, 3.0f, 2.0f, 1.0f};
-    oltest::writeFile(path, floatTiff(rgb, {{0x100, 3, 1, 2}, {0x111, 4, 1, 8}}));
+    oltest::writeFile(path, floatTiff(rgb, {{ol::tag::kImageWidth, ol::kTiffShort, 1, 2}, {ol::tag::kStripOffsets, ol::kTiffLong, 1, 8}}));
     Bytes out(4 * 2 * 2, 0xAA);
     float stats[3] = {-1, -1, -1};
     ASSERT_EQ(fp2rgbe(path.c_str(), 2, 2, stats, out.data()), 2);
@@ -194,13 +195,13 @@ TEST(RadianceFloatTiff, DirectoryRules) {
     };
     // No StripOffsets: the pixels are read from offset `width` (here 4,
     // which is the directory offset field and then the floats).
-    const Bytes f = floatTiff({1.0f, 1.0f, 1.0f, 2.0f, 2.0f, 2.0f}, {{0x100, 3, 1, 2}});
+    const Bytes f = floatTiff({1.0f, 1.0f, 1.0f, 2.0f, 2.0f, 2.0f}, {{ol::tag::kImageWidth, ol::kTiffShort, 1, 2}});
     ASSERT_EQ(read(f, 4, 1), 1);
     int e;
     std::frexp(std::max({ol::getF32LE(f.data() + 4), ol::getF32LE(f.data() + 8), ol::getF32LE(f.data() + 12)}), &e);
     EXPECT_EQ(out[3 * 4], static_cast<std::uint8_t>(e + 128));
     // A SHORT offset with fewer than 3 values uses the low two bytes only.
-    Bytes g = floatTiff({0.5f, 0.5f, 0.5f}, {{0x111, 3, 1, 0xABCD0008u}});
+    Bytes g = floatTiff({0.5f, 0.5f, 0.5f}, {{ol::tag::kStripOffsets, ol::kTiffShort, 1, 0xABCD0008u}});
     ASSERT_EQ(read(g, 1, 1), 1);
     EXPECT_EQ(pixelAt(out, 1, 0, 0), (Px{128, 128, 128, 128}));
     // Byte order and magic.
@@ -213,7 +214,7 @@ TEST(RadianceFloatTiff, DirectoryRules) {
     EXPECT_EQ(fp2rgbe(dir.file("absent.tif").c_str(), 1, 1, stats, out.data()), -1);
     EXPECT_EQ(fp2rgbe(path.c_str(), 1, 0, stats, out.data()), 0);
     // A directory chain that loops ends.
-    Bytes loop = floatTiff({0.5f, 0.5f, 0.5f}, {{0x111, 4, 1, 8}});
+    Bytes loop = floatTiff({0.5f, 0.5f, 0.5f}, {{ol::tag::kStripOffsets, ol::kTiffLong, 1, 8}});
     ol::putU32LE(loop.data() + loop.size() - 4, ol::getU32LE(loop.data() + 4));
     EXPECT_EQ(read(loop, 1, 1), 1);
 }
@@ -223,7 +224,7 @@ TEST(RadianceFloatTiff, EndOfFileRepeatsTheLastPixel) {
     const std::string path = dir.file("f.tif");
     // Directory first, pixels last: the file ends after two pixels.
     Bytes f = {'I', 'I', 42, 0, 8, 0, 0, 0};
-    appendDirectory(f, {{0x111, 4, 1, 8 + 2 + 12 + 4}});
+    appendDirectory(f, {{ol::tag::kStripOffsets, ol::kTiffLong, 1, 8 + 2 + 12 + 4}});
     appendFloats(f, {0.5f, 0.5f, 0.5f, 1.0f, 0.25f, 0.5f});
     oltest::writeFile(path, f);
     Bytes out(4 * 5);
@@ -232,7 +233,7 @@ TEST(RadianceFloatTiff, EndOfFileRepeatsTheLastPixel) {
     for (int x = 1; x < 5; ++x) EXPECT_EQ(pixelAt(out, 5, x, 0), (Px{128, 32, 64, 129}));
 }
 
-TEST(RadianceFloatTiff, SaveWritesTheExactDirectory) {
+TEST(RadianceFloatTiff, SaveWritesTheKeptFile) {
     oltest::TempDir dir;
     const std::string path = dir.file("s.tif");
     const int W = 3, H = 2;
@@ -245,31 +246,9 @@ TEST(RadianceFloatTiff, SaveWritesTheExactDirectory) {
     planes[3 * W] = 129;
     planes[1] = 200;
     ASSERT_EQ(fp_save(path.c_str(), W, H, planes.data()), H);
-    const Bytes f = oltest::readFile(path);
-    ASSERT_EQ(f.size(), 8u + 12 * W * H + 150);
-    const std::uint32_t dir0 = 8 + 12 * W * H;
-    EXPECT_EQ(Bytes(f.begin(), f.begin() + 8), (Bytes{'I', 'I', 42, 0, static_cast<std::uint8_t>(dir0), 0, 0, 0}));
-    EXPECT_EQ(ol::getF32LE(f.data() + 8), 256.0f);
-    EXPECT_EQ(ol::getF32LE(f.data() + 12), 128.0f);
-    EXPECT_EQ(ol::getF32LE(f.data() + 16), 64.0f);
-    EXPECT_EQ(ol::getF32LE(f.data() + 20), 0.0f);
-    const Bytes expected = {
-        11, 0,
-        0x00, 0x01, 3, 0, 1, 0, 0, 0, 3, 0, 0, 0,
-        0x01, 0x01, 3, 0, 1, 0, 0, 0, 2, 0, 0, 0,
-        0x02, 0x01, 3, 0, 3, 0, 0, 0, static_cast<std::uint8_t>(dir0 + 138), 0, 0, 0,
-        0x03, 0x01, 3, 0, 1, 0, 0, 0, 1, 0, 0, 0,
-        0x06, 0x01, 3, 0, 1, 0, 0, 0, 2, 0, 0, 0,
-        0x11, 0x01, 4, 0, 1, 0, 0, 0, 8, 0, 0, 0,
-        0x15, 0x01, 3, 0, 1, 0, 0, 0, 3, 0, 0, 0,
-        0x16, 0x01, 3, 0, 1, 0, 0, 0, 2, 0, 0, 0,
-        0x17, 0x01, 4, 0, 1, 0, 0, 0, 72, 0, 0, 0,
-        0x1C, 0x01, 3, 0, 1, 0, 0, 0, 1, 0, 0, 0,
-        0x53, 0x01, 3, 0, 3, 0, 0, 0, static_cast<std::uint8_t>(dir0 + 144), 0, 0, 0,
-        0, 0, 0, 0,
-        32, 0, 32, 0, 32, 0,
-        3, 0, 3, 0, 3, 0};
-    EXPECT_EQ(Bytes(f.begin() + dir0, f.end()), expected);
+    // Floats 256, 128, 64, then 0s; the directory of 11 entries with the
+    // bits and sample format arrays behind it.
+    EXPECT_TRUE(oltest::matchesFixture("float_tiff/save_3x2.tif", oltest::readFile(path)));
 
     EXPECT_EQ(fp_save(dir.file("no/such/dir.tif").c_str(), W, H, planes.data()), -2);
     if (oltest::fs::exists("/dev/full")) {
@@ -284,24 +263,16 @@ TEST(RadianceFloatTiff, RoundTripMultipliesBy256) {
     std::vector<float> rgb;
     for (int i = 0; i < 4 * 3; ++i)
         for (int k = 0; k < 3; ++k) rgb.push_back(0.01f * static_cast<float>((i + 1) * (k + 2)) + 1e-4f * i);
-    oltest::writeFile(a, floatTiff(rgb, {{0x111, 4, 1, 8}}));
+    oltest::writeFile(a, floatTiff(rgb, {{ol::tag::kStripOffsets, ol::kTiffLong, 1, 8}}));
     Bytes planes(4 * 4 * 3);
     float stats[3];
     ASSERT_EQ(fp2rgbe(a.c_str(), 4, 3, stats, planes.data()), 3);
     ASSERT_EQ(fp_save(b.c_str(), 4, 3, planes.data()), 3);
-    Bytes back(planes.size());
-    ASSERT_EQ(fp2rgbe(b.c_str(), 4, 3, stats, back.data()), 3);
+    // (Reading the saved file back, mantissas equal and exponents 8 up, is
+    // in roundtrip_test.cpp.)
     const Bytes f = oltest::readFile(b);
     for (std::size_t i = 0; i < rgb.size(); ++i) {
         const float v = ol::getF32LE(f.data() + 8 + 4 * i);
         EXPECT_NEAR(v, 256.0f * rgb[i], 256.0f * rgb[i] / 64) << i;
     }
-    // Reading back what was saved gives the same mantissas, 8 exponent
-    // steps up.
-    for (int y = 0; y < 3; ++y)
-        for (int x = 0; x < 4; ++x) {
-            auto p = pixelAt(planes, 4, x, y), q = pixelAt(back, 4, x, y);
-            EXPECT_EQ(q[0], p[0]);
-            EXPECT_EQ(q[3], p[3] + 8);
-        }
 }

@@ -15,41 +15,13 @@ using namespace radtest;
 
 namespace {
 
-const char* kHelper = R"PY(
-import sys
-import numpy as np
-cmd = sys.argv[1]
-if cmd == "cv2read":
-    import cv2
-    a = cv2.imread(sys.argv[2], cv2.IMREAD_ANYDEPTH | cv2.IMREAD_ANYCOLOR)
-    if a is None:
-        sys.exit(2)
-    np.ascontiguousarray(a[:, :, ::-1]).astype("<f4").tofile(sys.argv[3])
-elif cmd == "tiffread":
-    import tifffile
-    tifffile.imread(sys.argv[2]).astype("<f4").tofile(sys.argv[3])
-elif cmd in ("cv2write", "tiffwrite"):
-    w, h = int(sys.argv[3]), int(sys.argv[4])
-    a = np.fromfile(sys.argv[2], "<f4").reshape(h, w, 3)
-    if cmd == "cv2write":
-        import cv2
-        cv2.imwrite(sys.argv[5], np.ascontiguousarray(a[:, :, ::-1]))
-    else:
-        import tifffile
-        tifffile.imwrite(sys.argv[5], a, photometric="rgb")
-)PY";
-
 class Interop : public ::testing::Test {
 protected:
-    void SetUp() override {
-        helper_ = dir_.file("helper.py");
-        oltest::writeText(helper_, kHelper);
-    }
     bool havePython(const char* module) {
         return oltest::fs::exists(oltest::systemPython()) && oltest::havePythonModule(module);
     }
     bool py(const std::string& args) {
-        return oltest::runCommand(oltest::systemPython() + " " + helper_ + " " + args + " 2>/dev/null") == 0;
+        return oltest::runCommand(oltest::systemPython() + " " + oltest::shellQuote(helper_) + " " + args + " 2>/dev/null") == 0;
     }
     static bool sh(const std::string& cmd) { return oltest::runCommand(cmd + " >/dev/null 2>&1") == 0; }
     std::vector<float> readF32(const std::string& path) {
@@ -74,7 +46,7 @@ protected:
     std::string file(const std::string& name) const { return dir_.file(name); }
 
     oltest::TempDir dir_;
-    std::string helper_;
+    const std::string helper_ = std::string(OL_SOURCE_DIR) + "/tests/interop/radiance_helper.py";
 };
 
 // Planes with mantissas 128..255 and exponents spread over a range, as the

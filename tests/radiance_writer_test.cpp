@@ -65,43 +65,33 @@ std::vector<int> packetLengths(const Bytes& b) {
 
 }  // namespace
 
-TEST(RadianceCoder, RunOfFourStaysLiteralRunOfFiveBecomesRun) {
-    EXPECT_EQ(packetLengths({7, 9, 9, 9, 9, 3}), (std::vector<int>{6}));
-    EXPECT_EQ(packetLengths({7, 9, 9, 9, 9, 9, 3}), (std::vector<int>{1, -5, 1}));
-    EXPECT_EQ(packetLengths({9, 9, 9, 9}), (std::vector<int>{4}));
-    EXPECT_EQ(packetLengths({9, 9, 9, 9, 9}), (std::vector<int>{-5}));
-    // Two short runs absorbed one after the other into one literal.
-    EXPECT_EQ(packetLengths({1, 1, 2, 2, 2, 3, 4, 4, 4, 4, 5}), (std::vector<int>{11}));
-}
-
-TEST(RadianceCoder, LongRunsSplitAt127) {
-    EXPECT_EQ(packetLengths(Bytes(300, 42)), (std::vector<int>{-127, -127, -46}));
-    const Bytes enc = encode(Bytes(300, 42));
-    EXPECT_EQ(enc, (Bytes{255, 42, 255, 42, 128 + 46, 42}));
-    // A run that would leave a remainder of 1 to 4 still takes all it can.
-    EXPECT_EQ(packetLengths(Bytes(129, 1)), (std::vector<int>{-127, 2}));
-}
-
-TEST(RadianceCoder, LiteralNeverHolds128Bytes) {
-    Bytes b(128);
-    for (int i = 0; i < 128; ++i) b[i] = static_cast<std::uint8_t>(i);
-    // The last byte gets a packet of its own when the pending one is full.
-    EXPECT_EQ(packetLengths(b), (std::vector<int>{127, 1}));
-    b.push_back(0);
-    EXPECT_EQ(packetLengths(b), (std::vector<int>{127, 2}));
-    // A full literal followed by a short run: the run's bytes go on.
-    Bytes c(127);
-    for (int i = 0; i < 127; ++i) c[i] = static_cast<std::uint8_t>(i * 2 + 1);
-    c.insert(c.end(), {0, 0, 0});
-    EXPECT_EQ(packetLengths(c), (std::vector<int>{127, 3}));
-}
-
-TEST(RadianceCoder, TailByteJoinsThePendingLiteralOrStandsAlone) {
-    EXPECT_EQ(packetLengths({5, 5, 5, 5, 5, 5, 8}), (std::vector<int>{-6, 1}));
-    EXPECT_EQ(packetLengths({1, 2, 3}), (std::vector<int>{3}));
-    EXPECT_EQ(packetLengths({4}), (std::vector<int>{1}));
-    EXPECT_EQ(packetLengths({1, 2, 3, 3, 3}), (std::vector<int>{5}));
-    EXPECT_EQ(packetLengths({1, 2, 3, 3, 3, 3, 3}), (std::vector<int>{2, -5}));
+// The coder's special runs: packet lengths, a run negative.
+TEST(RadianceCoder, SpecialRuns) {
+    Bytes count128(128), full127(127);
+    for (int i = 0; i < 128; ++i) count128[i] = static_cast<std::uint8_t>(i);
+    for (int i = 0; i < 127; ++i) full127[i] = static_cast<std::uint8_t>(i * 2 + 1);
+    Bytes count129 = count128, fullThenRun = full127;
+    count129.push_back(0);
+    fullThenRun.insert(fullThenRun.end(), {0, 0, 0});
+    const std::pair<Bytes, std::vector<int>> rows[] = {
+        {{7, 9, 9, 9, 9, 3}, {6}},  // a run of four stays literal
+        {{7, 9, 9, 9, 9, 9, 3}, {1, -5, 1}},  // a run of five becomes a run
+        {{9, 9, 9, 9}, {4}},
+        {{9, 9, 9, 9, 9}, {-5}},
+        {{1, 1, 2, 2, 2, 3, 4, 4, 4, 4, 5}, {11}},  // short runs absorbed one after the other
+        {Bytes(300, 42), {-127, -127, -46}},         // long runs split at 127
+        {Bytes(129, 1), {-127, 2}},                  // a run leaving 1 to 4 still takes all it can
+        {count128, {127, 1}},                        // a literal never holds 128 bytes
+        {count129, {127, 2}},
+        {fullThenRun, {127, 3}},  // a full literal followed by a short run: the run's bytes go on
+        {{5, 5, 5, 5, 5, 5, 8}, {-6, 1}},  // the tail byte joins the pending literal or stands alone
+        {{1, 2, 3}, {3}},
+        {{4}, {1}},
+        {{1, 2, 3, 3, 3}, {5}},
+        {{1, 2, 3, 3, 3, 3, 3}, {2, -5}},
+    };
+    for (const auto& [in, lengths] : rows) EXPECT_EQ(packetLengths(in), lengths) << in.size() << " bytes";
+    EXPECT_EQ(encode(Bytes(300, 42)), (Bytes{255, 42, 255, 42, 128 + 46, 42}));
 }
 
 TEST(RadianceCoder, MatchesThePlainRulesOnVariedRows) {
@@ -146,72 +136,61 @@ std::string headerOf(const std::string& path) {
 
 }  // namespace
 
-TEST(RadianceWriter, FullHeaderInItsOrder) {
+// The header lines, their order and conditions, as rows.
+TEST(RadianceWriter, HeaderLines) {
     oltest::TempDir dir;
-    ExifRecord e = shotExif(1, 250, 28, 10, 200, 50, 1);
-    e.focal35 = 75;
-    e.planeResNum = 3000;
-    e.planeResDen = 7;
-    e.planeResUnit = 2;
-    std::strcpy(e.camera, "Camera X100");
-    std::strcpy(e.date, "2021:05:06 07:08:09");
-    const Bytes px = photoPlanes(3, 2, 1);
-    const std::string path = dir.file("a.hdr");
-    ASSERT_EQ(ol_io_rgbe_write(path.c_str(), 3, 2, &e, nullptr, "sRGB IEC61966-2.1", px.data()), 2);
-    EXPECT_EQ(headerOf(path),
-              "#?RADIANCE\nCAMERA=Camera X100\nCAPDATE=2021:05:06 07:08:09\n"
-              "ICC_PROFILE=sRGB IEC61966-2.1\nSHUTTER=0.004000\nAPERTURE=2.80\nISO=200\n"
-              "FOCAL_LENGTH=50.00\n35MM_EQUIV=75\nFOCAL_PLANE_XRESOLUTION=428.57\n"
-              "FOCAL_PLANE_RESOLUTIONUNIT=2\nGenerated with Ombrelumen Pro 4.0 for Windows\n"
-              "FORMAT=32-bit_rle_rgbe\n\n-Y 2 +X 3\n");
-}
-
-TEST(RadianceWriter, OptionalLinesAndTheirConditions) {
-    oltest::TempDir dir;
-    const Bytes px = photoPlanes(2, 1, 2);
-    const auto headerFor = [&](const ExifRecord& e, const char* profile) {
-        const std::string path = dir.file("b.hdr");
-        EXPECT_EQ(ol_io_rgbe_write(path.c_str(), 2, 1, &e, nullptr, profile, px.data()), 1);
-        return headerOf(path);
-    };
-    const std::string tail =
-        "Generated with Ombrelumen Pro 4.0 for Windows\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 2\n";
-
-    // Nothing present: a denominator of 0 or a negative value is missing.
-    EXPECT_EQ(headerFor(shotExif(1, 0, 0, 10, -5, -3, -1), ""), "#?RADIANCE\n" + tail);
-
+    const std::string gen = "Generated with Ombrelumen Pro 4.0 for Windows\nFORMAT=32-bit_rle_rgbe\n\n";
+    ExifRecord full = shotExif(1, 250, 28, 10, 200, 50, 1);
+    full.focal35 = 75;
+    full.planeResNum = 3000;
+    full.planeResDen = 7;
+    full.planeResUnit = 2;
+    std::strcpy(full.camera, "Camera X100");
+    std::strcpy(full.date, "2021:05:06 07:08:09");
     // A camera of the full 64 bytes has no terminator; the date's own line
-    // feed ends its line; a profile name whose first byte is above 127 is
-    // left out.
-    ExifRecord e = emptyExif();
-    std::memset(e.camera, 'C', 64);
-    std::memcpy(e.date, "2020:01:02 03:04:05\n", 20);
-    EXPECT_EQ(headerFor(e, "\xC3\xA9sRGB"),
-              "#?RADIANCE\nCAMERA=" + std::string(64, 'C') + "\nCAPDATE=2020:01:02 03:04:05\n" + tail);
-
-    // A date of the full 20 bytes with no line feed; the profile name stops
-    // after 32 characters.
-    e = emptyExif();
-    std::memset(e.date, 'D', 20);
-    EXPECT_EQ(headerFor(e, std::string(40, 'p').c_str()),
-              "#?RADIANCE\nCAPDATE=" + std::string(20, 'D') + "\nICC_PROFILE=" + std::string(32, 'p') + "\n" + tail);
-
-    // The line feed stands after the date's terminator: the whole field is
-    // searched, so the line gets no line feed of its own.
-    e = emptyExif();
-    std::memcpy(e.date, "2020:01:02\0\n", 12);
-    EXPECT_EQ(headerFor(e, ""), "#?RADIANCE\nCAPDATE=2020:01:02" + tail);
-}
-
-TEST(RadianceWriter, HeightZeroWritesTheHeaderOnly) {
-    oltest::TempDir dir;
-    const std::string path = dir.file("z.hdr");
-    ExifRecord e = emptyExif();
-    const std::uint8_t px[4] = {0, 0, 0, 0};
-    EXPECT_EQ(ol_io_rgbe_write(path.c_str(), 5, 0, &e, nullptr, "", px), 0);
-    const Bytes f = oltest::readFile(path);
-    EXPECT_EQ(std::string(f.begin(), f.end()),
-              "#?RADIANCE\nGenerated with Ombrelumen Pro 4.0 for Windows\nFORMAT=32-bit_rle_rgbe\n\n-Y 0 +X 5\n");
+    // feed ends its line.
+    ExifRecord fullCamera = emptyExif(), fullDate = emptyExif(), feedAfterEnd = emptyExif();
+    std::memset(fullCamera.camera, 'C', 64);
+    std::memcpy(fullCamera.date, "2020:01:02 03:04:05\n", 20);
+    std::memset(fullDate.date, 'D', 20);  // no line feed
+    // The whole field is searched for a line feed: one behind the
+    // terminator leaves the line without its own.
+    std::memcpy(feedAfterEnd.date, "2020:01:02\0\n", 12);
+    struct Row {
+        ExifRecord e;
+        std::string profile;
+        int width, height;
+        std::string header;
+    };
+    const Row rows[] = {
+        {full, "sRGB IEC61966-2.1", 3, 2,
+         "#?RADIANCE\nCAMERA=Camera X100\nCAPDATE=2021:05:06 07:08:09\nICC_PROFILE=sRGB IEC61966-2.1\n"
+         "SHUTTER=0.004000\nAPERTURE=2.80\nISO=200\nFOCAL_LENGTH=50.00\n35MM_EQUIV=75\n"
+         "FOCAL_PLANE_XRESOLUTION=428.57\nFOCAL_PLANE_RESOLUTIONUNIT=2\n" + gen + "-Y 2 +X 3\n"},
+        // A denominator of 0 or a negative value is missing.
+        {shotExif(1, 0, 0, 10, -5, -3, -1), "", 2, 1, "#?RADIANCE\n" + gen + "-Y 1 +X 2\n"},
+        // A profile name whose first byte is above 127 is left out.
+        {fullCamera, "\xC3\xA9sRGB", 2, 1,
+         "#?RADIANCE\nCAMERA=" + std::string(64, 'C') + "\nCAPDATE=2020:01:02 03:04:05\n" + gen + "-Y 1 +X 2\n"},
+        // The profile name stops after 32 characters.
+        {fullDate, std::string(40, 'p'), 2, 1,
+         "#?RADIANCE\nCAPDATE=" + std::string(20, 'D') + "\nICC_PROFILE=" + std::string(32, 'p') + "\n" + gen +
+             "-Y 1 +X 2\n"},
+        {feedAfterEnd, "", 2, 1, "#?RADIANCE\nCAPDATE=2020:01:02" + gen + "-Y 1 +X 2\n"},
+        // Height 0 writes the header only.
+        {emptyExif(), "", 5, 0, "#?RADIANCE\n" + gen + "-Y 0 +X 5\n"},
+    };
+    const Bytes px = photoPlanes(3, 2, 1);
+    for (const Row& r : rows) {
+        const std::string path = dir.file("h.hdr");
+        EXPECT_EQ(ol_io_rgbe_write(path.c_str(), r.width, r.height, &r.e, nullptr, r.profile.c_str(), px.data()),
+                  r.height);
+        const Bytes f = oltest::readFile(path);
+        EXPECT_EQ(std::string(f.begin(), f.begin() + static_cast<long>(dataOffset(f))), r.header);
+        if (r.height == 0) {
+            EXPECT_EQ(f.size(), r.header.size());
+        }
+    }
 }
 
 TEST(RadianceWriter, Width32767IsRunLengthAnd32768Flat) {

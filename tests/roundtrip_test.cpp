@@ -124,12 +124,12 @@ TEST(RoundTrip, TiffMetadataComesBackThroughTheReader) {
     EXPECT_EQ(std::string(back.camera, strnlen(back.camera, sizeof back.camera)), "TestCam 5");
     EXPECT_EQ(std::string(back.date, strnlen(back.date, sizeof back.date)), "2024:05:06 07:08:09");
     EXPECT_EQ(back.orientation, 6);
-    ASSERT_TRUE(find(ifd, 33723));
+    ASSERT_TRUE(find(ifd, tag::kIptc));
     EXPECT_EQ(back.iptcLen, 16);
-    EXPECT_EQ(static_cast<std::uint32_t>(back.iptcOffset), find(ifd, 33723)->value);
-    ASSERT_TRUE(find(ifd, 700));
-    EXPECT_EQ(static_cast<std::uint32_t>(back.xmpLen), find(ifd, 700)->count);
-    EXPECT_EQ(static_cast<std::uint32_t>(back.xmpOffset), find(ifd, 700)->value);
+    EXPECT_EQ(static_cast<std::uint32_t>(back.iptcOffset), find(ifd, tag::kIptc)->value);
+    ASSERT_TRUE(find(ifd, tag::kXmp));
+    EXPECT_EQ(static_cast<std::uint32_t>(back.xmpLen), find(ifd, tag::kXmp)->count);
+    EXPECT_EQ(static_cast<std::uint32_t>(back.xmpOffset), find(ifd, tag::kXmp)->value);
 
     EXPECT_EQ(0, std::memcmp(gback.latitude, gps.latitude, sizeof gps.latitude));
     EXPECT_EQ(0, std::memcmp(gback.longitude, gps.longitude, sizeof gps.longitude));

@@ -201,10 +201,10 @@ TEST(Trace, MetadataRead) {
     // IFD0 (3 entries) at 8, the Exif IFD at 50, the GPS IFD at 128, their
     // data from 170 on; then an APP13 with IPTC and a second resource.
     TiffSpec ts;
-    ts.ifds = {{rawE(700, 1, 16, 0x20)}};
-    ts.exif = {rationalE(33434, 1, 125), asciiE(36867, "2024:05:06 07:08:09"), rationalE(37386, 50, 1),
-               rationalE(41486, 4000, 3), shortE(41488, 3), shortE(41989, 75)};
-    ts.gps = {bytesE(1, 2, std::string("N\0", 2)), rationalsE(2, {48, 1, 51, 1, 24, 1}), rationalE(6, 35, 1)};
+    ts.ifds = {{rawE(tag::kXmp, 1, 16, 0x20)}};
+    ts.exif = {rationalE(tag::kExposureTime, 1, 125), asciiE(tag::kDateTimeOriginal, "2024:05:06 07:08:09"), rationalE(tag::kFocalLength, 50, 1),
+               rationalE(tag::kPlaneXRes, 4000, 3), shortE(tag::kPlaneResUnit, 3), shortE(tag::kFocal35, 75)};
+    ts.gps = {bytesE(tag::kGpsLatRef, 2, std::string("N\0", 2)), rationalsE(tag::kGpsLat, {48, 1, 51, 1, 24, 1}), rationalE(tag::kGpsAlt, 35, 1)};
     Bytes iptc = kIptcVersion;
     iptc.resize(30, 0);
     const Bytes res = cat({resource8bim(0x0404, iptc), resource8bim(0x0425, Bytes(16, 1))});

@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/tiff_tags.hpp"
 #include "support/records.hpp"
 #include "support/testsupport.hpp"
 
 namespace metatest {
 
 using namespace oltest::records;
+namespace tag = ol::tag;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -116,8 +118,8 @@ inline Bytes buildTiff(TiffSpec spec) {
     if (spec.ifds.empty()) spec.ifds.emplace_back();
     const bool hasExif = !spec.exif.empty();
     const bool hasGps = !spec.gps.empty();
-    if (hasExif) spec.ifds[0].push_back(longE(34665, 0));
-    if (hasGps) spec.ifds[0].push_back(longE(34853, 0));
+    if (hasExif) spec.ifds[0].push_back(longE(tag::kExifIfd, 0));
+    if (hasGps) spec.ifds[0].push_back(longE(tag::kGpsIfd, 0));
     std::vector<std::vector<Entry>*> all;
     for (auto& i : spec.ifds) all.push_back(&i);
     if (hasExif) all.push_back(&spec.exif);
@@ -310,21 +312,11 @@ inline std::vector<IfdEntry> readIfd(const Bytes& b, std::size_t at) {
     return out;
 }
 
-inline std::vector<int> tagsOf(const std::vector<IfdEntry>& ifd) {
-    std::vector<int> t;
-    for (const auto& e : ifd) t.push_back(e.tag);
-    return t;
-}
-
 // The entry of `tag`, by value (the IFD may be a temporary).
 inline std::optional<IfdEntry> find(const std::vector<IfdEntry>& ifd, int tag) {
     for (const auto& e : ifd)
         if (e.tag == tag) return e;
     return std::nullopt;
-}
-
-inline std::string text(const Bytes& b, std::size_t at, std::size_t n) {
-    return std::string(reinterpret_cast<const char*>(b.data() + at), n);
 }
 
 // ---- records and calls -----------------------------------------------------

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
@@ -158,6 +159,27 @@ std::vector<std::uint8_t> randomBytes(std::size_t n, std::uint32_t seed) {
     std::vector<std::uint8_t> v(n);
     for (auto& b : v) b = static_cast<std::uint8_t>(rng() >> 24);
     return v;
+}
+
+std::vector<std::uint8_t> fixture(const std::string& name) {
+    return readFile((fs::path(OL_SOURCE_DIR) / "tests" / "fixtures" / name).string());
+}
+
+::testing::AssertionResult matchesFixture(const std::string& name, const std::vector<std::uint8_t>& bytes) {
+    const fs::path path = fs::path(OL_SOURCE_DIR) / "tests" / "fixtures" / name;
+    if (const char* w = std::getenv("OL_WRITE_FIXTURES"); w && std::string(w) == "1") {
+        fs::create_directories(path.parent_path());
+        writeFile(path.string(), bytes);
+        return ::testing::AssertionSuccess();
+    }
+    if (!fs::exists(path)) return ::testing::AssertionFailure() << name << " is missing";
+    const std::vector<std::uint8_t> want = readFile(path.string());
+    const std::size_t n = std::min(want.size(), bytes.size());
+    std::size_t at = 0;
+    while (at < n && want[at] == bytes[at]) ++at;
+    if (at == n && want.size() == bytes.size()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << name << ": first difference at byte " << at << " (" << bytes.size()
+                                         << " bytes written, " << want.size() << " kept)";
 }
 
 }  // namespace oltest

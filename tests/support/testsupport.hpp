@@ -100,6 +100,13 @@ struct Npy {
 };
 Npy readNpy(const std::string& path);
 
+// A checked-in file of tests/fixtures (one note each in tests/fixtures/README.md).
+std::vector<std::uint8_t> fixture(const std::string& name);
+// Compares bytes with tests/fixtures/NAME, naming the first byte that differs.
+// With OL_WRITE_FIXTURES=1 in the environment it writes the file instead: run
+// so once after a deliberate change of a writer, then review the diff.
+::testing::AssertionResult matchesFixture(const std::string& name, const std::vector<std::uint8_t>& bytes);
+
 // Deterministic pseudo-random bytes.
 std::vector<std::uint8_t> randomBytes(std::size_t n, std::uint32_t seed);
 
