@@ -15,7 +15,7 @@ jobs=${OL_JOBS:-2}
 
 # id | file | sed expression | test programs to run (globs in build/tests) | what the fault is
 faults=(
-  "M1|merge/hdr_merge.cpp|s/if (i > saturation) {/if (i >= saturation) {/|merge_* roundtrip_test trace_test|merge weight table: '>' made '>=' at the saturation level"
+  "M1|merge/merge_tables.hpp|s/if (i > saturation) {/if (i >= saturation) {/|merge_* roundtrip_test trace_test|merge weight table: '>' made '>=' at the saturation level"
   "M2|merge/hdr_merge.cpp|s/^    replaceMarkers(width/    if (0) replaceMarkers(width/|merge_* roundtrip_test trace_test|merge: the marker pass (burnt-out and dead-dark pixels) skipped"
   "M3|merge/hdr_merge.cpp|s/const float x = (curT - minT)/const double x = (curT - minT)/|merge_* roundtrip_test trace_test|merge: the exposure position x made double (saturation and noise levels)"
   "M4|fusion/reconstruct.cpp|s/if (t > top) t = top;/if (t > top) t = t \& top;/|fusion_* trace_test|fusion output: the clamp to 255/65535 made a wrap"

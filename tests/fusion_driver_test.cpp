@@ -337,35 +337,42 @@ TEST(FusionFinish, StrideSwapAndUntouchedSamples) {
     EXPECT_EQ(none, std::vector<std::uint8_t>(20, 0xee));
 }
 
-TEST(FusionFinish, SettingsAtZeroTruncate) {
-    EXPECT_EQ(finish({128 << 7, (128 << 7) + 127, 65535}, 0, 0, 0, 0), (std::vector<int>{128, 128, 255}));
-    EXPECT_EQ(finish({1000, 1, 40000}, 0, 0, 0, 0, 16), (std::vector<int>{2000, 2, 65535}));
-}
-
-TEST(FusionFinish, BlackAndWhitePoints) {
-    // 10% each: black 25.6, stretch 256 / 204.8 = 1.25.
-    EXPECT_EQ(finish({128 << 7, 200 << 7, 20 << 7}, 0, 10, 10, 0), (std::vector<int>{128, 218, 0}));
-    EXPECT_EQ(finish({250 << 7, 250 << 7, 250 << 7}, 0, 10, 10, 0), (std::vector<int>{255, 255, 255}));
-}
-
-TEST(FusionFinish, MidtoneAndSaturation) {
-    // midtone 10: exponent 2^-0.5; 64/256 -> 0.25^0.7071 * 256 = 96.05.
-    EXPECT_EQ(finish({64 << 7, 64 << 7, 64 << 7}, 0, 0, 0, 10), (std::vector<int>{96, 96, 96}));
-    // |value| below 1 is off.
-    EXPECT_EQ(finish({64 << 7, 32 << 7, 32 << 7}, 0.9f, 0, 0, -0.9f), (std::vector<int>{64, 32, 32}));
-    // Saturation 10 doubles S: (0.5, 0.25, 0.25) -> (0.625, 0.125, 0.125).
-    const auto s = finish({128 << 7, 64 << 7, 64 << 7}, 10, 0, 0, 0);
-    EXPECT_NEAR(s[0], 160, 1);
-    EXPECT_NEAR(s[1], 32, 1);
-    EXPECT_NEAR(s[2], 32, 1);
-    // Grey stays grey.
-    EXPECT_EQ(finish({100 << 7, 100 << 7, 100 << 7}, 10, 0, 0, 0), (std::vector<int>{100, 100, 100}));
+// The finishing settings on hand-made fused values (16-bit, the pipeline's
+// scale: 8-bit level << 7), one row each.
+TEST(FusionFinish, SettingsAsRows) {
+    struct Row {
+        std::vector<std::uint16_t> fused;
+        float sat, white, black, mid;
+        int bspOut;
+        std::vector<int> want;
+        int tolerance = 0;
+    };
+    const Row rows[] = {
+        // Settings at zero truncate.
+        {{128 << 7, (128 << 7) + 127, 65535}, 0, 0, 0, 0, 8, {128, 128, 255}},
+        {{1000, 1, 40000}, 0, 0, 0, 0, 16, {2000, 2, 65535}},
+        // 10% each: black 25.6, stretch 256 / 204.8 = 1.25.
+        {{128 << 7, 200 << 7, 20 << 7}, 0, 10, 10, 0, 8, {128, 218, 0}},
+        {{250 << 7, 250 << 7, 250 << 7}, 0, 10, 10, 0, 8, {255, 255, 255}},
+        // midtone 10: exponent 2^-0.5; 64/256 -> 0.25^0.7071 * 256 = 96.05.
+        {{64 << 7, 64 << 7, 64 << 7}, 0, 0, 0, 10, 8, {96, 96, 96}},
+        // |value| below 1 is off.
+        {{64 << 7, 32 << 7, 32 << 7}, 0.9f, 0, 0, -0.9f, 8, {64, 32, 32}},
+        // Saturation 10 doubles S: (0.5, 0.25, 0.25) -> (0.625, 0.125, 0.125);
+        // grey stays grey.
+        {{128 << 7, 64 << 7, 64 << 7}, 10, 0, 0, 0, 8, {160, 32, 32}, 1},
+        {{100 << 7, 100 << 7, 100 << 7}, 10, 0, 0, 0, 8, {100, 100, 100}},
+    };
+    for (const Row& row : rows) {
+        const std::vector<int> got = finish(row.fused, row.sat, row.white, row.black, row.mid, row.bspOut);
+        for (std::size_t i = 0; i < got.size(); ++i)
+            EXPECT_NEAR(got[i], row.want[i], row.tolerance) << "row " << &row - rows << " sample " << i;
+    }
     // The hue's thirds and sixths are double constants: for (0, 3, 3) the
     // blue channel's shifted hue lands below one sixth, where float
     // constants would put it above.
     Job one = sized(8, 8, 3, 1);
     one.params[3] = 2.0f;
-    ASSERT_GE(one.go(fustest::flatStack(8, 8, {0})), 0);
     std::vector<std::uint8_t> cyan(8 * 8 * 3);
     for (std::size_t i = 0; i < cyan.size(); i += 3) cyan[i + 1] = cyan[i + 2] = 3;
     ASSERT_GE(one.go(cyan), 0);
@@ -383,34 +390,6 @@ TEST(FusionFinish, FusionParamsReachTheDriver) {
         ASSERT_GE(r.go(stack), 0);
         EXPECT_NE(r.output(), plain.output()) << "fusionParams[" << k << "]";
     }
-}
-
-TEST(FusionDriver, GhostMasksReachTheOutput) {
-    // A mask that fixes the darkest photo over the whole left half pulls the
-    // output there toward that photo.
-    const int w = 24, h = 16;
-    Job plain = sized(w, h);
-    const auto stack = plain.stack();
-    ASSERT_GE(plain.go(stack), 0);
-    Job g = plain;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w / 2; ++x) fustest::setMaskBit(g.mask, w, h, 0, y * w + x);
-    g.fixedExpo = {0, -1, -1};
-    ASSERT_GE(g.go(stack), 0);
-    long before = 0, after = 0, right = 0;
-    const auto a = plain.output(), b = g.output();
-    for (int y = 2; y < h - 2; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 3; ++c) {
-                const std::size_t i = (y * w + x) * 3 + c;
-                if (x < w / 2 - 3) {
-                    before += std::abs(a[i] - stack[i]);
-                    after += std::abs(b[i] - stack[i]);
-                } else if (x > w / 2 + 3)
-                    right += std::abs(a[i] - b[i]);
-            }
-    EXPECT_LT(after * 4, before);
-    EXPECT_LT(right, before / 4);
 }
 
 TEST(FusionDriver, NoMemoryInEveryMode) {

@@ -42,33 +42,6 @@ TEST(FusionPyramid, OddSidesRoundUp) {
     EXPECT_EQ(ol::pyramidPixels(5, 5, 3), 25 + 9 + 4);
 }
 
-// A one-channel 16-bit level followed by room for the coarse level.
-std::vector<std::uint16_t> level(int w, int h, std::initializer_list<int> values) {
-    std::vector<std::uint16_t> b(values.begin(), values.end());
-    EXPECT_EQ(b.size(), static_cast<std::size_t>(w * h));
-    b.resize(b.size() + ol::halveUp(w) * ol::halveUp(h), 0xdead);
-    return b;
-}
-
-TEST(FusionReduce, TwoByTwoIsOneCorner) {
-    auto b = level(2, 2, {100, 40, 60, 200});
-    ol::fusion21a(2, 2, 1, 1, 1, 16, 0, 0, 4, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[4], ((60 + 40) >> 2) + (100 >> 1));  // SE is never read
-    std::vector<std::uint8_t> b8 = {100, 40, 60, 200, 0};
-    ol::fusion21a(2, 2, 1, 1, 1, 8, 0, 0, 4, nullptr, b8.data(), "deghost21a");
-    EXPECT_EQ(b8[4], 75);
-}
-
-TEST(FusionReduce, ThreeByThreeGivesFourCorners) {
-    // a b c / d e f / g h i: the centre e is never read.
-    auto b = level(3, 3, {10, 20, 31, 40, 999, 61, 70, 80, 93});
-    ol::fusion21a(3, 3, 2, 2, 1, 16, 0, 0, 9, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[9], ((40 + 20) >> 2) + (10 >> 1));
-    EXPECT_EQ(b[10], ((61 + 20) >> 2) + (31 >> 1));
-    EXPECT_EQ(b[11], ((40 + 80) >> 2) + (70 >> 1));
-    EXPECT_EQ(b[12], ((61 + 80) >> 2) + (93 >> 1));
-}
-
 // A smooth test level with a little texture.
 int F(int x, int y) { return 1000 + 37 * x + 211 * y + ((x * y) % 3) * 5; }
 
@@ -80,33 +53,66 @@ std::vector<std::uint16_t> levelOfF(int w, int h) {
     return b;
 }
 
-// The integer kernels of a coarse pixel over fine (x, y): full 5x5 inside,
-// and the six-tap edge kernel (three sides, the centre, two diagonals).
-int interiorKernel(int x, int y) {
-    return ((F(x - 1, y - 1) + F(x + 1, y - 1) + F(x - 1, y + 1) + F(x + 1, y + 1)) >> 4) +
-           ((F(x, y - 1) + F(x, y + 1) + F(x - 1, y) + F(x + 1, y)) >> 3) + (F(x, y) >> 2);
+// The integer kernels of a coarse pixel over fine (x, y): full 5x5 inside
+// (w: the column taken as the west neighbour), the six-tap edge kernel (three
+// sides, the centre, two diagonals) and the corner kernel.
+int interiorKernel(int x, int y, int w = -1) {
+    if (w < 0) w = x - 1;
+    return ((F(w, y - 1) + F(x + 1, y - 1) + F(w, y + 1) + F(x + 1, y + 1)) >> 4) +
+           ((F(x, y - 1) + F(x, y + 1) + F(x + 1, y) + F(w, y)) >> 3) + (F(x, y) >> 2);
 }
 int edgeKernel(int a, int b, int d, int c, int p, int q) {
     return static_cast<int>((a + b + d) * 0.1667 + c * 0.333 + (p + q) / 12.0);
 }
+int cornerKernel(int x, int y, int vx, int vy, int hx, int hy) { return ((F(vx, vy) + F(hx, hy)) >> 2) + (F(x, y) >> 1); }
 
-TEST(FusionReduce, FiveByFiveInteriorEdgesAndCorners) {
-    auto b = levelOfF(5, 5);
-    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[25 + 4], interiorKernel(2, 2));  // interior (1,1) at fine (2,2)
-    // Top (1,0): S, W, E, C, SW, SE.
-    EXPECT_EQ(b[25 + 1], edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1)));
-    // Bottom (1,2) at fine (2,4): N, W, E, C, NW, NE.
-    EXPECT_EQ(b[25 + 7], edgeKernel(F(2, 3), F(1, 4), F(3, 4), F(2, 4), F(1, 3), F(3, 3)));
-    // Left (0,1) at (0,2): N, S, E, C, NE, SE.
-    EXPECT_EQ(b[25 + 3], edgeKernel(F(0, 1), F(0, 3), F(1, 2), F(0, 2), F(1, 1), F(1, 3)));
-    // Right (2,1) at (4,2): N, S, W, C, NW, SW.
-    EXPECT_EQ(b[25 + 5], edgeKernel(F(4, 1), F(4, 3), F(3, 2), F(4, 2), F(3, 1), F(3, 3)));
-    // Corners.
-    EXPECT_EQ(b[25 + 0], ((F(0, 1) + F(1, 0)) >> 2) + (F(0, 0) >> 1));
-    EXPECT_EQ(b[25 + 2], ((F(4, 1) + F(3, 0)) >> 2) + (F(4, 0) >> 1));
-    EXPECT_EQ(b[25 + 6], ((F(0, 3) + F(1, 4)) >> 2) + (F(0, 4) >> 1));
-    EXPECT_EQ(b[25 + 8], ((F(4, 3) + F(3, 4)) >> 2) + (F(4, 4) >> 1));
+// The reduce step of one-channel 16-bit levels of F, a coarse pixel a row:
+// level size, wrap, the coarse pixel's index and its value by the kernels.
+TEST(FusionReduce, KernelsAsRows) {
+    struct Row {
+        int w, h, wrap, at, want;
+    };
+    const Row rows[] = {
+        // 2 x 2 is one corner: SE is never read.
+        {2, 2, 0, 0, cornerKernel(0, 0, 0, 1, 1, 0)},
+        // 3 x 3 gives four corners; the centre is never read.
+        {3, 3, 0, 0, cornerKernel(0, 0, 0, 1, 1, 0)},
+        {3, 3, 0, 1, cornerKernel(2, 0, 2, 1, 1, 0)},
+        {3, 3, 0, 2, cornerKernel(0, 2, 0, 1, 1, 2)},
+        {3, 3, 0, 3, cornerKernel(2, 2, 2, 1, 1, 2)},
+        // 5 x 5: the interior at fine (2,2), the four edges, the corners.
+        {5, 5, 0, 4, interiorKernel(2, 2)},
+        {5, 5, 0, 1, edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1))},  // top: S, W, E, C, SW, SE
+        {5, 5, 0, 7, edgeKernel(F(2, 3), F(1, 4), F(3, 4), F(2, 4), F(1, 3), F(3, 3))},  // bottom: N, W, E, C, NW, NE
+        {5, 5, 0, 3, edgeKernel(F(0, 1), F(0, 3), F(1, 2), F(0, 2), F(1, 1), F(1, 3))},  // left: N, S, E, C, NE, SE
+        {5, 5, 0, 5, edgeKernel(F(4, 1), F(4, 3), F(3, 2), F(4, 2), F(3, 1), F(3, 3))},  // right: N, S, W, C, NW, SW
+        {5, 5, 0, 0, cornerKernel(0, 0, 0, 1, 1, 0)},
+        {5, 5, 0, 2, cornerKernel(4, 0, 4, 1, 3, 0)},
+        {5, 5, 0, 6, cornerKernel(0, 4, 0, 3, 1, 4)},
+        {5, 5, 0, 8, cornerKernel(4, 4, 4, 3, 3, 4)},
+        // 4 x 5: the last coarse column sits at fine x = 2, an inner pixel;
+        // the top row's last pixel takes the top kernel, not a corner.
+        {4, 5, 0, 3, interiorKernel(2, 2)},
+        {4, 5, 0, 1, edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1))},
+        // Wrap takes the other end of the row: the left column is interior,
+        // the left corners take the top and bottom kernels, wrapped.
+        {4, 5, 1, 2, interiorKernel(0, 2, 3)},
+        {4, 5, 1, 0, edgeKernel(F(0, 1), F(3, 0), F(1, 0), F(0, 0), F(3, 1), F(1, 1))},
+        {4, 5, 1, 4, edgeKernel(F(0, 3), F(3, 4), F(1, 4), F(0, 4), F(3, 3), F(1, 3))},
+        // Wrap on width 2: W and E of column 0 are both column 1.
+        {2, 3, 1, 0, edgeKernel(F(0, 1), F(1, 0), F(1, 0), F(0, 0), F(1, 1), F(1, 1))},
+        {2, 3, 1, 1, edgeKernel(F(0, 1), F(1, 2), F(1, 2), F(0, 2), F(1, 1), F(1, 1))},
+    };
+    for (const Row& r : rows) {
+        auto b = levelOfF(r.w, r.h);
+        ol::fusion21a(r.w, r.h, ol::halveUp(r.w), ol::halveUp(r.h), 1, 16, r.wrap, 0, r.w * r.h, nullptr, b.data(),
+                      "fusion21a");
+        EXPECT_EQ(b[r.w * r.h + r.at], r.want) << r.w << "x" << r.h << " wrap " << r.wrap << " at " << r.at;
+    }
+    // 8-bit levels take the same kernels.
+    std::vector<std::uint8_t> b8 = {100, 40, 60, 200, 0};
+    ol::fusion21a(2, 2, 1, 1, 1, 8, 0, 0, 4, nullptr, b8.data(), "deghost21a");
+    EXPECT_EQ(b8[4], 75);
 }
 
 TEST(FusionReduce, FlatLevelDarkensAtTheEdgesOnly) {
@@ -120,35 +126,6 @@ TEST(FusionReduce, FlatLevelDarkensAtTheEdgesOnly) {
     std::fill(b.begin(), b.begin() + 25, 1001);
     ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
     EXPECT_EQ(b[25 + 4], 1000);  // 250 + 500 + 250
-}
-
-TEST(FusionReduce, EvenWidthLastColumnIsInterior) {
-    // 4 x 5: the last coarse column sits at fine x = 2, an inner pixel.
-    auto b = levelOfF(4, 5);
-    ol::fusion21a(4, 5, 2, 3, 1, 16, 0, 0, 20, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[20 + 3], interiorKernel(2, 2));
-    // Top row's last pixel (fine (2,0)) takes the top kernel, not a corner.
-    EXPECT_EQ(b[20 + 1], edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1)));
-}
-
-TEST(FusionReduce, WrapTakesTheOtherEndOfTheRow) {
-    auto b = levelOfF(4, 5);
-    ol::fusion21a(4, 5, 2, 3, 1, 16, 1, 0, 20, nullptr, b.data(), "fusion21a");
-    // Left column (0,1) at (0,2) becomes interior, W = x 3.
-    EXPECT_EQ(b[20 + 2], ((F(3, 1) + F(1, 1) + F(3, 3) + F(1, 3)) >> 4) +
-                             ((F(0, 1) + F(0, 3) + F(1, 2) + F(3, 2)) >> 3) + (F(0, 2) >> 2));
-    // Top-left corner takes the top kernel with the wrapped W.
-    EXPECT_EQ(b[20 + 0], edgeKernel(F(0, 1), F(3, 0), F(1, 0), F(0, 0), F(3, 1), F(1, 1)));
-    // Bottom-left corner (0,2) at (0,4): bottom kernel, wrapped.
-    EXPECT_EQ(b[20 + 4], edgeKernel(F(0, 3), F(3, 4), F(1, 4), F(0, 4), F(3, 3), F(1, 3)));
-}
-
-TEST(FusionReduce, WrapOnWidthTwoReadsOnePixelTwice) {
-    // 2 x 3: W and E of column 0 are both column 1.
-    std::vector<std::uint16_t> b = {100, 200, 300, 400, 500, 600, 0, 0};
-    ol::fusion21a(2, 3, 1, 2, 1, 16, 1, 0, 6, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[6], edgeKernel(300, 200, 200, 100, 400, 400));
-    EXPECT_EQ(b[7], edgeKernel(300, 600, 600, 500, 400, 400));
 }
 
 TEST(FusionReduce, FloatKernelsAndTheWrapTruncation) {

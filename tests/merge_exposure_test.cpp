@@ -3,6 +3,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "merge/exposure.hpp"
@@ -69,33 +70,6 @@ TEST(GetEv, ManyFramesInPlace) {
     }
 }
 
-TEST(GuessEv, FixedStep) {
-    int zeros3[3] = {0, 0, 0};
-    float dt[4];
-    ASSERT_EQ(guess_ev(0, 3, 2.0f, zeros3, dt), 3);
-    EXPECT_EQ(firstOf(dt, 3), (Floats{4.0f, 1.0f, 0.25f}));
-    EXPECT_EQ(zeros3[0], 0);  // means untouched with a fixed step
-
-    int zeros4[4] = {0, 0, 0, 0};
-    ASSERT_EQ(guess_ev(0, 4, 1.5f, zeros4, dt), 4);  // half is 2: 2, 1, 0, -1 steps
-    EXPECT_EQ(firstOf(dt, 4), (Floats{8.0f, static_cast<float>(std::pow(2.0, 1.5)), 1.0f,
-                                      static_cast<float>(std::pow(2.0, -1.5))}));
-
-    // With means, the step follows the brightness rank, not the frame number;
-    // a mode other than 0 changes nothing on this path.
-    int means[3] = {100, 900, 500};
-    ASSERT_EQ(guess_ev(1, 3, 1.0f, means, dt), 3);
-    EXPECT_EQ(firstOf(dt, 3), (Floats{0.5f, 2.0f, 1.0f}));
-    EXPECT_EQ(means[0], 100);
-
-    // Ties rank by frame number.
-    int tie[3] = {7, 7, 7};
-    ASSERT_EQ(guess_ev(0, 3, 1.0f, tie, dt), 3);
-    EXPECT_EQ(firstOf(dt, 3), (Floats{2.0f, 1.0f, 0.5f}));
-
-    EXPECT_EQ(guess_ev(0, 0, 1.0f, tie, dt), 0);
-}
-
 TEST(GuessEv, FactorTableKnotsAndInterpolation) {
     EXPECT_EQ(ol::guessEvFactor(0), 1.1f);
     EXPECT_FLOAT_EQ(ol::guessEvFactor(8 * 256), 1.2f);
@@ -122,91 +96,88 @@ float stopStep(float brighter, float darker) {
                               static_cast<double>(ol::guessEvFactor(level)));
 }
 
-TEST(GuessEv, InferenceFromMeans) {
-    // Frame 1 brightest, frame 0 middle, frame 2 darkest.
-    int means[3] = {6400, 25600, 1600};
-    float dt[3];
-    ASSERT_EQ(guess_ev(0, 3, 0.0f, means, dt), 3);
+// guess_ev as rows: mode, mean levels, step, and the exposures and means
+// after the call (empty: the means unchanged).
+TEST(GuessEv, ModesStepsAndMeansAsRows) {
+    auto pow2 = [](float e) { return static_cast<float>(std::pow(2.0, static_cast<double>(e))); };
+    // Inference, frame 1 brightest, frame 0 middle, frame 2 darkest; and
+    // walking further out accumulates: four frames, half is 2.
     const float eDark = static_cast<float>(0.0 - static_cast<double>(stopStep(6400, 1600)));
     const float eBright = static_cast<float>(0.0 + static_cast<double>(stopStep(25600, 6400)));
-    auto pow2 = [](float e) { return static_cast<float>(std::pow(2.0, static_cast<double>(e))); };
-    EXPECT_EQ(firstOf(dt, 3), (Floats{1.0f, pow2(eBright), pow2(eDark)}));
     EXPECT_NEAR(eBright, 2.0f * 1.525f, 1e-5f);  // factor at level 16000
     EXPECT_NEAR(eDark, -2.0f * (1.3f + 416.0f * 0.2f / 11776.0f), 1e-5f);
-    EXPECT_EQ(means[0], 6400);  // mode 0 keeps the means
-
-    // Walking further out accumulates: four frames, half is 2.
-    int four[4] = {40000, 20000, 10000, 5000};
-    float dt4[4];
-    ASSERT_EQ(guess_ev(0, 4, -3.0f, four, dt4), 4);
     const float e1 = static_cast<float>(0.0 + static_cast<double>(stopStep(20000, 10000)));
     const float e0 = static_cast<float>(static_cast<double>(e1) + static_cast<double>(stopStep(40000, 20000)));
     const float e3 = static_cast<float>(0.0 - static_cast<double>(stopStep(10000, 5000)));
-    EXPECT_EQ(firstOf(dt4, 4), (Floats{pow2(e0), pow2(e1), 1.0f, pow2(e3)}));
+    const float wide = stopStep(64000, 1000);
+    struct Row {
+        int mode;
+        Ints means;
+        float step;
+        Floats dt;
+        Ints meansAfter;
+    };
+    const Row rows[] = {
+        // A fixed step leaves the means alone.
+        {0, {0, 0, 0}, 2.0f, {4.0f, 1.0f, 0.25f}, {}},
+        {0, {0, 0, 0, 0}, 1.5f, {8.0f, pow2(1.5f), 1.0f, pow2(-1.5f)}, {}},  // half is 2: 2, 1, 0, -1 steps
+        // With means the step follows the brightness rank, not the frame
+        // number (a mode other than 0 changes nothing on this path); ties rank
+        // by frame number.
+        {1, {100, 900, 500}, 1.0f, {0.5f, 2.0f, 1.0f}, {}},
+        {0, {7, 7, 7}, 1.0f, {2.0f, 1.0f, 0.5f}, {}},
+        {0, {6400, 25600, 1600}, 0.0f, {1.0f, pow2(eBright), pow2(eDark)}, {}},
+        {0, {40000, 20000, 10000, 5000}, -3.0f, {pow2(e0), pow2(e1), 1.0f, pow2(e3)}, {}},
+        // Means below one are raised.
+        {0, {0, -5, 0}, 0.0f, {1.0f, 1.0f, 1.0f}, {1, 1, 1}},
+        // Another mode rounds half away from zero (3.05 and -2.61 to 3 and -3)
+        // and rewrites the means by rank. A mean of -1 or below never wins the
+        // ranking: its frame comes in through the repair of the ranks, last.
+        {1, {1600, 25600, 6400}, 0.0f, {3.0f, 0.0f, -3.0f}, {1, 2, 0}},
+        {3, {0, -5, 0}, 0.0f, {}, {0, 2, 1}},
+        // A step below half a stop rounds to 0: half is 1, so E[1] is 0 and
+        // E[0] is log2(4000/3500) * 1.30 = 0.25.
+        {-1, {4000, 3500}, 0.0f, {0.0f, 0.0f}, {0, 1}},
+        {-1, {64000, 1000}, 0.0f, {std::fabs(wide - std::trunc(wide)) < 0.5f ? std::trunc(wide) : std::trunc(wide) + 1.0f}, {0, 1}},
+    };
+    for (const Row& r : rows) {
+        const int n = static_cast<int>(r.means.size());
+        Ints means = r.means;
+        Floats dt(n, 9.0f);
+        ASSERT_EQ(guess_ev(r.mode, n, r.step, means.data(), dt.data()), n);
+        EXPECT_EQ(firstOf(dt.data(), static_cast<int>(r.dt.size())), r.dt) << "row " << &r - rows;
+        EXPECT_EQ(means, r.meansAfter.empty() ? r.means : r.meansAfter) << "row " << &r - rows;
+    }
+    int none[1] = {7};
+    float dt[1];
+    EXPECT_EQ(guess_ev(0, 0, 1.0f, none, dt), 0);
 }
 
-TEST(GuessEv, MeansBelowOneAreRaised) {
-    int means[3] = {0, -5, 0};
-    float dt[3] = {9, 9, 9};
-    ASSERT_EQ(guess_ev(0, 3, 0.0f, means, dt), 3);
-    EXPECT_EQ(firstOf(dt, 3), (Floats{1.0f, 1.0f, 1.0f}));
-    EXPECT_EQ(firstOf(means, 3), (Ints{1, 1, 1}));
-    // A mean of -1 or below never wins the ranking: its frame comes in
-    // through the repair of the ranks, last.
-    int mode1[3] = {0, -5, 0};
-    ASSERT_EQ(guess_ev(3, 3, 0.0f, mode1, dt), 3);
-    EXPECT_EQ(firstOf(mode1, 3), (Ints{0, 2, 1}));
-}
-
-TEST(GuessEv, NonZeroModeRoundsAndRewritesMeansByRank) {
-    int means[3] = {1600, 25600, 6400};
-    float dt[3];
-    ASSERT_EQ(guess_ev(1, 3, 0.0f, means, dt), 3);
-    // Stops 3.05 and -2.61 round half away from zero to 3 and -3.
-    EXPECT_EQ(firstOf(dt, 3), (Floats{3.0f, 0.0f, -3.0f}));
-    EXPECT_EQ(firstOf(means, 3), (Ints{1, 2, 0}));
-
-    // A step below half a stop rounds to 0: half is 1, so E[1] is 0 and
-    // E[0] is log2(4000/3500) * 1.30 = 0.25.
-    int small[2] = {4000, 3500};
-    ASSERT_EQ(guess_ev(-1, 2, 0.0f, small, dt), 2);
-    EXPECT_EQ(firstOf(dt, 2), (Floats{0.0f, 0.0f}));
-    int wide[2] = {64000, 1000};
-    ASSERT_EQ(guess_ev(-1, 2, 0.0f, wide, dt), 2);
-    const float e0 = stopStep(64000, 1000);
-    EXPECT_EQ(dt[0], std::fabs(e0 - std::trunc(e0)) < 0.5f ? std::trunc(e0) : std::trunc(e0) + 1.0f);
-}
-
-TEST(FClassementCroissant, OrderAndTies) {
-    int ordre[5];
-    const float ones[3] = {1, 1, 1};
-    ASSERT_EQ(fClassementCroissant(3, ones, ordre), 3);
-    EXPECT_EQ(firstOf(ordre, 3), (Ints{2, 1, 0}));
-
-    const float v[5] = {3, 1, 2, 1, 0.5f};
-    ASSERT_EQ(fClassementCroissant(5, v, ordre), 5);
-    EXPECT_EQ(firstOf(ordre, 5), (Ints{4, 3, 1, 2, 0}));  // equal values: higher frame first
-    EXPECT_EQ(v[0], 3.0f);  // values unchanged
-
+// fClassementCroissant as rows: values and the order (ascending; equal
+// values: higher frame first). Values of -99999999 and below (and NaN) never
+// win: they come in through the repair of the ranks. -99999992 is the float
+// just above -1e8: above -99999999 in double, so it takes part and ranks
+// above the value that cannot.
+TEST(FClassementCroissant, OrderTiesAndRepairAsRows) {
+    const std::vector<std::pair<Floats, Ints>> rows = {
+        {{1, 1, 1}, {2, 1, 0}},
+        {{3, 1, 2, 1, 0.5f}, {4, 3, 1, 2, 0}},
+        {{5, -1e8f, 3}, {1, 2, 0}},  // list 0,2,(2->1) reversed
+        {{-1e9f, -1e8f, NAN, -3e8f}, {3, 2, 1, 0}},
+        {{-2e8f, -99999992.0f}, {0, 1}},
+    };
+    for (const auto& [values, want] : rows) {
+        const int n = static_cast<int>(values.size());
+        const Floats v = values;
+        Ints ordre(n);
+        ASSERT_EQ(fClassementCroissant(n, v.data(), ordre.data()), n);
+        EXPECT_EQ(ordre, want);
+        EXPECT_EQ(std::memcmp(v.data(), values.data(), n * sizeof(float)), 0);  // values unchanged
+    }
+    int ordre[1];
+    const float v[1] = {1};
     EXPECT_EQ(fClassementCroissant(0, v, ordre), 0);
     EXPECT_EQ(fClassementCroissant(-2, v, ordre), 0);
-}
-
-TEST(FClassementCroissant, VeryLowValuesComeInThroughRepair) {
-    int ordre[4];
-    const float a[3] = {5, -1e8f, 3};
-    ASSERT_EQ(fClassementCroissant(3, a, ordre), 3);
-    EXPECT_EQ(firstOf(ordre, 3), (Ints{1, 2, 0}));  // list 0,2,(2->1) reversed
-
-    const float none[4] = {-1e9f, -1e8f, NAN, -3e8f};
-    ASSERT_EQ(fClassementCroissant(4, none, ordre), 4);
-    EXPECT_EQ(firstOf(ordre, 4), (Ints{3, 2, 1, 0}));
-
-    // -99999992 is the float just above -1e8: above -99999999 in double, so it
-    // takes part and ranks above the value that cannot.
-    const float edge[2] = {-2e8f, -99999992.0f};
-    ASSERT_EQ(fClassementCroissant(2, edge, ordre), 2);
-    EXPECT_EQ(firstOf(ordre, 2), (Ints{0, 1}));
 }
 
 TEST(FClassementCroissant, LargeCountsUseHeapScratch) {

@@ -73,6 +73,7 @@ Output run(const KernelCase& s, bool vector, bool* ran = nullptr) {
 
 TEST(MergeKernel, VectorMatchesPlainBitForBit) {
     std::uint32_t seed = 40;
+    int dark = 0, burnt = 0, negativeChannel = 0;  // encoding branches the wild tables reach
     for (int bps : {8, 16})
         for (int spp : {1, 2, 3, 4, 5})
             for (int n : {1, 3, 6})
@@ -80,10 +81,18 @@ TEST(MergeKernel, VectorMatchesPlainBitForBit) {
                     // Widths below, at and beyond one vector step, with tails.
                     const int width = 3 + (seed % 4) * 7, height = 5;
                     const KernelCase s = makeSetup(n, width, height, spp, bps, seed++, wild);
+                    const Output p = run(s, false);
+                    for (int y = 0; y < height; ++y)
+                        for (int x = 0; x < width; ++x) {
+                            const std::uint8_t* row = p.rgbe.data() + 4 * width * y;
+                            const std::uint8_t e = row[3 * width + x];
+                            dark += e == 0;
+                            burnt += e == 255;
+                            negativeChannel += wild && e != 0 && e != 255 && row[x] == 0;
+                        }
                     bool ran = false;
                     const Output v = run(s, true, &ran);
-                    if (!ran) GTEST_SKIP() << "no AVX2 on this processor";
-                    const Output p = run(s, false);
+                    if (!ran) continue;  // no AVX2 on this processor
                     const std::string what = "bps " + std::to_string(bps) + " spp " + std::to_string(spp) +
                                              " n " + std::to_string(n) + (wild ? " wild" : "");
                     ASSERT_EQ(v.rgbe, p.rgbe) << what;
@@ -92,19 +101,6 @@ TEST(MergeKernel, VectorMatchesPlainBitForBit) {
                     EXPECT_EQ(std::memcmp(&v.stats.sum, &p.stats.sum, sizeof(double)), 0) << what;
                     EXPECT_EQ(v.stats.count, p.stats.count) << what;
                 }
-}
-
-TEST(MergeKernel, WildTablesReachEveryEncodingBranch) {
-    const KernelCase s = makeSetup(2, 64, 16, 3, 8, 7, true);
-    const Output p = run(s, false);
-    int dark = 0, burnt = 0, negativeChannel = 0;
-    for (int y = 0; y < 16; ++y)
-        for (int x = 0; x < 64; ++x) {
-            const std::uint8_t* row = p.rgbe.data() + 4 * 64 * y;
-            dark += row[192 + x] == 0;
-            burnt += row[192 + x] == 255;
-            negativeChannel += row[192 + x] != 0 && row[192 + x] != 255 && row[x] == 0;
-        }
     EXPECT_GT(dark, 0);
     EXPECT_GT(burnt, 0);
     EXPECT_GT(negativeChannel, 0);

@@ -67,37 +67,19 @@ void expectPreview(const Planes& p, const std::vector<std::uint8_t>& out, int ou
         }
 }
 
-TEST(RgbeRep, ScaleMeanAndStride) {
-    Planes p(5, 2);
-    p.set(0, 0, 200, 100, 50, 128);  // decodes as 200, 100, 50
-    p.set(1, 0, 200, 100, 50, 129);  // 400, 200, 100
-    p.set(2, 0, 99, 99, 99, 0);      // black, whatever the mantissas
-    p.set(3, 0, 100, 50, 25, 128);   // exactly at mean 100
-    p.set(4, 0, 255, 255, 255, 200);
-    const int stride = 5 * 3 + 4;
-    std::vector<std::uint8_t> out(2 * stride, 0xEE);
-    ASSERT_EQ(rgbe_rep(5, 2, stride, 0.0f, p.bytes.data(), out.data()), 2);
-    // Blue, green, red; raw scale with mean 0: 255 or more is white.
-    EXPECT_EQ(std::vector<int>(out.begin(), out.begin() + 9), (std::vector<int>{50, 100, 200, 100, 200, 255, 0, 0, 0}));
-    for (int row = 0; row < 2; ++row)
-        for (int i = 15; i < stride; ++i) EXPECT_EQ(out[row * stride + i], 0xEE) << "padding " << row << " " << i;
-
-    ASSERT_EQ(rgbe_rep(5, 2, stride, 100.0f, p.bytes.data(), out.data()), 2);
-    // The pixel at the mean: red 128.
-    EXPECT_EQ(std::vector<int>(out.begin() + 9, out.begin() + 12), (std::vector<int>{32, 64, 128}));
-    ASSERT_EQ(rgbe_rep(5, 2, stride, -3.0f, p.bytes.data(), out.data()), 2);
-    EXPECT_EQ(out[2], 200);  // negative mean: scale 1
-
-    EXPECT_EQ(rgbe_rep(5, 0, stride, 1.0f, p.bytes.data(), out.data()), 0);
-}
-
 TEST(RgbeRep, MatchesTextOnRandomPlanes) {
+    // Black pixels, a raw scale (mean 0 or below), a scale that saturates,
+    // rows wider than the picture whose padding stays.
     const Planes p = randomPlanes(33, 17, 11);
-    for (float mean : {0.0f, 37.5f, 500.0f, 1e-30f}) {
-        std::vector<std::uint8_t> out(17 * 99);
-        ASSERT_EQ(rgbe_rep(33, 17, 99, mean, p.bytes.data(), out.data()), 17);
-        expectPreview(p, out, 33, 17, 99, mean, [](int x, int y) { return std::pair{x, y}; });
+    for (float mean : {0.0f, -3.0f, 37.5f, 500.0f, 1e-30f}) {
+        std::vector<std::uint8_t> out(17 * 103, 0xEE);
+        ASSERT_EQ(rgbe_rep(33, 17, 103, mean, p.bytes.data(), out.data()), 17);
+        expectPreview(p, out, 33, 17, 103, mean, [](int x, int y) { return std::pair{x, y}; });
+        for (int row = 0; row < 17; ++row)
+            for (int i = 99; i < 103; ++i) ASSERT_EQ(out[row * 103 + i], 0xEE) << "padding " << row << " " << i;
     }
+    std::uint8_t none[1] = {0xEE};
+    EXPECT_EQ(rgbe_rep(33, 0, 103, 1.0f, p.bytes.data(), none), 0);
 }
 
 TEST(RgbeRep, FailedTableAllocationGivesMinusFour) {
@@ -216,56 +198,43 @@ std::vector<std::uint16_t> image16(int width, int height, std::uint32_t seed) {
     return s;
 }
 
-TEST(HdrDisplay, SixteenBitWindowMeasureAndInfo) {
-    const int width = 48, height = 36;
-    const auto s = image16(width, height, 21);
-    struct Cursor {
-        int x, y;
+// Cases of the 16-bit view as rows: the window held inside at corners and
+// edges; a measurement that takes a pixel's other two samples `width` and
+// `2*width` further on (a window uniform in its own pixels but not at those
+// offsets has a contrast); a flat picture (max equals min, k is 1); a cursor
+// near the end of the last row, whose readings past the image are 0.
+TEST(HdrDisplay, SixteenBitWindowsAsRows) {
+    const auto random = image16(48, 36, 21);
+    std::vector<std::uint16_t> offsets(3 * 20 * 20, 1000), flat(3 * 20 * 20, 2), last(3 * 10 * 8, 500);
+    for (std::size_t i = 0; i < offsets.size(); ++i)
+        if ((i % 3) != 0) offsets[i] = static_cast<std::uint16_t>(1000 + 400 * ((i / 7) % 5));
+    struct Row {
+        const std::vector<std::uint16_t>* s;
+        int width, height, x, y, ww, wh;
     };
-    // Centre, corners (window held inside), and an edge.
-    for (Cursor c : {Cursor{20, 15}, Cursor{0, 0}, Cursor{47, 35}, Cursor{47, 0}, Cursor{3, 30}}) {
-        const int ww = 16, wh = 12;
-        std::vector<std::uint8_t> dst(3 * ww * wh, 0xEE);
+    const Row rows[] = {
+        {&random, 48, 36, 20, 15, 16, 12}, {&random, 48, 36, 0, 0, 16, 12}, {&random, 48, 36, 47, 35, 16, 12},
+        {&random, 48, 36, 47, 0, 16, 12},  {&random, 48, 36, 3, 30, 16, 12}, {&offsets, 20, 20, 10, 10, 8, 8},
+        {&flat, 20, 20, 10, 10, 8, 8},     {&last, 10, 8, 9, 7, 4, 4},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(::testing::Message() << r.width << "x" << r.height << " at " << r.x << "," << r.y);
+        const std::vector<std::uint16_t>& s = *r.s;
+        std::vector<std::uint8_t> dst(3 * r.ww * r.wh, 0xEE);
         float info[4] = {9, 9, 9, 9};
-        const Window w = place(width, height, c.x, c.y, ww, wh);
-        ASSERT_GE(w.x0, 0);
-        ASSERT_LE(w.x0 + ww, width);
-        EXPECT_EQ(hdr_display(width, height, 16, c.x, c.y, ww, wh, info, s.data(), dst.data()), w.my0);
-        EXPECT_EQ(dst, expected16(s, width, height, c.x, c.y, ww, wh)) << c.x << "," << c.y;
-        if (c.y < height - 1) {
-            const std::size_t p = static_cast<std::size_t>(c.y) * 3 * width + 3 * c.x;
-            EXPECT_EQ(info[0], static_cast<float>((19 * s[p] + 183 * s[p + width] + 54 * s[p + 2 * width]) >> 8));
-            EXPECT_EQ(info[1], static_cast<float>(s[p + 2 * width]));
-            EXPECT_EQ(info[2], static_cast<float>(s[p + width]));
-            EXPECT_EQ(info[3], static_cast<float>(s[p]));
+        const Window w = place(r.width, r.height, r.x, r.y, r.ww, r.wh);
+        EXPECT_EQ(hdr_display(r.width, r.height, 16, r.x, r.y, r.ww, r.wh, info, s.data(), dst.data()), w.my0);
+        EXPECT_EQ(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh));
+        if (r.s == &offsets) {
+            EXPECT_NE(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh, 1));
         }
+        const std::size_t p = static_cast<std::size_t>(r.y) * 3 * r.width + 3 * r.x;
+        auto at = [&](std::size_t i) { return i < s.size() ? s[i] : 0; };
+        EXPECT_EQ(info[0], static_cast<float>((19 * at(p) + 183 * at(p + r.width) + 54 * at(p + 2 * r.width)) >> 8));
+        EXPECT_EQ(info[1], static_cast<float>(at(p + 2 * r.width)));
+        EXPECT_EQ(info[2], static_cast<float>(at(p + r.width)));
+        EXPECT_EQ(info[3], static_cast<float>(at(p)));
     }
-}
-
-TEST(HdrDisplay, SixteenBitMeasurementStepsByWidth) {
-    // The measurement takes a pixel's other two samples `width` and
-    // `2*width` further on, not the next two samples: a window whose own
-    // pixels are uniform but whose samples at those offsets vary has a
-    // contrast, and the drawing shows it.
-    const int width = 20, height = 20;
-    std::vector<std::uint16_t> s(3 * width * height, 1000);
-    for (std::size_t i = 0; i < s.size(); ++i)
-        if ((i % 3) != 0) s[i] = static_cast<std::uint16_t>(1000 + 400 * ((i / 7) % 5));
-    const auto want = expected16(s, width, height, 10, 10, 8, 8);
-    std::vector<std::uint8_t> dst(3 * 64);
-    float info[4];
-    hdr_display(width, height, 16, 10, 10, 8, 8, info, s.data(), dst.data());
-    EXPECT_EQ(dst, want);
-    EXPECT_NE(dst, expected16(s, width, height, 10, 10, 8, 8, 1));
-
-    // Uniform image: max equals min, k is 1, shown is 255 times the level.
-    std::vector<std::uint16_t> flat(3 * width * height, 2);
-    hdr_display(width, height, 16, 10, 10, 8, 8, info, flat.data(), dst.data());
-    const float shown = 255.0f * 2.0f;
-    const float target = static_cast<float>(68 + 0.3 * (shown - 68.0f));
-    const float factor = target / shown * 1.0f * 255.0f;
-    EXPECT_EQ(dst[0], static_cast<std::uint8_t>(std::min(2.0f * factor, 255.0f)));
-    EXPECT_EQ(info[0], 2.0f);
 }
 
 std::vector<std::uint8_t> expected32(const Planes& p, const float* table, int x, int y, int ww, int wh) {
@@ -359,20 +328,6 @@ TEST(HdrDisplay, RgbeUniformAreaBlackCursorAndOtherDepths) {
     EXPECT_EQ(hdr_display(12, 12, 8, 5, 5, 8, 8, info, p.bytes.data(), untouched.data()), 3);
     for (float v : info) EXPECT_EQ(v, 0.0f);
     EXPECT_TRUE(std::all_of(untouched.begin(), untouched.end(), [](std::uint8_t b) { return b == 0xEE; }));
-}
-
-TEST(HdrDisplay, CursorOnTheLastRowReadsNothingPastTheImage) {
-    // The cursor's luminance reaches width and 2*width samples on; near the
-    // end of the last row both are past the image and read 0.
-    const int width = 10, height = 8;
-    std::vector<std::uint16_t> s(3 * width * height, 500);
-    std::vector<std::uint8_t> dst(3 * 4 * 4);
-    float info[4];
-    hdr_display(width, height, 16, 9, 7, 4, 4, info, s.data(), dst.data());
-    EXPECT_EQ(info[3], 500.0f);
-    EXPECT_EQ(info[2], 0.0f);
-    EXPECT_EQ(info[1], 0.0f);
-    EXPECT_EQ(info[0], static_cast<float>((19 * 500) >> 8));
 }
 
 }  // namespace

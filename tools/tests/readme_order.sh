@@ -18,7 +18,7 @@ cmake -S "$src" -B "$work" "${release_test_opts[@]}" > "$work/2.log" 2>&1
 fail() { echo "readme_order: $*"; exit 1; }
 grep -q "^OL_BUILD_TESTS:BOOL=ON$" "$work/CMakeCache.txt" || fail "tests stay off after the demo"
 grep -q "^OL_SUBSYSTEMS:STRING=frame;radiance;merge" "$work/CMakeCache.txt" || fail "a reduced subsystem list stays"
-for t in cli_commands_test cli_interop_test merge_interop_test olhdr_parts_test; do
+for t in cli_commands_test cli_interop_test fusion_interop_test olhdr_parts_test; do
   grep -rq "$t" "$work/tests/CTestTestfile.cmake" "$work/tools/CTestTestfile.cmake" 2>/dev/null || fail "$t is not registered"
 done
 rm -rf "$work"
