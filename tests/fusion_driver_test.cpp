@@ -429,16 +429,19 @@ TEST(FusionDriver, NoMemoryInEveryMode) {
 // must finish (the sanitizer builds check for leaks and races); thread counts
 // give identical bytes, and memory and disk mode agree wherever the clearing
 // covers the pyramid (with 8-bit weights it does not: the test below).
+// The second size splits every level of the later stages into uneven bands.
 TEST(FusionDriver, EveryModeCombinationRuns) {
     oltest::TempDir dir;
-    const int threads[] = {0, 2, 7};
+    struct Size { int w, h, threads; };
+    for (const Size size : {Size{21, 14, 2}, Size{101, 75, 3}})
     for (int bspIn : {8, 16})
         for (int bspOut : {8, 16})
             for (int bdp : {8, 16, 32})
                 for (int wrapX : {0, 1})
                     for (int masked : {0, 1}) {
-                        SCOPED_TRACE(::testing::Message() << bspIn << " " << bspOut << " " << bdp << " " << wrapX << " " << masked);
-                        const auto stack = fustest::makeStack(3, 21, 14, 3, bspIn, bspIn + bdp);
+                        const int w = size.w, h = size.h, threads[] = {0, size.threads, 7};
+                        SCOPED_TRACE(::testing::Message() << w << "x" << h << " " << bspIn << " " << bspOut << " " << bdp << " " << wrapX << " " << masked);
+                        const auto stack = fustest::makeStack(3, w, h, 3, bspIn, bspIn + bdp);
                         // Float weights of three 8-bit photos would not fit in
                         // `images` (and their clearing would run past it): disk
                         // mode then stays in memory.
@@ -446,7 +449,7 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                         std::vector<std::vector<std::uint8_t>> outputs;
                         for (int disk : {0, 1})
                             for (int nbProc : threads) {
-                                Job r = sized(21, 14).onDisk(dir.path().string());
+                                Job r = sized(w, h).onDisk(dir.path().string());
                                 r.bspIn = bspIn;
                                 r.bspOut = bspOut;
                                 r.bdp = bdp;
@@ -457,8 +460,8 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                                 std::copy(params, params + 7, r.params);
                                 if (masked) {
                                     // Rows of 21 pixels: the slices of the threads start inside mask bytes.
-                                    for (int pix = 40; pix < 90; ++pix) fustest::setMaskBit(r.mask, 21, 14, 0, pix);
-                                    for (int pix = 150; pix < 200; pix += 2) fustest::setMaskBit(r.mask, 21, 14, 1, pix);
+                                    for (int pix = 40; pix < 90; ++pix) fustest::setMaskBit(r.mask, w, h, 0, pix);
+                                    for (int pix = 150; pix < 200; pix += 2) fustest::setMaskBit(r.mask, w, h, 1, pix);
                                     r.fixedExpo = {2, 0, -1};
                                 }
                                 std::filesystem::remove(dir.file("source.tmp"));
@@ -471,11 +474,11 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                                     EXPECT_EQ(std::filesystem::exists(dir.file("source.tmp")), diskRuns);
                                     if (!diskRuns) continue;
                                     EXPECT_EQ(oltest::readFile(dir.file("source.tmp")), stack);
-                                    EXPECT_EQ(oltest::readFile(dir.file("poids.tmp")).size(), std::size_t(3 * 21 * 14 * bdp / 8));
-                                    EXPECT_EQ(oltest::readFile(dir.file("pyram.tmp")).size(), std::size_t(pyram_len(21, 14) * bdp / 8));
+                                    EXPECT_EQ(oltest::readFile(dir.file("poids.tmp")).size(), std::size_t(3 * w * h * bdp / 8));
+                                    EXPECT_EQ(oltest::readFile(dir.file("pyram.tmp")).size(), std::size_t(pyram_len(w, h) * bdp / 8));
                                 }
                             }
-                        // outputs: memory then disk, each at 0, 2 and 7 threads. Disk
+                        // outputs: memory then disk, each at the three thread counts. Disk
                         // mode runs the weights on the calling thread.
                         for (int t = 1; t < 3; ++t) {
                             if (!masked) EXPECT_EQ(outputs[t], outputs[0]) << "memory, threads " << threads[t];
