@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "merge/merge_kernel.hpp"
+#include "merge/merge_tables.hpp"
 #include "support/testsupport.hpp"
 
 namespace {
@@ -17,10 +18,13 @@ struct KernelCase {
     std::vector<std::uint8_t> photos;
     std::vector<float> weights, lut;
     std::vector<ol::FrameVisit> visits;
+    bool curve;
 };
 
-KernelCase makeSetup(int n, int width, int height, int spp, int bps, std::uint32_t seed, bool wild) {
-    KernelCase s{n, width, height, spp, bps, {}, {}, {}, {}};
+// curve: the tables are the merge's weight curves, which the vector kernel
+// then computes instead of reading (MergeJob::weightCurve).
+KernelCase makeSetup(int n, int width, int height, int spp, int bps, std::uint32_t seed, bool wild, bool curve = false) {
+    KernelCase s{n, width, height, spp, bps, {}, {}, {}, {}, curve};
     std::mt19937 rng(seed);
     const std::size_t frameBytes = static_cast<std::size_t>(width) * height * spp * (bps / 8);
     s.photos = oltest::randomBytes(frameBytes * n, seed);
@@ -47,6 +51,11 @@ KernelCase makeSetup(int n, int width, int height, int spp, int bps, std::uint32
         f.saturation = 60000 + 1000 * j;
         f.darkLevel = j == n - 1 ? 1280 : 2560;
         f.frame = j;
+        if (curve) {
+            f.saturation = j == 0 ? 65535 : 65535 - 7001 * j;
+            f.beta = ol::weightBeta(f.saturation);
+            ol::fillWeightTable(f.saturation, f.beta, s.weights.data() + static_cast<std::size_t>(j) * 65536);
+        }
     }
     return s;
 }
@@ -59,7 +68,8 @@ struct Output {
 Output run(const KernelCase& s, bool vector, bool* ran = nullptr) {
     Output o;
     o.rgbe.assign(4 * static_cast<std::size_t>(s.width) * s.height, 0xCD);
-    const ol::MergeJob job{s.n, s.width, s.height, s.spp, s.visits.data(), s.lut.data(), o.rgbe.data()};
+    ol::MergeJob job{s.n, s.width, s.height, s.spp, s.visits.data(), s.lut.data(), o.rgbe.data()};
+    job.weightCurve = vector && s.curve;
     if (vector) {
         const bool ok = ol::mergeRowsAvx2(job, s.bps, 0, s.height, o.stats);
         if (ran) *ran = ok;
@@ -77,10 +87,11 @@ TEST(MergeKernel, VectorMatchesPlainBitForBit) {
     for (int bps : {8, 16})
         for (int spp : {1, 2, 3, 4, 5})
             for (int n : {1, 3, 6})
-                for (bool wild : {false, true}) {
+                for (int variant : {0, 1, 2}) {
+                    const bool wild = variant == 1, curve = variant == 2;
                     // Widths below, at and beyond one vector step, with tails.
                     const int width = 3 + (seed % 4) * 7, height = 5;
-                    const KernelCase s = makeSetup(n, width, height, spp, bps, seed++, wild);
+                    const KernelCase s = makeSetup(n, width, height, spp, bps, seed++, wild, curve);
                     const Output p = run(s, false);
                     for (int y = 0; y < height; ++y)
                         for (int x = 0; x < width; ++x) {
@@ -94,7 +105,7 @@ TEST(MergeKernel, VectorMatchesPlainBitForBit) {
                     const Output v = run(s, true, &ran);
                     if (!ran) continue;  // no AVX2 on this processor
                     const std::string what = "bps " + std::to_string(bps) + " spp " + std::to_string(spp) +
-                                             " n " + std::to_string(n) + (wild ? " wild" : "");
+                                             " n " + std::to_string(n) + (wild ? " wild" : curve ? " curve" : "");
                     ASSERT_EQ(v.rgbe, p.rgbe) << what;
                     EXPECT_EQ(std::memcmp(&v.stats.minLum, &p.stats.minLum, sizeof(float)), 0) << what;
                     EXPECT_EQ(std::memcmp(&v.stats.maxLum, &p.stats.maxLum, sizeof(float)), 0) << what;
