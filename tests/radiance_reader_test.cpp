@@ -119,6 +119,36 @@ TEST(RadianceReader, FailureTable) {
     }
 }
 
+// A file larger than the in-memory decoder's 512 KiB read window: faults in
+// the last rows, reached after the window has slid, give the codes they give
+// early in a file, and the intact file decodes whole. 600 pixels a row in five
+// literals a component: 2424 bytes a row, 727200 in all.
+TEST(RadianceReader, FaultsPastTheFirstWindow) {
+    oltest::TempDir dir;
+    const int W = 600, H = 300;
+    const Bytes planes = photoPlanes(W, H, 5);
+    const Bytes intact = radianceFile(kHead + resolution(W, H), literalRows(planes, W, H));
+    const std::size_t row = kHead.size() + resolution(W, H).size() + std::size_t(H - 1) * 2424;
+    const std::string path = dir.file("big.hdr");
+    struct Case { std::size_t at; int value, rle, stream; };  // value -1 cuts the file there
+    const Case cases[] = {{0, -2, H, H},                       // untouched
+                          {row - 2424 + 3, 7, -4, -4},        // a row header of another width
+                          {row + 4 + 4 * 128, 255, -5, -5},   // a run past the end of the row
+                          {row + 4, 0, -6, -6},               // an empty literal
+                          {row + 1000, -1, -2, -1}};          // end of file inside the last row
+    for (const Case& k : cases) {
+        SCOPED_TRACE(k.at);
+        Bytes f = intact;
+        if (k.value == -1) f.resize(k.at);
+        else if (k.value >= 0) f[k.at] = static_cast<std::uint8_t>(k.value);
+        oltest::writeFile(path, f);
+        Bytes a(planes.size(), 0xEE), b(planes.size(), 0xEE);
+        EXPECT_EQ(decodeRle(path, W, H, a), k.rle);
+        EXPECT_EQ(decodeStream(path, W, H, b), k.stream);
+        if (k.rle == H) EXPECT_TRUE(a == planes && b == planes);
+    }
+}
+
 TEST(RadianceReader, ShortReadsAndMissingLines) {
     oltest::TempDir dir;
     Crafted c;
