@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -146,12 +147,23 @@ void installSignalCleanup() {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGHUP, &sa, nullptr);
+    // A file grown past the size limit (ulimit -f) then fails its write with
+    // EFBIG and takes the failure road, temporary removed, instead of ending
+    // the program with the partial file left behind.
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 }  // namespace olhdr
 
 namespace olhdr {
 void writeAtomically(const std::string& target, const std::function<void(const std::string&)>& write) {
+    // A device, pipe or socket (/dev/stdout, /dev/full) is written in place:
+    // a rename would replace the node itself with a regular file.
+    struct stat st;
+    if (stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        write(target);
+        return;
+    }
     OutputFile out(target);
     try {
         write(out.temp());
