@@ -51,7 +51,7 @@ std::vector<Call> calls() {
         for (std::size_t i = 3; i < b.size(); i += 4) b[i] = static_cast<std::uint8_t>(122 + b[i] % 12);
         return b;
     }();
-    static const Bytes stack8 = oltest::randomBytes(3u * 40 * 30 * 3, 5);
+    static const Bytes stack8 = fustest::makeStack(3, 40, 30, 3, 8, 5);  // a bracket, 2 stops apart
     static const fustest::Job fusionJob = [] {
         fustest::Job j = fustest::sized(23, 17);
         j.nbProc = 2;
@@ -170,7 +170,7 @@ std::vector<Call> calls() {
          }},
         {"response",
          [](const std::string&) {
-             std::vector<float> curve(256, 0.0f), ex{1, 2, 4};
+             std::vector<float> curve(256, 0.0f), ex{1, 4, 16};
              const int r = calc_courbe(3, 40, 30, 8, 3, ex.data(), stack8.data(), curve.data());
              Bytes out;
              append(out, &r, 1);
