@@ -40,8 +40,10 @@ TEST(AllocSweep, EveryAllocationFailsInTurn) {
                       tif = dir.file("out.tif");
     ASSERT_EQ(ol_io_rgbe_write(pic.c_str(), W, H, &exif, nullptr, "sRGB", rgbe.data()), H);
     const std::string psd = std::string(OL_SOURCE_DIR) + "/fuzz/corpus/psd_reader_fuzz/psd8rle.psd";
-    PsdInfo info{};
+    const std::string psd32 = std::string(OL_SOURCE_DIR) + "/fuzz/corpus/psd_reader_fuzz/psd32.psd";
+    PsdInfo info{}, info32{};
     ASSERT_GT(getPsdInfo(psd.c_str(), &info), 0);
+    ASSERT_GT(getPsdInfo(psd32.c_str(), &info32), 0);
     int dims[7] = {0, 0, 0, 0, 0, 0, 0};
     float primaries[8];
     ASSERT_GE(rgbe_dim(pic.c_str(), primaries, dims), 0);
@@ -109,6 +111,12 @@ TEST(AllocSweep, EveryAllocationFailsInTurn) {
          [&] {
              PsdInfo copy = info;
              return load_psd(1, psd.c_str(), &copy, 4 * info.width, psdOut.data());
+         },
+         none},
+        {"load_psd 32 bits", -1, [&] { fill(psdOut, 16u * info32.width * info32.height); },
+         [&] {
+             PsdInfo copy = info32;
+             return load_psd(1, psd32.c_str(), &copy, 4 * info32.width, psdOut.data());
          },
          none},
         {"ol_hdr_merge", -4, mergeOut,
