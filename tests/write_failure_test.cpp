@@ -27,17 +27,11 @@ namespace {
 enum Fault { FullDevice, SizeLimit, FolderGone, NameIsFolder, StripFileGone };
 
 // The path a writer gets for a fault.
-std::string faultyPath(Fault fault, const oltest::TempDir& dir, const char* name) {
-    switch (fault) {
-        case FullDevice: return "/dev/full";
-        case FolderGone: return dir.file("gone") + "/" + name;
-        case NameIsFolder: {
-            const std::string p = dir.file(std::string(name) + ".d");
-            oltest::fs::create_directories(p);
-            return p;
-        }
-        default: return dir.file(name);
-    }
+std::string faultyPath(Fault fault, const oltest::TempDir& dir) {
+    if (fault == FullDevice) return "/dev/full";
+    if (fault == FolderGone) return dir.file("gone") + "/out";
+    if (fault == NameIsFolder) oltest::fs::create_directories(dir.file("out"));
+    return dir.file("out");
 }
 
 // Files may grow to 200 bytes while it lives; past that a write gives EFBIG
@@ -113,7 +107,7 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                 oltest::TempDir dir;
                 std::vector<unsigned char> px(4u * side * side, 0x80);
                 for (std::size_t i = 3; i < px.size(); i += 4) px[i] = 128;
-                const std::string path = faultyPath(fault, dir, "out");
+                const std::string path = faultyPath(fault, dir);
                 if (fault == StripFileGone) {
                     // The first strip is written, then the file is replaced
                     // by a folder: the second strip cannot append.
