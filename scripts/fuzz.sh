@@ -73,6 +73,29 @@ family_of() {
   esac
 }
 
+# drop_copies DIR SHARED...: removes from DIR every file of which more than
+# half the bytes lie in runs of 32 or more bytes found in a SHARED file.
+drop_copies() {
+  python3 - "$@" <<'PY'
+import os, sys
+folder, shared = sys.argv[1], sys.argv[2:]
+W = 32
+windows = set()
+for p in shared:
+    b = open(p, 'rb').read()
+    windows.update(b[i:i + W] for i in range(0, len(b) - W + 1, 16))
+for name in os.listdir(folder):
+    path = os.path.join(folder, name)
+    b = open(path, 'rb').read()
+    covered = bytearray(len(b))
+    for i in range(len(b) - W + 1):
+        if b[i:i + W] in windows:
+            covered[i:i + W] = b'\x01' * W
+    if b and sum(covered) * 2 > len(b):
+        os.remove(path)
+PY
+}
+
 # OL_FUZZ_NO_BUILD=1 runs the targets as they are built (for a run while
 # another target of the tree is still being built).
 if [ "${OL_FUZZ_NO_BUILD:-0}" != 1 ]; then
@@ -120,6 +143,9 @@ for t in "${targets[@]}"; do
     case $(basename "$f") in shared_*) continue ;; esac
     [ -e "$kept/$(basename "$f")" ] || [ "$(stat -c %s "$f")" -gt "$keep_bytes" ] || cp "$f" "$run/found/"
   done
+  # Nor do inputs that are mostly a shared file's bytes: a mutant one byte
+  # away from a shared file would be a copy of it.
+  drop_copies "$run/found" "$run/corpus"/shared_* 2>/dev/null || true
   before=$(ls "$kept" | wc -l)
   nice -n "$niceness" "$bin" -merge=1 -max_len=262144 -timeout=10 $(flags_of "$t") "$kept" "$run/found" \
     > "$run/merge.log" 2>&1 || true
