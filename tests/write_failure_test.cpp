@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -141,7 +140,8 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
     ASSERT_EQ(oltest::runOlhdr("bracket -q --size 64x48 --frames 2 --format png -o " + oltest::shellQuote(frames)).code, 0);
     const std::string in = oltest::shellQuote(frames + "/frame-1.png") + " " + oltest::shellQuote(frames + "/frame-2.png");
     const std::string out = dir.file("out");
-    if (access("/dev/full", W_OK) == 0) symlink("/dev/full", dir.file("full.hdr").c_str());
+    // Through a link: a rename onto it would put a regular file in its place.
+    const bool haveFull = access("/dev/full", W_OK) == 0 && symlink("/dev/full", dir.file("full.hdr").c_str()) == 0;
     struct Case {
         const char* what;
         std::string args;
@@ -155,6 +155,7 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
         {"merge into a missing folder", "merge -q " + in + " -o " + dir.file("gone") + "/m.hdr"},
     };
     for (const Case& c : cases) {
+        if (&c == &cases[0] && !haveFull) continue;
         SCOPED_TRACE(c.what);
         oltest::fs::remove_all(out);
         oltest::fs::create_directories(out);
@@ -168,8 +169,6 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
         EXPECT_TRUE(oltest::fs::is_empty(out));
     }
-    struct stat st;
-    EXPECT_TRUE(stat("/dev/full", &st) != 0 || S_ISCHR(st.st_mode)) << "the full device was replaced";
 }
 
 }  // namespace
