@@ -13,7 +13,9 @@
 #     the test command replays it, with a one-line note in that folder's
 #     README.md. Targets whose input starts with call arguments (iptc,
 #     rgbe_preview, psd_info) save the file part; the note keeps the prefix.
-# Prints one summary line per target: executions, coverage, corpus size.
+# Prints one summary line per target: executions, coverage, corpus size, and
+# appends it as a row to fuzz/RUNS.md (with the CPU seconds the run got).
+# The fuzzers run under `nice -n ${OL_NICE:-15}`: the machine is shared.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=
@@ -21,7 +23,7 @@ targets=()
 while [ $# -gt 0 ]; do
   case $1 in
     --minutes) minutes=$2; shift 2 ;;
-    -h|--help) sed -n 2,16p "$0"; exit 0 ;;
+    -h|--help) sed -n 2,18p "$0"; exit 0 ;;
     *) targets+=("$1"); shift ;;
   esac
 done
@@ -33,6 +35,7 @@ fi
 testdata=${OL_TESTDATA:-/work/shared/testdata}
 jobs=${OL_JOBS:-2}
 keep_bytes=${OL_FUZZ_KEEP_BYTES:-8192}
+niceness=${OL_NICE:-15}
 
 # Shared-data patterns of each target (paths under $testdata) and the bytes
 # of call arguments the target reads before the file.
@@ -44,6 +47,7 @@ seeds_of() {
     psd_reader_fuzz|psd_info_fuzz) echo "psd/*.psd psd/*.psb" ;;
     icc_fuzz|icc_profile_fuzz|trc_profile_fuzz) echo "icc/*.icc icc/*.icm" ;;
     bmp_fuzz) echo "exif/*.bmp" ;;
+    host_info_fuzz) echo "exif/*.jpg exif/*.tif exif/*.tiff psd/*.psd hdr/*.hdr floattiff/*.tif" ;;
     *) echo "" ;;
   esac
 }
@@ -57,16 +61,47 @@ prefix_of() {  # hex bytes put before a shared file
 prefix_len() {
   case $1 in iptc_fuzz) echo 6 ;; rgbe_preview_fuzz) echo 2 ;; psd_info_fuzz) echo 1 ;; *) echo 0 ;; esac
 }
+flags_of() {  # the host prints a line for every refused file: keep it quiet
+  case $1 in host_info_fuzz) echo "-close_fd_mask=3" ;; *) echo "" ;; esac
+}
 family_of() {
   case $1 in
     rgbe_*|float_tiff_fuzz) echo radiance ;;
     metawrite_fuzz) echo metawrite ;;
+    host_info_fuzz) echo host ;;
     *) echo metadata ;;
   esac
 }
 
-cmake --preset fuzz > build/fuzz.configure.log 2>&1 || { cat build/fuzz.configure.log; exit 1; }
-cmake --build build/fuzz -j"$jobs" --target "${targets[@]}" > build/fuzz.log 2>&1 || { tail -40 build/fuzz.log; exit 1; }
+# drop_copies DIR SHARED...: removes from DIR every file of which more than
+# half the bytes lie in runs of 32 or more bytes found in a SHARED file.
+drop_copies() {
+  python3 - "$@" <<'PY'
+import os, sys
+folder, shared = sys.argv[1], sys.argv[2:]
+W = 32
+windows = set()
+for p in shared:
+    b = open(p, 'rb').read()
+    windows.update(b[i:i + W] for i in range(0, len(b) - W + 1, 16))
+for name in os.listdir(folder):
+    path = os.path.join(folder, name)
+    b = open(path, 'rb').read()
+    covered = bytearray(len(b))
+    for i in range(len(b) - W + 1):
+        if b[i:i + W] in windows:
+            covered[i:i + W] = b'\x01' * W
+    if b and sum(covered) * 2 > len(b):
+        os.remove(path)
+PY
+}
+
+# OL_FUZZ_NO_BUILD=1 runs the targets as they are built (for a run while
+# another target of the tree is still being built).
+if [ "${OL_FUZZ_NO_BUILD:-0}" != 1 ]; then
+  cmake --preset fuzz > build/fuzz.configure.log 2>&1 || { cat build/fuzz.configure.log; exit 1; }
+  cmake --build build/fuzz -j"$jobs" --target "${targets[@]}" > build/fuzz.log 2>&1 || { tail -40 build/fuzz.log; exit 1; }
+fi
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:allocator_may_return_null=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
@@ -92,10 +127,13 @@ for t in "${targets[@]}"; do
   fi
   echo "=== $t: $minutes min, $(ls "$run/corpus" | wc -l) seeds ($n from shared data)"
   set +e
-  "$bin" -max_total_time=$((minutes * 60)) -max_len=262144 -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$run/artifacts/" "$run/corpus" > "$run/log" 2>&1
+  TIMEFORMAT='%U %S'
+  { time nice -n "$niceness" "$bin" -max_total_time=$((minutes * 60)) -max_len=262144 -timeout=10 \
+      -rss_limit_mb=2048 -print_final_stats=1 $(flags_of "$t") -artifact_prefix="$run/artifacts/" \
+      "$run/corpus" > "$run/log" 2>&1; } 2> "$run/cpu"
   rc=$?
   set -e
+  cpu=$(awk '{printf "%d", $1 + $2}' "$run/cpu" 2>/dev/null || echo "?")
   # New paths go back into the kept corpus, minimised against what it holds.
   # The shared files stay out of it (they are only ever copied in at run time),
   # and so do inputs above $keep_bytes (mostly mutated shared files): the kept
@@ -105,13 +143,19 @@ for t in "${targets[@]}"; do
     case $(basename "$f") in shared_*) continue ;; esac
     [ -e "$kept/$(basename "$f")" ] || [ "$(stat -c %s "$f")" -gt "$keep_bytes" ] || cp "$f" "$run/found/"
   done
+  # Nor do inputs that are mostly a shared file's bytes: a mutant one byte
+  # away from a shared file would be a copy of it.
+  drop_copies "$run/found" "$run/corpus"/shared_* 2>/dev/null || true
   before=$(ls "$kept" | wc -l)
-  "$bin" -merge=1 -max_len=262144 -timeout=10 "$kept" "$run/found" > "$run/merge.log" 2>&1 || true
+  nice -n "$niceness" "$bin" -merge=1 -max_len=262144 -timeout=10 $(flags_of "$t") "$kept" "$run/found" \
+    > "$run/merge.log" 2>&1 || true
   after=$(ls "$kept" | wc -l)
   execs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$run/log" | grep -o '[0-9]*$' || true)
   cov=$(grep -E '^#[0-9]+' "$run/log" | tail -1 | grep -oE 'cov: [0-9]+ ft: [0-9]+' || true)
-  echo "$t: executions ${execs:-?}, ${cov:-cov ?}, kept corpus $before -> $after files, exit $rc"
-  fam=tests/crashers/$(family_of "$t")
+  echo "$t: executions ${execs:-?}, ${cov:-cov ?}, CPU ${cpu}s, kept corpus $before -> $after files, exit $rc"
+  cf=$(echo "${cov:-cov ? ft ?}" | awk '{print $2 "/" $4}')
+  echo "| $(date -u +%F) | $t | $minutes | $cpu | ${execs:-?} | $cf | $after | $rc |" >> fuzz/RUNS.md
+  fam=tests/crashers/$(family_of "$t"); mkdir -p "$fam"
   skip=$(prefix_len "$t")
   for a in "$run/artifacts"/*; do
     [ -f "$a" ] || continue

@@ -62,6 +62,7 @@ const Row kRows[] = {
     {"metawrite/iptc_one_byte.bin", "add_iptc_keyword", {-1}},
     {"metawrite/iptc_empty_keywords_cut.bin", "add_iptc_keyword", {10}},
     {"radiance", "radiance readers", {}},
+    {"host", "metadata readers", {}},
 };
 
 TEST(Crashers, KeptFilesReturnTheirCodes) {

@@ -1,63 +1,173 @@
-// Every writer given a device that accepts nothing (/dev/full) returns its
-// failure code, never a success: a write small enough to stay in the stream's
-// buffer fails only when the file is closed, so both a tiny and a large call
-// of each writer are made.
+// Writes that fail. Every writer, given a device that accepts nothing
+// (/dev/full), a file size limit that stops it after its first bytes, a
+// folder that is gone, a name that is a folder, or a file removed between two
+// strips, returns its failure code, never a success (the fusion's scratch
+// files alone fall back to memory when they cannot be opened). A write small
+// enough to stay in the stream's buffer fails only when the file is closed, so
+// each fault is tried with a tiny and a larger picture (the size limit with
+// the larger one only: a tiny file fits under it). The host then reports such
+// a failure in one line and leaves no file behind.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "support/stacks.hpp"
+#include "support/testsupport.hpp"
 
 namespace {
 
-struct Writer {
-    const char* name;
-    int code;  // the failure code the writer gives
-    std::function<int(const char* path, int w, int h, const unsigned char* px)> call;
+enum Fault { FullDevice, SizeLimit, FolderGone, NameIsFolder, StripFileGone };
+
+// The path a writer gets for a fault.
+std::string faultyPath(Fault fault, const oltest::TempDir& dir) {
+    if (fault == FullDevice) return "/dev/full";
+    if (fault == FolderGone) return dir.file("gone") + "/out";
+    if (fault == NameIsFolder) oltest::fs::create_directories(dir.file("out"));
+    return dir.file("out");
+}
+
+// Files may grow to 200 bytes while it lives; past that a write gives EFBIG
+// (SIGXFSZ is ignored so that the process goes on).
+class SizeLimitGuard {
+public:
+    explicit SizeLimitGuard(bool on) : on_(on) {
+        if (!on_) return;
+        getrlimit(RLIMIT_FSIZE, &saved_);
+        old_ = signal(SIGXFSZ, SIG_IGN);
+        rlimit r = saved_;
+        r.rlim_cur = 200;
+        setrlimit(RLIMIT_FSIZE, &r);
+    }
+    ~SizeLimitGuard() {
+        if (!on_) return;
+        setrlimit(RLIMIT_FSIZE, &saved_);
+        signal(SIGXFSZ, old_);
+    }
+
+private:
+    bool on_;
+    rlimit saved_{};
+    void (*old_)(int) = nullptr;
 };
 
-TEST(WriteFailure, FullDeviceGivesTheFailureCode) {
-    if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+constexpr int kMemory = 1;  // the call falls back to memory and succeeds
+
+struct Writer {
+    const char* name;
+    int codes[4];  // by fault: full device, size limit, folder gone, name is a folder
+    std::function<int(const char* path, int side, const unsigned char* px)> call;
+};
+
+TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
     ExifRecord exif;
     std::memset(&exif, 0, sizeof exif);
+    const fustest::Job fusion = fustest::sized(23, 17);
+    const std::vector<std::uint8_t> fusionStack = fusion.stack();
     const Writer writers[] = {
-        {"ol_io_rgbe_write", -1,
-         [&](const char* p, int w, int h, const unsigned char* px) {
-             return ol_io_rgbe_write(p, w, h, &exif, nullptr, "sRGB", px);
+        {"ol_io_rgbe_write", {-1, -1, -1, -1},
+         [&](const char* p, int s, const unsigned char* px) {
+             return ol_io_rgbe_write(p, s, s, &exif, nullptr, "sRGB", px);
          }},
-        {"ol_write_strip_rgbe first strip", -1,
-         [](const char* p, int w, int h, const unsigned char* px) {
-             return ol_write_strip_rgbe(p, 0, h, w, h, nullptr, px);
-         }},
-        {"ol_write_strip_rgbe later strip", -1,
-         [](const char* p, int w, int h, const unsigned char* px) {
-             return ol_write_strip_rgbe(p, 1, h, w, 2 * h, nullptr, px);
-         }},
-        {"fp_save", -2, [](const char* p, int w, int h, const unsigned char* px) { return fp_save(p, w, h, px); }},
-        {"buf2tifOld", -2,
-         [&](const char* p, int w, int h, const unsigned char* px) {
+        {"ol_write_strip_rgbe", {-1, -1, -1, -1},
+         [](const char* p, int s, const unsigned char* px) { return ol_write_strip_rgbe(p, 0, s, s, s, nullptr, px); }},
+        {"fp_save", {-2, -2, -2, -2}, [](const char* p, int s, const unsigned char* px) { return fp_save(p, s, s, px); }},
+        {"buf2tifOld", {-2, -3, -1, -1},
+         [&](const char* p, int s, const unsigned char* px) {
              tif_info info;
              std::memset(&info, 0, sizeof info);
-             info.width = w;
-             info.height = h;
+             info.width = info.height = s;
              info.samples = 3;
              info.bits = 8;
              info.dpi = 300;
-             return buf2tifOld(px, &info, 3 * w, nullptr, &exif, nullptr, 0, nullptr, 0, nullptr, p);
+             return buf2tifOld(px, &info, 3 * s, nullptr, &exif, nullptr, 0, nullptr, 0, nullptr, p);
          }},
-        {"save_buffer", -1,
-         [](const char* p, int w, int h, const unsigned char* px) { return save_buffer(p, px, 4 * w * h); }},
+        {"save_buffer", {-1, -1, -1, -1}, [](const char* p, int s, const unsigned char* px) { return save_buffer(p, px, 4 * s * s); }},
+        {"ol_fusion scratch files", {-3, -3, kMemory, kMemory},
+         [&](const char* p, int, const unsigned char*) {
+             fustest::Job j = fusion;
+             j.disk = 1;
+             j.nameSource = j.namePoids = j.namePyramPoids = p;
+             return j.go(fusionStack);
+         }},
     };
-    for (const auto& wr : writers) {
-        for (const int side : {1, 300}) {
-            SCOPED_TRACE(std::string(wr.name) + " " + std::to_string(side) + "x" + std::to_string(side));
-            std::vector<unsigned char> px(4u * side * side, 0x80);
-            for (std::size_t i = 3; i < px.size(); i += 4) px[i] = 128;
-            EXPECT_EQ(wr.call("/dev/full", side, side, px.data()), wr.code);
-        }
+    const bool haveFull = access("/dev/full", W_OK) == 0;
+    for (const auto& wr : writers)
+        for (const Fault fault : {FullDevice, SizeLimit, FolderGone, NameIsFolder, StripFileGone})
+            for (const int side : {1, 300}) {
+                if ((fault == FullDevice && !haveFull) || (fault == SizeLimit && side == 1)) continue;
+                SCOPED_TRACE(std::string(wr.name) + " fault " + std::to_string(fault) + " side " + std::to_string(side));
+                oltest::TempDir dir;
+                std::vector<unsigned char> px(4u * side * side, 0x80);
+                for (std::size_t i = 3; i < px.size(); i += 4) px[i] = 128;
+                const std::string path = faultyPath(fault, dir);
+                if (fault == StripFileGone) {
+                    // The first strip is written, then the file is replaced
+                    // by a folder: the second strip cannot append.
+                    if (std::strcmp(wr.name, "ol_write_strip_rgbe") != 0) continue;
+                    ASSERT_EQ(ol_write_strip_rgbe(path.c_str(), 0, side, side, 2 * side, nullptr, px.data()), side);
+                    ASSERT_EQ(unlink(path.c_str()), 0);
+                    oltest::fs::create_directories(path);
+                    EXPECT_EQ(ol_write_strip_rgbe(path.c_str(), 1, side, side, 2 * side, nullptr, px.data()), -1);
+                    continue;
+                }
+                int rc;
+                {
+                    SizeLimitGuard limit(fault == SizeLimit);
+                    rc = wr.call(path.c_str(), side, px.data());
+                }
+                if (wr.codes[fault] == kMemory)
+                    EXPECT_GE(rc, 0);
+                else
+                    EXPECT_EQ(rc, wr.codes[fault]);
+            }
+}
+
+// The host: a full device, a size limit hit in the middle of a file and a
+// folder that is not there each end in one line on stderr, exit code 3 and
+// no file left (neither the output nor its temporary).
+TEST(WriteFailure, HostReportsItAndLeavesNothing) {
+    const std::string olhdr = std::string(OL_TOOLS_DIR) + "/olhdr";
+    if (access(olhdr.c_str(), X_OK) != 0) GTEST_SKIP() << "olhdr not built";
+    oltest::TempDir dir;
+    const std::string frames = dir.file("frames");
+    ASSERT_EQ(oltest::runOlhdr("bracket -q --size 64x48 --frames 2 --format png -o " + oltest::shellQuote(frames)).code, 0);
+    const std::string in = oltest::shellQuote(frames + "/frame-1.png") + " " + oltest::shellQuote(frames + "/frame-2.png");
+    const std::string out = dir.file("out");
+    // Through a link: a rename onto it would put a regular file in its place.
+    const bool haveFull = access("/dev/full", W_OK) == 0 && symlink("/dev/full", dir.file("full.hdr").c_str()) == 0;
+    struct Case {
+        const char* what;
+        std::string args;
+    } cases[] = {
+        {"merge to a full device", "merge -q " + in + " -o " + oltest::shellQuote(dir.file("full.hdr"))},
+        {"merge past the size limit", "merge -q " + in + " -o " + out + "/m.hdr"},
+        {"fuse past the size limit", "fuse -q " + in + " -o " + out + "/f.tif"},
+        {"bracket as PSD past the size limit", "bracket -q --size 64x48 --frames 2 --format psd -o " + out},
+        {"bracket as JPEG past the size limit", "bracket -q --size 64x48 --frames 2 --format jpg -o " + out},
+        {"bracket as TIFF past the size limit", "bracket -q --size 64x48 --frames 2 --format tif -o " + out},
+        {"merge into a missing folder", "merge -q " + in + " -o " + dir.file("gone") + "/m.hdr"},
+    };
+    for (const Case& c : cases) {
+        if (&c == &cases[0] && !haveFull) continue;
+        SCOPED_TRACE(c.what);
+        oltest::fs::remove_all(out);
+        oltest::fs::create_directories(out);
+        const bool limit = std::string(c.what).find("limit") != std::string::npos;
+        const std::string err = dir.file("err");
+        const int code = oltest::runCommand(std::string("(") + (limit ? "ulimit -f 1; " : "") +
+                                            oltest::shellQuote(olhdr) + " " + c.args + ") 2>" + oltest::shellQuote(err));
+        const std::vector<std::uint8_t> e = oltest::readFile(err);
+        const std::string text(e.begin(), e.end());
+        EXPECT_EQ(code, 3) << text;
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+        EXPECT_TRUE(oltest::fs::is_empty(out));
     }
 }
 

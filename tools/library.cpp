@@ -164,6 +164,16 @@ Frame loadFrameWith(const std::string& path, bool verbose, std::future<Image>* d
             if (s.depth != 8 && s.depth != 16)
                 badInput(path, std::to_string(s.depth) + "-bit PSD files are not supported");
             if (static_cast<double>(s.info.width) * s.info.height > 1.2e9) badInput(path, "image is too large");
+            // Even run-length coded, each row of each channel takes a count
+            // and two bytes per 128 pixels: a file shorter than that cannot
+            // hold its picture, and its size is not worth allocating.
+            std::error_code ec;
+            const auto fileBytes = std::filesystem::file_size(path, ec);
+            const double leastBytes = static_cast<double>(s.info.height) * std::max(1, s.info.channels) *
+                                      (2.0 + 2.0 * ((s.info.width + 127) / 128));
+            if (ec || static_cast<double>(fileBytes) < leastBytes)
+                badInput(path, "damaged PSD: the file is too short for a " + std::to_string(s.info.width) + "x" +
+                                   std::to_string(s.info.height) + " picture");
             Image img;
             img.width = s.info.width;
             img.height = s.info.height;

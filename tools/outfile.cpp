@@ -143,6 +143,15 @@ void installSignalCleanup() {
 
 namespace olhdr {
 void writeAtomically(const std::string& target, const std::function<void(const std::string&)>& write) {
+    // A device, pipe or socket (/dev/stdout, /dev/full) is written in place:
+    // a rename would replace the node itself with a regular file.
+    std::error_code ec;
+    const auto st = std::filesystem::status(target, ec);
+    if (!ec && std::filesystem::exists(st) && !std::filesystem::is_regular_file(st) &&
+        !std::filesystem::is_directory(st)) {
+        write(target);
+        return;
+    }
     OutputFile out(target);
     try {
         write(out.temp());

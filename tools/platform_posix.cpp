@@ -41,6 +41,10 @@ void onInterrupt(void (*handler)(int)) {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGHUP, &sa, nullptr);
+    // A file grown past the size limit (ulimit -f) then fails its write with
+    // EFBIG and takes the failure road, temporary removed, instead of ending
+    // the program with the partial file left behind.
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 std::string tempFolder() {
