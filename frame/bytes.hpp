@@ -10,6 +10,9 @@
 //                          at a time in either byte order (TIFF/Exif, PSD).
 //   frame/byte_source.hpp  one pass over a file byte after byte, buffered
 //                          (run-length decoders).
+//   frame/read_window.hpp  the first N bytes of a file in order, n contiguous
+//                          bytes at a time in a caller's buffer (the in-memory
+//                          run-length decoder).
 // All of them assemble values with the helpers below.
 //
 // Multi-byte values in files are always assembled byte by byte, so nothing

@@ -9,6 +9,7 @@
 #include "frame/status.hpp"
 #include "frame/trace.hpp"
 #include "frame/byte_source.hpp"
+#include "frame/read_window.hpp"
 #include "radiance/header.hpp"
 #include "radiance/rle.hpp"
 
@@ -99,53 +100,6 @@ int streamComponent(ByteSource& src, int width, std::uint8_t* dst) noexcept {
     return 0;
 }
 
-// The first `limit` bytes of a file, read in order into a buffer of
-// `capacity` bytes: [p, end) is what has been read and not yet passed over.
-struct Window {
-    std::FILE* f;
-    std::uint8_t* buf;
-    std::size_t capacity;
-    std::size_t left;  // bytes of the limit not read yet
-    const std::uint8_t* p;
-    const std::uint8_t* end;
-    bool shortRead = false;
-
-    Window(std::FILE* file, std::uint8_t* b, std::size_t cap, std::size_t limit) noexcept
-        : f(file), buf(b), capacity(cap), left(limit), p(b), end(b) {}
-
-    // The file ended before the limit.
-    bool cut() const noexcept { return shortRead; }
-
-    // Makes n bytes available from p (at most the capacity): false when the
-    // data ends first.
-    bool fill(std::size_t n) noexcept {
-        if (static_cast<std::size_t>(end - p) >= n) return true;
-        if (left == 0 || shortRead) return false;
-        const std::size_t kept = static_cast<std::size_t>(end - p);
-        std::memmove(buf, p, kept);
-        std::size_t want = capacity - kept;
-        if (want > left) want = left;
-        const std::size_t got = std::fread(buf + kept, 1, want, f);
-        left -= got;
-        if (got < want) shortRead = true;
-        p = buf;
-        end = buf + kept + got;
-        return static_cast<std::size_t>(end - p) >= n;
-    }
-
-    // First byte c from p on, reading on as needed (what lies before it is
-    // passed over); null when the data ends without one.
-    const std::uint8_t* find(std::uint8_t c) noexcept {
-        for (;;) {
-            if (const void* q = std::memchr(p, c, static_cast<std::size_t>(end - p)))
-                return static_cast<const std::uint8_t*>(q);
-            p = end;
-            if (!fill(1)) return nullptr;
-        }
-    }
-    void take(const std::uint8_t* q) noexcept { p = q; }
-};
-
 inline void traceStage(const char* line) noexcept {
     if constexpr (traceFiles) std::fprintf(stdout, "%s", line);
     std::fflush(stdout);
@@ -185,7 +139,7 @@ OL_API int decomp_rle(const char* path, const int* rgbeDims, unsigned char* rgbe
     // A file shorter than `bytes` is a short read before anything is decoded.
     const long actual = fileSize(file.get());
     if (actual >= 0 && static_cast<std::size_t>(actual) < bytes) return status::kShort;
-    Window in(file.get(), block.get(), capacity, bytes);
+    ReadWindow in(file.get(), block.get(), capacity, bytes);
 
     // Every step below is bounded by the data read. The data running out (no
     // resolution line, nothing after it, or a row cut short) is a read that
