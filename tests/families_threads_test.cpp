@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "support/records.hpp"
 #include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
@@ -70,8 +71,7 @@ std::vector<Call> calls() {
          }},
         {"radiance write and read",
          [](const std::string& dir) {
-             ExifRecord e;
-             std::memset(&e, 0, sizeof e);
+             ExifRecord e = oltest::records::emptyExif();
              const std::string p = dir + "/pic.hdr";
              Bytes out(4u * 32 * 24, 0);
              int dims[7] = {0, 0, 0, 0, 0, 0, 0};
@@ -93,16 +93,9 @@ std::vector<Call> calls() {
          }},
         {"metadata write and read",
          [](const std::string& dir) {
-             ExifRecord e;
-             std::memset(&e, 0, sizeof e);
+             ExifRecord e = oltest::records::emptyExif();
              e.iso = 200;
-             tif_info info;
-             std::memset(&info, 0, sizeof info);
-             info.width = 8;
-             info.height = 6;
-             info.samples = 3;
-             info.bits = 8;
-             info.dpi = 300;
+             tif_info info = oltest::records::makeInfo(8, 6, 3, 8);
              const std::string p = dir + "/meta.tif";
              const float tm[15] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
              const int r = buf2tifOld(stack8.data(), &info, 24, nullptr, &e, nullptr, 0, nullptr, 1, tm, p.c_str());

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "support/records.hpp"
 #include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
@@ -97,13 +98,7 @@ TEST(AllocSweep, EveryAllocationFailsInTurn) {
          [&] { return ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, rgbe.data(), dst.data()); }, none},
         {"buf2tifOld", -1, [] {},
          [&] {
-             tif_info t;
-             std::memset(&t, 0, sizeof t);
-             t.width = 4;
-             t.height = 2;
-             t.samples = 3;
-             t.bits = 8;
-             t.dpi = 300;
+             tif_info t = oltest::records::makeInfo(4, 2, 3, 8);
              return buf2tifOld(rgbe.data(), &t, 12, nullptr, &exif, nullptr, 0, nullptr, 0, nullptr, tif.c_str());
          },
          none},
