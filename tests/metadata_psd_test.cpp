@@ -1,62 +1,43 @@
 // PSD reading (header and resource walk, the composite at 8, 16 and 32 bits,
 // raw and PackBits, the large-document form), BMP dimensions and the ICC
-// helpers.
+// helpers. Composites written by other programs are compared in
+// metadata_read_interop_test.cpp and metadata_testdata_test.cpp.
 #include <cmath>
 #include <cstring>
 #include <string>
 
-#include "frame/rgbe.hpp"
-#include "support/metadata_bytes.hpp"
 #include "metadata/psd_reader.hpp"
+#include "support/metadata_bytes.hpp"
 
 using namespace metatest;
 using oltest::TempDir;
 
 namespace {
 
-// Planar test image: sample (c, y, x) = c*64 + y*8 + x + 1.
-std::uint8_t sample8(int c, int y, int x) { return static_cast<std::uint8_t>(c * 64 + y * 8 + x + 1); }
-std::uint16_t sample16(int c, int y, int x) { return static_cast<std::uint16_t>(0x0100 * (c * 64 + y * 8 + x + 1) + 0x37); }
-
-Bytes rawPlanes(int channels, int w, int h, int depth) {
-    Bytes b;
-    for (int c = 0; c < channels; ++c)
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                if (depth == 8) {
-                    b.push_back(sample8(c, y, x));
-                } else {
-                    const std::uint16_t v = sample16(c, y, x);
-                    b.push_back(static_cast<std::uint8_t>(v >> 8));
-                    b.push_back(static_cast<std::uint8_t>(v));
-                }
-            }
-    return b;
+// Planar test image: sample (c, y, x) is c*64 + y*8 + x + 1, at 16 bits
+// times 0x100 plus 0x37.
+std::uint16_t sample(int c, int y, int x, int depth) {
+    const int v = c * 64 + y * 8 + x + 1;
+    return static_cast<std::uint16_t>(depth == 8 ? v : 0x100 * v + 0x37);
 }
 
-// PackBits of every row as literal runs, with the row-length table.
-Bytes rlePlanes(int channels, int w, int h, int depth, bool large) {
-    const Bytes raw = rawPlanes(channels, w, h, depth);
-    const std::size_t rowBytes = static_cast<std::size_t>(w) * (depth / 8);
+// The planes of the test image, raw or as one PackBits literal run a row
+// (rows of at most 128 bytes) behind the row-length table.
+Bytes planes(int channels, int w, int h, int depth, bool rle = false, bool large = false) {
     Bytes table, data;
     Writer tw{false, &table};
-    for (int r = 0; r < channels * h; ++r) {
-        const std::uint8_t* row = raw.data() + r * rowBytes;
-        Bytes packed;
-        for (std::size_t i = 0; i < rowBytes;) {
-            const std::size_t n = std::min<std::size_t>(128, rowBytes - i);
-            packed.push_back(static_cast<std::uint8_t>(n - 1));
-            packed.insert(packed.end(), row + i, row + i + n);
-            i += n;
+    for (int c = 0; c < channels; ++c)
+        for (int y = 0; y < h; ++y) {
+            Bytes row;
+            Writer rw{false, &row};
+            for (int x = 0; x < w; ++x) depth == 8 ? rw.u8(sample(c, y, x, 8)) : rw.u16(sample(c, y, x, 16));
+            if (rle) {
+                large ? tw.u32(static_cast<std::uint32_t>(row.size() + 1)) : tw.u16(static_cast<std::uint32_t>(row.size() + 1));
+                row.insert(row.begin(), static_cast<std::uint8_t>(row.size() - 1));
+            }
+            data.insert(data.end(), row.begin(), row.end());
         }
-        if (large)
-            tw.u32(static_cast<std::uint32_t>(packed.size()));
-        else
-            tw.u16(static_cast<std::uint32_t>(packed.size()));
-        data.insert(data.end(), packed.begin(), packed.end());
-    }
-    table.insert(table.end(), data.begin(), data.end());
-    return table;
+    return cat({table, data});
 }
 
 struct Loaded {
@@ -79,75 +60,65 @@ Loaded loadBytes(const Bytes& file, int order, int rowStride, std::size_t outByt
     return l;
 }
 
-struct Shape {
-    int depth;
-    bool rle;
-    bool large;
-};
-
-class PsdShapeTest : public ::testing::TestWithParam<Shape> {};
-
-TEST_P(PsdShapeTest, CompositeInBothOrdersWithRowSpare) {
-    const Shape sh = GetParam();
-    const int w = 5, h = 3, channels = 4, stride = 3 * w + 2;
-    PsdSpec s;
-    s.version = sh.large ? 2 : 1;
-    s.channels = channels;
-    s.width = w;
-    s.height = h;
-    s.depth = sh.depth;
-    s.layerSection = Bytes(10, 0x5A);
-    s.compression = sh.rle ? 1 : 0;
-    s.image = sh.rle ? rlePlanes(channels, w, h, sh.depth, sh.large) : rawPlanes(channels, w, h, sh.depth);
-    const Bytes file = buildPsd(s);
-    const std::size_t bytesPer = static_cast<std::size_t>(sh.depth / 8);
-    for (int order : {1, 0}) {
-        const Loaded l = loadBytes(file, order, stride, stride * h * bytesPer);
-        ASSERT_EQ(l.result, h) << order;
-        for (int y = 0; y < h; ++y) {
-            for (int x = 0; x < w; ++x)
-                for (int c = 0; c < 3; ++c) {
-                    const int slot = order > 0 ? c : 2 - c;
-                    const std::size_t at = (static_cast<std::size_t>(y) * stride + 3 * x + slot) * bytesPer;
-                    if (sh.depth == 8) {
-                        EXPECT_EQ(l.out[at], sample8(c, y, x));
-                    } else {
-                        EXPECT_EQ(l.out[at] | (l.out[at + 1] << 8), sample16(c, y, x));
-                    }
-                }
-            // The spare samples at each row's end are not written.
-            for (std::size_t k = 3 * w * bytesPer; k < stride * bytesPer; ++k)
-                EXPECT_EQ(l.out[y * stride * bytesPer + k], 0xEE);
-        }
-    }
+// A copy of `b` with `with` written at `at`.
+Bytes patched(Bytes b, std::size_t at, const Bytes& with) {
+    if (b.size() < at + with.size()) b.resize(at + with.size(), 0);
+    std::copy(with.begin(), with.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
+    return b;
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, PsdShapeTest,
-                         ::testing::Values(Shape{8, false, false}, Shape{8, true, false}, Shape{16, false, false},
-                                           Shape{16, true, false}, Shape{8, true, true}, Shape{16, false, true}),
-                         [](const auto& info) {
-                             return std::to_string(info.param.depth) + (info.param.rle ? "Rle" : "Raw") +
-                                    (info.param.large ? "Large" : "");
-                         });
+}  // namespace
 
-TEST(MetareadPsd, LengthBitsFromTheHostOverridesTheVersion) {
+// Four channels (the alpha plane never read), in both orders, with spare
+// samples at each row's end left alone; raw, PackBits and the large form.
+TEST(MetareadPsd, CompositeInBothOrdersWithRowSpare) {
+    const int w = 5, h = 3, channels = 4, stride = 3 * w + 2;
+    const struct {
+        int depth;
+        bool rle, large;
+    } shapes[] = {{8, false, false}, {8, true, false}, {16, false, false}, {16, true, false}, {8, true, true}, {16, false, true}};
+    for (const auto& sh : shapes) {
+        PsdSpec s;
+        s.version = sh.large ? 2 : 1;
+        s.channels = channels;
+        s.width = w;
+        s.height = h;
+        s.depth = sh.depth;
+        s.layerSection = Bytes(10, 0x5A);
+        s.compression = sh.rle ? 1 : 0;
+        s.image = planes(channels, w, h, sh.depth, sh.rle, sh.large);
+        const std::size_t bytesPer = static_cast<std::size_t>(sh.depth / 8);
+        for (int order : {1, 0}) {
+            SCOPED_TRACE(std::to_string(sh.depth) + (sh.rle ? " rle" : " raw") + (sh.large ? " large" : "") + " order " + std::to_string(order));
+            const Loaded l = loadBytes(buildPsd(s), order, stride, stride * h * bytesPer);
+            ASSERT_EQ(l.result, h);
+            std::vector<std::uint8_t> want(l.out.size(), 0xEE);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    for (int c = 0; c < 3; ++c) {
+                        const std::size_t at = (static_cast<std::size_t>(y) * stride + 3 * x + (order > 0 ? c : 2 - c)) * bytesPer;
+                        const std::uint16_t v = sample(c, y, x, sh.depth);
+                        want[at] = static_cast<std::uint8_t>(v);
+                        if (sh.depth == 16) want[at + 1] = static_cast<std::uint8_t>(v >> 8);
+                    }
+            EXPECT_EQ(l.out, want);
+        }
+    }
+    // Left at 0, lengthBits follows the version (above); set by the host it
+    // decides: read as the 32-bit form, the large length's high word (0) is
+    // the length and the planes come out shifted.
     PsdSpec s;
     s.version = 2;
-    s.image = rawPlanes(3, 2, 2, 8);
-    const Bytes file = buildPsd(s);
-    EXPECT_EQ(loadBytes(file, 1, 6, 12, 0).result, 2);
-    EXPECT_EQ(loadBytes(file, 1, 6, 12, 64).result, 2);
-    // Read as the 32-bit form, the length's high word (0) is the length and
-    // the compression word lands in the real length: the planes come out
-    // shifted, here by 4 bytes.
-    const Loaded l = loadBytes(file, 1, 6, 12, 32);
+    s.image = planes(3, 2, 2, 8);
+    EXPECT_EQ(loadBytes(buildPsd(s), 1, 6, 12, 64).out[0], sample(0, 0, 0, 8));
+    const Loaded l = loadBytes(buildPsd(s), 1, 6, 12, 32);
     EXPECT_EQ(l.result, 2);
-    EXPECT_NE(l.out[0], sample8(0, 0, 0));
+    EXPECT_NE(l.out[0], sample(0, 0, 0, 8));
 }
 
 TEST(MetareadPsd, PackBitsRunsCrossRowsAndStopAtThePlane) {
     // 2x2 planes behind a row table that is not checked.
-    struct Case {
+    const struct {
         Bytes runs;
         int result;
         Bytes out;
@@ -176,7 +147,7 @@ TEST(MetareadPsd, PackBitsRunsCrossRowsAndStopAtThePlane) {
 TEST(MetareadPsd, MemoryFailuresGiveMinusFour) {
     PsdSpec s;
     s.compression = 1;
-    s.image = rlePlanes(3, 2, 2, 8, false);
+    s.image = planes(3, 2, 2, 8, true);
     TempDir dir;
     const std::string p = dir.file("m.psd");
     oltest::writeFile(p, buildPsd(s));
@@ -189,32 +160,24 @@ TEST(MetareadPsd, MemoryFailuresGiveMinusFour) {
     }
 }
 
-std::uint32_t bits(float f) {
-    std::uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
+namespace {
 
 Bytes floatBytes(std::uint32_t u) {
     return {static_cast<std::uint8_t>(u >> 24), static_cast<std::uint8_t>(u >> 16), static_cast<std::uint8_t>(u >> 8),
             static_cast<std::uint8_t>(u)};
 }
 
+}  // namespace
+
 TEST(MetareadPsd, FloatsAreReadAtHalfTheirValue) {
-    auto f = [](std::uint32_t u) {
-        const Bytes b = floatBytes(u);
-        return ol::psdFloat(b.data());
-    };
-    EXPECT_EQ(f(bits(1.0f)), 0.5f);
-    EXPECT_EQ(f(bits(-3.0f)), -1.5f);
-    EXPECT_EQ(f(bits(0.0f)), 0.0f);
-    EXPECT_EQ(f(bits(1e-3f)), 5e-4f);
-    // No special exponents: a NaN or infinity pattern is a large number, and
-    // a subnormal pattern is read with the implicit one.
-    EXPECT_EQ(f(0x7F800000u), 0x1p127f);
-    EXPECT_EQ(f(0x7FFFFFFFu), 3.4028234663852886e38f);
-    EXPECT_EQ(f(0x00000001u), static_cast<float>(std::ldexp(1.0 + std::ldexp(1.0, -23), -128)));
-    EXPECT_EQ(f(0x80000000u), -0x1p-128f);  // negative zero is not zero here
+    const std::pair<std::uint32_t, float> cases[] = {
+        {0x3F800000u, 0.5f}, {0xC0400000u, -1.5f}, {0x00000000u, 0.0f}, {0x3A83126Fu, 5e-4f},  // 1, -3, 0, 1e-3
+        // No special exponents: a NaN or infinity pattern is a large number,
+        // a subnormal pattern is read with the implicit one, and negative
+        // zero is not zero.
+        {0x7F800000u, 0x1p127f}, {0x7FFFFFFFu, 3.4028234663852886e38f},
+        {0x00000001u, static_cast<float>(std::ldexp(1.0 + std::ldexp(1.0, -23), -128))}, {0x80000000u, -0x1p-128f}};
+    for (const auto& [bits, value] : cases) EXPECT_EQ(ol::psdFloat(floatBytes(bits).data()), value) << std::hex << bits;
 }
 
 TEST(MetareadPsd, ThirtyTwoBitCompositeToRgbePlanes) {
@@ -223,34 +186,21 @@ TEST(MetareadPsd, ThirtyTwoBitCompositeToRgbePlanes) {
     s.depth = 32;
     s.width = w;
     s.height = h;
-    const float vals[3][2][3] = {{{1.0f, 0.0f, 4.0f}, {1e-40f, 2.0f, 0.25f}},
-                                 {{0.5f, 0.0f, 2.0f}, {1e-40f, 1.0f, 0.25f}},
-                                 {{0.25f, 0.0f, 1.0f}, {1e-40f, 0.5f, 0.25f}}};
+    // Pixels (red, green, blue) row by row, read at half their value.
+    const float px[6][3] = {{1.0f, 0.5f, 0.25f}, {0, 0, 0}, {4, 2, 1}, {1e-40f, 1e-40f, 1e-40f}, {2, 1, 0.5f}, {0.25f, 0.25f, 0.25f}};
     for (int c = 0; c < 3; ++c)
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                const Bytes b = floatBytes(bits(vals[c][y][x]));
-                s.image.insert(s.image.end(), b.begin(), b.end());
-            }
+        for (const auto& p : px) {
+            std::uint32_t u;
+            std::memcpy(&u, &p[c], 4);
+            s.image = cat({s.image, floatBytes(u)});
+        }
     const Loaded l = loadBytes(buildPsd(s), 0, 999, 4 * w * h);
     ASSERT_EQ(l.result, h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const ol::RgbePixel p = ol::encodeRgbe(vals[0][y][x] / 2, vals[1][y][x] / 2, vals[2][y][x] / 2,
-                                                   ol::RgbeForm::Wrapped);
-            const std::uint8_t* row = l.out.data() + 4 * w * y;
-            EXPECT_EQ(row[x], p.r);
-            EXPECT_EQ(row[w + x], p.g);
-            EXPECT_EQ(row[2 * w + x], p.b);
-            EXPECT_EQ(row[3 * w + x], p.e);
-        }
-    // 1.0 reads as 0.5: mantissa 128, exponent 128. Zero and subnormal pixels
-    // are four zero bytes.
-    EXPECT_EQ(l.out[0], 128);
-    EXPECT_EQ(l.out[3 * w], 128);
-    EXPECT_EQ(l.out[1], 0);
-    EXPECT_EQ(l.out[3 * w + 1], 0);
-    EXPECT_EQ(l.out[4 * w + 3 * w], 0);
+    // 0.5 is mantissa 128 at exponent 128; zero and subnormal pixels are four
+    // zero bytes; order and stride have no effect. Rows of red, green, blue
+    // and exponent planes.
+    EXPECT_EQ(l.out, (Bytes{128, 0, 128, 64, 0, 64, 32, 0, 32, 128, 0, 130,
+                            0, 128, 128, 0, 64, 128, 0, 32, 128, 0, 129, 126}));
 
     // Compressed 32-bit data is refused.
     s.compression = 1;
@@ -273,36 +223,28 @@ TEST(MetareadPsd, InfoAndResources) {
     const Bytes r2 = resource8bim(1039, Bytes{'p', 'r', 'o', 'f', 'i', 'l', 'e'});
     const Bytes res = cat({r1, r2, resource8bim(1058, Bytes(9, 3))});
     s.resources = res;
-    s.image = rawPlanes(3, 7, 9, 8);
+    s.image = planes(3, 7, 9, 8);
     TempDir dir;
     const std::string p = dir.file("i.psd");
     oltest::writeFile(p, buildPsd(s));
     PsdInfo info{};
     const int start = 26 + 4 + 6 + 4 + static_cast<int>(res.size());
     EXPECT_EQ(getPsdInfo(p.c_str(), &info), start);
-    EXPECT_EQ(info.dataStart, start);
-    EXPECT_EQ(info.width, 7);
-    EXPECT_EQ(info.height, 9);
-    EXPECT_EQ(info.bps, 8);
-    EXPECT_EQ(info.channels, 3);
-    EXPECT_EQ(info.resH, 300);
-    EXPECT_EQ(info.resV, 150);
-    EXPECT_EQ(info.lProfil, 7);
-    EXPECT_EQ(info.exifStart, 40 + static_cast<int>(r1.size() + r2.size()) + 12);
+    EXPECT_EQ((std::vector<int>{info.dataStart, info.width, info.height, info.bps, info.channels, info.resH, info.resV, info.lProfil, info.exifStart}),
+              (std::vector<int>{start, 7, 9, 8, 3, 300, 150, 7, 40 + static_cast<int>(r1.size() + r2.size()) + 12}));
     unsigned char prof[16] = {};
     EXPECT_EQ(psd_profile(p.c_str(), prof), 7);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(prof), 7), "profile");
 
-    // No resources: fields the file lacks keep their old contents.
+    // No resources: fields the file lacks keep their old contents, and
+    // lengthBits is never written.
     s.resources.clear();
     oltest::writeFile(p, buildPsd(s));
     std::memset(&info, 0x11, sizeof info);
     EXPECT_EQ(getPsdInfo(p.c_str(), &info), 40);
-    EXPECT_EQ(info.resH, 0x11111111);
-    EXPECT_EQ(info.lProfil, 0x11111111);
-    EXPECT_EQ(info.lengthBits, 0x11111111);  // never written
+    EXPECT_EQ((std::vector<int>{info.resH, info.lProfil, info.lengthBits}), std::vector<int>(3, 0x11111111));
     // Without a profile resource psd_profile gives the walk's last word as a
-    // little-endian number: here the section length field, 0.
+    // little-endian number: here the section length field, 0, then a size.
     EXPECT_EQ(psd_profile(p.c_str(), prof), 0);
     s.resources = r1;
     oltest::writeFile(p, buildPsd(s));
@@ -314,23 +256,24 @@ TEST(MetareadPsd, RefusedFiles) {
     const std::string p = dir.file("r.psd");
     PsdInfo info{};
     unsigned char prof[4];
-    EXPECT_EQ(getPsdInfo(dir.file("none").c_str(), &info), -1);
-    oltest::writeFile(p, {'8', 'B'});
-    EXPECT_EQ(getPsdInfo(p.c_str(), &info), -1);
-    oltest::writeFile(p, {'8', 'B', 'P', 'X', 0, 0});
-    EXPECT_EQ(getPsdInfo(p.c_str(), &info), -2);
-    EXPECT_EQ(psd_profile(p.c_str(), prof), -2);
-    for (auto [channels, mode] : {std::pair{2, 3}, {1, 3}, {4, 4}, {3, 9}}) {
+    const auto psd = [](int channels, int mode) {
         PsdSpec s;
         s.channels = channels;
         s.mode = mode;
-        oltest::writeFile(p, buildPsd(s));
-        EXPECT_EQ(getPsdInfo(p.c_str(), &info), -3) << channels << " " << mode;
-        EXPECT_EQ(psd_profile(p.c_str(), prof), -3);
+        return buildPsd(s);
+    };
+    const std::pair<Bytes, int> refused[] = {{{'8', 'B'}, -1}, {{'8', 'B', 'P', 'X', 0, 0}, -2}, {psd(2, 3), -3},
+                                             {psd(1, 3), -3},  {psd(4, 4), -3},                 {psd(3, 9), -3}};
+    for (const auto& [file, code] : refused) {
+        oltest::writeFile(p, file);
+        EXPECT_EQ(getPsdInfo(p.c_str(), &info), code);
+        EXPECT_EQ(psd_profile(p.c_str(), prof), code);
     }
-    // load_psd refuses other depths and a failed seek.
+    EXPECT_EQ(getPsdInfo(dir.file("none").c_str(), &info), -1);
+    // load_psd refuses other depths, a failed seek, a missing file and planes
+    // cut short.
     PsdSpec s;
-    s.image = rawPlanes(3, 2, 2, 8);
+    s.image = planes(3, 2, 2, 8);
     oltest::writeFile(p, buildPsd(s));
     ASSERT_GT(getPsdInfo(p.c_str(), &info), 0);
     std::uint8_t out[64];
@@ -343,150 +286,101 @@ TEST(MetareadPsd, RefusedFiles) {
     EXPECT_EQ(load_psd(1, p.c_str(), &bad, 6, out), -1);
     EXPECT_EQ(err.finish(), "load_psd fseek -5 failed \n");
     EXPECT_EQ(load_psd(1, dir.file("none").c_str(), &info, 6, out), -1);
-    // Planes cut short.
     Bytes cut = buildPsd(s);
     cut.resize(cut.size() - 1);
     oltest::writeFile(p, cut);
     EXPECT_EQ(load_psd(1, p.c_str(), &info, 6, out), -1);
 }
 
-Bytes bmpHeader(std::int32_t w, std::int32_t h, int bitCount) {
-    Bytes b = {'B', 'M'};
-    Writer wr{true, &b};
-    wr.u32(54);
-    wr.u32(0);
-    wr.u32(54);
-    wr.u32(40);
-    wr.u32(static_cast<std::uint32_t>(w));
-    wr.u32(static_cast<std::uint32_t>(h));
-    wr.u16(1);
-    wr.u16(static_cast<std::uint32_t>(bitCount));
-    return b;
-}
-
+// The kept 4 x 4 24-bit header and variants of it (the damaged ones are in
+// tests/crashers).
 TEST(MetareadBmp, Dimensions) {
     TempDir dir;
     const std::string p = dir.file("a.bmp");
-    int dims[3] = {0, 0, 0};
-    oltest::writeFile(p, bmpHeader(640, -480, 24));
-    EXPECT_EQ(olbmp_dim(p.c_str(), dims), 8);
-    EXPECT_EQ(dims[0], 640);
-    EXPECT_EQ(dims[1], -480);
-    EXPECT_EQ(dims[2], 3);
-    oltest::writeFile(p, bmpHeader(3, 2, 8));
-    EXPECT_EQ(olbmp_dim(p.c_str(), dims), 8);
-    EXPECT_EQ(dims[2], 1);
-    Bytes cut = bmpHeader(3, 2, 24);
-    cut.resize(24);
-    const std::pair<Bytes, int> refused[] = {{bmpHeader(3, 2, 32), -3}, {{'B', 'X', 0, 0}, -2}, {{'B'}, -1}, {cut, -3}};
-    for (const auto& [file, code] : refused) {
-        oltest::writeFile(p, file);
-        EXPECT_EQ(olbmp_dim(p.c_str(), dims), code);
+    const Bytes bmp = oltest::fixture("seeds/bmp24.bmp");
+    const struct {
+        Bytes file;
+        int result;
+        std::vector<int> dims;
+    } rows[] = {
+        {bmp, 8, {4, 4, 3}},
+        {patched(bmp, 22, {0x20, 0xFE, 0xFF, 0xFF}), 8, {4, -480, 3}},  // signed height, as stored
+        {patched(bmp, 28, {8}), 8, {4, 4, 1}},
+        {patched(bmp, 28, {32}), -3, {}},
+        {{'B', 'X', 0, 0}, -2, {}},
+        {{'B'}, -1, {}},
+    };
+    for (const auto& r : rows) {
+        oltest::writeFile(p, r.file);
+        std::vector<int> dims(3, 0);
+        EXPECT_EQ(olbmp_dim(p.c_str(), dims.data()), r.result);
+        if (r.result > 0) {
+            EXPECT_EQ(dims, r.dims);
+        }
     }
+    int dims[3];
     EXPECT_EQ(olbmp_dim(dir.file("none").c_str(), dims), -1);
 }
+
+namespace {
 
 // A minimal profile with a text description tag of the given text at 132.
 Bytes profileWithDesc(const std::string& text, int countByte = -1) {
     Bytes p(132, 0);
     const Bytes head = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0,
                         static_cast<std::uint8_t>(countByte >= 0 ? countByte : static_cast<int>(text.size() + 1))};
-    p.insert(p.end(), head.begin(), head.end());
-    p.insert(p.end(), text.begin(), text.end());
-    p.resize(p.size() + 60, 0);
+    p = cat({p, head, Bytes(text.begin(), text.end()), Bytes(60, 0)});
     Writer w{false, &p};
     w.put32(0, static_cast<std::uint32_t>(p.size()));
     return p;
 }
 
-std::string nameOf(const Bytes& prof, int* result = nullptr) {
-    char name[32];
-    std::memset(name, 0x7A, sizeof name);
-    const int r = get_profile_name(static_cast<int>(prof.size()), prof.data(), name);
-    if (result) *result = r;
-    return std::string(name, 32);
-}
+}  // namespace
 
 TEST(MetareadIcc, NamingRule) {
-    int r = 0;
-    EXPECT_EQ(nameOf(profileWithDesc("Adobe RGB (1998)"), &r), std::string("Adobe RGB") + std::string(23, '\0'));
-    EXPECT_EQ(r, 9);
-    EXPECT_EQ(nameOf(profileWithDesc("Compatible with sRGB"), &r).substr(0, 5), std::string("sRGB\0", 5));
-    EXPECT_EQ(r, 4);
-    // An unknown name: the first 32 bytes of the text, past its end.
-    EXPECT_EQ(nameOf(profileWithDesc("Mine"), &r), std::string("Mine") + std::string(28, '\0'));
-    EXPECT_EQ(r, 32);
+    const Bytes desc = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0};
     const struct {
-        const char* text;
-        int countByte;
+        const char* what;
+        Bytes profile;
         int result;
-    } cases[] = {
-        {"ProPhoto RGB", -1, 12},
-        // At each position the names are tried in order: "sRGB" found later
-        // in the text still loses to an earlier "Adobe RGB".
-        {"xAdobe RGB sRGB", -1, 9},
-        // The search covers only the counted length; a count of 0 searches
-        // nothing, and the text may be shorter than the name it starts.
-        {"sRGB", 0, 32},
-        {"sRG", 2, 32},
+        std::string name;
+    } rows[] = {
+        {"a known name at the start", profileWithDesc("Adobe RGB (1998)"), 9, "Adobe RGB"},
+        {"a known name after other words", profileWithDesc("Compatible with sRGB"), 4, "sRGB"},
+        {"the third name", profileWithDesc("ProPhoto RGB"), 12, "ProPhoto RGB"},
+        {"the first position wins over the order of names", profileWithDesc("xAdobe RGB sRGB"), 9, "Adobe RGB"},
+        {"unknown: 32 bytes of the text, past its end", profileWithDesc("Mine"), 32, "Mine"},
+        {"a count of 0 searches nothing", profileWithDesc("sRGB", 0), 32, "sRGB"},
+        {"the text may be shorter than the name it starts", profileWithDesc("sRG", 2), 32, "sRG"},
+        {"only the first description counts", patched(profileWithDesc("Display"), 180, cat({desc, {5, 's', 'R', 'G', 'B', 0}})), 32, "Display"},
+        {"a near miss (one of the seven zeros set)", patched(profileWithDesc("sRGB"), 140, {1}), -1, ""},
+        {"48 bytes are too few", Bytes(48, 0), -1, ""},
+        {"no description", Bytes(400, 0), -1, ""},
+        {"a tag table entry is not a match", patched(Bytes(400, 0), 132, {'d', 'e', 's', 'c', 0, 0, 0, 200, 0, 0, 0, 40}), -1, ""},
+        {"a description off the profile's end copies what there is", patched(Bytes(100, 0), 80, cat({desc, {5, 'a', 'b'}})), 32, "ab"},
     };
-    for (const auto& c : cases) {
-        nameOf(profileWithDesc(c.text, c.countByte), &r);
-        EXPECT_EQ(r, c.result) << c.text;
+    for (const auto& r : rows) {
+        char name[32];
+        std::memset(name, 0x7A, sizeof name);
+        EXPECT_EQ(get_profile_name(static_cast<int>(r.profile.size()), r.profile.data(), name), r.result) << r.what;
+        EXPECT_EQ(std::string(name, 32), r.name + std::string(32 - r.name.size(), '\0')) << r.what;
     }
-    // Only the first matching "desc" counts, even when a later one names a
-    // known space.
-    Bytes two = profileWithDesc("Display");
-    const Bytes second = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0, 5, 's', 'R', 'G', 'B', 0};
-    std::copy(second.begin(), second.end(), two.begin() + 160);
-    EXPECT_EQ(nameOf(two, &r).substr(0, 8), std::string("Display\0", 8));
-    EXPECT_EQ(r, 32);
-    // A near miss (one of the seven zero bytes set) is passed over.
-    Bytes near = profileWithDesc("sRGB");
-    near[132 + 8] = 1;
-    nameOf(near, &r);
-    EXPECT_EQ(r, -1);
-}
-
-TEST(MetareadIcc, NoDescription) {
-    int r = 0;
-    Bytes small(48, 0);
-    EXPECT_EQ(nameOf(small, &r), std::string(32, '\0'));
-    EXPECT_EQ(r, -1);
-    Bytes noDesc(400, 0);
-    nameOf(noDesc, &r);
-    EXPECT_EQ(r, -1);
-    // A "desc" tag table entry (offset and size behind it) is not a match.
-    Bytes table(400, 0);
-    const Bytes entry = {'d', 'e', 's', 'c', 0, 0, 0, 200, 0, 0, 0, 40};
-    std::copy(entry.begin(), entry.end(), table.begin() + 132);
-    nameOf(table, &r);
-    EXPECT_EQ(r, -1);
-    // A description that runs off the profile's end copies what there is.
-    Bytes edge(100, 0);
-    const Bytes d = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0, 5, 'a', 'b'};
-    std::copy(d.begin(), d.end(), edge.begin() + 80);
-    const std::string n = nameOf(edge, &r);
-    EXPECT_EQ(r, 32);
-    EXPECT_EQ(n, std::string("ab") + std::string(30, '\0'));
 }
 
 TEST(MetareadIcc, ExtractProfile) {
     TempDir dir;
     const std::string p = dir.file("p.icc");
-    const Bytes prof = profileWithDesc("sRGB");
+    const Bytes prof = oltest::fixture("seeds/icc_desc.icc");
     oltest::writeFile(p, prof);
     Bytes buf(prof.size() + 8, 0);
     EXPECT_EQ(extract_profile(p.c_str(), buf.data()), static_cast<int>(prof.size()));
     EXPECT_TRUE(std::equal(prof.begin(), prof.end(), buf.begin()));
     EXPECT_EQ(extract_profile(nullptr, buf.data()), -1);
     EXPECT_EQ(extract_profile(dir.file("none").c_str(), buf.data()), -2);
-    const std::pair<Bytes, int> refused[] = {
-        {{0, 0, 1}, -3}, {{0, 0, 0, 0, 1, 2}, -4}, {{0x80, 0, 0, 0, 1, 2}, -4}, {{0, 0, 0, 9, 1, 2}, -5}};
+    // A size past the end (-5) is a kept crasher.
+    const std::pair<Bytes, int> refused[] = {{{0, 0, 1}, -3}, {{0, 0, 0, 0, 1, 2}, -4}, {{0x80, 0, 0, 0, 1, 2}, -4}};
     for (const auto& [file, code] : refused) {
         oltest::writeFile(p, file);
         EXPECT_EQ(extract_profile(p.c_str(), buf.data()), code);
     }
 }
-
-}  // namespace
