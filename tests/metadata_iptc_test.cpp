@@ -1,5 +1,4 @@
-// Adding keywords to IPTC blocks.
-#include <map>
+// Adding keywords to IPTC blocks (damaged blocks also in tests/crashers/metawrite).
 #include <string>
 #include <vector>
 
@@ -7,84 +6,51 @@
 
 using namespace metatest;
 
-namespace {
-
-Bytes dataset(std::uint8_t number, const std::string& data) { return iptcDataset(number, data); }
-
-// Adds `keyword`; returns the result and the new block at its stated length
-// (checking nothing is written beyond it).
-std::pair<int, Bytes> add(const Bytes& block, const std::string& keyword) {
-    const std::size_t newLen = (block.empty() ? 7 : block.size()) + keyword.size() + 5;
-    Bytes out(newLen + 16, 0xEE);
-    const int r = add_iptc_keyword(static_cast<int>(block.size()), block.empty() ? nullptr : block.data(),
-                                   static_cast<int>(keyword.size()),
-                                   reinterpret_cast<const unsigned char*>(keyword.data()), out.data());
-    for (std::size_t i = newLen; i < out.size(); ++i) EXPECT_EQ(out[i], 0xEE) << "written past the block at " << i;
-    out.resize(newLen);
-    return {r, out};
-}
-
-}  // namespace
-
-TEST(MetawriteIptc, NewBlockStartsWithRecordVersion) {
-    const auto [r, out] = add({}, "alpha");
-    EXPECT_EQ(r, 7);
-    EXPECT_EQ(out, cat({{0x1C, 0x02, 0x00, 0x00, 0x02, 0x02, 0x00}, dataset(0x19, "alpha")}));
-    // The block grows by keyword + 5 for each further keyword.
-    const auto [r2, out2] = add(out, "be");
-    EXPECT_EQ(r2, 17);
-    EXPECT_EQ(out2.size(), 24u);
-}
-
-TEST(MetawriteIptc, KeywordGoesBehindTheLastKeyword) {
-    const Bytes block = cat({kIptcVersion, dataset(0x19, "one"), dataset(0x19, "two"), dataset(0x78, "a caption")});
-    const auto [r, out] = add(block, "three");
-    EXPECT_EQ(r, 23);
-    EXPECT_EQ(out, cat({kIptcVersion, dataset(0x19, "one"), dataset(0x19, "two"), dataset(0x19, "three"),
-                        dataset(0x78, "a caption")}));
-}
-
-TEST(MetawriteIptc, WithoutAKeywordItGoesBehindTheLastDataset) {
-    // No keyword at all, and a keyword at position 0, which is not seen as one.
-    for (const Bytes& block : {cat({kIptcVersion, dataset(0x78, "caption"), dataset(0x50, "by")}),
-                               cat({dataset(0x19, "first"), dataset(0x78, "caption")})}) {
-        const auto [r, out] = add(block, "k");
-        EXPECT_EQ(r, static_cast<int>(block.size()));
-        EXPECT_EQ(out, cat({block, dataset(0x19, "k")}));
+TEST(MetawriteIptc, KeywordPlacesAndDamagedBlocks) {
+    const auto ds = iptcDataset;
+    const Bytes none;  // expected block not looked at
+    // A caption whose text holds 1C 02 19 00 01: the scan takes it for a
+    // keyword of one byte, so the new one lands inside the caption; with a
+    // length running past the block it is damaged.
+    const Bytes markerInText = cat({kIptcVersion, ds(0x78, std::string("ab\x1C\x02\x19\x00\x01xyz", 10))});
+    Bytes lengthPastEnd = cat({kIptcVersion, ds(0x78, "abc")});
+    lengthPastEnd[lengthPastEnd.size() - 4] = 9;  // says 9 bytes, 3 are there
+    const struct {
+        const char* what;
+        Bytes block;
+        std::string keyword;
+        int result;
+        Bytes out;
+    } rows[] = {
+        {"a new block starts with the record version", {}, "alpha", 7, cat({{0x1C, 0x02, 0x00, 0x00, 0x02, 0x02, 0x00}, ds(0x19, "alpha")})},
+        {"the length is big-endian", {}, std::string(300, 'w'), 7, cat({{0x1C, 0x02, 0x00, 0x00, 0x02, 0x02, 0x00}, ds(0x19, std::string(300, 'w'))})},
+        {"behind the last keyword", cat({kIptcVersion, ds(0x19, "one"), ds(0x19, "two"), ds(0x78, "a caption")}), "three", 23,
+         cat({kIptcVersion, ds(0x19, "one"), ds(0x19, "two"), ds(0x19, "three"), ds(0x78, "a caption")})},
+        {"no keyword: behind the last dataset", cat({kIptcVersion, ds(0x78, "caption"), ds(0x50, "by")}), "k", 26,
+         cat({kIptcVersion, ds(0x78, "caption"), ds(0x50, "by"), ds(0x19, "k")})},
+        {"a keyword at position 0 is not seen", cat({ds(0x19, "first"), ds(0x78, "caption")}), "k", 22,
+         cat({ds(0x19, "first"), ds(0x78, "caption"), ds(0x19, "k")})},
+        {"marker bytes inside data count", markerInText, "k", 7 + 5 + 2 + 6, none},
+        {"the same with a length past the end", patched(markerInText, 18, {0x40}), "k", -1, none},
+        {"the last dataset runs past the end", lengthPastEnd, "k", -1, none},
+        // 1 to 5 bytes: no scan, position 0 taken as a dataset, its length
+        // field read from bytes 3 and 4.
+        {"1 byte", Bytes(1, 0x1C), "k", -1, none},
+        {"4 bytes", Bytes(4, 0x1C), "k", -1, none},
+        {"5 bytes", {0, 0, 0, 0, 0}, "k", 5, cat({{0, 0, 0, 0, 0}, ds(0x19, "k")})},
+        {"5 bytes saying 1", {0x1C, 0x02, 0x19, 0x00, 0x01}, "k", -1, none},
+    };
+    for (const auto& r : rows) {
+        // Nothing may be written past the new length.
+        const std::size_t newLen = (r.block.empty() ? 7 : r.block.size()) + r.keyword.size() + 5;
+        Bytes out(newLen + 16, 0xEE);
+        EXPECT_EQ(add_iptc_keyword(static_cast<int>(r.block.size()), r.block.empty() ? nullptr : r.block.data(),
+                                   static_cast<int>(r.keyword.size()), reinterpret_cast<const unsigned char*>(r.keyword.data()), out.data()),
+                  r.result)
+            << r.what;
+        EXPECT_EQ(Bytes(out.begin() + static_cast<std::ptrdiff_t>(newLen), out.end()), Bytes(16, 0xEE)) << r.what;
+        if (!r.out.empty()) {
+            EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(newLen)), r.out) << r.what;
+        }
     }
 }
-
-TEST(MetawriteIptc, MarkerBytesInsideDataCountAsDatasets) {
-    // The caption's text holds 1C 02 19 00 01: the scan takes it for a
-    // keyword of one byte, and the new keyword lands inside the caption.
-    const Bytes caption = dataset(0x78, std::string("ab\x1C\x02\x19\x00\x01xyz", 10));
-    const Bytes block = cat({kIptcVersion, caption});
-    const auto [r, out] = add(block, "k");
-    EXPECT_EQ(r, 7 + 5 + 2 + 6);
-    // Same marker with a length running past the block: damaged, -1.
-    const Bytes bad = cat({kIptcVersion, dataset(0x78, std::string("ab\x1C\x02\x19\x00\x40xyz", 10))});
-    EXPECT_EQ(add(bad, "k").first, -1);
-}
-
-TEST(MetawriteIptc, DamagedAndTinyBlocks) {
-    // Last dataset says 9 bytes, 3 are there.
-    Bytes block = cat({kIptcVersion, dataset(0x78, "abc")});
-    block[block.size() - 4] = 9;
-    EXPECT_EQ(add(block, "k").first, -1);
-    // 1 to 4 bytes: position 0 is a dataset whose header does not even fit.
-    for (int n = 1; n <= 4; ++n) EXPECT_EQ(add(Bytes(static_cast<std::size_t>(n), 0x1C), "k").first, -1) << n;
-    // 5 bytes: no scan, the length field is read from bytes 3 and 4.
-    const auto [r, out] = add({0x00, 0x00, 0x00, 0x00, 0x00}, "k");
-    EXPECT_EQ(r, 5);
-    EXPECT_EQ(out, cat({{0, 0, 0, 0, 0}, dataset(0x19, "k")}));
-    EXPECT_EQ(add({0x1C, 0x02, 0x19, 0x00, 0x01}, "k").first, -1);
-}
-
-TEST(MetawriteIptc, LongKeywordLengthIsBigEndian) {
-    const std::string k(300, 'w');
-    const auto [r, out] = add({}, k);
-    EXPECT_EQ(r, 7);
-    EXPECT_EQ(out[10], 0x01);
-    EXPECT_EQ(out[11], 0x2C);
-}
-

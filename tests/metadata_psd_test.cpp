@@ -60,13 +60,6 @@ Loaded loadBytes(const Bytes& file, int order, int rowStride, std::size_t outByt
     return l;
 }
 
-// A copy of `b` with `with` written at `at`.
-Bytes patched(Bytes b, std::size_t at, const Bytes& with) {
-    if (b.size() < at + with.size()) b.resize(at + with.size(), 0);
-    std::copy(with.begin(), with.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
-    return b;
-}
-
 }  // namespace
 
 // Four channels (the alpha plane never read), in both orders, with spare

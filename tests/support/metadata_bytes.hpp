@@ -2,6 +2,7 @@
 // little-endian IFDs, and the records and calls the metadata tests share.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -26,34 +27,27 @@ inline Bytes cat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
+// Appends (or, with put32, overwrites) numbers in the chosen byte order.
 struct Writer {
     bool little;
     Bytes* out;
-    void u8(std::uint32_t v) { out->push_back(static_cast<std::uint8_t>(v)); }
-    void u16(std::uint32_t v) {
-        if (little) {
-            u8(v);
-            u8(v >> 8);
-        } else {
-            u8(v >> 8);
-            u8(v);
-        }
+    void put(std::uint32_t v, int n) {
+        for (int k = 0; k < n; ++k) out->push_back(static_cast<std::uint8_t>(v >> 8 * (little ? k : n - 1 - k)));
     }
-    void u32(std::uint32_t v) {
-        if (little) {
-            u16(v & 0xFFFF);
-            u16(v >> 16);
-        } else {
-            u16(v >> 16);
-            u16(v & 0xFFFF);
-        }
-    }
+    void u8(std::uint32_t v) { put(v, 1); }
+    void u16(std::uint32_t v) { put(v, 2); }
+    void u32(std::uint32_t v) { put(v, 4); }
     void put32(std::size_t at, std::uint32_t v) {
-        Bytes tmp;
-        Writer{little, &tmp}.u32(v);
-        std::memcpy(out->data() + at, tmp.data(), 4);
+        for (int k = 0; k < 4; ++k) (*out)[at + k] = static_cast<std::uint8_t>(v >> 8 * (little ? k : 3 - k));
     }
 };
+
+// A copy of `b` with `with` written at `at` (grown with zeros when needed).
+inline Bytes patched(Bytes b, std::size_t at, const Bytes& with) {
+    if (b.size() < at + with.size()) b.resize(at + with.size(), 0);
+    std::copy(with.begin(), with.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
+    return b;
+}
 
 // ---- TIFF ----------------------------------------------------------------
 
@@ -198,9 +192,8 @@ inline Bytes app13Payload(const Bytes& resources) {
 
 // One IPTC record 2 dataset: marker, record, number, big-endian length, data.
 inline Bytes iptcDataset(std::uint8_t number, const std::string& data) {
-    Bytes d = {0x1C, 0x02, number, static_cast<std::uint8_t>(data.size() >> 8), static_cast<std::uint8_t>(data.size())};
-    d.insert(d.end(), data.begin(), data.end());
-    return d;
+    const auto n = data.size();
+    return cat({{0x1C, 0x02, number, static_cast<std::uint8_t>(n >> 8), static_cast<std::uint8_t>(n)}, Bytes(data.begin(), data.end())});
 }
 
 // The record version dataset (2:00, version 4).
@@ -294,12 +287,12 @@ struct IfdEntry {
     std::uint16_t shortValue() const { return static_cast<std::uint16_t>(value & 0xFFFF); }
 };
 
-inline std::uint16_t u16(const Bytes& b, std::size_t at) {
-    return static_cast<std::uint16_t>(b.at(at) | (b.at(at + 1) << 8));
+inline std::uint32_t u32(const Bytes& b, std::size_t at, int n = 4) {
+    std::uint32_t v = 0;
+    for (int k = n - 1; k >= 0; --k) v = v << 8 | b.at(at + static_cast<std::size_t>(k));
+    return v;
 }
-inline std::uint32_t u32(const Bytes& b, std::size_t at) {
-    return b.at(at) | (b.at(at + 1) << 8) | (b.at(at + 2) << 16) | (static_cast<std::uint32_t>(b.at(at + 3)) << 24);
-}
+inline std::uint16_t u16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(u32(b, at, 2)); }
 
 // The entries of the IFD at `at`, offsets as stored.
 inline std::vector<IfdEntry> readIfd(const Bytes& b, std::size_t at) {
