@@ -1,4 +1,5 @@
 // XMP packet of tone-mapping settings, byte for byte.
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -43,38 +44,32 @@ TEST(MetawriteXmp, PacketsMatchTheKeptOnes) {
         EXPECT_TRUE(oltest::matchesFixture(std::string("xmp/") + file, std::vector<std::uint8_t>(text.begin(), text.end())));
 }
 
-TEST(MetawriteXmp, SmoothingTextsKeepTheirBlanks) {
-    float tm[15] = {};
-    const char* expected[5] = {"Very High", "High    ", "Medium  ", "Low     ", "Very Low"};
-    for (int i = 0; i < 5; ++i) {
-        tm[5] = static_cast<float>(i) + 0.75f;  // truncated, not rounded
-        EXPECT_EQ(lineOf(packet(1, tm), "Smoothing"), expected[i]);
-    }
-    tm[5] = -0.5f;  // truncates to 0
-    EXPECT_EQ(lineOf(packet(1, tm), "Smoothing"), "Very High");
-    tm[5] = 7.0f;  // no such step: an empty text, and still a well-formed line
-    EXPECT_EQ(lineOf(packet(1, tm), "Smoothing"), "");
-}
-
-TEST(MetawriteXmp, GammaLineFollowsTheSlider) {
-    float tm[15] = {};
-    const std::vector<std::pair<float, std::string>> cases = {
-        {50.0f, "1.0"}, {0.0f, "2.0"}, {100.0f, "0.5"}, {25.0f, "1.4"}, {75.0f, "0.7"}, {-50.0f, "4.0"},
+// One slot set on zeros (or every slot, -1): the line it gives.
+TEST(MetawriteXmp, LinesOfOneSlot) {
+    const struct {
+        int slot;
+        float value;
+        const char* element;
+        std::string text;
+    } rows[] = {
+        // Smoothing: truncated, not rounded; the fixed-width texts keep their blanks.
+        {5, 0.75f, "Smoothing", "Very High"}, {5, 1.75f, "Smoothing", "High    "}, {5, 2.75f, "Smoothing", "Medium  "},
+        {5, 3.75f, "Smoothing", "Low     "},  {5, 4.75f, "Smoothing", "Very Low"}, {5, -0.5f, "Smoothing", "Very High"},
+        {5, 7.0f, "Smoothing", ""},  // no such step: an empty text, still a well-formed line
+        {8, 50.0f, "Gamma", "1.0"},  {8, 0.0f, "Gamma", "2.0"},  {8, 100.0f, "Gamma", "0.5"},
+        {8, 25.0f, "Gamma", "1.4"},  {8, 75.0f, "Gamma", "0.7"}, {8, -50.0f, "Gamma", "4.0"},
         // Sliders whose gamma lies within a float's rounding of a printing
         // boundary: the value is narrowed to float before it is printed, and
         // the double alone would print the other digit.
-        {93.12482452392578f, "0.6"}, {46.480533599853516f, "1.0"}};
-    for (const auto& [slider, text] : cases) {
-        tm[8] = slider;
-        EXPECT_EQ(lineOf(packet(1, tm), "Gamma"), text) << slider;
+        {8, 93.12482452392578f, "Gamma", "0.6"}, {8, 46.480533599853516f, "Gamma", "1.0"},
+        // Large values (every slot but Smoothing) are counted as written.
+        {-1, -3.4e38f, "WhiteClip", "-339999995214436424907732413799364296704.000000"},
+        {-1, -3.4e38f, "Strength", "-339999995214436424907732413799364296704.0"},
+    };
+    for (const auto& r : rows) {
+        float tm[15] = {};
+        std::fill(tm, tm + (r.slot < 0 ? 15 : 0), r.value);
+        tm[r.slot < 0 ? 5 : r.slot] = r.slot < 0 ? 1.0f : r.value;
+        EXPECT_EQ(lineOf(packet(1, tm), r.element), r.text) << r.element << " " << r.value;
     }
-}
-
-TEST(MetawriteXmp, LargeValuesAreCountedAsWritten) {
-    float tm[15];
-    for (float& v : tm) v = -3.4e38f;
-    tm[5] = 1.0f;
-    const std::string p = packet(1, tm);
-    EXPECT_EQ(lineOf(p, "WhiteClip"), "-339999995214436424907732413799364296704.000000");
-    EXPECT_EQ(static_cast<int>(p.size()), embed_xmp(0, nullptr, 1, tm));
 }
