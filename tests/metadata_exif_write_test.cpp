@@ -34,10 +34,9 @@ std::vector<std::uint8_t> exifBlock(const ExifRecord& ex, const GpsRecord& gps, 
                              c.gpsDateLen, orientation, &ex, &gps, out.data());
     const int end = *result > 0 ? *result : 0;
     EXPECT_LE(end, 1024);
-    for (int i = end; i < 1024; ++i)
-        if (out[i] != 0) ADD_FAILURE() << "byte " << i << " written past the block";
-    for (std::size_t i = 1024; i < out.size(); ++i)
-        if (out[i] != 0xAA) ADD_FAILURE() << "byte " << i << " written past the block";
+    std::vector<std::uint8_t> past(1024 - end, 0);
+    past.resize(past.size() + 1024, 0xAA);
+    EXPECT_EQ(std::vector<std::uint8_t>(out.begin() + end, out.end()), past) << "written past the block";
     out.resize(static_cast<std::size_t>(end));
     return out;
 }
