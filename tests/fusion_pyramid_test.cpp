@@ -4,6 +4,7 @@
 // shrinkers on small images computed by hand.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -18,29 +19,23 @@
 
 namespace {
 
+// pyram_len against the rule: n = trunc(float(ln(float(min)) / ln 2)) - 1
+// reductions, levels halving and rounding up, on every size up to 40 and a
+// large one, with hand pins for a single pixel (n = -1), 4 x 4 (n = 1: 16 +
+// 4) and 5 x 3 (log2(3) truncates to 1: n = 0).
 TEST(FusionPyramid, LengthAtTinyOddAndLargeSizes) {
-    const struct Row {
-        int w, h;
-        long want;
-    } rows[] = {
-        {1, 1, 1},       // n = -1
-        {4, 4, 20},      // n = 1: 16 + 4
-        {5, 3, 15},      // log2(3) truncates to 1: n = 0
-        {2, 9, 18},      // n = 0
-        {8, 8, 84},      // 64 + 16 + 4
-        {7, 5, 35 + 12}, // 7x5, then 4x3: odd sides round up
-        {9, 8, 72 + 20 + 6},
-        {0, 5, 0},
-    };
-    for (const Row& r : rows) EXPECT_EQ(pyram_len(r.w, r.h), r.want) << r.w << "x" << r.h;
-    // 3000 x 2000: log2(2000) = 10.97, n = 9.
-    long expect = 0;
-    for (int k = 0, w = 3000, h = 2000; k <= 9; ++k, w = ol::halveUp(w), h = ol::halveUp(h)) expect += long(w) * h;
-    EXPECT_EQ(pyram_len(3000, 2000), expect);
-    EXPECT_EQ(ol::pyramidReductions(3000, 2000), 9);
-    EXPECT_EQ(ol::pyramidReductions(4, 100), 1);
-    EXPECT_EQ(ol::pyramidReductions(3, 3), 0);
-    EXPECT_EQ(ol::pyramidReductions(0, 0), -1);
+    EXPECT_EQ(pyram_len(1, 1), 1);
+    EXPECT_EQ(pyram_len(4, 4), 20);
+    EXPECT_EQ(pyram_len(5, 3), 15);
+    EXPECT_EQ(pyram_len(0, 5), 0);
+    for (int w = 1; w <= 3000; w += w < 40 ? 1 : 2960)
+        for (int h = 1; h <= 2000; h += h < 40 ? 1 : 1960) {
+            const int n = static_cast<int>(static_cast<float>(std::log(static_cast<float>(std::min(w, h))) / std::log(2.0))) - 1;
+            long want = long(w) * h;
+            for (int k = 1, lw = w, lh = h; k <= n; ++k) want += long(lw = ol::halveUp(lw)) * (lh = ol::halveUp(lh));
+            ASSERT_EQ(pyram_len(w, h), want) << w << "x" << h;
+            ASSERT_EQ(ol::pyramidReductions(w, h), n) << w << "x" << h;
+        }
 }
 
 // ---------------------------------------------------------------------------
