@@ -89,23 +89,32 @@ Window place(int width, int height, int x, int y, int ww, int wh) {
     return w;
 }
 
+// Smallest and largest luminance of the measured area, their sum and count.
+struct Measured {
+    float mn = 1e7f, mx = 0;
+    double sum = 0;
+    int count = 0;
+};
+template <class Lum>
+Measured measure(const Window& w, Lum lum) {
+    Measured m;
+    for (int y = w.my0; y < w.my1; ++y)
+        for (int x = w.mx0; x < w.mx1; ++x) {
+            const float v = lum(x, y);
+            m.mn = std::min(m.mn, v), m.mx = std::max(m.mx, v), m.sum += v, m.count++;
+        }
+    return m;
+}
+
 // `step` is the distance from a pixel's first sample to its second in the
 // measurement: `width` as the operation has it, 1 for plain interleaving.
 std::vector<std::uint8_t> expected16(const std::vector<std::uint16_t>& s, int width, int height, int x,
                                      int y, int ww, int wh, int step) {
     const Window w = place(width, height, x, y, ww, wh);
-    float mn = 1e7f, mx = 0;
-    double sum = 0;
-    int count = 0;
-    for (int yy = w.my0; yy < w.my1; ++yy)
-        for (int xx = w.mx0; xx < w.mx1; ++xx) {
-            const std::size_t p = static_cast<std::size_t>(yy) * 3 * width + 3 * xx;
-            const int lum = (19 * s[p] + 183 * s[p + step] + 54 * s[p + 2 * step]) >> 8;
-            mn = std::min(mn, static_cast<float>(lum));
-            mx = std::max(mx, static_cast<float>(lum));
-            sum += lum;
-            count++;
-        }
+    const auto [mn, mx, sum, count] = measure(w, [&](int xx, int yy) {
+        const std::size_t p = static_cast<std::size_t>(yy) * 3 * width + 3 * xx;
+        return static_cast<float>((19 * s[p] + 183 * s[p + step] + 54 * s[p + 2 * step]) >> 8);
+    });
     const float k = mx > mn ? 1.0f / (mx - mn) : 1.0f;
     const float shown = static_cast<float>(k * 255.0f * (sum / count));
     const float target = static_cast<float>(68 + 0.3 * (shown - 68.0f));
@@ -160,17 +169,9 @@ TEST(HdrDisplay, SixteenBitWindowsAsRows) {
 
 std::vector<std::uint8_t> expected32(const Planes& p, const float* table, int x, int y, int ww, int wh) {
     const Window w = place(p.width, p.height, x, y, ww, wh);
-    float mn = 1e7f, mx = 0;
-    double sum = 0;
-    int count = 0;
-    for (int yy = w.my0; yy < w.my1; ++yy)
-        for (int xx = w.mx0; xx < w.mx1; ++xx) {
-            const float lum = (54 * p.at(xx, yy, 0) + 183 * p.at(xx, yy, 1) + 19 * p.at(xx, yy, 2)) * table[p.at(xx, yy, 3)];
-            mn = std::min(mn, lum);
-            mx = std::max(mx, lum);
-            sum += lum;
-            count++;
-        }
+    const auto [mn, mx, sum, count] = measure(w, [&](int xx, int yy) {
+        return (54 * p.at(xx, yy, 0) + 183 * p.at(xx, yy, 1) + 19 * p.at(xx, yy, 2)) * table[p.at(xx, yy, 3)];
+    });
     const float k = mx > mn ? 255.0f / (mx - mn) : 1.0f;
     const float shown = static_cast<float>(k * (sum / count));
     const float c = static_cast<float>(0.333 * (1.0f - mn / mx));
