@@ -1,7 +1,7 @@
 // Weight maps: photo statistics, full-scale sums, the brightness bias, ghost
-// masks, and the slicing of the mask among worker threads. (Equal planes on
-// every thread count and the failed allocations are checked through ol_fusion
-// in fusion_driver_test.cpp; the curve values at a probe pixel, the running
+// masks, equal planes on every thread count and the slicing of the mask among
+// worker threads. (The failed allocations are checked through ol_fusion in
+// fusion_driver_test.cpp; the curve values at a probe pixel, the running
 // saturated count and zero-weight pixels are pinned by the fusion transcript
 // of trace_test.cpp.)
 #include <gtest/gtest.h>
@@ -169,6 +169,21 @@ TEST(FusionWeights, GhostMaskForcesOnePhotoAndTheFirstPhotoWins) {
     wt.run(images);
     EXPECT_EQ(wt.at(1, 3), 1.0);
     EXPECT_EQ(wt.at(0, 3), 0.0);
+}
+
+TEST(FusionWeights, ThreadCountsGiveIdenticalPlanes) {
+    // Down to slices of one row (23 threads) and of none (40: every row goes
+    // to the last thread).
+    const auto images = fustest::makeStack(3, 37, 23, 3, 8, 7);
+    for (int bdp : {8, 16, 32}) {
+        Weights wt = sized(37, 23, bdp);
+        wt.params[0] = 4.0f;
+        const auto one = wt.run(images).poids;
+        for (int t : {2, 3, 7, 23, 40}) {
+            wt.nbProc = t;
+            EXPECT_EQ(wt.run(images).poids, one) << "nbProc " << t << " bdp " << bdp;
+        }
+    }
 }
 
 TEST(FusionWeights, SliceStartingInsideAMaskByteReadsTheMaskDisplaced) {
