@@ -15,42 +15,29 @@
 
 namespace {
 
+// 8-bit binary PPM, written plain; read with comment lines in the header
+// and a largest sample of up to 255 (some writers put the image's largest
+// sample there; the samples are the 8-bit values either way).
 void writePpm(const std::string& path, int w, int h, const std::uint8_t* rgb) {
-    std::string bytes = "P6\n" + std::to_string(w) + " " + std::to_string(h) + "\n255\n";
-    bytes.append(reinterpret_cast<const char*>(rgb), static_cast<std::size_t>(w) * h * 3);
-    oltest::writeText(path, bytes);
+    oltest::writeText(path, "P6\n" + std::to_string(w) + " " + std::to_string(h) + "\n255\n" +
+                                std::string(reinterpret_cast<const char*>(rgb), static_cast<std::size_t>(w) * h * 3));
 }
 
-// 8-bit binary PPM with optional comment lines in the header.
-std::vector<std::uint8_t> readPpm(const std::string& path, int& w, int& h) {
+// Empty unless the file is a PPM of w x h pixels.
+std::vector<std::uint8_t> readPpm(const std::string& path, int w, int h) {
     const std::vector<std::uint8_t> f = oltest::readFile(path);
-    std::size_t i = 0;
-    auto token = [&]() {
-        std::string t;
-        while (i < f.size()) {
-            if (f[i] == '#') {
-                while (i < f.size() && f[i] != '\n') ++i;
-            } else if (std::isspace(f[i])) {
-                if (!t.empty()) break;
-                ++i;
-            } else {
-                t += static_cast<char>(f[i++]);
-            }
-        }
-        return t;
-    };
-    if (token() != "P6") return {};
-    w = std::atoi(token().c_str());
-    h = std::atoi(token().c_str());
-    // Some writers put the largest sample here rather than 255; the samples
-    // are the 8-bit values either way.
-    const int maxval = std::atoi(token().c_str());
-    if (maxval < 1 || maxval > 255) return {};
+    std::size_t i = 2;
+    int fields[3] = {0, 0, 0};  // width, height, largest sample
+    for (int& v : fields) {
+        while (i < f.size() && !std::isdigit(f[i]))  // whitespace and comment lines
+            i = f[i] == '#' ? static_cast<std::size_t>(std::find(f.begin() + i, f.end(), '\n') - f.begin()) : i + 1;
+        while (i < f.size() && std::isdigit(f[i])) v = v * 10 + (f[i++] - '0');
+    }
     ++i;  // the one whitespace before the samples
     const std::size_t n = static_cast<std::size_t>(w) * h * 3;
-    if (f.size() < i + n) return {};
-    return std::vector<std::uint8_t>(f.begin() + static_cast<std::ptrdiff_t>(i),
-                                     f.begin() + static_cast<std::ptrdiff_t>(i + n));
+    if (f.size() < i + n || f[0] != 'P' || f[1] != '6' || fields[0] != w || fields[1] != h || fields[2] < 1 || fields[2] > 255)
+        return {};
+    return std::vector<std::uint8_t>(f.begin() + static_cast<std::ptrdiff_t>(i), f.begin() + static_cast<std::ptrdiff_t>(i + n));
 }
 
 double meanAbs(const std::uint8_t* a, const std::uint8_t* b, std::size_t n) {
@@ -71,19 +58,13 @@ TEST(FusionInterop, CloseToEnfuseOnABracketedScene) {
         frames += " '" + path + "'";
     }
     ASSERT_EQ(oltest::runCommand("enfuse --depth=8 -o '" + dir.file("enfuse.ppm") + "'" + frames + " >/dev/null 2>&1"), 0);
-    int ew = 0, eh = 0;
-    const auto other = readPpm(dir.file("enfuse.ppm"), ew, eh);
-    ASSERT_EQ(ew, w);
-    ASSERT_EQ(eh, h);
-    ASSERT_EQ(other.size(), static_cast<std::size_t>(w) * h * 3);
-
-    fustest::Job job;
-    job.w = w;
-    job.h = h;
+    const std::size_t count = static_cast<std::size_t>(w) * h * 3;
+    const auto other = readPpm(dir.file("enfuse.ppm"), w, h);
+    ASSERT_EQ(other.size(), count);
+    fustest::Job job = fustest::sized(w, h);
     job.nbProc = 2;
     ASSERT_GE(job.go(stack), 0);
     const auto ours = job.output();
-    const std::size_t count = static_cast<std::size_t>(w) * h * 3;
     const double apart = meanAbs(ours.data(), other.data(), count);
     double nearestFrame = 1e9;
     for (int k = 0; k < n; ++k)

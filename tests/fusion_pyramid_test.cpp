@@ -1,10 +1,15 @@
-// Pyramid geometry, the reduce kernel, the expansion borders and the two
-// shrinkers, on small levels computed by hand.
+// Pyramid geometry; the reduce step, the blend of one level and the
+// reconstruction of one level against a per-sample reading of their kernels
+// on random levels (every depth, border, wrap and band split); the two
+// shrinkers on small images computed by hand.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <random>
+#include <type_traits>
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
@@ -14,154 +19,135 @@
 
 namespace {
 
+// pyram_len against the rule: n = trunc(float(ln(float(min)) / ln 2)) - 1
+// reductions, levels halving and rounding up, on every size up to 40 and a
+// large one, with hand pins for a single pixel (n = -1), 4 x 4 (n = 1: 16 +
+// 4) and 5 x 3 (log2(3) truncates to 1: n = 0).
 TEST(FusionPyramid, LengthAtTinyOddAndLargeSizes) {
-    EXPECT_EQ(pyram_len(1, 1), 1);     // n = -1
-    EXPECT_EQ(pyram_len(4, 4), 20);    // n = 1: 16 + 4
-    EXPECT_EQ(pyram_len(5, 3), 15);    // log2(3) truncates to 1: n = 0
-    EXPECT_EQ(pyram_len(2, 9), 18);    // n = 0
-    EXPECT_EQ(pyram_len(8, 8), 84);    // 64 + 16 + 4
-    EXPECT_EQ(pyram_len(7, 5), 35 + 12);  // 7x5, then 4x3
-    EXPECT_EQ(pyram_len(9, 8), 72 + 20 + 6);  // 9x8, 5x4, 3x2
+    EXPECT_EQ(pyram_len(1, 1), 1);
+    EXPECT_EQ(pyram_len(4, 4), 20);
+    EXPECT_EQ(pyram_len(5, 3), 15);
     EXPECT_EQ(pyram_len(0, 5), 0);
-    // 3000 x 2000: log2(2000) = 10.97, n = 9.
-    long expect = 0;
-    int w = 3000, h = 2000;
-    for (int k = 0; k <= 9; ++k, w = (w >> 1) + (w & 1), h = (h >> 1) + (h & 1)) expect += long(w) * h;
-    EXPECT_EQ(pyram_len(3000, 2000), expect);
-    EXPECT_EQ(ol::pyramidReductions(3000, 2000), 9);
-    EXPECT_EQ(ol::pyramidReductions(4, 100), 1);
-    EXPECT_EQ(ol::pyramidReductions(3, 3), 0);
-    EXPECT_EQ(ol::pyramidReductions(0, 0), -1);
+    for (int w = 1; w <= 3000; w += w < 40 ? 1 : 2960)
+        for (int h = 1; h <= 2000; h += h < 40 ? 1 : 1960) {
+            const int n = static_cast<int>(static_cast<float>(std::log(static_cast<float>(std::min(w, h))) / std::log(2.0))) - 1;
+            long want = long(w) * h;
+            for (int k = 1, lw = w, lh = h; k <= n; ++k) want += long(lw = ol::halveUp(lw)) * (lh = ol::halveUp(lh));
+            ASSERT_EQ(pyram_len(w, h), want) << w << "x" << h;
+            ASSERT_EQ(ol::pyramidReductions(w, h), n) << w << "x" << h;
+        }
 }
 
-TEST(FusionPyramid, OddSidesRoundUp) {
-    int w = 5;
-    std::vector<int> seq;
-    for (int k = 0; k < 4; ++k) seq.push_back(w = ol::halveUp(w));
-    EXPECT_EQ(seq, (std::vector<int>{3, 2, 1, 1}));
-    EXPECT_EQ(ol::pyramidPixels(5, 5, 3), 25 + 9 + 4);
+// ---------------------------------------------------------------------------
+// Readings of the kernels, one sample at a time. A level is a run of w x h
+// pixels of ch interleaved samples.
+
+template <class T>
+using Acc = std::conditional_t<std::is_same_v<T, float>, float, int>;
+
+// The coarse sample (cx, cy, c) of the reduce step.
+template <class T>
+T refReduce(const T* f, int w, int h, int ch, bool wrap, int cx, int cy, int c) {
+    const int x = 2 * cx, y = 2 * cy;
+    auto F = [&](int dx, int dy) -> Acc<T> {
+        const int xx = (x + dx + w) % w;
+        const T v = f[((y + dy) * w + xx) * ch + c];
+        if constexpr (std::is_same_v<T, float>)
+            if (xx != x + dx) return static_cast<float>(static_cast<int>(v));  // fetched across the wrap
+        return v;
+    };
+    const bool top = cy == 0, bottom = !top && (h & 1) && cy == ol::halveUp(h) - 1;
+    const bool left = !wrap && cx == 0, right = !wrap && (w & 1) && cx == ol::halveUp(w) - 1;
+    if ((top || bottom) && (left || right)) {
+        const Acc<T> v = F(0, top ? 1 : -1), hz = F(left ? 1 : -1, 0), ctr = F(0, 0);
+        if constexpr (std::is_same_v<T, float>) return (v + hz) * 0.25f + ctr * 0.5f;
+        else return static_cast<T>(((v + hz) >> 2) + (ctr >> 1));
+    }
+    auto edge = [&](Acc<T> a, Acc<T> b, Acc<T> d, Acc<T> p, Acc<T> q) -> T {
+        const double s3 = std::is_same_v<T, float> ? double(a) + double(b) + double(d) : double(a + b + d);
+        const double s2 = std::is_same_v<T, float> ? double(p) + double(q) : double(p + q);
+        const double v = s3 * 0.1667 + double(F(0, 0)) * 0.333 + s2 / 12.0;
+        return std::is_same_v<T, float> ? static_cast<T>(v) : static_cast<T>(static_cast<int>(v));
+    };
+    if (top) return edge(F(0, 1), F(-1, 0), F(1, 0), F(-1, 1), F(1, 1));
+    if (bottom) return edge(F(0, -1), F(-1, 0), F(1, 0), F(-1, -1), F(1, -1));
+    if (left) return edge(F(0, -1), F(0, 1), F(1, 0), F(1, -1), F(1, 1));
+    if (right) return edge(F(0, -1), F(0, 1), F(-1, 0), F(-1, -1), F(-1, 1));
+    const Acc<T> nsew = F(0, -1) + F(0, 1) + F(1, 0) + F(-1, 0), diag = F(-1, -1) + F(1, -1) + F(-1, 1) + F(1, 1);
+    if constexpr (std::is_same_v<T, float>) return nsew * 0.125f + F(0, 0) * 0.25f + diag * 0.0625f;
+    else return static_cast<T>((diag >> 4) + (nsew >> 3) + (F(0, 0) >> 2));
 }
 
-// A smooth test level with a little texture.
-int F(int x, int y) { return 1000 + 37 * x + 211 * y + ((x * y) % 3) * 5; }
+// The expansion of a coarse level at fine sample (x, y, c) of a wF x hF level.
+template <class T>
+Acc<T> refUp(const T* C, int wF, int hF, int ch, bool wrap, int x, int y, int c) {
+    const int wC = ol::halveUp(wF), row = wC * ch, i = ((y >> 1) * wC + (x >> 1)) * ch + c;
+    const bool lastCol = !(wF & 1) && x == wF - 1, lastRow = !(hF & 1) && y == hF - 1;
+    auto tap = [&](int at, bool wrapped) -> Acc<T> {
+        if constexpr (std::is_same_v<T, float>)
+            if (wrapped) return static_cast<float>(static_cast<int>(C[at]));
+        return C[at];
+    };
+    const bool right = (x & 1) && (!lastCol || wrap), down = (y & 1) && !lastRow;
+    const int r = lastCol ? i + ch - row : i + ch;  // the right-hand neighbour, wrapped on the last column
+    Acc<T> sum = C[i];
+    if (right) sum += tap(r, lastCol);
+    if (down) sum += C[i + row];
+    if (right && down) sum += tap(r + row, lastCol);
+    const int taps = 1 + right + down + (right && down);
+    if constexpr (std::is_same_v<T, float>) return taps == 1 ? sum : sum * (taps == 2 ? 0.5f : 0.25f);
+    else return taps == 1 ? sum : sum >> (taps == 2 ? 1 : 2);
+}
 
-// A one-channel 16-bit level of F, followed by zeroed room for the coarse level.
-std::vector<std::uint16_t> levelOfF(int w, int h) {
-    std::vector<std::uint16_t> b(w * h + ol::halveUp(w) * ol::halveUp(h), 0);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) b[y * w + x] = static_cast<std::uint16_t>(F(x, y));
+// A random level of w x h pixels, followed by room (or a random level) for
+// the coarse one. Floats are whole-ish values of 1 to 65535, so that sums of
+// three are exact in double.
+template <class T>
+std::vector<T> randomPyramid(int w, int h, int ch, std::mt19937& rng, int top) {
+    std::vector<T> b(static_cast<std::size_t>(w * h + ol::halveUp(w) * ol::halveUp(h)) * ch);
+    std::uniform_real_distribution<float> u(1.0f, 65535.0f);
+    for (T& v : b) v = std::is_same_v<T, float> ? static_cast<T>(u(rng) * 0.25f) : static_cast<T>(rng() % (top + 1));
     return b;
 }
 
-// The integer kernels of a coarse pixel over fine (x, y): full 5x5 inside
-// (w: the column taken as the west neighbour), the six-tap edge kernel (three
-// sides, the centre, two diagonals) and the corner kernel.
-int interiorKernel(int x, int y, int w = -1) {
-    if (w < 0) w = x - 1;
-    return ((F(w, y - 1) + F(x + 1, y - 1) + F(w, y + 1) + F(x + 1, y + 1)) >> 4) +
-           ((F(x, y - 1) + F(x, y + 1) + F(x + 1, y) + F(w, y)) >> 3) + (F(x, y) >> 2);
-}
-int edgeKernel(int a, int b, int d, int c, int p, int q) {
-    return static_cast<int>((a + b + d) * 0.1667 + c * 0.333 + (p + q) / 12.0);
-}
-int cornerKernel(int x, int y, int vx, int vy, int hx, int hy) { return ((F(vx, vy) + F(hx, hy)) >> 2) + (F(x, y) >> 1); }
+// Sizes that reach every border: one coarse pixel (2 x 2), two coarse
+// columns and no inner one (3), W and E the same pixel under wrap (2), odd
+// and even sides, and levels large enough to be split into bands.
+const int kSizes[][2] = {{2, 2}, {3, 3}, {2, 3}, {4, 5}, {5, 4}, {5, 5}, {8, 6}, {9, 7}, {37, 23}, {64, 41}};
 
-// The reduce step of one-channel 16-bit levels of F, a coarse pixel a row:
-// level size, wrap, the coarse pixel's index and its value by the kernels.
-TEST(FusionReduce, KernelsAsRows) {
-    struct Row {
-        int w, h, wrap, at, want;
-    };
-    const Row rows[] = {
-        // 2 x 2 is one corner: SE is never read.
-        {2, 2, 0, 0, cornerKernel(0, 0, 0, 1, 1, 0)},
-        // 3 x 3 gives four corners; the centre is never read.
-        {3, 3, 0, 0, cornerKernel(0, 0, 0, 1, 1, 0)},
-        {3, 3, 0, 1, cornerKernel(2, 0, 2, 1, 1, 0)},
-        {3, 3, 0, 2, cornerKernel(0, 2, 0, 1, 1, 2)},
-        {3, 3, 0, 3, cornerKernel(2, 2, 2, 1, 1, 2)},
-        // 5 x 5: the interior at fine (2,2), the four edges, the corners.
-        {5, 5, 0, 4, interiorKernel(2, 2)},
-        {5, 5, 0, 1, edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1))},  // top: S, W, E, C, SW, SE
-        {5, 5, 0, 7, edgeKernel(F(2, 3), F(1, 4), F(3, 4), F(2, 4), F(1, 3), F(3, 3))},  // bottom: N, W, E, C, NW, NE
-        {5, 5, 0, 3, edgeKernel(F(0, 1), F(0, 3), F(1, 2), F(0, 2), F(1, 1), F(1, 3))},  // left: N, S, E, C, NE, SE
-        {5, 5, 0, 5, edgeKernel(F(4, 1), F(4, 3), F(3, 2), F(4, 2), F(3, 1), F(3, 3))},  // right: N, S, W, C, NW, SW
-        {5, 5, 0, 0, cornerKernel(0, 0, 0, 1, 1, 0)},
-        {5, 5, 0, 2, cornerKernel(4, 0, 4, 1, 3, 0)},
-        {5, 5, 0, 6, cornerKernel(0, 4, 0, 3, 1, 4)},
-        {5, 5, 0, 8, cornerKernel(4, 4, 4, 3, 3, 4)},
-        // 4 x 5: the last coarse column sits at fine x = 2, an inner pixel;
-        // the top row's last pixel takes the top kernel, not a corner.
-        {4, 5, 0, 3, interiorKernel(2, 2)},
-        {4, 5, 0, 1, edgeKernel(F(2, 1), F(1, 0), F(3, 0), F(2, 0), F(1, 1), F(3, 1))},
-        // Wrap takes the other end of the row: the left column is interior,
-        // the left corners take the top and bottom kernels, wrapped.
-        {4, 5, 1, 2, interiorKernel(0, 2, 3)},
-        {4, 5, 1, 0, edgeKernel(F(0, 1), F(3, 0), F(1, 0), F(0, 0), F(3, 1), F(1, 1))},
-        {4, 5, 1, 4, edgeKernel(F(0, 3), F(3, 4), F(1, 4), F(0, 4), F(3, 3), F(1, 3))},
-        // Wrap on width 2: W and E of column 0 are both column 1.
-        {2, 3, 1, 0, edgeKernel(F(0, 1), F(1, 0), F(1, 0), F(0, 0), F(1, 1), F(1, 1))},
-        {2, 3, 1, 1, edgeKernel(F(0, 1), F(1, 2), F(1, 2), F(0, 2), F(1, 1), F(1, 1))},
-    };
-    for (const Row& r : rows) {
-        auto b = levelOfF(r.w, r.h);
-        ol::fusion21a(r.w, r.h, ol::halveUp(r.w), ol::halveUp(r.h), 1, 16, r.wrap, 0, r.w * r.h, nullptr, b.data(),
-                      "fusion21a");
-        EXPECT_EQ(b[r.w * r.h + r.at], r.want) << r.w << "x" << r.h << " wrap " << r.wrap << " at " << r.at;
-    }
-    // 8-bit levels take the same kernels.
-    std::vector<std::uint8_t> b8 = {100, 40, 60, 200, 0};
-    ol::fusion21a(2, 2, 1, 1, 1, 8, 0, 0, 4, nullptr, b8.data(), "deghost21a");
-    EXPECT_EQ(b8[4], 75);
+template <class T>
+void checkReduce(int bps) {
+    std::mt19937 rng(bps);
+    for (const auto& s : kSizes)
+        for (int ch : {1, 3, 4})
+            for (int wrap : {0, 1})
+                for (int threads : {1, 3}) {
+                    const int w = s[0], h = s[1], wC = ol::halveUp(w), hC = ol::halveUp(h);
+                    auto b = randomPyramid<T>(w, h, ch, rng, bps == 8 ? 255 : 65535);
+                    const auto fine = b;
+                    if (threads == 1) ol::fusion21a(w, h, wC, hC, ch, bps, wrap, 0, w * h * ch, nullptr, b.data(), "fusion21a");
+                    else ol::fusion21aFrom(b.data(), w, h, wC, hC, ch, bps, wrap, 0, w * h * ch, b.data(), "deghost21a", threads);
+                    for (int i = 0; i < wC * hC * ch; ++i) {
+                        const T want = refReduce(fine.data(), w, h, ch, wrap, (i / ch) % wC, i / ch / wC, i % ch);
+                        ASSERT_EQ(b[w * h * ch + i], want) << bps << " bits " << w << "x" << h << " ch " << ch << " wrap " << wrap
+                                                           << " threads " << threads << " coarse sample " << i;
+                    }
+                }
 }
 
-TEST(FusionReduce, FlatLevelDarkensAtTheEdgesOnly) {
+TEST(FusionReduce, KernelsMatchTheReadingAtEveryDepth) {
+    checkReduce<std::uint8_t>(8);
+    checkReduce<std::uint16_t>(16);
+    checkReduce<float>(32);
     // The edge constants 0.1667 and 0.333 sum to slightly below one, and the
-    // integer kernel truncates three terms.
+    // integer kernel truncates three terms: a flat level darkens at the edges.
     std::vector<std::uint16_t> b(25 + 9, 1000);
     ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[25 + 4], 1000);  // interior
-    EXPECT_EQ(b[25 + 0], 1000);  // corner
-    EXPECT_EQ(b[25 + 1], 999);   // 1000 * (3 * 0.1667 + 0.333 + 2 / 12) = 999.77
-    std::fill(b.begin(), b.begin() + 25, 1001);
-    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, b.data(), "fusion21a");
-    EXPECT_EQ(b[25 + 4], 1000);  // 250 + 500 + 250
-}
-
-TEST(FusionReduce, FloatKernelsAndTheWrapTruncation) {
-    std::vector<float> b(5 * 5 + 9, 0.0f);
-    for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 5; ++x) b[y * 5 + x] = 0.25f * F(x, y) + 0.75f;
-    auto V = [&](int x, int y) { return b[y * 5 + x]; };
-    std::vector<float> plain = b;
-    ol::fusion21a(5, 5, 3, 3, 1, 32, 0, 0, 25, nullptr, plain.data(), "fusion21a");
-    const float full = (V(2, 1) + V(2, 3) + V(3, 2) + V(1, 2)) * 0.125f + V(2, 2) * 0.25f +
-                       (V(1, 1) + V(3, 1) + V(1, 3) + V(3, 3)) * 0.0625f;
-    EXPECT_EQ(plain[25 + 4], full);
-    EXPECT_EQ(plain[25 + 0], (V(0, 1) + V(1, 0)) * 0.25f + V(0, 0) * 0.5f);
-    // With wrapX the left column's W is x 4, fetched as an integer.
-    std::vector<float> wrapped = b;
-    ol::fusion21a(5, 5, 3, 3, 1, 32, 1, 0, 25, nullptr, wrapped.data(), "fusion21a");
-    auto T = [&](int x, int y) { return static_cast<float>(static_cast<int>(V(x, y))); };
-    const float left = (V(0, 1) + V(0, 3) + V(1, 2) + T(4, 2)) * 0.125f + V(0, 2) * 0.25f +
-                       (T(4, 1) + V(1, 1) + T(4, 3) + V(1, 3)) * 0.0625f;
-    EXPECT_EQ(wrapped[25 + 3], left);
-    EXPECT_NE(wrapped[25 + 3], plain[25 + 3]);
-}
-
-TEST(FusionReduce, ChannelsAreFilteredIndependently) {
-    // Three channels: channel c holds c * 100 + the one-channel level.
-    std::vector<std::uint16_t> one(25 + 9), three((25 + 9) * 3);
-    for (int i = 0; i < 25; ++i) {
-        one[i] = static_cast<std::uint16_t>(F(i % 5, i / 5));
-        for (int c = 0; c < 3; ++c) three[i * 3 + c] = static_cast<std::uint16_t>(one[i] + c * 100);
-    }
-    ol::fusion21a(5, 5, 3, 3, 1, 16, 0, 0, 25, nullptr, one.data(), "fusion21a");
-    ol::fusion21a(5, 5, 3, 3, 3, 16, 0, 0, 75, nullptr, three.data(), "fusion21a");
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ(three[75 + i * 3], one[25 + i]) << i;
-        EXPECT_NEAR(three[75 + i * 3 + 2], one[25 + i] + 200, 1) << i;
-    }
+    EXPECT_EQ(std::vector<int>(b.begin() + 25, b.end()), (std::vector<int>{1000, 999, 1000, 999, 1000, 999, 1000, 999, 1000}));
+    // Any other depth does nothing.
+    const auto kept = b;
+    ol::fusion21a(5, 5, 3, 3, 1, 12, 0, 0, 25, nullptr, b.data(), "fusion21a");
+    EXPECT_EQ(b, kept);
 }
 
 TEST(FusionReduce, GaussianPyramidOfAPlane) {
@@ -176,66 +162,61 @@ TEST(FusionReduce, GaussianPyramidOfAPlane) {
     EXPECT_EQ(b, manual);
 }
 
-// The expansion, seen through the reconstruction: a fine level at the bias
-// 32767 holds a zero Laplacian, so it becomes the expanded coarse level.
-std::vector<int> expand16(int wF, int hF, std::vector<int> coarse, bool wrap) {
-    const int wC = ol::halveUp(wF), hC = ol::halveUp(hF);
-    EXPECT_EQ(coarse.size(), static_cast<std::size_t>(wC * hC));
-    std::vector<std::uint16_t> f(wF * hF, 32767);
-    for (int v : coarse) f.push_back(static_cast<std::uint16_t>(v));
-    ol::fusion31et32(wF, hF, wC, hC, 1, 16, wrap, 0, wF * hF, nullptr, f.data());
-    return std::vector<int>(f.begin(), f.begin() + wF * hF);
+// The blend of one level (fusion22et23) and the reconstruction of one level
+// (fusion31et32) on random levels, against the expansion read above:
+//   blend, 16 bits: fused = clamp(fused + trunc(float(work - up) * mult));
+//   blend, 32 bits: fused += (work - up) * mult, mult 1 for float weights;
+//   reconstruction: fused = clamp(fused - 32767 + up), or fused += up.
+template <class T>
+void checkExpansion(int bdf) {
+    std::mt19937 rng(bdf);
+    for (const auto& s : kSizes)
+        for (int ch : {1, 3})
+            for (int wrap : {0, 1})
+                for (int bdp : {8, 16, 32})
+                    for (int threads : {1, 3}) {
+                        SCOPED_TRACE(::testing::Message() << bdf << " bits " << s[0] << "x" << s[1] << " ch " << ch << " wrap "
+                                                          << wrap << " weights " << bdp << " threads " << threads);
+                        const int w = s[0], h = s[1], n = w * h * ch;
+                        const auto work = randomPyramid<T>(w, h, ch, rng, 65535);
+                        auto fused = randomPyramid<T>(w, h, ch, rng, 65535);
+                        std::vector<std::uint8_t> weights = oltest::randomBytes(std::size_t(w) * h * 4 + 8, w * 7 + bdp);
+                        for (std::size_t i = 3; bdp == 32 && i < weights.size(); i += 4) weights[i] = 0x3e;  // floats near 0.2
+                        const auto before = fused;
+                        ASSERT_GE(ol::fusion22et23(w, h, ol::halveUp(w), ol::halveUp(h), ch, bdf, bdp, wrap, 0, nullptr, nullptr, 2, 0,
+                                                   n, nullptr, weights.data(), work.data(), fused.data(), threads), 0);
+                        for (int f = 0; f < n; ++f) {
+                            const int x = (f / ch) % w, y = f / ch / w;
+                            const std::size_t at = 2 + f / ch;  // offPoids 2
+                            const float mult = bdp == 8    ? weights[at] / 256.0f
+                                               : bdp == 16 ? (weights[2 * at] | weights[2 * at + 1] << 8) / 65536.0f
+                                                           : 1.0f;
+                            const Acc<T> up = refUp(work.data() + n, w, h, ch, wrap, x, y, f % ch);
+                            T want;
+                            if constexpr (std::is_same_v<T, float>) want = before[f] + (work[f] - up) * mult;
+                            else want = static_cast<T>(std::clamp(before[f] + static_cast<int>(static_cast<float>(work[f] - up) * mult), 0, 65535));
+                            ASSERT_EQ(fused[f], want) << "blend, sample " << f;
+                        }
+                        if (bdp != 8) continue;
+                        auto level = before;
+                        ol::fusion31et32(w, h, ol::halveUp(w), ol::halveUp(h), ch, bdf, wrap, 0, n, nullptr, level.data(), threads);
+                        for (int f = 0; f < n; ++f) {
+                            const Acc<T> up = refUp(before.data() + n, w, h, ch, wrap, (f / ch) % w, f / ch / w, f % ch);
+                            T want;
+                            if constexpr (std::is_same_v<T, float>) want = before[f] + up;
+                            else want = static_cast<T>(std::clamp(before[f] - 32767 + up, 0, 65535));
+                            ASSERT_EQ(level[f], want) << "reconstruction, sample " << f;
+                        }
+                    }
 }
 
-TEST(FusionExpand, OddSizesAreCoveredByTheMainLoops) {
-    const int a = 100, b = 201, c = 300, d = 403;
-    EXPECT_EQ(expand16(3, 3, {a, b, c, d}, false),
-              (std::vector<int>{a, (a + b) >> 1, b, (a + c) >> 1, (a + b + c + d) >> 2, (b + d) >> 1, c,
-                                (c + d) >> 1, d}));
-    // wrapX changes nothing when the last column is even.
-    EXPECT_EQ(expand16(3, 3, {a, b, c, d}, true), expand16(3, 3, {a, b, c, d}, false));
+TEST(FusionExpand, BlendAndReconstructionMatchTheReading) {
+    checkExpansion<std::uint16_t>(16);
+    checkExpansion<float>(32);
 }
 
-TEST(FusionExpand, EvenSizesRepeatTheLastCoarseColumnAndRow) {
-    const int a = 100, b = 201, c = 300, d = 403;
-    const std::vector<int> got = expand16(4, 4, {a, b, c, d}, false);
-    const std::vector<int> want = {a, (a + b) >> 1, b, b,
-                                   (a + c) >> 1, (a + b + c + d) >> 2, (b + d) >> 1, (b + d) >> 1,
-                                   c, (c + d) >> 1, d, d,
-                                   c, (c + d) >> 1, d, d};
-    EXPECT_EQ(got, want);
-}
-
-TEST(FusionExpand, EvenWidthWrapsToTheFirstCoarsePixel) {
-    const int a = 100, b = 201, c = 300, d = 403;
-    const std::vector<int> got = expand16(4, 4, {a, b, c, d}, true);
-    const std::vector<int> want = {a, (a + b) >> 1, b, (b + a) >> 1,
-                                   (a + c) >> 1, (a + b + c + d) >> 2, (b + d) >> 1, (b + a + d + c) >> 2,
-                                   c, (c + d) >> 1, d, (d + c) >> 1,
-                                   c, (c + d) >> 1, d, (d + c) >> 1};
-    EXPECT_EQ(got, want);
-}
-
-TEST(FusionExpand, FloatWrappedTapIsTruncated) {
-    std::vector<float> f(4 * 2, 0.0f);
-    f.push_back(1.5f);
-    f.push_back(2.75f);
-    ol::fusion31et32(4, 2, 2, 1, 1, 32, 1, 0, 8, nullptr, f.data());
-    EXPECT_EQ(f[0], 1.5f);
-    EXPECT_EQ(f[1], (1.5f + 2.75f) * 0.5f);
-    EXPECT_EQ(f[3], (2.75f + 1.0f) * 0.5f);
-    EXPECT_EQ(f[7], (2.75f + 1.0f) * 0.5f);
-}
-
-TEST(FusionExpand, ReconstructionClampsAndRemovesTheBias) {
-    // Fine samples below and above the bias: up + (v - 32767), clamped.
-    std::vector<std::uint16_t> f = {0, 65535, 32767 + 5, 32767 - 5, 100};
-    ol::fusion31et32(2, 2, 1, 1, 1, 16, 0, 0, 4, nullptr, f.data());
-    EXPECT_EQ(f[0], 0);
-    EXPECT_EQ(f[1], 100 + 32768);
-    EXPECT_EQ(f[2], 105);
-    EXPECT_EQ(f[3], 95);
-}
+// ---------------------------------------------------------------------------
+// The shrinkers
 
 TEST(FusionDownsample, DecimateRefusesOtherDepthsAndTakesHighBytes) {
     std::vector<std::uint8_t> dst(16, 0xee);
@@ -247,8 +228,7 @@ TEST(FusionDownsample, DecimateRefusesOtherDepthsAndTakesHighBytes) {
     // 4x4 to 2x2 picks pixels (0,0), (2,0), (0,2), (2,2); a 4-sample
     // destination gets 0, 1, 3 and keeps its sample 2.
     EXPECT_EQ(downsample_decimate(4, 4, 2, 2, 3, 4, 8, 8, src8.data(), dst.data()), 2);
-    EXPECT_EQ(std::vector<int>(dst.begin(), dst.begin() + 8), (std::vector<int>{0, 1, 0xee, 2, 6, 7, 0xee, 8}));
-    EXPECT_EQ(dst[8], 24);  // pixel (0,2)
+    EXPECT_EQ(std::vector<int>(dst.begin(), dst.begin() + 9), (std::vector<int>{0, 1, 0xee, 2, 6, 7, 0xee, 8, 24}));
     std::vector<std::uint16_t> src16(4 * 4);
     for (int i = 0; i < 16; ++i) src16[i] = static_cast<std::uint16_t>(i * 0x1000 + 0xff);
     std::vector<std::uint8_t> g(4);
@@ -262,8 +242,7 @@ TEST(FusionDownsample, BilinearBlendsAndCopiesTheLastRowAndColumn) {
     for (int i = 0; i < 16; ++i) src[i] = static_cast<std::uint8_t>(10 * (i % 4) + 50 * (i / 4));
     std::vector<std::uint8_t> dst(9, 0);
     EXPECT_EQ(ol_downsample(4, 4, 4, 3, 3, 3, 1, 8, src.data(), dst.data()), 2);
-    const float s = 4.0f / 3.0f;
-    const float a = s - 1.0f;  // x = 1: fx = 1.333
+    const float a = 4.0f / 3.0f - 1.0f;  // x = 1: fx = 1.333
     EXPECT_EQ(dst[0], 0);
     EXPECT_EQ(dst[1], static_cast<int>((1 - a) * 10 + a * 20));
     EXPECT_EQ(dst[2], dst[1]);  // last column copies its left neighbour
@@ -294,11 +273,7 @@ TEST(FusionDownsample, EnlargingReadsThePixelAfterTheRowEnd) {
 
     // Packed radiance rows: pixel 2 of run c is the first byte of run c + 1,
     // and its exponent is the first byte of the next row.
-    std::vector<std::uint8_t> rg(2 * 2 * 4);
-    const std::uint8_t row0[8] = {64, 128, 96, 32, 200, 16, 130, 130};
-    const std::uint8_t row1[8] = {131, 20, 40, 40, 60, 60, 129, 129};
-    std::memcpy(rg.data(), row0, 8);
-    std::memcpy(rg.data() + 8, row1, 8);
+    const std::vector<std::uint8_t> rg = {64, 128, 96, 32, 200, 16, 130, 130, 131, 20, 40, 40, 60, 60, 129, 129};
     std::vector<std::uint8_t> dr(8 * 2 * 4, 0);
     EXPECT_EQ(ol_downsample(2, 2, 0, 8, 2, 0, 0, 32, rg.data(), dr.data()), 1);
     // Tap (1,0): 128, 32, 16 at exponent 130; tap (2,0): 96, 200, 130 at
@@ -309,10 +284,8 @@ TEST(FusionDownsample, EnlargingReadsThePixelAfterTheRowEnd) {
     int e = 0;
     const float f = std::frexp(g, &e);
     const float scale = static_cast<float>(static_cast<double>(f) * 256.0 / static_cast<double>(g));
-    EXPECT_EQ(dr[6], static_cast<int>(r * scale));
-    EXPECT_EQ(dr[8 + 6], static_cast<int>(g * scale));
-    EXPECT_EQ(dr[16 + 6], static_cast<int>(b * scale));
-    EXPECT_EQ(dr[24 + 6], e + 128);
+    EXPECT_EQ((std::vector<int>{dr[6], dr[8 + 6], dr[16 + 6], dr[24 + 6]}),
+              (std::vector<int>{static_cast<int>(r * scale), static_cast<int>(g * scale), static_cast<int>(b * scale), e + 128}));
 }
 
 TEST(FusionDownsample, TwoSamplesAPixelStayInsideTheBuffers) {
@@ -325,40 +298,32 @@ TEST(FusionDownsample, TwoSamplesAPixelStayInsideTheBuffers) {
     EXPECT_EQ(ol_downsample(4, 3, 8, 3, 2, 6, 2, 8, src.data(), dst.data()), 1);
     // Row 0 from source row 0 at columns 0 and 4/3; the last column and the
     // last row are copies.
-    EXPECT_EQ(dst[0], 10);
-    EXPECT_EQ(dst[1], 17);
-    EXPECT_EQ(dst[4], dst[2]);
-    EXPECT_EQ(dst[5], dst[3]);
+    EXPECT_EQ(std::vector<int>(dst.begin(), dst.begin() + 2), (std::vector<int>{10, 17}));
+    EXPECT_EQ(std::vector<int>(dst.begin() + 4, dst.begin() + 6), std::vector<int>(dst.begin() + 2, dst.begin() + 4));
     EXPECT_EQ(std::vector<int>(dst.begin() + 6, dst.end()), std::vector<int>(dst.begin(), dst.begin() + 6));
 }
 
-// Packed rgbe rows (four runs of w bytes a row), every pixel mantissa 128
-// at exponent 130: 2.0 each.
-std::vector<std::uint8_t> rgbeOfTwos(int w, int h) {
-    std::vector<std::uint8_t> b(static_cast<std::size_t>(w) * h * 4, 128);
-    for (int y = 0; y < h; ++y) std::fill_n(b.begin() + (y * 4 + 3) * w, w, 130);
-    return b;
-}
-
 TEST(FusionDownsample, PackedRgbeHalvesAndReencodes) {
-    std::vector<std::uint8_t> src = rgbeOfTwos(2, 2);
+    // Packed rgbe rows (four runs of w bytes a row), every pixel mantissa 128
+    // at exponent 130: 2.0 each. (The failed table allocation is a row of
+    // frame_alloc_sweep_test.cpp.)
+    auto twos = [](int w, int h) {
+        std::vector<std::uint8_t> b(static_cast<std::size_t>(w) * h * 4, 128);
+        for (int y = 0; y < h; ++y) std::fill_n(b.begin() + (y * 4 + 3) * w, w, 130);
+        return b;
+    };
+    std::vector<std::uint8_t> src = twos(2, 2);
     src[3 * 2 + 0] = 0;  // pixel (0,0) is black
     std::vector<std::uint8_t> dst(2 * 2 * 4, 0x77);
     EXPECT_EQ(ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, src.data(), dst.data()), 1);
-    // Pixel (0,0) of the destination reads only source (0,0): black.
-    EXPECT_EQ(dst[0], 0);
-    EXPECT_EQ(dst[6], 0);
-    // Its right neighbour and the last row are copies.
-    EXPECT_EQ(dst[1], dst[0]);
+    // Pixel (0,0) of the destination reads only source (0,0): black. Its
+    // right neighbour and the last row are copies.
+    EXPECT_EQ(std::vector<int>(dst.begin(), dst.begin() + 8), (std::vector<int>{0, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(std::vector<int>(dst.begin() + 8, dst.end()), std::vector<int>(dst.begin(), dst.begin() + 8));
-    {
-        oltest::FailAllocation fail(1);
-        EXPECT_EQ(ol_downsample(2, 2, 0, 2, 2, 0, 0, 32, src.data(), dst.data()), -4);
-    }
-    // A larger source: 4x2 to 2x2 keeps a non-black value: 2.0 re-encoded.
-    const auto s4 = rgbeOfTwos(4, 2);
+    // 4x2 to 2x2 keeps a non-black value: 2.0 = 0.5 * 2^2 re-encoded as
+    // mantissa 128 at exponent 130.
+    const auto s4 = twos(4, 2);
     EXPECT_EQ(ol_downsample(4, 2, 0, 2, 2, 0, 0, 32, s4.data(), dst.data()), 1);
-    // 128 * 2^(130-136) = 2.0 = 0.5 * 2^2: mantissa 128, exponent 130.
     EXPECT_EQ(dst[0], 128);
     EXPECT_EQ(dst[6], 130);
 }

@@ -1,9 +1,10 @@
 // Previews of rgbe planes (rgbe_rep, hdr_rep8) and the local viewer
-// (hdr_display) on both of its sources.
+// (hdr_display) on both of its sources, each against a per-pixel reading of
+// its rules. (The failed table allocations of both previews are rows of
+// frame_alloc_sweep_test.cpp.)
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "frame/rgbe.hpp"
@@ -11,24 +12,17 @@
 
 namespace {
 
-// rgbe planes with one pixel setter.
+// rgbe planes with one pixel reader.
 struct Planes {
     int width, height;
     std::vector<std::uint8_t> bytes;
-    Planes(int w, int h) : width(w), height(h), bytes(4 * static_cast<std::size_t>(w) * h, 0) {}
-    void set(int x, int y, int r, int g, int b, int e) {
-        std::uint8_t* row = bytes.data() + 4 * static_cast<std::size_t>(y) * width;
-        row[x] = static_cast<std::uint8_t>(r);
-        row[width + x] = static_cast<std::uint8_t>(g);
-        row[2 * width + x] = static_cast<std::uint8_t>(b);
-        row[3 * width + x] = static_cast<std::uint8_t>(e);
-    }
+    int at(int x, int y, int plane) const { return bytes[4 * static_cast<std::size_t>(y) * width + plane * width + x]; }
 };
 
+// Random planes with exponents around 128, so that the scale matters, and a
+// few zeros.
 Planes randomPlanes(int w, int h, std::uint32_t seed) {
-    Planes p(w, h);
-    p.bytes = oltest::randomBytes(p.bytes.size(), seed);
-    // Exponents around 128 so that the scale matters; a few zeros.
+    Planes p{w, h, oltest::randomBytes(4 * static_cast<std::size_t>(w) * h, seed)};
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             std::uint8_t& e = p.bytes[4 * static_cast<std::size_t>(y) * w + 3 * w + x];
@@ -37,107 +31,42 @@ Planes randomPlanes(int w, int h, std::uint32_t seed) {
     return p;
 }
 
-// Expected preview bytes of one pixel, from the text of the operation.
-void expectedPixel(const Planes& p, int x, int y, float mean, std::uint8_t* out) {
-    const std::uint8_t* row = p.bytes.data() + 4 * static_cast<std::size_t>(y) * p.width;
-    const int e = row[3 * p.width + x];
-    if (e == 0) {
-        out[0] = out[1] = out[2] = 0;
-        return;
-    }
-    const float scale = mean > 0 ? 128.0f / mean : 1.0f;
-    const float m = scale * static_cast<float>(std::ldexp(1.0, e - 128));
-    for (int c = 0; c < 3; ++c) {
-        const float v = row[(2 - c) * p.width + x] * m;
-        out[c] = static_cast<std::uint8_t>(std::min(v, 255.0f));
-    }
-}
-
-// Checks outW x outH preview pixels, rows `stride` bytes apart, against
-// expectedPixel; output pixel (i, j) shows the source pixel from(i, j).
-template <class From>
-void expectPreview(const Planes& p, const std::vector<std::uint8_t>& out, int outW, int outH, int stride,
-                   float mean, From from) {
-    for (int j = 0; j < outH; ++j)
-        for (int i = 0; i < outW; ++i) {
-            const auto [x, y] = from(i, j);
-            std::uint8_t want[3];
-            expectedPixel(p, x, y, mean, want);
-            ASSERT_EQ(std::memcmp(out.data() + j * stride + 3 * i, want, 3), 0) << i << "," << j << " " << mean;
-        }
-}
-
-TEST(RgbeRep, MatchesTextOnRandomPlanes) {
-    // Black pixels, a raw scale (mean 0 or below), a scale that saturates,
-    // rows wider than the picture whose padding stays.
-    const Planes p = randomPlanes(33, 17, 11);
-    for (float mean : {0.0f, -3.0f, 37.5f, 500.0f, 1e-30f}) {
-        std::vector<std::uint8_t> out(17 * 103, 0xEE);
-        ASSERT_EQ(rgbe_rep(33, 17, 103, mean, p.bytes.data(), out.data()), 17);
-        expectPreview(p, out, 33, 17, 103, mean, [](int x, int y) { return std::pair{x, y}; });
-        for (int row = 0; row < 17; ++row)
-            for (int i = 99; i < 103; ++i) ASSERT_EQ(out[row * 103 + i], 0xEE) << "padding " << row << " " << i;
+// Both previews as rows: the full-size one (outWidth 0 here) and the point
+// sampler with one ratio width/outWidth for both axes, held at the last row
+// and column: half size; outWidth equal to width with fewer rows (the top
+// rows at full scale, not the whole height); a ratio that truncates (40/15);
+// enlarging. Every row is padded past 3*outWidth and the padding stays.
+TEST(RgbePreview, BothPreviewsAsRows) {
+    const Planes p = randomPlanes(40, 30, 12);
+    const struct Row {
+        int outW, outH, stride;
+        float mean;  // 0 or below: the raw scale
+    } rows[] = {{0, 0, 123, 0.0f}, {0, 0, 123, -3.0f}, {0, 0, 123, 37.5f}, {0, 0, 123, 500.0f}, {0, 0, 123, 1e-30f},
+                {20, 18, 62, 50.0f}, {40, 10, 121, 0.0f}, {15, 8, 47, 0.0f}, {90, 70, 272, 7.0f}};
+    for (const Row& r : rows) {
+        SCOPED_TRACE(::testing::Message() << r.outW << "x" << r.outH << " mean " << r.mean);
+        const int outW = r.outW ? r.outW : 40, outH = r.outH ? r.outH : 30;
+        std::vector<std::uint8_t> out(outH * r.stride, 0xEE);
+        ASSERT_EQ(r.outW ? hdr_rep8(40, 30, outW, outH, r.stride, r.mean, p.bytes.data(), out.data())
+                         : rgbe_rep(40, 30, r.stride, r.mean, p.bytes.data(), out.data()),
+                  outH);
+        const float ratio = 40.0f / static_cast<float>(outW), scale = r.mean > 0 ? 128.0f / r.mean : 1.0f;
+        for (int j = 0; j < outH; ++j)
+            for (int i = 0; i < outW; ++i) {
+                const int x = std::min(static_cast<int>(i * ratio), 39), y = std::min(static_cast<int>(j * ratio), 29);
+                const int e = p.at(x, y, 3);
+                const float m = scale * static_cast<float>(std::ldexp(1.0, e - 128));
+                for (int c = 0; c < 3; ++c)
+                    ASSERT_EQ(out[j * r.stride + 3 * i + c], e == 0 ? 0 : static_cast<int>(std::min(p.at(x, y, 2 - c) * m, 255.0f)))
+                        << i << "," << j << " channel " << c;
+            }
+        for (int j = 0; j < outH; ++j)
+            for (int i = 3 * outW; i < r.stride; ++i) ASSERT_EQ(out[j * r.stride + i], 0xEE) << "padding " << j;
     }
     std::uint8_t none[1] = {0xEE};
-    EXPECT_EQ(rgbe_rep(33, 0, 103, 1.0f, p.bytes.data(), none), 0);
-}
-
-TEST(RgbeRep, FailedTableAllocationGivesMinusFour) {
-    // Both previews build their exponent table per call; when it cannot be
-    // had they report -4 and leave the output alone.
-    const Planes p = randomPlanes(6, 4, 13);
-    std::vector<std::uint8_t> out(4 * 18, 0xEE);
-    {
-        oltest::FailAllocation fail(1);
-        EXPECT_EQ(rgbe_rep(6, 4, 18, 10.0f, p.bytes.data(), out.data()), -4);
-    }
-    {
-        oltest::FailAllocation fail(1);
-        EXPECT_EQ(hdr_rep8(6, 4, 3, 2, 9, 10.0f, p.bytes.data(), out.data()), -4);
-    }
-    EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](std::uint8_t b) { return b == 0xEE; }));
-    EXPECT_EQ(rgbe_rep(6, 4, 18, 10.0f, p.bytes.data(), out.data()), 4);
-    EXPECT_EQ(hdr_rep8(6, 4, 3, 2, 9, 10.0f, p.bytes.data(), out.data()), 2);
-}
-
-TEST(HdrRep8, PointSamplingWithOneRatio) {
-    const Planes p = randomPlanes(40, 30, 12);
-    // Half width: columns and rows 0, 2, 4...; rows past the source are held
-    // at the last row.
-    const int outW = 20, outH = 18, stride = 3 * outW + 2;
-    std::vector<std::uint8_t> out(outH * stride, 0xEE);
-    ASSERT_EQ(hdr_rep8(40, 30, outW, outH, stride, 50.0f, p.bytes.data(), out.data()), outH);
-    expectPreview(p, out, outW, outH, stride, 50.0f, [](int i, int j) { return std::pair{2 * i, std::min(2 * j, 29)}; });
-    for (int j = 0; j < outH; ++j) {
-        EXPECT_EQ(out[j * stride + 3 * outW], 0xEE);
-        EXPECT_EQ(out[j * stride + 3 * outW + 1], 0xEE);
-    }
-
-    // outWidth equal to width: ratio 1 for both axes, so a smaller outHeight
-    // shows the top rows, not the whole height.
-    std::vector<std::uint8_t> top(10 * 120);
-    ASSERT_EQ(hdr_rep8(40, 30, 40, 10, 120, 0.0f, p.bytes.data(), top.data()), 10);
-    std::vector<std::uint8_t> full(30 * 120);
-    ASSERT_EQ(rgbe_rep(40, 30, 120, 0.0f, p.bytes.data(), full.data()), 30);
-    EXPECT_TRUE(std::equal(top.begin(), top.end(), full.begin()));
-
-    // A ratio that is not a whole number truncates: 40/15.
-    std::vector<std::uint8_t> odd(8 * 45);
-    ASSERT_EQ(hdr_rep8(40, 30, 15, 8, 45, 0.0f, p.bytes.data(), odd.data()), 8);
-    const float ratio = 40.0f / 15.0f;
-    expectPreview(p, odd, 15, 8, 45, 0.0f, [ratio](int i, int j) {
-        return std::pair{static_cast<int>(i * ratio), static_cast<int>(j * ratio)};
-    });
-
-    // Upsampling holds both axes at the last column and row.
-    std::vector<std::uint8_t> up(70 * 3 * 90);
-    ASSERT_EQ(hdr_rep8(40, 30, 90, 70, 270, 0.0f, p.bytes.data(), up.data()), 70);
-    std::uint8_t corner[3];
-    expectedPixel(p, 39, 29, 0.0f, corner);
-    EXPECT_EQ(std::memcmp(up.data() + 69 * 270 + 3 * 89, corner, 3), 0);
-
-    EXPECT_EQ(hdr_rep8(40, 30, 20, 0, stride, 1.0f, p.bytes.data(), out.data()), 0);
-    EXPECT_EQ(hdr_rep8(40, 30, 0, 5, stride, 1.0f, p.bytes.data(), out.data()), 0);
+    EXPECT_EQ(rgbe_rep(40, 0, 123, 1.0f, p.bytes.data(), none), 0);
+    EXPECT_EQ(hdr_rep8(40, 30, 20, 0, 62, 1.0f, p.bytes.data(), none), 0);
+    EXPECT_EQ(hdr_rep8(40, 30, 0, 5, 62, 1.0f, p.bytes.data(), none), 0);
 }
 
 // ---------------------------------------------------------------------------
@@ -160,24 +89,32 @@ Window place(int width, int height, int x, int y, int ww, int wh) {
     return w;
 }
 
-// `step` is the distance from a pixel's first sample to its second in the
-// measurement: `width` as the operation has it, 1 for plain interleaving.
-std::vector<std::uint8_t> expected16(const std::vector<std::uint16_t>& s, int width, int height, int x,
-                                     int y, int ww, int wh, int step = 0) {
-    if (step == 0) step = width;
-    const Window w = place(width, height, x, y, ww, wh);
+// Smallest and largest luminance of the measured area, their sum and count.
+struct Measured {
     float mn = 1e7f, mx = 0;
     double sum = 0;
     int count = 0;
-    for (int yy = w.my0; yy < w.my1; ++yy)
-        for (int xx = w.mx0; xx < w.mx1; ++xx) {
-            const std::size_t p = static_cast<std::size_t>(yy) * 3 * width + 3 * xx;
-            const int lum = (19 * s[p] + 183 * s[p + step] + 54 * s[p + 2 * step]) >> 8;
-            mn = std::min(mn, static_cast<float>(lum));
-            mx = std::max(mx, static_cast<float>(lum));
-            sum += lum;
-            count++;
+};
+template <class Lum>
+Measured measure(const Window& w, Lum lum) {
+    Measured m;
+    for (int y = w.my0; y < w.my1; ++y)
+        for (int x = w.mx0; x < w.mx1; ++x) {
+            const float v = lum(x, y);
+            m.mn = std::min(m.mn, v), m.mx = std::max(m.mx, v), m.sum += v, m.count++;
         }
+    return m;
+}
+
+// `step` is the distance from a pixel's first sample to its second in the
+// measurement: `width` as the operation has it, 1 for plain interleaving.
+std::vector<std::uint8_t> expected16(const std::vector<std::uint16_t>& s, int width, int height, int x,
+                                     int y, int ww, int wh, int step) {
+    const Window w = place(width, height, x, y, ww, wh);
+    const auto [mn, mx, sum, count] = measure(w, [&](int xx, int yy) {
+        const std::size_t p = static_cast<std::size_t>(yy) * 3 * width + 3 * xx;
+        return static_cast<float>((19 * s[p] + 183 * s[p + step] + 54 * s[p + 2 * step]) >> 8);
+    });
     const float k = mx > mn ? 1.0f / (mx - mn) : 1.0f;
     const float shown = static_cast<float>(k * 255.0f * (sum / count));
     const float target = static_cast<float>(68 + 0.3 * (shown - 68.0f));
@@ -191,28 +128,21 @@ std::vector<std::uint8_t> expected16(const std::vector<std::uint16_t>& s, int wi
     return out;
 }
 
-std::vector<std::uint16_t> image16(int width, int height, std::uint32_t seed) {
-    const auto raw = oltest::randomBytes(6 * static_cast<std::size_t>(width) * height, seed);
-    std::vector<std::uint16_t> s(3 * static_cast<std::size_t>(width) * height);
-    std::memcpy(s.data(), raw.data(), raw.size());
-    return s;
-}
-
 // Cases of the 16-bit view as rows: the window held inside at corners and
 // edges; a measurement that takes a pixel's other two samples `width` and
 // `2*width` further on (a window uniform in its own pixels but not at those
 // offsets has a contrast); a flat picture (max equals min, k is 1); a cursor
 // near the end of the last row, whose readings past the image are 0.
 TEST(HdrDisplay, SixteenBitWindowsAsRows) {
-    const auto random = image16(48, 36, 21);
-    std::vector<std::uint16_t> offsets(3 * 20 * 20, 1000), flat(3 * 20 * 20, 2), last(3 * 10 * 8, 500);
+    const auto raw = oltest::randomBytes(6 * 48 * 36, 21);
+    std::vector<std::uint16_t> random(3 * 48 * 36), offsets(3 * 20 * 20, 1000), flat(3 * 20 * 20, 2), last(3 * 10 * 8, 500);
+    std::memcpy(random.data(), raw.data(), raw.size());
     for (std::size_t i = 0; i < offsets.size(); ++i)
         if ((i % 3) != 0) offsets[i] = static_cast<std::uint16_t>(1000 + 400 * ((i / 7) % 5));
-    struct Row {
+    const struct Row {
         const std::vector<std::uint16_t>* s;
         int width, height, x, y, ww, wh;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {&random, 48, 36, 20, 15, 16, 12}, {&random, 48, 36, 0, 0, 16, 12}, {&random, 48, 36, 47, 35, 16, 12},
         {&random, 48, 36, 47, 0, 16, 12},  {&random, 48, 36, 3, 30, 16, 12}, {&offsets, 20, 20, 10, 10, 8, 8},
         {&flat, 20, 20, 10, 10, 8, 8},     {&last, 10, 8, 9, 7, 4, 4},
@@ -224,7 +154,7 @@ TEST(HdrDisplay, SixteenBitWindowsAsRows) {
         float info[4] = {9, 9, 9, 9};
         const Window w = place(r.width, r.height, r.x, r.y, r.ww, r.wh);
         EXPECT_EQ(hdr_display(r.width, r.height, 16, r.x, r.y, r.ww, r.wh, info, s.data(), dst.data()), w.my0);
-        EXPECT_EQ(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh));
+        EXPECT_EQ(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh, r.width));
         if (r.s == &offsets) {
             EXPECT_NE(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh, 1));
         }
@@ -239,20 +169,9 @@ TEST(HdrDisplay, SixteenBitWindowsAsRows) {
 
 std::vector<std::uint8_t> expected32(const Planes& p, const float* table, int x, int y, int ww, int wh) {
     const Window w = place(p.width, p.height, x, y, ww, wh);
-    auto at = [&](int xx, int yy, int plane) {
-        return p.bytes[4 * static_cast<std::size_t>(yy) * p.width + plane * p.width + xx];
-    };
-    float mn = 1e7f, mx = 0;
-    double sum = 0;
-    int count = 0;
-    for (int yy = w.my0; yy < w.my1; ++yy)
-        for (int xx = w.mx0; xx < w.mx1; ++xx) {
-            const float lum = (54 * at(xx, yy, 0) + 183 * at(xx, yy, 1) + 19 * at(xx, yy, 2)) * table[at(xx, yy, 3)];
-            mn = std::min(mn, lum);
-            mx = std::max(mx, lum);
-            sum += lum;
-            count++;
-        }
+    const auto [mn, mx, sum, count] = measure(w, [&](int xx, int yy) {
+        return (54 * p.at(xx, yy, 0) + 183 * p.at(xx, yy, 1) + 19 * p.at(xx, yy, 2)) * table[p.at(xx, yy, 3)];
+    });
     const float k = mx > mn ? 255.0f / (mx - mn) : 1.0f;
     const float shown = static_cast<float>(k * (sum / count));
     const float c = static_cast<float>(0.333 * (1.0f - mn / mx));
@@ -262,72 +181,55 @@ std::vector<std::uint8_t> expected32(const Planes& p, const float* table, int x,
     std::vector<std::uint8_t> out;
     for (int r = 0; r < wh; ++r)
         for (int cx = 0; cx < ww; ++cx) {
-            const int e = at(w.x0 + cx, w.y0 + r, 3);
+            const int e = p.at(w.x0 + cx, w.y0 + r, 3);
             for (int plane = 2; plane >= 0; --plane) {
-                if (e == 0) {
-                    out.push_back(0);
-                    continue;
-                }
-                const float v = std::max(at(w.x0 + cx, w.y0 + r, plane) * table[e], 0.0f);
+                const float v = std::max(p.at(w.x0 + cx, w.y0 + r, plane) * table[e], 0.0f);
                 const double o = factor * std::pow(static_cast<double>(v), 0.6);
-                out.push_back(static_cast<std::uint8_t>(std::clamp(o, 0.0, 255.0)));
+                out.push_back(e == 0 ? 0 : static_cast<std::uint8_t>(std::clamp(o, 0.0, 255.0)));
             }
         }
     return out;
 }
 
-TEST(HdrDisplay, RgbeWindowAndCursorValues) {
-    const Planes p = randomPlanes(40, 30, 31);
-    for (auto [x, y] : {std::pair{20, 14}, std::pair{0, 0}, std::pair{39, 29}, std::pair{39, 2}}) {
+// The rgbe view as rows: windows at the centre, corners and an edge of
+// random planes, and a uniform area (k is 1 and c is 0, so the mean goes all
+// the way to 68) with the cursor on a black pixel whose mantissas are not 0.
+// The cursor's values overwrite the first four entries of the table only.
+TEST(HdrDisplay, RgbeWindowsAsRows) {
+    const Planes random = randomPlanes(40, 30, 31);
+    Planes uniform{12, 12, std::vector<std::uint8_t>(4 * 12 * 12, 128)};
+    uniform.bytes[0] = 200;
+    uniform.bytes[3 * 12] = 0;
+    const struct Row {
+        const Planes* p;
+        int x, y, ww, wh;
+    } rows[] = {{&random, 20, 14, 10, 8}, {&random, 0, 0, 10, 8}, {&random, 39, 29, 10, 8}, {&random, 39, 2, 10, 8},
+                {&uniform, 0, 0, 8, 8}};
+    for (const Row& r : rows) {
+        const Planes& p = *r.p;
+        SCOPED_TRACE(::testing::Message() << p.width << " at " << r.x << "," << r.y);
         std::vector<float> table(256);
         ol::fillRgbeExpTable(table.data());
         const std::vector<float> before = table;
-        std::vector<std::uint8_t> dst(3 * 10 * 8, 0xEE);
-        const Window w = place(40, 30, x, y, 10, 8);
-        EXPECT_EQ(hdr_display(40, 30, 32, x, y, 10, 8, table.data(), p.bytes.data(), dst.data()), w.my0);
-        EXPECT_EQ(dst, expected32(p, before.data(), x, y, 10, 8)) << x << "," << y;
-        const std::uint8_t* row = p.bytes.data() + 4 * static_cast<std::size_t>(y) * 40;
-        const int e = row[120 + x];
-        float R = 0, G = 0, B = 0, lum = 0;
-        if (e != 0) {
-            R = row[x] * 255 * before[e];
-            G = row[40 + x] * 255 * before[e];
-            B = row[80 + x] * 255 * before[e];
-            lum = static_cast<float>(0.21 * R + 0.71 * G + 0.07 * B);
-        }
-        EXPECT_EQ(table[0], lum);
+        std::vector<std::uint8_t> dst(3 * r.ww * r.wh, 0xEE);
+        EXPECT_EQ(hdr_display(p.width, p.height, 32, r.x, r.y, r.ww, r.wh, table.data(), p.bytes.data(), dst.data()),
+                  place(p.width, p.height, r.x, r.y, r.ww, r.wh).my0);
+        EXPECT_EQ(dst, expected32(p, before.data(), r.x, r.y, r.ww, r.wh));
+        const int e = p.at(r.x, r.y, 3);
+        const float R = e ? p.at(r.x, r.y, 0) * 255 * before[e] : 0, G = e ? p.at(r.x, r.y, 1) * 255 * before[e] : 0,
+                    B = e ? p.at(r.x, r.y, 2) * 255 * before[e] : 0;
+        EXPECT_EQ(table[0], e ? static_cast<float>(0.21 * R + 0.71 * G + 0.07 * B) : 0.0f);
         EXPECT_EQ(table[1], R);
         EXPECT_EQ(table[2], G);
         EXPECT_EQ(table[3], B);
         EXPECT_TRUE(std::equal(table.begin() + 4, table.end(), before.begin() + 4));
     }
-}
-
-TEST(HdrDisplay, RgbeUniformAreaBlackCursorAndOtherDepths) {
-    Planes p(12, 12);
-    for (int y = 0; y < 12; ++y)
-        for (int x = 0; x < 12; ++x) p.set(x, y, 128, 128, 128, 128);
-    p.set(0, 0, 200, 10, 10, 0);  // black whatever the mantissas
-    float table[256];
-    ol::fillRgbeExpTable(table);
-    std::vector<std::uint8_t> dst(3 * 8 * 8);
-    EXPECT_EQ(hdr_display(12, 12, 32, 0, 0, 8, 8, table, p.bytes.data(), dst.data()), 2);
-    // Uniform: k is 1 and c is 0, so the window mean goes all the way to 68.
-    const float shown = 256.0f * 128.0f;
-    const float g = 68.0f / shown;
-    const float factor = static_cast<float>(255.0 * std::pow(static_cast<double>(g), 0.6));
-    const auto grey = static_cast<std::uint8_t>(factor * std::pow(128.0, 0.6));
-    EXPECT_EQ(dst[0] | dst[1] | dst[2], 0);
-    EXPECT_EQ(dst[3], grey);
-    EXPECT_EQ(dst[5], grey);
-    EXPECT_EQ(table[0], 0.0f);  // cursor on the black pixel
-    EXPECT_EQ(table[1], 0.0f);
-
+    // Another depth draws nothing and stores four zeros.
     float info[4] = {1, 2, 3, 4};
     std::vector<std::uint8_t> untouched(3 * 8 * 8, 0xEE);
-    EXPECT_EQ(hdr_display(12, 12, 8, 5, 5, 8, 8, info, p.bytes.data(), untouched.data()), 3);
-    for (float v : info) EXPECT_EQ(v, 0.0f);
-    EXPECT_TRUE(std::all_of(untouched.begin(), untouched.end(), [](std::uint8_t b) { return b == 0xEE; }));
+    EXPECT_EQ(hdr_display(12, 12, 8, 5, 5, 8, 8, info, uniform.bytes.data(), untouched.data()), 3);
+    EXPECT_EQ(std::vector<float>(info, info + 4), std::vector<float>(4, 0.0f));
+    EXPECT_EQ(untouched, std::vector<std::uint8_t>(3 * 8 * 8, 0xEE));
 }
 
 }  // namespace
