@@ -120,6 +120,17 @@ inline std::array<std::uint8_t, 4> pixelAt(const Bytes& planes, int width, int x
     return {row[x], row[width + x], row[2 * width + x], row[3 * width + x]};
 }
 
+// Planes as flat pixels: R, G, B, E interleaved.
+inline Bytes interleave(const Bytes& planes, int width, int height) {
+    Bytes d;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const auto p = pixelAt(planes, width, x, y);
+            d.insert(d.end(), p.begin(), p.end());
+        }
+    return d;
+}
+
 // RGB floats of planes as other programs decode them: mantissa * 2^(E-136),
 // plus `offset` mantissa steps; 0 when E is 0.
 inline std::vector<float> decodedRgb(const Bytes& planes, int width, int height, double offset = 0.0) {
