@@ -125,10 +125,7 @@ TEST(RadianceConvert, Quirks) {
 
 namespace {
 
-struct Entry {
-    std::uint16_t tag, type;
-    std::uint32_t count, value;
-};
+struct Entry { std::uint16_t tag, type; std::uint32_t count, value; };
 // A little-endian float TIFF: the floats at 8 and the directory behind them,
 // or the directory at 8 and the floats behind it.
 Bytes floatTiff(const std::vector<float>& rgb, const std::vector<Entry>& entries, bool directoryFirst = false) {
@@ -178,56 +175,43 @@ TEST(RadianceFloatTiff, ReadsWhereTheDirectorySays) {
     std::mt19937 rng(5);
     std::vector<float> rgb(3 * 6 * 4);
     for (float& v : rgb) v = rng() % 5 ? std::ldexp(static_cast<float>(rng() % 1000), static_cast<int>(rng() % 40) - 30) : 0.0f;
-    rgb[3] = 1e-33f;  // below the black guard
+    rgb[3] = 1e-33f, rgb[4] = rgb[5] = rgb[6] = rgb[7] = rgb[8] = 0.0f;  // below the black guard, and black
     using ol::kTiffLong, ol::kTiffShort;
     const std::uint16_t kStrip = ol::tag::kStripOffsets;
-    Bytes loop = floatTiff(rgb, {{kStrip, kTiffLong, 1, 8}});
+    Bytes loop = floatTiff(rgb, {{kStrip, kTiffLong, 1, 8}}), bigEndian = loop, magic43 = loop;
     ol::putU32LE(loop.data() + loop.size() - 4, ol::getU32LE(loop.data() + 4));
+    bigEndian[0] = bigEndian[1] = 'M';
+    magic43[2] = 43;
     struct Row {
         const char* what;
         Bytes file;
-        int w, h;
+        int w, h, result;
         std::size_t offset;  // where the pixels are read from
     };
     const Row rows[] = {
-        {"StripOffsets as a LONG", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}, {kStrip, kTiffLong, 1, 8}}), 6, 4, 8},
-        {"no StripOffsets: from offset `width`", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}}), 5, 4, 5},
-        {"a SHORT offset of count below 3 uses the low two bytes", floatTiff(rgb, {{kStrip, kTiffShort, 1, 0xABCD0008u}}), 6, 4, 8},
-        {"a directory chain that loops ends", loop, 6, 4, 8},
-        {"the end of the file repeats the last pixel", floatTiff(rgb, {{kStrip, kTiffLong, 1, 26}}, true), 6, 5, 26},
+        {"StripOffsets as a LONG", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}, {kStrip, kTiffLong, 1, 8}}), 6, 4, 4, 8},
+        {"no StripOffsets: from offset `width`", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}}), 5, 4, 4, 5},
+        {"a SHORT offset of count below 3 uses the low two bytes", floatTiff(rgb, {{kStrip, kTiffShort, 1, 0xABCD0008u}}), 6, 4, 4, 8},
+        {"a directory chain that loops ends", loop, 6, 4, 4, 8},
+        {"the end of the file repeats the last pixel", floatTiff(rgb, {{kStrip, kTiffLong, 1, 26}}, true), 6, 5, 5, 26},
+        {"big-endian", bigEndian, 6, 4, -3, 0},
+        {"a magic number of 43", magic43, 6, 4, -4, 0},
+        {"one byte", {'I'}, 6, 4, -3, 0},
+        {"no rows", loop, 6, 0, 0, 0},
     };
     for (const Row& r : rows) {
         oltest::writeFile(path, r.file);
         Bytes out(4u * r.w * r.h, 0xAA);
         float stats[3] = {-1, -1, -1}, want[3];
-        ASSERT_EQ(fp2rgbe(path.c_str(), r.w, r.h, stats, out.data()), r.h) << r.what;
+        ASSERT_EQ(fp2rgbe(path.c_str(), r.w, r.h, stats, out.data()), r.result) << r.what;
+        if (r.result <= 0) continue;
         EXPECT_EQ(out, referenceFp2rgbe(r.file, r.offset, r.w, r.h, want)) << r.what;
         EXPECT_EQ(Bytes(reinterpret_cast<std::uint8_t*>(stats), reinterpret_cast<std::uint8_t*>(stats + 3)),
                   Bytes(reinterpret_cast<std::uint8_t*>(want), reinterpret_cast<std::uint8_t*>(want + 3)))
             << r.what;
     }
-    // Black and the guard by hand: (1, 0.5, 0.25) is 0.5 * 2^1.
-    oltest::writeFile(path, floatTiff({1.0f, 0.5f, 0.25f, 0.0f, 0.0f, 0.0f, 1e-33f, 0.0f, 0.0f}, {{kStrip, kTiffLong, 1, 8}}));
-    Bytes out(12);
     float stats[3];
-    ASSERT_EQ(fp2rgbe(path.c_str(), 3, 1, stats, out.data()), 1);
-    EXPECT_EQ(out, (Bytes{128, 0, 0, 64, 0, 0, 32, 0, 0, 129, 0, 0}));
-}
-
-TEST(RadianceFloatTiff, RefusedFilesAndCodes) {
-    oltest::TempDir dir;
-    const std::string path = dir.file("f.tif");
-    Bytes good = floatTiff({0.5f, 0.5f, 0.5f}, {{ol::tag::kStripOffsets, ol::kTiffLong, 1, 8}});
-    Bytes bigEndian = good, magic43 = good;
-    bigEndian[0] = bigEndian[1] = 'M';
-    magic43[2] = 43;
-    Bytes out(4);
-    float stats[3];
-    for (auto [file, height, code] : {std::tuple{bigEndian, 1, -3}, {magic43, 1, -4}, {Bytes{'I'}, 1, -3}, {good, 0, 0}}) {
-        oltest::writeFile(path, file);
-        EXPECT_EQ(fp2rgbe(path.c_str(), 1, height, stats, out.data()), code);
-    }
-    EXPECT_EQ(fp2rgbe(dir.file("absent.tif").c_str(), 1, 1, stats, out.data()), -1);
+    EXPECT_EQ(fp2rgbe(dir.file("absent.tif").c_str(), 1, 1, stats, nullptr), -1);
 }
 
 TEST(RadianceFloatTiff, SaveWritesTheKeptFile) {

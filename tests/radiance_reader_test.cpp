@@ -191,10 +191,7 @@ TEST(RadianceReader, SizeQueryAndItsLineBudget) {
         for (int i = 0; i < lines; ++i) s += "# comment\n";
         return s + "-Y 5 +X 7\n" + std::string(13000, 'z');
     };
-    struct Row {
-        std::string text;
-        int result, width, height;
-    };
+    struct Row { std::string text; int result, width, height; };
     const Row rows[] = {
         {"#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80", -3, 0, 0},  // under 128 bytes: no line to read
         {"-Y 2 +X 3\n" + std::string(128 - 10, 'x'), 0, 3, 2},      // 128 bytes: one line
