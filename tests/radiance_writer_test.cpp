@@ -133,7 +133,6 @@ std::string headerOf(const std::string& path) {
 // The header lines, their order and conditions, as rows.
 TEST(RadianceWriter, HeaderLines) {
     oltest::TempDir dir;
-    const std::string gen = "Generated with Ombrelumen Pro 4.0 for Windows\nFORMAT=32-bit_rle_rgbe\n\n";
     ExifRecord full = shotExif(1, 250, 28, 10, 200, 50, 1);
     full.focal35 = 75, full.planeResNum = 3000, full.planeResDen = 7, full.planeResUnit = 2;
     std::strcpy(full.camera, "Camera X100");
@@ -147,35 +146,20 @@ TEST(RadianceWriter, HeaderLines) {
     // The whole field is searched for a line feed: one behind the
     // terminator leaves the line without its own.
     std::memcpy(feedAfterEnd.date, "2020:01:02\0\n", 12);
-    struct Row { ExifRecord e; std::string profile; int width, height; std::string header; };
+    struct Row { ExifRecord e; std::string profile; int width, height; const char* fixture; };
     const Row rows[] = {
-        {full, "sRGB IEC61966-2.1", 3, 2,
-         "#?RADIANCE\nCAMERA=Camera X100\nCAPDATE=2021:05:06 07:08:09\nICC_PROFILE=sRGB IEC61966-2.1\n"
-         "SHUTTER=0.004000\nAPERTURE=2.80\nISO=200\nFOCAL_LENGTH=50.00\n35MM_EQUIV=75\n"
-         "FOCAL_PLANE_XRESOLUTION=428.57\nFOCAL_PLANE_RESOLUTIONUNIT=2\n" + gen + "-Y 2 +X 3\n"},
-        // A denominator of 0 or a negative value is missing.
-        {shotExif(1, 0, 0, 10, -5, -3, -1), "", 2, 1, "#?RADIANCE\n" + gen + "-Y 1 +X 2\n"},
-        // A profile name whose first byte is above 127 is left out.
-        {fullCamera, "\xC3\xA9sRGB", 2, 1,
-         "#?RADIANCE\nCAMERA=" + std::string(64, 'C') + "\nCAPDATE=2020:01:02 03:04:05\n" + gen + "-Y 1 +X 2\n"},
-        // The profile name stops after 32 characters.
-        {fullDate, std::string(40, 'p'), 2, 1,
-         "#?RADIANCE\nCAPDATE=" + std::string(20, 'D') + "\nICC_PROFILE=" + std::string(32, 'p') + "\n" + gen +
-             "-Y 1 +X 2\n"},
-        {feedAfterEnd, "", 2, 1, "#?RADIANCE\nCAPDATE=2020:01:02" + gen + "-Y 1 +X 2\n"},
-        // Height 0 writes the header only.
-        {emptyExif(), "", 5, 0, "#?RADIANCE\n" + gen + "-Y 0 +X 5\n"},
+        {full, "sRGB IEC61966-2.1", 3, 2, "every_line.hdr"},
+        {shotExif(1, 0, 0, 10, -5, -3, -1), "", 2, 1, "missing_values.hdr"},
+        {fullCamera, "\xC3\xA9sRGB", 2, 1, "full_camera.hdr"},
+        {fullDate, std::string(40, 'p'), 2, 1, "full_date_long_profile.hdr"},
+        {feedAfterEnd, "", 2, 1, "date_feed_after_end.hdr"},
+        {emptyExif(), "", 5, 0, "no_rows.hdr"},
     };
     const Bytes px = photoPlanes(3, 2, 1);
     for (const Row& r : rows) {
         const std::string path = dir.file("h.hdr");
-        EXPECT_EQ(ol_io_rgbe_write(path.c_str(), r.width, r.height, &r.e, nullptr, r.profile.c_str(), px.data()),
-                  r.height);
-        const Bytes f = oltest::readFile(path);
-        EXPECT_EQ(std::string(f.begin(), f.begin() + static_cast<long>(dataOffset(f))), r.header);
-        if (r.height == 0) {
-            EXPECT_EQ(f.size(), r.header.size());
-        }
+        EXPECT_EQ(ol_io_rgbe_write(path.c_str(), r.width, r.height, &r.e, nullptr, r.profile.c_str(), px.data()), r.height);
+        EXPECT_TRUE(oltest::matchesFixture(std::string("radiance/") + r.fixture, oltest::readFile(path)));
     }
 }
 
