@@ -72,8 +72,7 @@ TEST(Rgbe, FastScaleMatchesFrexpOverTheWholeFloatRange) {
     auto next = [&] { return state = state * 1664525u + 1013904223u; };
     std::vector<float> values = {0.0f, -0.0f, 1e-32f, std::nextafter(1e-32f, 0.0f), 1e-45f,
                                  std::numeric_limits<float>::min(), std::numeric_limits<float>::max(),
-                                 std::numeric_limits<float>::infinity(),
-                                 -std::numeric_limits<float>::infinity(),
+                                 std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
                                  std::numeric_limits<float>::quiet_NaN()};
     for (std::uint32_t biased = 0; biased < 256; ++biased)
         for (int k = 0; k < 40; ++k)
@@ -104,21 +103,16 @@ TEST(ByteCursor, BoundsEveryRead) {
     EXPECT_EQ(getU64BE(std::array<std::uint8_t, 8>{0, 0, 0, 1, 0, 0, 0, 2}.data()), 0x100000002ull);
 }
 
+// The test hook fails the nth allocation of its scope only.
 TEST(AllocationHook, FailsTheNthAllocation) {
+    void* p[4];
     {
         oltest::FailAllocation fail(2);
-        void* a = allocate(8);
-        void* b = allocate(8);
-        void* c = allocate(8);
-        EXPECT_NE(a, nullptr);
-        EXPECT_EQ(b, nullptr);
-        EXPECT_NE(c, nullptr);
-        release(a);
-        release(c);
+        for (int i = 0; i < 3; ++i) p[i] = allocate(8);
     }
-    void* d = allocate(8);
-    EXPECT_NE(d, nullptr);
-    release(d);
+    p[3] = allocate(8);
+    EXPECT_TRUE(p[0] && !p[1] && p[2] && p[3]);
+    for (void* q : p) release(q);
 }
 
 TEST(Buffers, StripsAndCopies) {

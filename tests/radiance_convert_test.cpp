@@ -114,8 +114,7 @@ TEST(RadianceConvert, Quirks) {
         const Bytes eight(r.samples.begin(), r.samples.end());
         Bytes out(4u * w, 0xAA);
         ASSERT_EQ(convert_to_rgbe(r.bps, w, 1, 3, 3 * w, 0, r.bps == 8 ? lut8.data() : lut16.data(),
-                                  r.bps == 8 ? static_cast<const void*>(eight.data()) : r.samples.data(), out.data()),
-                  1);
+                                  r.bps == 8 ? static_cast<const void*>(eight.data()) : r.samples.data(), out.data()), 1);
         EXPECT_EQ(pixelAt(out, w, 0, 0), r.first) << r.what;
     }
     Bytes untouched(4, 0x5A);

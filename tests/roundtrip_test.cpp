@@ -99,8 +99,7 @@ TEST(RoundTrip, TiffMetadataComesBackThroughTheReader) {
     tif_info info = makeInfo(4, 2, 3, 16);
     info.orientation = 6;
     ASSERT_GT(buf2tifOld(px.data(), &info, 24, nullptr, &ex, &gps, static_cast<int>(iptc.size()), iptc.data(), 2, tm,
-                         path.c_str()),
-              0);
+                         path.c_str()), 0);
     const auto file = oltest::readFile(path);
     const auto ifd = readIfd(file, u32(file, 4));
 
