@@ -114,9 +114,13 @@ TEST_F(Interop, RadianceFilesBothWays) {
                         {kPrograms[2], true, 200, 20, 118, 128},
                         {kPrograms[0], false, 256, 160}, {kPrograms[0], false, 5, 400}, {kPrograms[1], false, 180, 120},
                         {kPrograms[2], false, 180, 120}};
+    std::string missing;
     for (const Row& r : rows) {
         SCOPED_TRACE(std::string(r.p.name) + (r.library ? " reads " : " writes ") + std::to_string(r.w));
-        if (!have(r.p.name, r.p.module) || (*r.p.name && !have("", "tifffile"))) continue;
+        if (!have(r.p.name, r.p.module) || (*r.p.name && !have("", "tifffile"))) {
+            missing += std::string(" ") + (*r.p.name ? r.p.name : "OpenCV");
+            continue;
+        }
         const std::string hdr = file("pic.hdr"), src = file("src.tif");
         Bytes planes = variedPlanes(r.w, r.h, r.eMin, r.eMax);
         if (r.library) {
@@ -147,6 +151,7 @@ TEST_F(Interop, RadianceFilesBothWays) {
         }
         EXPECT_EQ(countDifferences(theirs(r.p.name, hdr), decodedRgb(planes, r.w, r.h, r.p.offset), r.p.tolerance), 0);
     }
+    if (!missing.empty()) GTEST_SKIP() << "rows skipped, program missing:" << missing;
 }
 
 TEST_F(Interop, FloatTiffsOfOtherProgramsReadByFp2rgbe) {
