@@ -82,7 +82,7 @@ void expectConvertMatches(int spp, int swapped, std::mt19937& rng) {
 
 TEST(RadianceConvert, MatchesThePlainRuleOnEdgyPictures) {
     std::mt19937 rng(11);
-    for (int round = 0; round < 4; ++round)
+    for (int round = 0; round < 2; ++round)
         for (int spp : {1, 3, 4})
             for (int swapped : {0, 1}) {
                 expectConvertMatches<std::uint8_t>(spp, swapped, rng);
