@@ -127,15 +127,6 @@ TEST(Trace, Radiance) {
     t.step("strip 1", [&] { return ol_write_strip_rgbe(strips.c_str(), 1, 3, 8, 5, nullptr, sp.data() + 4 * 3 * 8); });
 }
 
-TEST(Trace, RadianceFullDisk) {
-    if (!oltest::fs::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
-    Transcript t("radiance_full_disk");
-    const radtest::Bytes wide = radtest::photoPlanes(40000, 1, 3);
-    const ExifRecord e = metatest::emptyExif();
-    t.step("flat write", [&] { return ol_io_rgbe_write("/dev/full", 40000, 1, &e, nullptr, "", wide.data()); });
-    t.step("strip write", [&] { return ol_write_strip_rgbe("/dev/full", 0, 1, 40000, 1, nullptr, wide.data()); });
-}
-
 // ---- fusion: flat 8-bit photos; nbProc 0 runs one thread, so the lines keep
 // their order.
 TEST(Trace, Fusion) {

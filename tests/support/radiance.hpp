@@ -39,26 +39,17 @@ inline Bytes photoPlanes(int width, int height, std::uint32_t seed) {
 
 // Parses one component stream of packets; returns the packet lengths
 // (positive: literal, negative: run) and appends the decoded bytes.
-struct Packets {
-    std::vector<int> lengths;
-    Bytes bytes;
-    std::size_t consumed = 0;
-};
+struct Packets { std::vector<int> lengths; Bytes bytes; std::size_t consumed = 0; };
 inline Packets parsePackets(const std::uint8_t* p, std::size_t n, int width) {
     Packets out;
-    std::size_t i = 0;
+    std::size_t& i = out.consumed;
     while (static_cast<int>(out.bytes.size()) < width && i < n) {
         const int code = p[i++];
-        if (code > 128) {
-            out.lengths.push_back(-(code - 128));
-            out.bytes.insert(out.bytes.end(), static_cast<std::size_t>(code - 128), p[i++]);
-        } else {
-            out.lengths.push_back(code);
-            out.bytes.insert(out.bytes.end(), p + i, p + i + code);
-            i += static_cast<std::size_t>(code);
-        }
+        const std::size_t count = static_cast<std::size_t>(code > 128 ? code - 128 : code);
+        out.lengths.push_back(code > 128 ? -code + 128 : code);
+        if (code > 128) out.bytes.insert(out.bytes.end(), count, p[i++]);
+        else out.bytes.insert(out.bytes.end(), p + i, p + i + count), i += count;
     }
-    out.consumed = i;
     return out;
 }
 
@@ -102,22 +93,33 @@ inline std::string resolution(int width, int height) {
 
 // The two full decoders with the caller's width, height and file size (the
 // file's own size unless `size` is given).
-inline int callerSize(const std::string& path, int size) {
-    return size >= 0 ? size : static_cast<int>(oltest::fs::file_size(path));
+inline int decodeWith(decltype(&decomp_rle) decoder, const std::string& path, int width, int height, Bytes& out, int size) {
+    const int dims[7] = {width, height, size >= 0 ? size : static_cast<int>(oltest::fs::file_size(path)), 0, 0, 0, 0};
+    return decoder(path.c_str(), dims, out.data());
 }
 inline int decodeRle(const std::string& path, int width, int height, Bytes& out, int size = -1) {
-    const int dims[7] = {width, height, callerSize(path, size), 0, 0, 0, 0};
-    return decomp_rle(path.c_str(), dims, out.data());
+    return decodeWith(decomp_rle, path, width, height, out, size);
 }
 inline int decodeStream(const std::string& path, int width, int height, Bytes& out, int size = -1) {
-    const int dims[7] = {width, height, callerSize(path, size), 0, 0, 0, 0};
-    return decomp2(path.c_str(), dims, out.data(), nullptr);
+    return decodeWith([](const char* p, const int* d, unsigned char* o) { return decomp2(p, d, o, nullptr); }, path, width,
+                      height, out, size);
 }
 
 // Pixel (x, y) of rgbe planes: r, g, b, e.
 inline std::array<std::uint8_t, 4> pixelAt(const Bytes& planes, int width, int x, int y) {
     const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
     return {row[x], row[width + x], row[2 * width + x], row[3 * width + x]};
+}
+
+// Planes as flat pixels: R, G, B, E interleaved.
+inline Bytes interleave(const Bytes& planes, int width, int height) {
+    Bytes d;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const auto p = pixelAt(planes, width, x, y);
+            d.insert(d.end(), p.begin(), p.end());
+        }
+    return d;
 }
 
 // RGB floats of planes as other programs decode them: mantissa * 2^(E-136),
@@ -165,11 +167,9 @@ inline void runAllReaders(const std::string& path) {
         EXPECT_TRUE(p == h || p == h + 1 || p == -1 || p == -4 || (p <= -200 && p >= -202)) << p;
     }
     ExifRecord e = emptyExif();
-    const int x = extract_rgbe_exif(path.c_str(), &e);
-    EXPECT_TRUE(x >= -1 && x <= 100);
     Bytes planes(4u * 16 * 16);
-    float stats[3];
-    const int f = fp2rgbe(path.c_str(), 16, 16, stats, planes.data());
+    const int x = extract_rgbe_exif(path.c_str(), &e), f = fp2rgbe(path.c_str(), 16, 16, prim, planes.data());
+    EXPECT_TRUE(x >= -1 && x <= 100) << x;
     EXPECT_TRUE(f == 16 || f == -1 || f == -3 || f == -4) << f;
 }
 
