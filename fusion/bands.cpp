@@ -9,8 +9,6 @@ namespace {
 // a thread costs some tens of microseconds, and a whole 6000x4000 fusion
 // starts about a hundred; small images still take the banded paths.
 constexpr std::size_t kMinSplit = 256;
-// More bands than this gain nothing on any machine the library targets.
-constexpr int kMaxBands = 64;
 
 struct Band {
     void (*fn)(void*, int, int, int);

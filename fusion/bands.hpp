@@ -11,6 +11,10 @@
 
 namespace ol {
 
+// More bands than this gain nothing on any machine the library targets; a
+// job never runs in more.
+inline constexpr int kMaxBands = 64;
+
 // Calls fn(ctx, band, first, count) for consecutive bands 0, 1, ... covering
 // rows [0, rows), on up to `threads` threads (never more bands than that).
 // `workPerRow` (samples, say) decides whether the job is worth splitting.

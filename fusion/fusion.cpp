@@ -34,6 +34,10 @@ int fusion_progress(OlProgressFn progress, float fraction) noexcept {
 
 namespace {
 
+// The size of the block buffer of disk mode: a few dozen rows of every photo
+// of a large stack, so that each block makes a band per thread.
+constexpr std::size_t kBlockBytes = std::size_t(4) << 20;
+
 // Level 0 of `work` from photo `photo`: 16-bit samples on a 15-bit scale.
 void toPipeline(const void* src, int bspIn, std::size_t n, std::uint16_t* dst) noexcept {
     if (bspIn == 8) {
@@ -146,9 +150,19 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         }
     }
     Owned<unsigned char> rowBuffer;
+    // Disk mode reads its scratch files by blocks of rows into `block` where
+    // they are read row by row through the row buffer: fewer, larger reads,
+    // and rows that the stages can split among the threads. It holds at
+    // least one row of every photo; without it the rows are read one by one.
+    Owned<unsigned char> block;
+    std::size_t blockBytes = 0;
     if (disk) {
-        rowBuffer = makeOwnedZeroed<unsigned char>(photos * static_cast<std::size_t>(width) * channels * inBytes);
+        const std::size_t rowBufferBytes = photos * static_cast<std::size_t>(width) * channels * inBytes;
+        rowBuffer = makeOwnedZeroed<unsigned char>(rowBufferBytes);
         if (!rowBuffer) return -4;
+        blockBytes = rowBufferBytes > kBlockBytes ? rowBufferBytes : kBlockBytes;
+        block = makeOwned<unsigned char>(blockBytes);
+        if (!block) blockBytes = 0;
         const std::size_t count = photos * pixels * channels;
         const std::size_t written = std::fwrite(images, inBytes, count, fpSource.get());
         if constexpr (traceFlow)
@@ -159,6 +173,8 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             fpPoids.reset();
             fpPyramPoids.reset();
             rowBuffer.reset();
+            block.reset();
+            blockBytes = 0;
             disk = false;
         }
     }
@@ -180,7 +196,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     const int r1 = adjust1(nbProc, fusionParams, nbPhotos, width, height, channels, bspIn,
                            bitDepthPoids, bspOut == 32, unusedScale, exposureTimes, disk,
                            fpSource.get(), rowBuffer.get(), images, indexFixedExpo, ghostMask, work,
-                           poids);
+                           poids, threads, block.get(), blockBytes);
     if constexpr (traceFlow) std::fprintf(stderr, "retour adjust1: %d\n", r1);
     if (r1 < 0) return r1;
     fusion_progress(progress, start);
@@ -258,7 +274,25 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         // The photo to level 0 of work (in disk mode over the weight pyramid,
         // which now lives only in its file).
         if (disk) {
-            for (int y = 0; y < height; ++y) {
+            // Blocks of rows first, converted in bands; the rows no block
+            // holds one by one.
+            const std::size_t rowBytes = rowSamples * inBytes;
+            const std::size_t perBlock = rowBytes > 0 ? blockBytes / rowBytes : 0;
+            const int blockRows = perBlock < static_cast<std::size_t>(height) ? static_cast<int>(perBlock) : height;
+            int y0 = 0;
+            for (; blockRows > 0 && y0 < height; y0 += blockRows) {
+                const int n = height - y0 < blockRows ? height - y0 : blockRows;
+                const std::int64_t off = (static_cast<std::int64_t>(i) * height + y0) * static_cast<std::int64_t>(rowBytes);
+                const int got = readScratchBlock(fpSource.get(), off, block.get(), static_cast<std::size_t>(n) * rowBytes);
+                if (got < 0) return -3;
+                if (got == 0) break;
+                runBands(threads, n, rowSamples, [&](int first, int count) {
+                    toPipeline(block.get() + static_cast<std::size_t>(first) * rowBytes, bspIn,
+                               static_cast<std::size_t>(count) * rowSamples,
+                               work16 + static_cast<std::size_t>(y0 + first) * rowSamples);
+                });
+            }
+            for (int y = y0; y < height; ++y) {
                 const std::int64_t off = (static_cast<std::int64_t>(i) * height + y) *
                                          static_cast<std::int64_t>(rowSamples * inBytes);
                 if (!seekScratch(fpSource.get(), off)) return -3;
@@ -283,7 +317,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         }
         const int r22 = fusion22(nivo, width, height, channels, bspOut, bitDepthFusion, bitDepthPoids, wrapX,
                                  disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), pipeline, fused,
-                                 threads);
+                                 threads, block.get(), blockBytes);
         if (r22 < 0) return r22;
         const int k = nbPhotos - i;
         fusion_progress(progress, start + span * static_cast<float>(k) / static_cast<float>(nbPhotos));
@@ -292,6 +326,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     fpPoids.reset();
     fpPyramPoids.reset();
     rowBuffer.reset();
+    block.reset();
     poidsOwned.reset();
 
     const int r3 = fusion3(fusionParams, nivo, width, height, channels, bspOut, bitDepthFusion, outStride,

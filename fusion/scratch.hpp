@@ -4,6 +4,7 @@
 // the seek fail.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -13,6 +14,18 @@ inline bool seekScratch(std::FILE* f, std::int64_t bytes) noexcept {
     const auto off = static_cast<std::int32_t>(static_cast<std::uint32_t>(bytes));
     if (off < 0) return false;
     return std::fseek(f, static_cast<long>(off), SEEK_SET) == 0;
+}
+
+// Several rows at once: `bytes` from byte `off`, in one seek and one read.
+// 1 when they came. -1 when the seek fails, as the first seek of the rows
+// would. 0 when the range reaches past what 32-bit offsets address (there
+// the row-by-row reads, with their wrapped offsets, are the ones that hold)
+// or the read falls short: the caller then goes on row by row from the same
+// row, which meets the same short read with its own code and line.
+inline int readScratchBlock(std::FILE* f, std::int64_t off, void* dst, std::size_t bytes) noexcept {
+    if (off < 0 || off + static_cast<std::int64_t>(bytes) > INT32_MAX) return 0;
+    if (std::fseek(f, static_cast<long>(off), SEEK_SET) != 0) return -1;
+    return std::fread(dst, 1, bytes, f) == bytes ? 1 : 0;
 }
 
 }  // namespace ol
