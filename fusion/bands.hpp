@@ -21,6 +21,23 @@ inline constexpr int kMaxBands = 64;
 void runBandsRaw(int threads, int rows, std::size_t workPerRow, void (*fn)(void*, int, int, int),
                  void* ctx) noexcept;
 
+// The same with a side job: every band goes to a thread of its own while
+// the calling thread runs side(sideCtx); then it takes the bands whose
+// thread would not start, and joins the others.
+void runBandsBesideRaw(int threads, int rows, void (*fn)(void*, int, int, int), void* ctx,
+                       void (*side)(void*), void* sideCtx) noexcept;
+
+// f(band, first, count) in bands while s() runs on the calling thread.
+template <class F, class Side>
+void runBandsBeside(int threads, int rows, F&& f, Side&& s) noexcept {
+    runBandsBesideRaw(
+        threads, rows,
+        [](void* c, int band, int first, int count) { (*static_cast<std::remove_reference_t<F>*>(c))(band, first, count); },
+        const_cast<void*>(static_cast<const void*>(&f)),
+        [](void* c) { (*static_cast<std::remove_reference_t<Side>*>(c))(); },
+        const_cast<void*>(static_cast<const void*>(&s)));
+}
+
 // f(band, first, count).
 template <class F>
 void runBandsIndexed(int threads, int rows, std::size_t workPerRow, F&& f) noexcept {

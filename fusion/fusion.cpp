@@ -193,17 +193,29 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         if (!poidsOwned) return -4;
         poids = poidsOwned.get();
     }
+    DiskRows diskRows;
+    diskRows.threads = threads;
+    diskRows.block = block.get();
+    diskRows.blockBytes = blockBytes;
+    diskRows.fpPoids = fpPoids.get();
     const int r1 = adjust1(nbProc, fusionParams, nbPhotos, width, height, channels, bspIn,
                            bitDepthPoids, bspOut == 32, unusedScale, exposureTimes, disk,
                            fpSource.get(), rowBuffer.get(), images, indexFixedExpo, ghostMask, work,
-                           poids, threads, block.get(), blockBytes);
+                           poids, disk ? &diskRows : nullptr);
     if constexpr (traceFlow) std::fprintf(stderr, "retour adjust1: %d\n", r1);
     if (r1 < 0) return r1;
     fusion_progress(progress, start);
 
     if (disk) {
+        // The weight stage may have written the planes already, block by
+        // block; else (or after a failed write there) they go in one write
+        // from the start of the file.
         const std::size_t count = pixels * photos;
-        const std::size_t written = std::fwrite(poids, wBytes, count, fpPoids.get());
+        std::size_t written = count;
+        if (!diskRows.poidsWritten) {
+            std::fseek(fpPoids.get(), 0, SEEK_SET);
+            written = std::fwrite(poids, wBytes, count, fpPoids.get());
+        }
         if constexpr (traceFlow) std::fprintf(stderr, "retour dump poids: %d\n", static_cast<int>(written));
         if (written != count) return -2;
     }

@@ -15,27 +15,39 @@ namespace ol {
 // set it or let an exception out.
 int fusion_progress(OlProgressFn progress, float fraction) noexcept;
 
-// One weight plane per photo into `poids`; 0 or a negative status. In disk
-// mode (where nbProc is 0) the rows still go on `bandThreads` threads when
-// `block` offers room for one row of every photo or more, with the same
-// results; the statistics are counted on them too.
+// What disk mode lends its weight stage, which nbProc leaves to the calling
+// thread: the host's threads, a buffer for blocks of rows, and the weight
+// file. With a block buffer that holds a row of every photo, the rows are
+// read by blocks and weighed in bands on `threads` threads, with the results
+// of one thread. With `fpPoids` too, the weights of each block go to their
+// place in that file while the next block is weighed; `poidsWritten` then
+// tells that every plane went there whole, and the driver's single write of
+// the planes is left out (the file's bytes are those it would have written).
+struct DiskRows {
+    int threads = 1;
+    unsigned char* block = nullptr;
+    std::size_t blockBytes = 0;
+    std::FILE* fpPoids = nullptr;
+    bool poidsWritten = false;
+};
+
+// One weight plane per photo into `poids`; 0 or a negative status. The
+// statistics count on diskRows->threads threads too.
 int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int height,
             int channels, int bspIn, int bitDepthPoids, int outIsFloat, float unusedScale,
             const float* exposureTimes, int disk, std::FILE* fpSource, void* rowBuffer,
             const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
-            void* work, void* poids, int bandThreads = 1, void* block = nullptr,
-            std::size_t blockBytes = 0) noexcept;
+            void* work, void* poids, DiskRows* diskRows = nullptr) noexcept;
 
 // Weights of `rows` rows starting at the rows `images`, `ghostMask` and
 // `poids` point at; `height` is the whole image's (photo and mask plane
-// strides). 0, -3 on a failed scratch read, -4 without memory. In disk mode
-// over the whole image, a `block` buffer reads blocks of rows, weighed in
-// bands on `threads` threads (see weights.cpp).
+// strides). 0, -3 on a failed scratch read, -4 without memory. `diskRows`:
+// see above (disk mode over the whole image only).
 int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int bspIn,
               int bitDepthPoids, const float* fvalCurve, const float* sharpen,
               const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
               const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
-              void* poids, int threads = 1, void* block = nullptr, std::size_t blockBytes = 0) noexcept;
+              void* poids, DiskRows* diskRows = nullptr) noexcept;
 
 // `threads` in the stages below: the rows of each level are split into bands
 // on up to that many threads; the result does not depend on it. `block`, in

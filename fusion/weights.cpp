@@ -284,29 +284,48 @@ int weighRows(const WeightJob& job, int y0, int rows, float* scratch, int& cntZe
 
 // Disk mode by blocks: blocks of rows of every photo are read in one go per
 // photo on the calling thread, their printed pixels are printed there in row
-// order, then the rows are weighed in bands on `threads` threads. The rows land in
-// the planes exactly as row by row (the whole image is one slice, so mask
-// bits count from the first pixel), and the pixel counts add up. A block
-// that cannot be read whole, or offsets past what the file positions
-// address, hand the rest to the row-by-row reads, which give the failure
-// its own code and line; so do a block buffer smaller than one row of every
-// photo and a failed allocation of the bands' scratch rows.
+// order, then the rows are weighed in bands. The rows land in the planes
+// exactly as row by row (the whole image is one slice, so mask bits count
+// from the first pixel), and the pixel counts add up. A block that cannot be
+// read whole, or offsets past what the file positions address, hand the rest
+// to the row-by-row reads, which give the failure its own code and line; so
+// do a block buffer smaller than one row of every photo and a failed
+// allocation of the bands' scratch rows.
+//
+// With the weight file, the calling thread writes the weights of the block
+// before while the bands weigh the next one (each plane's rows at their
+// place: the planes lie in the file as in `poids`). A write that fails ends
+// these writes; the driver then writes the planes whole, as without them.
 template <class S, class W>
-int weighBlocks(WeightJob job, int threads, unsigned char* block, std::size_t blockBytes, float* scratch,
-                int& cntZero) noexcept {
+int weighBlocks(WeightJob job, DiskRows& dr, float* scratch, int& cntZero) noexcept {
     const RowWeights<S, W> rw(job);
     const std::size_t setBytes = rw.rowBytes * static_cast<std::size_t>(job.nbPhotos);
-    const int bands = threads < kMaxBands ? threads : kMaxBands;
+    const int bands = dr.threads < 1 ? 1 : (dr.threads < kMaxBands ? dr.threads : kMaxBands);
     const std::size_t scratchFloats = (static_cast<std::size_t>(job.nbPhotos) + 2) * job.width;
-    if (setBytes == 0 || blockBytes < setBytes) return weighRows<S, W>(job, 0, job.height, scratch, cntZero);
+    if (setBytes == 0 || dr.blockBytes < setBytes) return weighRows<S, W>(job, 0, job.height, scratch, cntZero);
     Owned<float> bandScratch;
     if (bands > 1) {
         bandScratch = makeOwned<float>(scratchFloats * static_cast<std::size_t>(bands));
         if (!bandScratch) return weighRows<S, W>(job, 0, job.height, scratch, cntZero);
     }
-    const std::size_t perBlock = blockBytes / setBytes;
+    const std::size_t perBlock = dr.blockBytes / setBytes;
     const int blockRows = perBlock < static_cast<std::size_t>(job.height) ? static_cast<int>(perBlock) : job.height;
     const std::int64_t fileBytes = static_cast<std::int64_t>(rw.photoSamples) * rw.sampleBytes * job.nbPhotos;
+    const std::size_t wBytes = sizeof(W);
+    const std::int64_t poidsBytes = static_cast<std::int64_t>(rw.planePixels) * job.nbPhotos * static_cast<std::int64_t>(wBytes);
+    bool writing = dr.fpPoids != nullptr && poidsBytes <= INT32_MAX;
+    int written = 0;  // rows of every plane in the weight file
+    // Rows [written, y) of every plane to the weight file.
+    auto writeRows = [&](int y) {
+        for (int p = 0; p < job.nbPhotos && writing && y > written; ++p) {
+            const std::size_t first = p * rw.planePixels + static_cast<std::size_t>(written) * job.width;
+            const std::size_t count = static_cast<std::size_t>(y - written) * job.width;
+            writing = seekScratch(dr.fpPoids, static_cast<std::int64_t>(first * wBytes)) &&
+                      std::fwrite(static_cast<const unsigned char*>(job.poids) + first * wBytes, wBytes, count,
+                                  dr.fpPoids) == count;
+        }
+        written = y;
+    };
     int counts[kMaxBands] = {};
     int y0 = 0;
     for (; y0 < job.height && fileBytes <= INT32_MAX; y0 += blockRows) {
@@ -315,43 +334,50 @@ int weighBlocks(WeightJob job, int threads, unsigned char* block, std::size_t bl
         for (int p = 0; p < job.nbPhotos && got > 0; ++p) {
             const std::int64_t off =
                 (static_cast<std::int64_t>(p) * job.height + y0) * static_cast<std::int64_t>(rw.rowBytes);
-            got = readScratchBlock(job.fpSource, off, block + static_cast<std::size_t>(p) * blockRows * rw.rowBytes,
+            got = readScratchBlock(job.fpSource, off, dr.block + static_cast<std::size_t>(p) * blockRows * rw.rowBytes,
                                    static_cast<std::size_t>(n) * rw.rowBytes);
         }
         if (got < 0) return -3;
         if (got == 0) break;
-        job.block = block;
+        job.block = dr.block;
         job.blockFirst = y0;
         job.blockRows = blockRows;
         const RowWeights<S, W> bw(job);
         for (int y = y0; y < y0 + n; ++y) bw.printRow(y);
-        runBandsIndexed(bands, n, setBytes, [&](int band, int first, int count) {
+        auto weigh = [&](int band, int first, int count) {
             float* s = bands > 1 ? bandScratch.get() + scratchFloats * static_cast<std::size_t>(band) : scratch;
             for (int y = y0 + first; y < y0 + first + count; ++y) bw.weighRow(y, s, counts[band]);
-        });
+        };
+        if (writing && y0 > written)
+            runBandsBeside(bands, n, weigh, [&] { writeRows(y0); });
+        else
+            runBandsIndexed(bands, n, setBytes, weigh);
     }
     for (int b = 0; b < bands; ++b) cntZero += counts[b];
     job.block = nullptr;
-    return weighRows<S, W>(job, y0, job.height, scratch, cntZero);
+    const int r = weighRows<S, W>(job, y0, job.height, scratch, cntZero);
+    if (r == 0 && writing) {
+        writeRows(job.height);
+        dr.poidsWritten = writing && std::fflush(dr.fpPoids) == 0;
+    }
+    return r;
 }
 
-// Every row of the pass: in disk mode by blocks (on `threads` threads) when
-// a block buffer is given, else row after row. 1 when the weight depth is none
-// of 8, 16 and 32 (nothing is written).
+// Every row of the pass: in disk mode by blocks when a block buffer is
+// given, else row after row. 1 when the weight depth is none of 8, 16 and
+// 32 (nothing is written).
 template <class S, class W>
-int weighAll(const WeightJob& job, int rows, int threads, unsigned char* block, std::size_t blockBytes,
-             float* scratch, int& cntZero) noexcept {
-    if (job.disk && block != nullptr && rows == job.height)
-        return weighBlocks<S, W>(job, threads, block, blockBytes, scratch, cntZero);
+int weighAll(const WeightJob& job, int rows, DiskRows* dr, float* scratch, int& cntZero) noexcept {
+    if (job.disk && dr != nullptr && dr->block != nullptr && rows == job.height)
+        return weighBlocks<S, W>(job, *dr, scratch, cntZero);
     return weighRows<S, W>(job, 0, rows, scratch, cntZero);
 }
 
 template <class S>
-int weighAllFor(const WeightJob& job, int rows, int threads, unsigned char* block, std::size_t blockBytes,
-                float* scratch, int& cntZero) noexcept {
-    if (job.bitDepthPoids == 8) return weighAll<S, std::uint8_t>(job, rows, threads, block, blockBytes, scratch, cntZero);
-    if (job.bitDepthPoids == 16) return weighAll<S, std::uint16_t>(job, rows, threads, block, blockBytes, scratch, cntZero);
-    if (job.bitDepthPoids == 32) return weighAll<S, float>(job, rows, threads, block, blockBytes, scratch, cntZero);
+int weighAllFor(const WeightJob& job, int rows, DiskRows* dr, float* scratch, int& cntZero) noexcept {
+    if (job.bitDepthPoids == 8) return weighAll<S, std::uint8_t>(job, rows, dr, scratch, cntZero);
+    if (job.bitDepthPoids == 16) return weighAll<S, std::uint16_t>(job, rows, dr, scratch, cntZero);
+    if (job.bitDepthPoids == 32) return weighAll<S, float>(job, rows, dr, scratch, cntZero);
     return 1;
 }
 
@@ -407,7 +433,7 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
               int bitDepthPoids, const float* fvalCurve, const float* sharpen,
               const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
               const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
-              void* poids, int threads, void* block, std::size_t blockBytes) noexcept {
+              void* poids, DiskRows* diskRows) noexcept {
     const bool removeGhost = indexFixedExpo[0] >= 0 && ghostMask != nullptr;
     const std::size_t n = nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1;
     Owned<int> notMerged = makeOwned<int>(n);
@@ -449,12 +475,11 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
                         disk != 0, fpSource, static_cast<unsigned char*>(rowBuffer),
                         static_cast<const unsigned char*>(images), removeGhost, notMerged.get(), ghostMask, poids,
                         scaled, nullptr, 0, 0};
-    auto* blk = static_cast<unsigned char*>(block);
     int cntZero = 0;
     int r;
-    if (bspIn == 8) r = weighAllFor<std::uint8_t>(job, rows, threads, blk, blockBytes, weight.get(), cntZero);
-    else if (bspIn == 16) r = weighAllFor<std::uint16_t>(job, rows, threads, blk, blockBytes, weight.get(), cntZero);
-    else r = weighAllFor<void>(job, rows, threads, blk, blockBytes, weight.get(), cntZero);
+    if (bspIn == 8) r = weighAllFor<std::uint8_t>(job, rows, diskRows, weight.get(), cntZero);
+    else if (bspIn == 16) r = weighAllFor<std::uint16_t>(job, rows, diskRows, weight.get(), cntZero);
+    else r = weighAllFor<void>(job, rows, diskRows, weight.get(), cntZero);
     if (r > 0) return 0;  // a weight depth that writes nothing
     if constexpr (traceWeights)
         if (r == 0) std::fprintf(stderr, " cntZero: %d\n", cntZero);
@@ -465,7 +490,7 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
             int channels, int bspIn, int bitDepthPoids, int outIsFloat, float unusedScale,
             const float* exposureTimes, int disk, std::FILE* fpSource, void* rowBuffer,
             const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
-            void* work, void* poids, int bandThreads, void* block, std::size_t blockBytes) noexcept {
+            void* work, void* poids, DiskRows* diskRows) noexcept {
     const float p0 = fusionParams[0];
     float photoBias = fusionParams[1];
     const float highlightCut = fusionParams[2];
@@ -489,7 +514,7 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
 
     if (photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
                     surexNivo.get(), medianLevel.get(), photoOrder.get(),
-                    nbProc > 1 ? nbProc : bandThreads) < 0)
+                    nbProc > 1 ? nbProc : (diskRows ? diskRows->threads : 1)) < 0)
         photoBias = 0.0f;
     if constexpr (traceProbe)
         for (int p = 0; p < nbPhotos; ++p)
@@ -576,8 +601,7 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
     if (nbProc <= 1) {
         return aj1b_orig(nbPhotos, width, height, height, channels, bspIn, bitDepthPoids,
                          curves.get(), sharpen, photoFactor.get(), disk, fpSource, rowBuffer,
-                         images, indexFixedExpo, ghostMask, poids, disk ? bandThreads : 1, block,
-                         blockBytes);
+                         images, indexFixedExpo, ghostMask, poids, disk ? diskRows : nullptr);
     }
 
     Owned<Worker> workers = makeOwnedZeroed<Worker>(static_cast<std::size_t>(nbProc));
