@@ -3,6 +3,8 @@
 // collapse into the output. Memory mode keeps everything in buffers; disk
 // mode moves the source, the weight planes and the weight pyramid to three
 // scratch files named by the caller and reuses `images` twice.
+#include <pthread.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -15,6 +17,7 @@
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
 #include "fusion/bands.hpp"
+#include "fusion/photo_stats.hpp"
 #include "fusion/pyramid.hpp"
 #include "fusion/scratch.hpp"
 #include "fusion/stages.hpp"
@@ -37,6 +40,40 @@ namespace {
 // The size of the block buffer of disk mode: a few dozen rows of every photo
 // of a large stack, so that each block makes a band per thread.
 constexpr std::size_t kBlockBytes = std::size_t(4) << 20;
+
+// A job on a helper thread while the calling thread does something else;
+// finish() joins it, or runs it there when its thread would not start.
+template <class F>
+class Beside {
+public:
+    Beside(F& f, bool wanted) noexcept : f_(f), wanted_(wanted) {
+        started_ = wanted && pthread_create(&thread_, nullptr, &Beside::entry, this) == 0;
+    }
+    void finish() noexcept {
+        if (started_) pthread_join(thread_, nullptr);
+        else if (wanted_) f_();
+        started_ = wanted_ = false;
+    }
+    ~Beside() { finish(); }
+    Beside(const Beside&) = delete;
+    Beside& operator=(const Beside&) = delete;
+
+private:
+    static void* entry(void* self) {
+        static_cast<Beside*>(self)->f_();
+        return nullptr;
+    }
+    F& f_;
+    bool wanted_, started_ = false;
+    pthread_t thread_{};
+};
+
+// Writes each page of a buffer once with the byte it holds: its first-touch
+// fault is taken here, and no byte changes.
+void touchPages(void* p, std::size_t bytes) noexcept {
+    auto* b = static_cast<volatile unsigned char*>(p);
+    for (std::size_t i = 0; i < bytes; i += 4096) b[i] = b[i];
+}
 
 // Level 0 of `work` from photo `photo`: 16-bit samples on a 15-bit scale.
 void toPipeline(const void* src, int bspIn, std::size_t n, std::uint16_t* dst) noexcept {
@@ -149,6 +186,8 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             nbProc = 0;
         }
     }
+    Owned<int> statsAside;
+    int statsResult = 0;
     Owned<unsigned char> rowBuffer;
     // Disk mode reads its scratch files by blocks of rows into `block` where
     // they are read row by row through the row buffer: fewer, larger reads,
@@ -164,7 +203,21 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         block = makeOwned<unsigned char>(blockBytes);
         if (!block) blockBytes = 0;
         const std::size_t count = photos * pixels * channels;
+        // The copy takes a while on the calling thread; beside it, on the
+        // host's second thread, a helper counts the brightness statistics
+        // (they read the photos only) and touches the pages of the buffer
+        // that takes the weight pyramid, so that the stages after the
+        // weights meet no first-touch page faults there.
+        if (threads > 1) statsAside = makeOwned<int>(5 * (photos > 0 ? photos : 1));
+        auto aside = [&] {
+            int* st = statsAside.get();
+            statsResult = photo_stats(nbPhotos, width, height, channels, bspIn, images, st, st + photos,
+                                      st + 2 * photos, st + 3 * photos, st + 4 * photos, threads - 1);
+            touchPages(pipeline, lenPyr * static_cast<std::size_t>(channels) * (floatWork ? 4 : 2));
+        };
+        Beside<decltype(aside)> helper(aside, statsAside != nullptr);
         const std::size_t written = std::fwrite(images, inBytes, count, fpSource.get());
+        helper.finish();
         if constexpr (traceFlow)
             std::fprintf(stderr, "retour dump: %d     readFromDisk: %d\n", static_cast<int>(written),
                          files->readFromDisk);
@@ -198,6 +251,8 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     diskRows.block = block.get();
     diskRows.blockBytes = blockBytes;
     diskRows.fpPoids = fpPoids.get();
+    diskRows.stats = statsAside.get();
+    diskRows.statsResult = statsResult;
     const int r1 = adjust1(nbProc, fusionParams, nbPhotos, width, height, channels, bspIn,
                            bitDepthPoids, bspOut == 32, unusedScale, exposureTimes, disk,
                            fpSource.get(), rowBuffer.get(), images, indexFixedExpo, ghostMask, work,

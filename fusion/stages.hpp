@@ -29,6 +29,10 @@ struct DiskRows {
     std::size_t blockBytes = 0;
     std::FILE* fpPoids = nullptr;
     bool poidsWritten = false;
+    // The statistics of photo_stats when they were counted already (five
+    // runs of nbPhotos values in the order of its arguments), and its result.
+    const int* stats = nullptr;
+    int statsResult = 0;
 };
 
 // One weight plane per photo into `poids`; 0 or a negative status. The

@@ -512,10 +512,17 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
         !photoFactor)
         return -4;
 
-    if (photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
-                    surexNivo.get(), medianLevel.get(), photoOrder.get(),
-                    nbProc > 1 ? nbProc : (diskRows ? diskRows->threads : 1)) < 0)
-        photoBias = 0.0f;
+    int statsResult;
+    if (diskRows != nullptr && diskRows->stats != nullptr) {
+        int* into[5] = {percNoisy.get(), percSat.get(), surexNivo.get(), medianLevel.get(), photoOrder.get()};
+        for (int k = 0; k < 5; ++k) std::memcpy(into[k], diskRows->stats + k * n, n * sizeof(int));
+        statsResult = diskRows->statsResult;
+    } else {
+        statsResult = photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
+                                  surexNivo.get(), medianLevel.get(), photoOrder.get(),
+                                  nbProc > 1 ? nbProc : (diskRows ? diskRows->threads : 1));
+    }
+    if (statsResult < 0) photoBias = 0.0f;
     if constexpr (traceProbe)
         for (int p = 0; p < nbPhotos; ++p)
             std::fprintf(stderr, "photo%d -  perc noisy: %d   sat: %d      surexNivo: %d\n", p,
