@@ -286,7 +286,12 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         // The count is formed with the weight depth, not the fusion depth:
         // with 8-bit weights only the front of a 16-bit fused pyramid is
         // cleared, and its low-pass level keeps what `images` held there.
-        std::memset(fused, 0, wBytes * static_cast<std::size_t>(channels) * lenPyr);
+        // Bytes that the bias of a 16-bit pyramid fills next are left to it.
+        const std::size_t clearBytes = wBytes * static_cast<std::size_t>(channels) * lenPyr;
+        std::size_t biasBytes = 0;
+        if (bitDepthFusion == 16) biasBytes = static_cast<std::size_t>(biasedPixels) * channels * 2;
+        if (biasBytes < clearBytes)
+            std::memset(static_cast<unsigned char*>(fused) + biasBytes, 0, clearBytes - biasBytes);
     } else {
         fusedOwned = makeOwnedZeroed<unsigned char>(lenPyr * static_cast<std::size_t>(channels) * fBytes);
         if (!fusedOwned) return -4;
