@@ -40,6 +40,7 @@ namespace {
 // The size of the block buffer of disk mode: a few dozen rows of every photo
 // of a large stack, so that each block makes a band per thread.
 constexpr std::size_t kBlockBytes = std::size_t(4) << 20;
+std::size_t blockBytesWanted = kBlockBytes;  // see testing::setScratchBlockBytes
 
 // A job on a helper thread while the calling thread does something else;
 // finish() joins it, or runs it there when its thread would not start.
@@ -199,9 +200,11 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         const std::size_t rowBufferBytes = photos * static_cast<std::size_t>(width) * channels * inBytes;
         rowBuffer = makeOwnedZeroed<unsigned char>(rowBufferBytes);
         if (!rowBuffer) return -4;
-        blockBytes = rowBufferBytes > kBlockBytes ? rowBufferBytes : kBlockBytes;
-        block = makeOwned<unsigned char>(blockBytes);
-        if (!block) blockBytes = 0;
+        if (blockBytesWanted > 0) {
+            blockBytes = rowBufferBytes > blockBytesWanted ? rowBufferBytes : blockBytesWanted;
+            block = makeOwned<unsigned char>(blockBytes);
+            if (!block) blockBytes = 0;
+        }
         const std::size_t count = photos * pixels * channels;
         // The copy takes a while on the calling thread; beside it, on the
         // host's second thread, a helper counts the brightness statistics
@@ -409,6 +412,12 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
 }
 
 }  // namespace
+
+namespace testing {
+void setScratchBlockBytes(std::size_t bytes) noexcept { blockBytesWanted = bytes; }
+void resetScratchBlockBytes() noexcept { blockBytesWanted = kBlockBytes; }
+}  // namespace testing
+
 }  // namespace ol
 
 extern "C" {

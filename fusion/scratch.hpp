@@ -28,4 +28,12 @@ inline int readScratchBlock(std::FILE* f, std::int64_t off, void* dst, std::size
     return std::fread(dst, 1, bytes, f) == bytes ? 1 : 0;
 }
 
+namespace testing {
+// The block buffer of disk mode for the following ol_fusion calls: `bytes`
+// (raised to one row of every photo), or none at all for 0, so that every
+// scratch read goes row by row. Tests only; the static library has it.
+void setScratchBlockBytes(std::size_t bytes) noexcept;
+void resetScratchBlockBytes() noexcept;
+}  // namespace testing
+
 }  // namespace ol
