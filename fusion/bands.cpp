@@ -9,8 +9,6 @@ namespace {
 // a thread costs some tens of microseconds, and a whole 6000x4000 fusion
 // starts about a hundred; small images still take the banded paths.
 constexpr std::size_t kMinSplit = 256;
-// More bands than this gain nothing on any machine the library targets.
-constexpr int kMaxBands = 64;
 
 struct Band {
     void (*fn)(void*, int, int, int);
@@ -24,17 +22,10 @@ void* bandThread(void* arg) {
     return nullptr;
 }
 
-}  // namespace
-
-void runBandsRaw(int threads, int rows, std::size_t workPerRow, void (*fn)(void*, int, int, int),
-                 void* ctx) noexcept {
-    if (rows <= 0) return;
-    int bands = threads < kMaxBands ? threads : kMaxBands;
-    if (bands > rows) bands = rows;
-    if (bands <= 1 || workPerRow * static_cast<std::size_t>(rows) < kMinSplit) {
-        fn(ctx, 0, 0, rows);
-        return;
-    }
+// Bands [0, bands) of `rows`; bands [0, onThreads) start on threads of
+// their own, the calling thread runs `side` (if any) and then the rest.
+void runSplit(int bands, int onThreads, int rows, void (*fn)(void*, int, int, int), void* ctx,
+              void (*side)(void*), void* sideCtx) noexcept {
     Band band[kMaxBands];
     pthread_t handle[kMaxBands];
     bool started[kMaxBands] = {};
@@ -45,12 +36,41 @@ void runBandsRaw(int threads, int rows, std::size_t workPerRow, void (*fn)(void*
         band[t] = Band{fn, ctx, t, first, count};
         first += count;
     }
-    for (int t = 0; t + 1 < bands; ++t)
+    for (int t = 0; t < onThreads; ++t)
         started[t] = pthread_create(&handle[t], nullptr, bandThread, &band[t]) == 0;
+    if (side != nullptr) side(sideCtx);
     for (int t = 0; t < bands; ++t)
         if (!started[t]) bandThread(&band[t]);
-    for (int t = 0; t + 1 < bands; ++t)
+    for (int t = 0; t < onThreads; ++t)
         if (started[t]) pthread_join(handle[t], nullptr);
+}
+
+int bandsFor(int threads, int rows) noexcept {
+    int bands = threads < kMaxBands ? threads : kMaxBands;
+    return bands > rows ? rows : bands;
+}
+
+}  // namespace
+
+void runBandsRaw(int threads, int rows, std::size_t workPerRow, void (*fn)(void*, int, int, int),
+                 void* ctx) noexcept {
+    if (rows <= 0) return;
+    const int bands = bandsFor(threads, rows);
+    if (bands <= 1 || workPerRow * static_cast<std::size_t>(rows) < kMinSplit) {
+        fn(ctx, 0, 0, rows);
+        return;
+    }
+    runSplit(bands, bands - 1, rows, fn, ctx, nullptr, nullptr);
+}
+
+void runBandsBesideRaw(int threads, int rows, void (*fn)(void*, int, int, int), void* ctx,
+                       void (*side)(void*), void* sideCtx) noexcept {
+    if (rows <= 0) {
+        side(sideCtx);
+        return;
+    }
+    const int bands = bandsFor(threads < 1 ? 1 : threads, rows);
+    runSplit(bands, bands, rows, fn, ctx, side, sideCtx);
 }
 
 }  // namespace ol

@@ -87,7 +87,8 @@ void blendSpan16(const std::uint16_t* __restrict s, const std::int32_t* __restri
 int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, int bitDepthFusion,
                  int bitDepthPoids, int wrapX, int diskRows, std::FILE* fpPyramPoids,
                  void* rowBuffer, int offPoids, int initFine, int initCoarse, void* scratch,
-                 const void* pyrPoids, const void* work, void* fused, int threads) noexcept {
+                 const void* pyrPoids, const void* work, void* fused, int threads, void* block,
+                 std::size_t blockBytes) noexcept {
     if constexpr (traceProbe)
         std::fprintf(stderr,
                      "fusion22et23  up %d x %d   to  %d x %d    total coarse: %d  fine: %d  -  initFine: %d  coarse: %d  fromDisk: %d  \n",
@@ -102,13 +103,18 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
         const auto* w16 = static_cast<const std::uint16_t*>(work);
         auto* f16 = static_cast<std::uint16_t*>(fused);
         const std::uint16_t* coarse = w16 + initCoarse;
-        // Rows [y0, y1); each writes only its own row of `fused`.
-        auto blendRows = [&](int y0, int y1) -> int {
+        // Rows [y0, y1); each writes only its own row of `fused`. With
+        // `held`, the weights of rows from `heldFirst` on stand there,
+        // already read from the file.
+        auto blendRows = [&](int y0, int y1, const unsigned char* held, int heldFirst) -> int {
         for (int y = y0; y < y1; ++y) {
             const void* wrow = nullptr;
             std::size_t wfirst = 0;
             if (bitDepthPoids == 8 || bitDepthPoids == 16) {
-                if (diskRows) {
+                if (held != nullptr) {
+                    wrow = held;
+                    wfirst = static_cast<std::size_t>(y - heldFirst) * wFine;
+                } else if (diskRows) {
                     const std::int64_t off =
                         (static_cast<std::int64_t>(offPoids) + static_cast<std::int64_t>(y) * wFine) * wBytes;
                     if (!seekScratch(fpPyramPoids, off)) return -3;
@@ -174,12 +180,32 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
         }
         return 0;
         };
-        // Weights read row by row from the file follow one file position:
-        // that level stays on the calling thread.
-        if (diskRows) {
-            if (blendRows(0, hFine) < 0) return -3;
+        // Weights from the file follow one file position: blocks of rows
+        // are read on the calling thread, then blended in bands. What no
+        // block holds (a block that cannot be read whole, or no block
+        // buffer) is read and blended row by row, where a failed read has
+        // its own code and line.
+        int y0 = 0;
+        if (diskRows && (bitDepthPoids == 8 || bitDepthPoids == 16)) {
+            const std::size_t wRowBytes = static_cast<std::size_t>(wFine) * wBytes;
+            const std::size_t perBlock = block != nullptr && wRowBytes > 0 ? blockBytes / wRowBytes : 0;
+            const int blockRows = perBlock < static_cast<std::size_t>(hFine) ? static_cast<int>(perBlock) : hFine;
+            for (; blockRows > 0 && y0 < hFine; y0 += blockRows) {
+                const int n = hFine - y0 < blockRows ? hFine - y0 : blockRows;
+                const std::int64_t off = (static_cast<std::int64_t>(offPoids) + static_cast<std::int64_t>(y0) * wFine) * wBytes;
+                const auto* held = static_cast<const unsigned char*>(block);
+                const int got = readScratchBlock(fpPyramPoids, off, block, static_cast<std::size_t>(n) * wRowBytes);
+                if (got < 0) return -3;
+                if (got == 0) break;
+                runBands(threads, n, rowSamples, [&](int first, int count) {
+                    blendRows(y0 + first, y0 + first + count, held, y0);
+                });
+            }
+            if (blendRows(y0, hFine, nullptr, 0) < 0) return -3;
         } else {
-            runBands(threads, hFine, rowSamples, [&](int first, int count) { blendRows(first, first + count); });
+            // Other weight depths read nothing here, from memory or file.
+            runBands(threads, hFine, rowSamples,
+                     [&](int first, int count) { blendRows(first, first + count, nullptr, 0); });
         }
     } else if (bitDepthFusion == 32) {
         // Float pyramids have no row-wise disk path: without an in-memory
@@ -238,7 +264,8 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
 
 int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitDepthFusion,
              int bitDepthPoids, int wrapX, const void* pyrPoids, std::FILE* fpPyramPoids,
-             void* rowBuffer, void* work, void* fused, int threads) noexcept {
+             void* rowBuffer, void* work, void* fused, int threads, void* block,
+             std::size_t blockBytes) noexcept {
     const bool disk = pyrPoids == nullptr;
     if (disk && fpPyramPoids == nullptr) return -1;
     const int wBytes = bitDepthPoids / 8;
@@ -272,7 +299,7 @@ int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitD
         }
         const int r = fusion22et23(w, h, wc, hc, channels, bitDepthFusion, bitDepthPoids, wrapX,
                                    disk && k == 0, fpPyramPoids, rowBuffer, offPoids, initFine,
-                                   initCoarse, nullptr, levelPoids, work, fused, threads);
+                                   initCoarse, nullptr, levelPoids, work, fused, threads, block, blockBytes);
         if constexpr (traceBlend) std::fprintf(stderr, "retour fusion22et23: %d\n", r);
         if (r < 0) return r;
         positPoidsPyram += static_cast<std::int64_t>(w) * h;

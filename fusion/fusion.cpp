@@ -3,6 +3,8 @@
 // collapse into the output. Memory mode keeps everything in buffers; disk
 // mode moves the source, the weight planes and the weight pyramid to three
 // scratch files named by the caller and reuses `images` twice.
+#include <pthread.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -15,6 +17,7 @@
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
 #include "fusion/bands.hpp"
+#include "fusion/photo_stats.hpp"
 #include "fusion/pyramid.hpp"
 #include "fusion/scratch.hpp"
 #include "fusion/stages.hpp"
@@ -33,6 +36,45 @@ int fusion_progress(OlProgressFn progress, float fraction) noexcept {
 }
 
 namespace {
+
+// The size of the block buffer of disk mode: a few dozen rows of every photo
+// of a large stack, so that each block makes a band per thread.
+constexpr std::size_t kBlockBytes = std::size_t(4) << 20;
+std::size_t blockBytesWanted = kBlockBytes;  // see testing::setScratchBlockBytes
+
+// A job on a helper thread while the calling thread does something else;
+// finish() joins it, or runs it there when its thread would not start.
+template <class F>
+class Beside {
+public:
+    Beside(F& f, bool wanted) noexcept : f_(f), wanted_(wanted) {
+        started_ = wanted && pthread_create(&thread_, nullptr, &Beside::entry, this) == 0;
+    }
+    void finish() noexcept {
+        if (started_) pthread_join(thread_, nullptr);
+        else if (wanted_) f_();
+        started_ = wanted_ = false;
+    }
+    ~Beside() { finish(); }
+    Beside(const Beside&) = delete;
+    Beside& operator=(const Beside&) = delete;
+
+private:
+    static void* entry(void* self) {
+        static_cast<Beside*>(self)->f_();
+        return nullptr;
+    }
+    F& f_;
+    bool wanted_, started_ = false;
+    pthread_t thread_{};
+};
+
+// Writes each page of a buffer once with the byte it holds: its first-touch
+// fault is taken here, and no byte changes.
+void touchPages(void* p, std::size_t bytes) noexcept {
+    auto* b = static_cast<volatile unsigned char*>(p);
+    for (std::size_t i = 0; i < bytes; i += 4096) b[i] = b[i];
+}
 
 // Level 0 of `work` from photo `photo`: 16-bit samples on a 15-bit scale.
 void toPipeline(const void* src, int bspIn, std::size_t n, std::uint16_t* dst) noexcept {
@@ -145,12 +187,40 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             nbProc = 0;
         }
     }
+    Owned<int> statsAside;
+    int statsResult = 0;
     Owned<unsigned char> rowBuffer;
+    // Disk mode reads its scratch files by blocks of rows into `block` where
+    // they are read row by row through the row buffer: fewer, larger reads,
+    // and rows that the stages can split among the threads. It holds at
+    // least one row of every photo; without it the rows are read one by one.
+    Owned<unsigned char> block;
+    std::size_t blockBytes = 0;
     if (disk) {
-        rowBuffer = makeOwnedZeroed<unsigned char>(photos * static_cast<std::size_t>(width) * channels * inBytes);
+        const std::size_t rowBufferBytes = photos * static_cast<std::size_t>(width) * channels * inBytes;
+        rowBuffer = makeOwnedZeroed<unsigned char>(rowBufferBytes);
         if (!rowBuffer) return -4;
+        if (blockBytesWanted > 0) {
+            blockBytes = rowBufferBytes > blockBytesWanted ? rowBufferBytes : blockBytesWanted;
+            block = makeOwned<unsigned char>(blockBytes);
+            if (!block) blockBytes = 0;
+        }
         const std::size_t count = photos * pixels * channels;
+        // The copy takes a while on the calling thread; beside it, on the
+        // host's second thread, a helper counts the brightness statistics
+        // (they read the photos only) and touches the pages of the buffer
+        // that takes the weight pyramid, so that the stages after the
+        // weights meet no first-touch page faults there.
+        if (threads > 1) statsAside = makeOwned<int>(5 * (photos > 0 ? photos : 1));
+        auto aside = [&] {
+            int* st = statsAside.get();
+            statsResult = photo_stats(nbPhotos, width, height, channels, bspIn, images, st, st + photos,
+                                      st + 2 * photos, st + 3 * photos, st + 4 * photos, threads - 1);
+            touchPages(pipeline, lenPyr * static_cast<std::size_t>(channels) * (floatWork ? 4 : 2));
+        };
+        Beside<decltype(aside)> helper(aside, statsAside != nullptr);
         const std::size_t written = std::fwrite(images, inBytes, count, fpSource.get());
+        helper.finish();
         if constexpr (traceFlow)
             std::fprintf(stderr, "retour dump: %d     readFromDisk: %d\n", static_cast<int>(written),
                          files->readFromDisk);
@@ -159,6 +229,8 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             fpPoids.reset();
             fpPyramPoids.reset();
             rowBuffer.reset();
+            block.reset();
+            blockBytes = 0;
             disk = false;
         }
     }
@@ -177,17 +249,31 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         if (!poidsOwned) return -4;
         poids = poidsOwned.get();
     }
+    DiskRows diskRows;
+    diskRows.threads = threads;
+    diskRows.block = block.get();
+    diskRows.blockBytes = blockBytes;
+    diskRows.fpPoids = fpPoids.get();
+    diskRows.stats = statsAside.get();
+    diskRows.statsResult = statsResult;
     const int r1 = adjust1(nbProc, fusionParams, nbPhotos, width, height, channels, bspIn,
                            bitDepthPoids, bspOut == 32, unusedScale, exposureTimes, disk,
                            fpSource.get(), rowBuffer.get(), images, indexFixedExpo, ghostMask, work,
-                           poids);
+                           poids, disk ? &diskRows : nullptr);
     if constexpr (traceFlow) std::fprintf(stderr, "retour adjust1: %d\n", r1);
     if (r1 < 0) return r1;
     fusion_progress(progress, start);
 
     if (disk) {
+        // The weight stage may have written the planes already, block by
+        // block; else (or after a failed write there) they go in one write
+        // from the start of the file.
         const std::size_t count = pixels * photos;
-        const std::size_t written = std::fwrite(poids, wBytes, count, fpPoids.get());
+        std::size_t written = count;
+        if (!diskRows.poidsWritten) {
+            std::fseek(fpPoids.get(), 0, SEEK_SET);
+            written = std::fwrite(poids, wBytes, count, fpPoids.get());
+        }
         if constexpr (traceFlow) std::fprintf(stderr, "retour dump poids: %d\n", static_cast<int>(written));
         if (written != count) return -2;
     }
@@ -203,7 +289,12 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         // The count is formed with the weight depth, not the fusion depth:
         // with 8-bit weights only the front of a 16-bit fused pyramid is
         // cleared, and its low-pass level keeps what `images` held there.
-        std::memset(fused, 0, wBytes * static_cast<std::size_t>(channels) * lenPyr);
+        // Bytes that the bias of a 16-bit pyramid fills next are left to it.
+        const std::size_t clearBytes = wBytes * static_cast<std::size_t>(channels) * lenPyr;
+        std::size_t biasBytes = 0;
+        if (bitDepthFusion == 16) biasBytes = static_cast<std::size_t>(biasedPixels) * channels * 2;
+        if (biasBytes < clearBytes)
+            std::memset(static_cast<unsigned char*>(fused) + biasBytes, 0, clearBytes - biasBytes);
     } else {
         fusedOwned = makeOwnedZeroed<unsigned char>(lenPyr * static_cast<std::size_t>(channels) * fBytes);
         if (!fusedOwned) return -4;
@@ -258,7 +349,25 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         // The photo to level 0 of work (in disk mode over the weight pyramid,
         // which now lives only in its file).
         if (disk) {
-            for (int y = 0; y < height; ++y) {
+            // Blocks of rows first, converted in bands; the rows no block
+            // holds one by one.
+            const std::size_t rowBytes = rowSamples * inBytes;
+            const std::size_t perBlock = rowBytes > 0 ? blockBytes / rowBytes : 0;
+            const int blockRows = perBlock < static_cast<std::size_t>(height) ? static_cast<int>(perBlock) : height;
+            int y0 = 0;
+            for (; blockRows > 0 && y0 < height; y0 += blockRows) {
+                const int n = height - y0 < blockRows ? height - y0 : blockRows;
+                const std::int64_t off = (static_cast<std::int64_t>(i) * height + y0) * static_cast<std::int64_t>(rowBytes);
+                const int got = readScratchBlock(fpSource.get(), off, block.get(), static_cast<std::size_t>(n) * rowBytes);
+                if (got < 0) return -3;
+                if (got == 0) break;
+                runBands(threads, n, rowSamples, [&](int first, int count) {
+                    toPipeline(block.get() + static_cast<std::size_t>(first) * rowBytes, bspIn,
+                               static_cast<std::size_t>(count) * rowSamples,
+                               work16 + static_cast<std::size_t>(y0 + first) * rowSamples);
+                });
+            }
+            for (int y = y0; y < height; ++y) {
                 const std::int64_t off = (static_cast<std::int64_t>(i) * height + y) *
                                          static_cast<std::int64_t>(rowSamples * inBytes);
                 if (!seekScratch(fpSource.get(), off)) return -3;
@@ -283,7 +392,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         }
         const int r22 = fusion22(nivo, width, height, channels, bspOut, bitDepthFusion, bitDepthPoids, wrapX,
                                  disk ? nullptr : weightArea, fpPyramPoids.get(), rowBuffer.get(), pipeline, fused,
-                                 threads);
+                                 threads, block.get(), blockBytes);
         if (r22 < 0) return r22;
         const int k = nbPhotos - i;
         fusion_progress(progress, start + span * static_cast<float>(k) / static_cast<float>(nbPhotos));
@@ -292,6 +401,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     fpPoids.reset();
     fpPyramPoids.reset();
     rowBuffer.reset();
+    block.reset();
     poidsOwned.reset();
 
     const int r3 = fusion3(fusionParams, nivo, width, height, channels, bspOut, bitDepthFusion, outStride,
@@ -302,6 +412,12 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
 }
 
 }  // namespace
+
+namespace testing {
+void setScratchBlockBytes(std::size_t bytes) noexcept { blockBytesWanted = bytes; }
+void resetScratchBlockBytes() noexcept { blockBytesWanted = kBlockBytes; }
+}  // namespace testing
+
 }  // namespace ol
 
 extern "C" {

@@ -14,6 +14,7 @@
 #include "frame/alloc.hpp"
 #include "frame/numeric.hpp"
 #include "frame/trace.hpp"
+#include "fusion/bands.hpp"
 #include "fusion/photo_stats.hpp"
 #include "fusion/scratch.hpp"
 #include "fusion/stages.hpp"
@@ -41,51 +42,85 @@ struct PixelWeight {
     float w;
 };
 
+// Where a pass finds its samples and puts its weights. The samples of photo
+// p, row y, lie in `images` (memory), in the row buffer (disk mode, one row
+// of every photo at a time) or in `block` (disk mode, `blockRows` rows of
+// every photo from row `blockFirst`, photo after photo).
+struct WeightJob {
+    int nbPhotos, width, height, channels, bspIn, bitDepthPoids;
+    const float* fvalCurve;
+    const float* sharpen;
+    const float* photoFactor;
+    bool disk;
+    std::FILE* fpSource;
+    unsigned char* rowBuffer;
+    const unsigned char* images;
+    bool removeGhost;
+    const int* notMerged;
+    const unsigned char* ghostMask;
+    void* poids;
+    const float* scaled;  // 8-bit samples: the curves times the three coefficients
+    const unsigned char* block;
+    int blockFirst, blockRows;
+};
+
 // S: sample type (void for samples that are not read), W: weight element.
 //
 // A row at a time: the raw weights of every photo over the row, then the
 // ghost overrides, then the normalisation over the photos in straight loops.
 // `scratch` holds nbPhotos + 2 rows of floats.
 template <class S, class W>
-int weightRows(int nbPhotos, int width, int rows, int height, int channels, int bspIn,
-               int bitDepthPoids, const float* fvalCurve, const float* sharpen,
-               const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
-               const void* images, bool removeGhost, const int* notMerged,
-               const unsigned char* ghostMask, void* poids, float* scratch,
-               const float* scaled) noexcept {
-    constexpr bool readsSamples = !std::is_void_v<S>;
-    const int levels = bspIn == 8 ? 256 : 65536;
-    const int o1 = (channels - 1) / 2, o2 = channels - 1;
-    const std::size_t planePixels = static_cast<std::size_t>(width) * height;
-    const std::size_t photoSamples = planePixels * channels;
-    const std::size_t rowSamples = static_cast<std::size_t>(width) * channels;
-    const int sampleBytes = bspIn / 8;
-    W* plane0 = static_cast<W*>(poids);
-    float* sum = scratch + static_cast<std::size_t>(nbPhotos) * width;
-    float* scale = sum + width;
-    int cntZero = 0;
+struct RowWeights {
+    static constexpr bool readsSamples = !std::is_void_v<S>;
+    const WeightJob& j;
+    int levels, o1, o2, sampleBytes;
+    std::size_t planePixels, photoSamples, rowSamples, rowBytes;
 
-    // Samples of photo p in row y (the row buffer in disk mode).
-    auto rowOf = [&](int p, int y) -> const unsigned char* {
-        if (disk) return static_cast<const unsigned char*>(rowBuffer) + p * rowSamples * sampleBytes;
-        return static_cast<const unsigned char*>(images) +
-               (p * photoSamples + static_cast<std::size_t>(y) * rowSamples) * sampleBytes;
-    };
+    explicit RowWeights(const WeightJob& job) noexcept
+        : j(job), levels(job.bspIn == 8 ? 256 : 65536), o1((job.channels - 1) / 2), o2(job.channels - 1),
+          sampleBytes(job.bspIn / 8), planePixels(static_cast<std::size_t>(job.width) * job.height),
+          photoSamples(planePixels * job.channels), rowSamples(static_cast<std::size_t>(job.width) * job.channels),
+          rowBytes(rowSamples * static_cast<std::size_t>(job.bspIn / 8)) {}
+
+    const unsigned char* rowOf(int p, int y) const noexcept {
+        if (!j.disk) return j.images + (p * photoSamples + static_cast<std::size_t>(y) * rowSamples) * sampleBytes;
+        if (j.block)
+            return j.block + (static_cast<std::size_t>(p) * j.blockRows + static_cast<std::size_t>(y - j.blockFirst)) * rowBytes;
+        return j.rowBuffer + p * rowBytes;
+    }
+
+    // Disk mode, row by row: row y of every photo into the row buffer.
+    int readRow(int y) const noexcept {
+        for (int p = 0; p < j.nbPhotos; ++p) {
+            const std::int64_t off =
+                (static_cast<std::int64_t>(p) * j.height + y) * static_cast<std::int64_t>(rowSamples) * sampleBytes;
+            if (!seekScratch(j.fpSource, off)) return -3;
+            const std::size_t got = std::fread(j.rowBuffer + p * rowBytes, sampleBytes, rowSamples, j.fpSource);
+            if (got != rowSamples) {
+                if constexpr (traceFlow)
+                    std::fprintf(stderr, "could not read fpSource - returned %d instead of %d  at  %d\n",
+                                 static_cast<int>(got), static_cast<int>(rowSamples), y);
+                return -3;
+            }
+        }
+        return 0;
+    }
+
     // No sample is read at other depths: fval stays at 0 there.
-    auto weighOne = [&](int p, const unsigned char* row, int x) {
+    PixelWeight weighOne(int p, const unsigned char* row, int x) const noexcept {
         PixelWeight r{0, 0, 0, 0.0f, 0, 0.0f};
         if constexpr (readsSamples) {
-            const S* smp = reinterpret_cast<const S*>(row) + static_cast<std::size_t>(x) * channels;
+            const S* smp = reinterpret_cast<const S*>(row) + static_cast<std::size_t>(x) * j.channels;
             r.c0 = smp[0];
             r.c1 = smp[o1];
             r.c2 = smp[o2];
             if constexpr (sizeof(S) == 1) {
                 // The three products, taken from tables of this photo.
-                const float* t = scaled + static_cast<std::size_t>(p) * 768;
+                const float* t = j.scaled + static_cast<std::size_t>(p) * 768;
                 r.fval = t[r.c1] + t[256 + r.c0];
                 r.fval = r.fval + t[512 + r.c2];
             } else {
-                const float* curve = fvalCurve + static_cast<std::size_t>(p) * levels;
+                const float* curve = j.fvalCurve + static_cast<std::size_t>(p) * levels;
                 r.fval = 45875.2f * curve[r.c1] + 13107.2f * curve[r.c0];
                 r.fval = r.fval + 6553.6f * curve[r.c2];
             }
@@ -93,85 +128,89 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
         r.idx = truncToInt(r.fval);
         if (r.idx > 65535) r.idx = 65535;
         if (r.idx < 0) r.idx = 0;
-        r.w = sharpen[r.idx];
-        if (photoFactor[p] > 0.0f) r.w *= photoFactor[p];
+        r.w = j.sharpen[r.idx];
+        if (j.photoFactor[p] > 0.0f) r.w *= j.photoFactor[p];
         return r;
-    };
-    auto ghostPhoto = [&](std::size_t pix) {
-        for (int p = 0; p < nbPhotos; ++p)
-            if (notMerged[p] >= 0 && maskBit(ghostMask, static_cast<std::uint64_t>(notMerged[p]) * planePixels + pix))
+    }
+
+    int ghostPhoto(std::size_t pix) const noexcept {
+        for (int p = 0; p < j.nbPhotos; ++p)
+            if (j.notMerged[p] >= 0 &&
+                maskBit(j.ghostMask, static_cast<std::uint64_t>(j.notMerged[p]) * planePixels + pix))
                 return p;
         return -1;
-    };
+    }
 
-    for (int y = 0; y < rows; ++y) {
-        if (disk) {
-            for (int p = 0; p < nbPhotos; ++p) {
-                const std::int64_t off =
-                    (static_cast<std::int64_t>(p) * height + y) * static_cast<std::int64_t>(rowSamples) * sampleBytes;
-                if (!seekScratch(fpSource, off)) return -3;
-                void* dst = static_cast<unsigned char*>(rowBuffer) + p * rowSamples * sampleBytes;
-                const std::size_t got = std::fread(dst, sampleBytes, rowSamples, fpSource);
-                if (got != rowSamples) {
-                    if constexpr (traceFlow)
-                        std::fprintf(stderr, "could not read fpSource - returned %d instead of %d  at  %d\n",
-                                     static_cast<int>(got), static_cast<int>(rowSamples), y);
-                    return -3;
-                }
-            }
-        }
-        const std::size_t rowStart = static_cast<std::size_t>(y) * width;
-
-        // Printed pixels first, in the order of a pixel-by-pixel walk: the
-        // photos up to a ghost-forced one, each with its raw weight.
+    // The printed pixels of row y, in the order of a pixel-by-pixel walk: the
+    // photos up to a ghost-forced one, each with its raw weight.
+    void printRow(int y) const noexcept {
         if constexpr (traceProbe != 0 || traceMerge != 0) {
+            const std::size_t rowStart = static_cast<std::size_t>(y) * j.width;
             // Only columns 250 and 260 hold probe pixels; the sampling behind
             // traceMerge needs every column.
             const int xFirst = traceMerge != 0 ? 0 : 250;
-            const int xLast = traceMerge != 0 ? width - 1 : (width - 1 < 260 ? width - 1 : 260);
+            const int xLast = traceMerge != 0 ? j.width - 1 : (j.width - 1 < 260 ? j.width - 1 : 260);
             for (int x = xFirst; x <= xLast; ++x) {
                 if (!((traceProbe != 0 && isProbePixel(x, y)) || (traceMerge != 0 && isSampledPixel(x, y)))) continue;
-                const int forced = removeGhost ? ghostPhoto(rowStart + x) : -1;
-                for (int p = 0; p < nbPhotos; ++p) {
+                const int forced = j.removeGhost ? ghostPhoto(rowStart + x) : -1;
+                for (int p = 0; p < j.nbPhotos; ++p) {
                     if (p == forced) {
                         if constexpr (traceMerge)
                             if (isSampledPixel(x, y))
                                 std::fprintf(stderr, "*** ghostMask for photo%d  at  %d,%d\n", p, x, y);
                         break;
                     }
-                    const unsigned char* row = rowOf(p, y);
-                    const PixelWeight r = weighOne(p, row, x);
-                    const float* curve = fvalCurve + static_cast<std::size_t>(p) * levels;
-                    // The probe reads the buffer as bytes, whatever the depth:
-                    // byte k stands for sample k of an 8-bit stack.
-                    const std::size_t at = disk ? static_cast<std::size_t>(p) * rowSamples + static_cast<std::size_t>(x) * channels
-                                                : p * photoSamples + (rowStart + x) * channels;
-                    const unsigned char* b = static_cast<const unsigned char*>(disk ? rowBuffer : images) + at;
+                    const PixelWeight r = weighOne(p, rowOf(p, y), x);
+                    const float* curve = j.fvalCurve + static_cast<std::size_t>(p) * levels;
+                    // The probe reads the samples as bytes, whatever the depth:
+                    // byte k stands for sample k of an 8-bit stack. In disk mode
+                    // they are bytes of one row of every photo, one photo after
+                    // the other.
+                    unsigned char b[3];
+                    const int offs[3] = {0, o1, o2};
+                    for (int k = 0; k < 3; ++k) {
+                        if (j.disk) {
+                            const std::size_t at = static_cast<std::size_t>(p) * rowSamples +
+                                                   static_cast<std::size_t>(x) * j.channels + offs[k];
+                            b[k] = rowOf(static_cast<int>(at / rowBytes), y)[at % rowBytes];
+                        } else {
+                            b[k] = j.images[p * photoSamples + (rowStart + x) * j.channels + offs[k]];
+                        }
+                    }
                     std::fprintf(stderr,
                                  "photo%d  %d %d %d   %1.2f %1.2f %1.2f  fval: %1.2f -> %d  poids: %1.2f    %d,%d\n",
-                                 p, b[0], b[o1], b[o2], static_cast<double>(curve[r.c0]),
+                                 p, b[0], b[1], b[2], static_cast<double>(curve[r.c0]),
                                  static_cast<double>(curve[r.c1]), static_cast<double>(curve[r.c2]),
                                  static_cast<double>(r.fval), r.idx, static_cast<double>(r.w), x, y);
                 }
             }
         }
+    }
 
+    // The weights of row y into every plane; pixels without weight count in
+    // cntZero.
+    void weighRow(int y, float* scratch, int& cntZero) const noexcept {
+        const int width = j.width, nbPhotos = j.nbPhotos;
+        float* sum = scratch + static_cast<std::size_t>(nbPhotos) * width;
+        float* scale = sum + width;
+        W* plane0 = static_cast<W*>(j.poids);
+        const std::size_t rowStart = static_cast<std::size_t>(y) * width;
         // Raw weights, photo by photo.
         for (int p = 0; p < nbPhotos; ++p) {
             const unsigned char* row = rowOf(p, y);
             float* wrow = scratch + static_cast<std::size_t>(p) * width;
             if constexpr (std::is_same_v<S, std::uint8_t>) {
-                const float* t = scaled + static_cast<std::size_t>(p) * 768;
-                const float factor = photoFactor[p];
+                const float* t = j.scaled + static_cast<std::size_t>(p) * 768;
+                const float factor = j.photoFactor[p];
                 const bool useFactor = factor > 0.0f;
                 for (int x = 0; x < width; ++x) {
-                    const unsigned char* smp = row + static_cast<std::size_t>(x) * channels;
+                    const unsigned char* smp = row + static_cast<std::size_t>(x) * j.channels;
                     float fval = t[smp[o1]] + t[256 + smp[0]];
                     fval = fval + t[512 + smp[o2]];
                     // fval lies in 0 .. 65536: the conversion is exact.
                     std::int32_t idx = static_cast<std::int32_t>(fval);
                     idx = idx > 65535 ? 65535 : idx;
-                    float w = sharpen[idx];
+                    float w = j.sharpen[idx];
                     if (useFactor) w *= factor;
                     wrow[x] = w;
                 }
@@ -181,7 +220,7 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
         }
         // Ghost masks: the first photo in index order whose plane has the
         // pixel's bit set takes the pixel alone.
-        if (removeGhost) {
+        if (j.removeGhost) {
             for (int x = 0; x < width; ++x) {
                 const int forced = ghostPhoto(rowStart + x);
                 if (forced < 0) continue;
@@ -204,8 +243,8 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
             }
         } else {
             // A pixel without weight gets the scale 0 and so stores 0.
-            const float full = static_cast<float>(1 << bitDepthPoids);
-            const std::int32_t top = (1 << bitDepthPoids) - 1;
+            const float full = static_cast<float>(1 << j.bitDepthPoids);
+            const std::int32_t top = (1 << j.bitDepthPoids) - 1;
             for (int x = 0; x < width; ++x) scale[x] = sum[x] > 0.0f ? full / sum[x] : 0.0f;
             for (int p = 0; p < nbPhotos; ++p) {
                 const float* wrow = scratch + static_cast<std::size_t>(p) * width;
@@ -225,25 +264,121 @@ int weightRows(int nbPhotos, int width, int rows, int height, int channels, int 
             }
         }
     }
-    if constexpr (traceWeights) std::fprintf(stderr, " cntZero: %d\n", cntZero);
+};
+
+// Rows [y0, rows) one after the other (in disk mode each read from the file
+// first). 0 or -3.
+template <class S, class W>
+int weighRows(const WeightJob& job, int y0, int rows, float* scratch, int& cntZero) noexcept {
+    const RowWeights<S, W> rw(job);
+    for (int y = y0; y < rows; ++y) {
+        if (job.disk) {
+            const int r = rw.readRow(y);
+            if (r < 0) return r;
+        }
+        rw.printRow(y);
+        rw.weighRow(y, scratch, cntZero);
+    }
     return 0;
 }
 
+// Disk mode by blocks: blocks of rows of every photo are read in one go per
+// photo on the calling thread, their printed pixels are printed there in row
+// order, then the rows are weighed in bands. The rows land in the planes
+// exactly as row by row (the whole image is one slice, so mask bits count
+// from the first pixel), and the pixel counts add up. A block that cannot be
+// read whole, or offsets past what the file positions address, hand the rest
+// to the row-by-row reads, which give the failure its own code and line; so
+// do a block buffer smaller than one row of every photo and a failed
+// allocation of the bands' scratch rows.
+//
+// With the weight file, the calling thread writes the weights of the block
+// before while the bands weigh the next one (each plane's rows at their
+// place: the planes lie in the file as in `poids`). A write that fails ends
+// these writes; the driver then writes the planes whole, as without them.
+template <class S, class W>
+int weighBlocks(WeightJob job, DiskRows& dr, float* scratch, int& cntZero) noexcept {
+    const RowWeights<S, W> rw(job);
+    const std::size_t setBytes = rw.rowBytes * static_cast<std::size_t>(job.nbPhotos);
+    const int bands = dr.threads < 1 ? 1 : (dr.threads < kMaxBands ? dr.threads : kMaxBands);
+    const std::size_t scratchFloats = (static_cast<std::size_t>(job.nbPhotos) + 2) * job.width;
+    if (setBytes == 0 || dr.blockBytes < setBytes) return weighRows<S, W>(job, 0, job.height, scratch, cntZero);
+    Owned<float> bandScratch;
+    if (bands > 1) {
+        bandScratch = makeOwned<float>(scratchFloats * static_cast<std::size_t>(bands));
+        if (!bandScratch) return weighRows<S, W>(job, 0, job.height, scratch, cntZero);
+    }
+    const std::size_t perBlock = dr.blockBytes / setBytes;
+    const int blockRows = perBlock < static_cast<std::size_t>(job.height) ? static_cast<int>(perBlock) : job.height;
+    const std::int64_t fileBytes = static_cast<std::int64_t>(rw.photoSamples) * rw.sampleBytes * job.nbPhotos;
+    const std::size_t wBytes = sizeof(W);
+    const std::int64_t poidsBytes = static_cast<std::int64_t>(rw.planePixels) * job.nbPhotos * static_cast<std::int64_t>(wBytes);
+    bool writing = dr.fpPoids != nullptr && poidsBytes <= INT32_MAX;
+    int written = 0;  // rows of every plane in the weight file
+    // Rows [written, y) of every plane to the weight file.
+    auto writeRows = [&](int y) {
+        for (int p = 0; p < job.nbPhotos && writing && y > written; ++p) {
+            const std::size_t first = p * rw.planePixels + static_cast<std::size_t>(written) * job.width;
+            const std::size_t count = static_cast<std::size_t>(y - written) * job.width;
+            writing = seekScratch(dr.fpPoids, static_cast<std::int64_t>(first * wBytes)) &&
+                      std::fwrite(static_cast<const unsigned char*>(job.poids) + first * wBytes, wBytes, count,
+                                  dr.fpPoids) == count;
+        }
+        written = y;
+    };
+    int counts[kMaxBands] = {};
+    int y0 = 0;
+    for (; y0 < job.height && fileBytes <= INT32_MAX; y0 += blockRows) {
+        const int n = job.height - y0 < blockRows ? job.height - y0 : blockRows;
+        int got = 1;
+        for (int p = 0; p < job.nbPhotos && got > 0; ++p) {
+            const std::int64_t off =
+                (static_cast<std::int64_t>(p) * job.height + y0) * static_cast<std::int64_t>(rw.rowBytes);
+            got = readScratchBlock(job.fpSource, off, dr.block + static_cast<std::size_t>(p) * blockRows * rw.rowBytes,
+                                   static_cast<std::size_t>(n) * rw.rowBytes);
+        }
+        if (got < 0) return -3;
+        if (got == 0) break;
+        job.block = dr.block;
+        job.blockFirst = y0;
+        job.blockRows = blockRows;
+        const RowWeights<S, W> bw(job);
+        for (int y = y0; y < y0 + n; ++y) bw.printRow(y);
+        auto weigh = [&](int band, int first, int count) {
+            float* s = bands > 1 ? bandScratch.get() + scratchFloats * static_cast<std::size_t>(band) : scratch;
+            for (int y = y0 + first; y < y0 + first + count; ++y) bw.weighRow(y, s, counts[band]);
+        };
+        if (writing && y0 > written)
+            runBandsBeside(bands, n, weigh, [&] { writeRows(y0); });
+        else
+            runBandsIndexed(bands, n, setBytes, weigh);
+    }
+    for (int b = 0; b < bands; ++b) cntZero += counts[b];
+    job.block = nullptr;
+    const int r = weighRows<S, W>(job, y0, job.height, scratch, cntZero);
+    if (r == 0 && writing) {
+        writeRows(job.height);
+        dr.poidsWritten = writing && std::fflush(dr.fpPoids) == 0;
+    }
+    return r;
+}
+
+// Every row of the pass: in disk mode by blocks when a block buffer is
+// given, else row after row. 1 when the weight depth is none of 8, 16 and
+// 32 (nothing is written).
+template <class S, class W>
+int weighAll(const WeightJob& job, int rows, DiskRows* dr, float* scratch, int& cntZero) noexcept {
+    if (job.disk && dr != nullptr && dr->block != nullptr && rows == job.height)
+        return weighBlocks<S, W>(job, *dr, scratch, cntZero);
+    return weighRows<S, W>(job, 0, rows, scratch, cntZero);
+}
+
 template <class S>
-int weightRowsFor(int bitDepthPoids, int nbPhotos, int width, int rows, int height, int channels,
-                  int bspIn, const float* fvalCurve, const float* sharpen, const float* photoFactor,
-                  int disk, std::FILE* fpSource, void* rowBuffer, const void* images,
-                  bool removeGhost, const int* notMerged, const unsigned char* ghostMask,
-                  void* poids, float* weight, const float* scaled) noexcept {
-#define OL_WEIGHT_ROWS(W)                                                                     \
-    weightRows<S, W>(nbPhotos, width, rows, height, channels, bspIn, bitDepthPoids, fvalCurve, \
-                     sharpen, photoFactor, disk, fpSource, rowBuffer, images, removeGhost,     \
-                     notMerged, ghostMask, poids, weight, scaled)
-    if (bitDepthPoids == 8) return OL_WEIGHT_ROWS(std::uint8_t);
-    if (bitDepthPoids == 16) return OL_WEIGHT_ROWS(std::uint16_t);
-    if (bitDepthPoids == 32) return OL_WEIGHT_ROWS(float);
-#undef OL_WEIGHT_ROWS
-    return 0;
+int weighAllFor(const WeightJob& job, int rows, DiskRows* dr, float* scratch, int& cntZero) noexcept {
+    if (job.bitDepthPoids == 8) return weighAll<S, std::uint8_t>(job, rows, dr, scratch, cntZero);
+    if (job.bitDepthPoids == 16) return weighAll<S, std::uint16_t>(job, rows, dr, scratch, cntZero);
+    if (job.bitDepthPoids == 32) return weighAll<S, float>(job, rows, dr, scratch, cntZero);
+    return 1;
 }
 
 // The worker record of one thread.
@@ -298,7 +433,7 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
               int bitDepthPoids, const float* fvalCurve, const float* sharpen,
               const float* photoFactor, int disk, std::FILE* fpSource, void* rowBuffer,
               const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
-              void* poids) noexcept {
+              void* poids, DiskRows* diskRows) noexcept {
     const bool removeGhost = indexFixedExpo[0] >= 0 && ghostMask != nullptr;
     const std::size_t n = nbPhotos > 0 ? static_cast<std::size_t>(nbPhotos) : 1;
     Owned<int> notMerged = makeOwned<int>(n);
@@ -336,21 +471,26 @@ int aj1b_orig(int nbPhotos, int width, int rows, int height, int channels, int b
         std::fprintf(stderr, "aj1b_orig %d photos %d x %d   bps: %d    removeGhost: %d\n", nbPhotos,
                      width, rows, bspIn, removeGhost ? 1 : 0);
     }
-#define OL_WEIGHT_ROWS_FOR(S)                                                                    \
-    weightRowsFor<S>(bitDepthPoids, nbPhotos, width, rows, height, channels, bspIn, fvalCurve,    \
-                     sharpen, photoFactor, disk, fpSource, rowBuffer, images, removeGhost,        \
-                     notMerged.get(), ghostMask, poids, weight.get(), scaled)
-    if (bspIn == 8) return OL_WEIGHT_ROWS_FOR(std::uint8_t);
-    if (bspIn == 16) return OL_WEIGHT_ROWS_FOR(std::uint16_t);
-    return OL_WEIGHT_ROWS_FOR(void);
-#undef OL_WEIGHT_ROWS_FOR
+    const WeightJob job{nbPhotos, width, height, channels, bspIn, bitDepthPoids, fvalCurve, sharpen, photoFactor,
+                        disk != 0, fpSource, static_cast<unsigned char*>(rowBuffer),
+                        static_cast<const unsigned char*>(images), removeGhost, notMerged.get(), ghostMask, poids,
+                        scaled, nullptr, 0, 0};
+    int cntZero = 0;
+    int r;
+    if (bspIn == 8) r = weighAllFor<std::uint8_t>(job, rows, diskRows, weight.get(), cntZero);
+    else if (bspIn == 16) r = weighAllFor<std::uint16_t>(job, rows, diskRows, weight.get(), cntZero);
+    else r = weighAllFor<void>(job, rows, diskRows, weight.get(), cntZero);
+    if (r > 0) return 0;  // a weight depth that writes nothing
+    if constexpr (traceWeights)
+        if (r == 0) std::fprintf(stderr, " cntZero: %d\n", cntZero);
+    return r;
 }
 
 int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int height,
             int channels, int bspIn, int bitDepthPoids, int outIsFloat, float unusedScale,
             const float* exposureTimes, int disk, std::FILE* fpSource, void* rowBuffer,
             const void* images, const int* indexFixedExpo, const unsigned char* ghostMask,
-            void* work, void* poids) noexcept {
+            void* work, void* poids, DiskRows* diskRows) noexcept {
     const float p0 = fusionParams[0];
     float photoBias = fusionParams[1];
     const float highlightCut = fusionParams[2];
@@ -372,9 +512,17 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
         !photoFactor)
         return -4;
 
-    if (photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
-                    surexNivo.get(), medianLevel.get(), photoOrder.get(), nbProc) < 0)
-        photoBias = 0.0f;
+    int statsResult;
+    if (diskRows != nullptr && diskRows->stats != nullptr) {
+        int* into[5] = {percNoisy.get(), percSat.get(), surexNivo.get(), medianLevel.get(), photoOrder.get()};
+        for (int k = 0; k < 5; ++k) std::memcpy(into[k], diskRows->stats + k * n, n * sizeof(int));
+        statsResult = diskRows->statsResult;
+    } else {
+        statsResult = photo_stats(nbPhotos, width, height, channels, bspIn, images, percNoisy.get(), percSat.get(),
+                                  surexNivo.get(), medianLevel.get(), photoOrder.get(),
+                                  nbProc > 1 ? nbProc : (diskRows ? diskRows->threads : 1));
+    }
+    if (statsResult < 0) photoBias = 0.0f;
     if constexpr (traceProbe)
         for (int p = 0; p < nbPhotos; ++p)
             std::fprintf(stderr, "photo%d -  perc noisy: %d   sat: %d      surexNivo: %d\n", p,
@@ -460,7 +608,7 @@ int adjust1(int nbProc, const float* fusionParams, int nbPhotos, int width, int 
     if (nbProc <= 1) {
         return aj1b_orig(nbPhotos, width, height, height, channels, bspIn, bitDepthPoids,
                          curves.get(), sharpen, photoFactor.get(), disk, fpSource, rowBuffer,
-                         images, indexFixedExpo, ghostMask, poids);
+                         images, indexFixedExpo, ghostMask, poids, disk ? diskRows : nullptr);
     }
 
     Owned<Worker> workers = makeOwnedZeroed<Worker>(static_cast<std::size_t>(nbProc));
