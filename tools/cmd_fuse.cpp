@@ -43,7 +43,7 @@ const char* const kFuseHelp =
     "      --times LIST       exposure times in seconds, one a frame in the order\n"
     "                         given: 1/1000,1/250,1/60 (overrides Exif)\n"
     "      --times-file FILE  lines 'NAME TIME', one a frame (overrides Exif)\n"
-    "  -j, --threads N        threads for the weight stage (default: all cores)\n"
+    "  -j, --threads N        threads of the fusion (default: all cores)\n"
     "      --disk             keep the source, weights and weight pyramid in\n"
     "                         scratch files instead of memory (large stacks)\n"
     "      --scratch DIR      folder for those files (default $TMPDIR or /tmp);\n"
@@ -325,8 +325,9 @@ void runFuse(const FuseRequest& req, const Common& common, Progress& progress) {
         out.bps = fusedBits;
         out.pixels.resize(out.byteCount());
         std::memcpy(out.pixels.data(), work.get(), out.byteCount());
-        const int threads = diskUsed ? 1 : files.nbProc;
-        how = std::string(diskUsed ? "disk" : "memory") + " mode, " + counted(threads, "thread");
+        // Both modes run the fusion on the host's threads (disk mode weighs
+        // its rows by blocks, in bands, while the previous block is written).
+        how = std::string(diskUsed ? "disk" : "memory") + " mode, " + counted(files.nbProc, "thread");
         ghostFrame = indexFixedExpo[0];
     }
 
