@@ -62,7 +62,11 @@ inline std::vector<Call> calls(const std::string& inputs) {
         return b;
     }();
     static const Bytes stack = fustest::makeStack(3, w, h, 3, 8, 5);  // 2 stops apart
-    static const std::vector<std::uint16_t> stack16(stack.begin(), stack.begin() + w * h * 3);
+    static const std::vector<std::uint16_t> stack16 = [] {  // the first photo at 16 bits
+        std::vector<std::uint16_t> v(stack.begin(), stack.begin() + w * h * 3);
+        for (auto& x : v) x = static_cast<std::uint16_t>(x * 257);
+        return v;
+    }();
     static const std::string src = OL_SOURCE_DIR, psd8 = src + "/fuzz/corpus/psd_reader_fuzz/psd8rle.psd",
                              psd32 = src + "/fuzz/corpus/psd_reader_fuzz/psd32.psd";
     static const fustest::Job fusion = fustest::sized(23, 17);
