@@ -120,13 +120,13 @@ inline std::vector<Call> calls(const std::string& inputs) {
          [](auto&, Bytes& o) { return comp16qv(0, 0, 0, 20, 4, 3 * w, 60, 3, stack16.data(), sized(o, 4u * 60)); }},
         {"ol_io_rgbe_write", -4,
          [](const std::string& d, Bytes& o) {
-             const int r = ol_io_rgbe_write((d + "/out.hdr").c_str(), W, H, &exif, nullptr, "sRGB", rgbe.data());
+             const int r = ol_io_rgbe_write((d + "/out.hdr").c_str(), 32, 24, &exif, nullptr, "sRGB", rgbe.data());
              appendFile(o, d + "/out.hdr");
              return r;
          }},
         {"ol_write_strip_rgbe", -4,
          [](const std::string& d, Bytes& o) {
-             const int r = ol_write_strip_rgbe((d + "/strip.hdr").c_str(), 0, H, W, H, nullptr, rgbe.data());
+             const int r = ol_write_strip_rgbe((d + "/strip.hdr").c_str(), 0, 24, 32, 24, nullptr, rgbe.data());
              appendFile(o, d + "/strip.hdr");
              return r;
          }},
