@@ -37,24 +37,14 @@ struct Scratch {
 };
 
 Image gradient(int w, int h, int bps) {
-    Image img;
-    img.width = w;
-    img.height = h;
-    img.spp = 3;
-    img.bps = bps;
+    Image img{w, h, 3, bps, {}, {}, {}};
     img.pixels.resize(img.byteCount());
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 3; ++c) {
-                const unsigned v = (x * 37 + y * 11 + c * 101) * (bps == 16 ? 257u : 1u) & (bps == 16 ? 0xFFFF : 0xFF);
-                const std::size_t i = (static_cast<std::size_t>(y) * w + x) * 3 + c;
-                if (bps == 8)
-                    img.pixels[i] = static_cast<std::uint8_t>(v);
-                else {
-                    img.pixels[2 * i] = static_cast<std::uint8_t>(v & 0xFF);
-                    img.pixels[2 * i + 1] = static_cast<std::uint8_t>(v >> 8);
-                }
-            }
+    for (std::size_t i = 0; i < img.pixels.size() / (bps / 8); ++i) {  // sample i: pixel i / 3, colour i % 3
+        const std::size_t x = i / 3 % w, y = i / 3 / w, c = i % 3;
+        const unsigned v = (x * 37 + y * 11 + c * 101) * (bps == 16 ? 257u : 1u) & (bps == 16 ? 0xFFFF : 0xFF);
+        if (bps == 8) img.pixels[i] = static_cast<std::uint8_t>(v);
+        else img.pixels[2 * i] = static_cast<std::uint8_t>(v & 0xFF), img.pixels[2 * i + 1] = static_cast<std::uint8_t>(v >> 8);
+    }
     return img;
 }
 
