@@ -63,15 +63,24 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
     };
     auto levels = [&](const FrameVisit& f, std::size_t at) OL_TARGET_AVX2 {
         Stage g;
-        g.s = loadLanes<T, Kind>(static_cast<const T*>(f.samples) + at, stride, iMiddle, iLast);
-        __m256i ha = g.s.a, hb = g.s.b, hc = g.s.c;
-        if constexpr (sizeof(T) == 2) {
-            ha = _mm256_srli_epi32(ha, 8);
-            hb = _mm256_srli_epi32(hb, 8);
-            hc = _mm256_srli_epi32(hc, 8);
+        const T* p = static_cast<const T*>(f.samples) + at;
+        if constexpr (Kind == 3) {
+            LanesLevel l;
+            if constexpr (sizeof(T) == 1) l = load8x3Level(p);
+            else l = load16x3Level(p);
+            g.s = l.s;
+            g.ival = l.level;
+        } else {
+            g.s = loadLanes<T, Kind>(p, stride, iMiddle, iLast);
+            __m256i ha = g.s.a, hb = g.s.b, hc = g.s.c;
+            if constexpr (sizeof(T) == 2) {
+                ha = _mm256_srli_epi32(ha, 8);
+                hb = _mm256_srli_epi32(hb, 8);
+                hc = _mm256_srli_epi32(hc, 8);
+            }
+            g.ival = _mm256_add_epi32(_mm256_add_epi32(_mm256_mullo_epi32(ha, c54), _mm256_mullo_epi32(hb, c183)),
+                                      _mm256_mullo_epi32(hc, c19));
         }
-        g.ival = _mm256_add_epi32(_mm256_add_epi32(_mm256_mullo_epi32(ha, c54), _mm256_mullo_epi32(hb, c183)),
-                                  _mm256_mullo_epi32(hc, c19));
         g.saturated = _mm256_cmpgt_epi32(g.ival, _mm256_set1_epi32(f.saturation));
         return g;
     };
