@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "merge/lanes_avx2.hpp"
+#include "merge/merge_tables.hpp"
 
 namespace ol {
 namespace {
@@ -118,6 +119,17 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
         const RgbeRow row = rgbeRow(job.rgbe, job.width, y);
         const std::size_t rowStart = static_cast<std::size_t>(y) * job.width * stride;
         int x = 0;
+        // The current span of groups that hold markers, [spanStart, spanEnd).
+        int spanStart = -1, spanEnd = 0;
+        auto marked = [&](bool any) {
+            if (any) {
+                if (spanStart < 0) spanStart = x;
+                spanEnd = x + 8 < job.width ? x + 8 : job.width;
+            } else if (spanStart >= 0) {
+                if (job.spans) job.spans->add(y, spanStart, spanEnd);
+                spanStart = -1;
+            }
+        };
         for (; x + 8 <= job.width; x += 8) {
             const std::size_t at = rowStart + static_cast<std::size_t>(x) * stride;
             __m256 sW = zero, sR = zero, sG = zero, sB = zero;
@@ -141,6 +153,7 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
                     std::memset(row.g + x, 255, 8);
                     std::memset(row.b + x, 255, 8);
                     std::memset(row.e + x, 255, 8);
+                    marked(true);
                     continue;
                 }
                 // Stage 2: the sums, in frame order. A frame adds nothing that
@@ -211,7 +224,13 @@ OL_TARGET_AVX2 void rowsAvx2(const MergeJob& job, int y0, int y1, MergeStats& st
             std::memcpy(row.g + x, out + 8, 8);
             std::memcpy(row.b + x, out + 16, 8);
             std::memcpy(row.e + x, out + 24, 8);
+            const __m256i markers = _mm256_or_si256(_mm256_cmpeq_epi32(me, i0), _mm256_cmpeq_epi32(me, i255));
+            marked(!_mm256_testz_si256(markers, markers));
         }
+        // The row's tail joins the span whatever it holds; the marker pass
+        // looks at every pixel of a span.
+        if (x < job.width) marked(true);
+        marked(false);
         for (; x < job.width; ++x)
             mergePixel<T>(job, stride, rowStart + static_cast<std::size_t>(x) * stride, x, y, false, st, row);
     }
