@@ -4,8 +4,10 @@
 // (gathers from the same tables, separate multiplies and adds, the same
 // divisions, the luminance in double), so the bytes are identical; the
 // statistics are fed from the 8 lanes in pixel order by the same code as the
-// plain kernel. Selected at run time; the rest of the library does not need
-// AVX2.
+// plain kernel. It leaves out only work whose result is provably thrown away
+// or zero (frames cleared by a later reset, saturated frames, groups burnt
+// out in every frame; see rowsAvx2 and mergeRowsAvx2). Selected at run time;
+// the rest of the library does not need AVX2.
 #include "merge/merge_kernel.hpp"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
