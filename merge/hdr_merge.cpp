@@ -105,8 +105,15 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
                          noiseLevel[k] >> 8);
     }
 
-    Owned<float> weight = makeOwned<float>(n * kLevels);
+    // The weight tables, and behind them room for the spans of rows that
+    // hold markers, which the vector kernel records for the marker pass.
+    const std::size_t spanCapacity = 4 * static_cast<std::size_t>(height) + 1024;
+    const std::size_t spanFloats = (spanCapacity * sizeof(MarkerSpan) + sizeof(float) - 1) / sizeof(float);
+    Owned<float> weight = makeOwned<float>(n * kLevels + spanFloats);
     if (!weight) return -4;
+    MarkerSpans spans;
+    spans.at = reinterpret_cast<MarkerSpan*>(weight.get() + n * kLevels);
+    spans.capacity = spanCapacity;
     for (int k = 0; k < nPhotos; ++k) {
         const int sat = saturationLevel[k];
         const float beta = weightBeta(sat);
@@ -140,15 +147,15 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
     }
 
     MergeStats st;
-    const MergeJob job{nPhotos, width, height, spp, visits, lut, rgbe, true};
+    const MergeJob job{nPhotos, width, height, spp, visits, lut, rgbe, true, &spans};
     // The diagnostic line is printed from the plain kernel only.
-    if (traceMerge != 0 || !mergeRowsAvx2(job, bps, 0, height, st)) {
+    const bool vector = traceMerge == 0 && mergeRowsAvx2(job, bps, 0, height, st);
+    if (!vector) {
         if (bps == 8)
             mergeRowsPlain<std::uint8_t>(job, 0, height, st);
         else
             mergeRowsPlain<std::uint16_t>(job, 0, height, st);
     }
-    weight.reset();
 
     float mean = 0.0f;
     if (st.count > 0) mean = static_cast<float>(st.sum / static_cast<double>(st.count));
@@ -157,7 +164,7 @@ int ol_hdr_merge(int mode, int nPhotos, int width, int height, int spp, int bps,
     stats[2] = 256.0f * mean;
     if (mode == 2) return height;
 
-    replaceMarkers(width, height, st.minLum, st.maxLum, RgbeForm::Clamped, rgbe);
+    replaceMarkers(width, height, st.minLum, st.maxLum, RgbeForm::Clamped, rgbe, vector ? &spans : nullptr);
     return height;
 }
 

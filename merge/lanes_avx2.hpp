@@ -90,6 +90,70 @@ OL_TARGET_AVX2 inline Lanes load16x3(const std::uint16_t* p) noexcept {
     return {lanes(x0, y0), lanes(x1, y1), lanes(x2, y2)};
 }
 
+// The level 54*first + 183*middle + 19*last from 8-bit values held in 32-bit
+// lanes: `pair` holds first in its low word and middle in its high word,
+// `last` the last value in its low word, so two word multiply-adds give it.
+OL_TARGET_AVX2 inline __m256i levelFromPairs(__m256i pair, __m256i last) noexcept {
+    return _mm256_add_epi32(_mm256_madd_epi16(pair, _mm256_set1_epi32(54 | 183 << 16)),
+                            _mm256_madd_epi16(last, _mm256_set1_epi32(19)));
+}
+
+// 3 samples of 8 pixels with their levels, for 8 and 16-bit samples: one
+// 256-bit register per source half (4 pixels in each 128-bit half), each
+// lane cut out by byte shuffles that also zero-extend it.
+struct LanesLevel {
+    Lanes s;
+    __m256i level;
+};
+
+// 8-bit: bytes 0..15 and 8..23 in the two halves; pixel l of a half at byte
+// 3l of the low half, 4 + 3l of the high one.
+OL_TARGET_AVX2 inline LanesLevel load8x3Level(const std::uint8_t* p) noexcept {
+    const __m256i v = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 8),
+                                          reinterpret_cast<const __m128i*>(p));
+    const __m256i a = _mm256_shuffle_epi8(v, _mm256_setr_epi8(0, -1, -1, -1, 3, -1, -1, -1, 6, -1, -1, -1, 9, -1, -1, -1,
+                                                              4, -1, -1, -1, 7, -1, -1, -1, 10, -1, -1, -1, 13, -1, -1, -1));
+    const __m256i b = _mm256_shuffle_epi8(v, _mm256_setr_epi8(1, -1, -1, -1, 4, -1, -1, -1, 7, -1, -1, -1, 10, -1, -1, -1,
+                                                              5, -1, -1, -1, 8, -1, -1, -1, 11, -1, -1, -1, 14, -1, -1, -1));
+    const __m256i c = _mm256_shuffle_epi8(v, _mm256_setr_epi8(2, -1, -1, -1, 5, -1, -1, -1, 8, -1, -1, -1, 11, -1, -1, -1,
+                                                              6, -1, -1, -1, 9, -1, -1, -1, 12, -1, -1, -1, 15, -1, -1, -1));
+    const __m256i ab = _mm256_shuffle_epi8(v, _mm256_setr_epi8(0, -1, 1, -1, 3, -1, 4, -1, 6, -1, 7, -1, 9, -1, 10, -1,
+                                                               4, -1, 5, -1, 7, -1, 8, -1, 10, -1, 11, -1, 13, -1, 14, -1));
+    return {{a, b, c}, levelFromPairs(ab, c)};
+}
+
+// 16-bit: bytes 0..15 and 24..39 in one register, 8..23 and 32..47 in the
+// other; pixel l, channel k of a half is at byte 6l + 2k of the half's 24.
+OL_TARGET_AVX2 inline LanesLevel load16x3Level(const std::uint16_t* p) noexcept {
+    const __m256i v0 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 12),
+                                           reinterpret_cast<const __m128i*>(p));
+    const __m256i v1 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 16),
+                                           reinterpret_cast<const __m128i*>(p + 4));
+    auto cut = [&](__m256i m0, __m256i m1) OL_TARGET_AVX2 {
+        return _mm256_or_si256(_mm256_shuffle_epi8(v0, m0), _mm256_shuffle_epi8(v1, m1));
+    };
+    // Channel a: bytes 0, 6, 12 of v0 and 18 (10 of v1); b: 2, 8, 14 and 20
+    // (12 of v1); c: 4, 10 and 16, 22 (8, 14 of v1).
+    const __m256i a = cut(_mm256_setr_epi8(0, 1, -1, -1, 6, 7, -1, -1, 12, 13, -1, -1, -1, -1, -1, -1,
+                                           0, 1, -1, -1, 6, 7, -1, -1, 12, 13, -1, -1, -1, -1, -1, -1),
+                          _mm256_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 10, 11, -1, -1,
+                                           -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 10, 11, -1, -1));
+    const __m256i b = cut(_mm256_setr_epi8(2, 3, -1, -1, 8, 9, -1, -1, 14, 15, -1, -1, -1, -1, -1, -1,
+                                           2, 3, -1, -1, 8, 9, -1, -1, 14, 15, -1, -1, -1, -1, -1, -1),
+                          _mm256_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 12, 13, -1, -1,
+                                           -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 12, 13, -1, -1));
+    const __m256i c = cut(_mm256_setr_epi8(4, 5, -1, -1, 10, 11, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
+                                           4, 5, -1, -1, 10, 11, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1),
+                          _mm256_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, 8, 9, -1, -1, 14, 15, -1, -1,
+                                           -1, -1, -1, -1, -1, -1, -1, -1, 8, 9, -1, -1, 14, 15, -1, -1));
+    // High bytes: a's in the low word, b's in the high word of each lane.
+    const __m256i ab = cut(_mm256_setr_epi8(1, -1, 3, -1, 7, -1, 9, -1, 13, -1, 15, -1, -1, -1, -1, -1,
+                                            1, -1, 3, -1, 7, -1, 9, -1, 13, -1, 15, -1, -1, -1, -1, -1),
+                           _mm256_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 11, -1, 13, -1,
+                                            -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 11, -1, 13, -1));
+    return {{a, b, c}, levelFromPairs(ab, _mm256_srli_epi32(c, 8))};
+}
+
 template <class T, int Kind>
 OL_TARGET_AVX2 inline Lanes loadLanes(const T* p, int stride, int iMiddle, int iLast) noexcept {
     if constexpr (sizeof(T) == 1 && Kind == 3) return load8x3(p);

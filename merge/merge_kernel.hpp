@@ -46,6 +46,8 @@ struct MergeStats {
     }
 };
 
+struct MarkerSpans;  // merge_tables.hpp
+
 struct MergeJob {
     int nPhotos;
     int width;
@@ -59,6 +61,9 @@ struct MergeJob {
     // operations (the same values) instead of a gather from 256 KiB a frame,
     // which misses the cache. The plain kernel always reads the table.
     bool weightCurve = false;
+    // Where the vector kernel records the spans of rows that hold markers
+    // (none when null); the plain kernel records nothing.
+    MarkerSpans* spans = nullptr;
 };
 
 // The luminance that goes into the statistics.

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 
 #include "frame/rgbe.hpp"
@@ -60,14 +61,36 @@ inline float log2AsFloat(float v) noexcept {
     return static_cast<float>(std::log(static_cast<double>(v)) / std::log(2.0));
 }
 
+// The spans of rows where pass 1 left markers, recorded by a kernel that
+// knows them, so that the marker pass visits only those: `y`, and pixels
+// [x0, x1). A kernel that runs out of room sets `overflow`, and the pass
+// then scans every row.
+struct MarkerSpan {
+    int y, x0, x1;
+};
+struct MarkerSpans {
+    MarkerSpan* at = nullptr;
+    std::size_t capacity = 0;
+    std::size_t count = 0;
+    bool overflow = false;
+
+    void add(int y, int x0, int x1) noexcept {
+        if (count < capacity)
+            at[count++] = {y, x0, x1};
+        else
+            overflow = true;
+    }
+};
+
 // Replaces the markers left by pass 1: burnt-out pixels (exponent byte 255)
 // become neutral grey at the largest luminance, dead-dark ones (exponent byte
 // 0) neutral grey at the smallest. The grey is encoded without the zero
 // guard, so a value of 0 gives a NaN scale: mantissas 0 and exponent byte 128.
 // The exponent run is scanned 16 bytes at a time, and a group holding markers
-// is rewritten by masks in its four runs.
+// is rewritten by masks in its four runs. With `spans` (not overflowed) only
+// those are visited: no marker lies outside them.
 inline void replaceMarkers(int width, int height, float minLum, float maxLum, RgbeForm form,
-                           std::uint8_t* rgbe) noexcept {
+                           std::uint8_t* rgbe, const MarkerSpans* spans = nullptr) noexcept {
     const RgbePixel bright = encodeRgbe(maxLum, maxLum, maxLum, form, ZeroGuard::Off);
     const RgbePixel dark = encodeRgbe(minLum, minLum, minLum, form, ZeroGuard::Off);
 #if defined(__SSE2__)
@@ -77,11 +100,10 @@ inline void replaceMarkers(int width, int height, float minLum, float maxLum, Rg
     const __m128i brightB = _mm_set1_epi8(static_cast<char>(bright.b)), darkB = _mm_set1_epi8(static_cast<char>(dark.b));
     const __m128i brightE = _mm_set1_epi8(static_cast<char>(bright.e)), darkE = _mm_set1_epi8(static_cast<char>(dark.e));
 #endif
-    for (int y = 0; y < height; ++y) {
+    auto span = [&](int y, int x, int x1) {
         const RgbeRow row = rgbeRow(rgbe, width, y);
-        int x = 0;
 #if defined(__SSE2__)
-        for (; x + 16 <= width; x += 16) {
+        for (; x + 16 <= x1; x += 16) {
             auto* pe = reinterpret_cast<__m128i*>(row.e + x);
             const __m128i e = _mm_loadu_si128(pe);
             const __m128i isBright = _mm_cmpeq_epi8(e, ones);
@@ -100,14 +122,19 @@ inline void replaceMarkers(int width, int height, float minLum, float maxLum, Rg
             put(row.e, brightE, darkE);
         }
 #endif
-        for (; x < width; ++x) {
+        for (; x < x1; ++x) {
             const std::uint8_t e = row.e[x];
             if (e == 255)
                 storeRgbe(row, x, bright);
             else if (e == 0)
                 storeRgbe(row, x, dark);
         }
+    };
+    if (spans && !spans->overflow) {
+        for (std::size_t i = 0; i < spans->count; ++i) span(spans->at[i].y, spans->at[i].x0, spans->at[i].x1);
+        return;
     }
+    for (int y = 0; y < height; ++y) span(y, 0, width);
 }
 
 }  // namespace ol
