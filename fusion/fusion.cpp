@@ -93,9 +93,10 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
               float unusedScale, float* exposureTimes, void* images, int* indexFixedExpo,
               unsigned char* ghostMask, void* outFloat, void* work) noexcept {
     int nbProc = files ? files->nbProc : 0;
-    // The stages after the weights split their rows into bands on the
-    // host's threads in both modes (their results do not depend on it); only
-    // the weight stage follows nbProc as the disk mode sets it.
+    // Every stage splits its rows into bands on the host's threads, in both
+    // modes (the results do not depend on it). The weight stage's slice
+    // workers follow nbProc as the disk mode sets it; disk mode weighs its
+    // rows block by block on the same threads instead.
     const int threads = nbProc > 1 ? nbProc : 1;
     if constexpr (traceProbe)
         std::fprintf(stderr,
@@ -182,8 +183,9 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             fpPoids.reset();
             fpPyramPoids.reset();
         } else {
-            // Disk mode runs the weights on the calling thread; this stays so
-            // even if the source dump below falls back to memory.
+            // Disk mode has no slice workers for the weights (its blocks of
+            // rows are banded instead); this stays so even if the source
+            // dump below falls back to memory.
             nbProc = 0;
         }
     }
