@@ -5,7 +5,6 @@
 #include <numeric>
 #include <random>
 #include <set>
-#include <vector>
 
 #include "align/align_internal.hpp"
 #include "frame/histogram.hpp"

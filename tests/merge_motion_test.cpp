@@ -4,10 +4,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <numeric>
 #include <random>
-#include <vector>
 
 #include "frame/rgbe.hpp"
 #include "support/testsupport.hpp"
