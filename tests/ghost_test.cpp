@@ -70,6 +70,7 @@ Bytes reference(int seuil, int n, int w, int h, int ch, int bps, float evStep, s
 int detect(float seuil, int n, int w, int h, int ch, int bps, float evStep, std::vector<float>& dt, Bytes& img, Bytes& mask) {
     return ol_ghost_detect(&seuil, n, w, h, ch, bps, evStep, dt.data(), img.data(), mask.data());
 }
+bool bit(const Bytes& m, int i) { return m[i >> 3] & (0x80 >> (i & 7)); }
 
 TEST(Ghost, MatchesThePerPixelReadingOnRandomStacks) {
     // Every level count (the longer side picks 2 to 6), and pictures so small
@@ -114,7 +115,17 @@ TEST(Ghost, BoundariesOnFlatPairs) {
     }
 }
 
-TEST(Ghost, MovingObjectIsFusedOnceFromTheFixedPhoto) {
+TEST(Ghost, ExpandLevelIsTheBlendExpansionAtEachDepth) {
+    const Bytes c = oltest::randomBytes(12, 5);
+    auto check = [&](auto zero, int bps) {
+        std::vector<decltype(zero)> coarse(c.begin(), c.end()), fine(42);
+        ol::expand_level(7, 6, 4, 3, 1, bps, 0, 0, 0, coarse.data(), fine.data());
+        for (int i = 0; i < 42; ++i) EXPECT_EQ(fine[i], up(coarse.data(), 4, 7, 6, i % 7, i / 7)) << bps << " " << i;
+    };
+    check(std::uint8_t(), 8), check(std::uint16_t(), 16), check(0.0f, 32);
+}
+
+TEST(Ghost, MovingObjectIsMarkedWithItsDilationAndFusedOnceFromTheFixedPhoto) {
     // Three photos (exposures 0.5, 1, 2 through gamma 2.2) of a smooth scene,
     // with a bright 40-pixel square at rows 100..139 and column x0 = 60 + 100 p in photo p.
     const int w = 400, h = 300;
@@ -126,6 +137,13 @@ TEST(Ghost, MovingObjectIsFusedOnceFromTheFixedPhoto) {
     std::vector<float> dt = {9, 9, 9};  // guessed one stop apart by rank: the exposures the photos were made with
     EXPECT_EQ(detect(10, 3, w, h, 3, 8, 1.0f, dt, img, mask), 75);
     EXPECT_EQ(dt, (std::vector<float>{0.5f, 1.0f, 2.0f}));
+    for (int i = 0; i < w * h; ++i) {  // inside a square: marked; more than 8 pixels from every square: clear
+        const int x = i % w, y = i / w, x0 = 60 + 100 * std::clamp((x - 40) / 100, 0, 2);
+        const int far = std::max({0, x0 - x, x - x0 - 39, 100 - y, y - 139});
+        if ((far == 0 && !bit(mask, i)) || (far > 8 && bit(mask, i))) ADD_FAILURE() << x << "," << y << " marked " << bit(mask, i);
+    }
+    for (int x0 : {60, 160})  // the expansion grows the region on every side
+        for (auto [x, y] : {std::pair{x0 - 2, 120}, {x0 + 41, 120}, {x0 + 20, 98}, {x0 + 20, 141}}) EXPECT_TRUE(bit(mask, y * w + x));
     // Through ol_fusion on 2 threads (also under ThreadSanitizer), as plane 1 behind an empty plane: photo 0's
     // square stays out and photo 1's is whole (the inner 20x20 against the same columns 80 rows lower).
     fustest::Job job = fustest::sized(w, h);

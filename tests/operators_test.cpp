@@ -341,4 +341,39 @@ TEST(Remap, ModesDepthsAndSmallSizes) {
     EXPECT_EQ(dst, std::vector<std::uint8_t>(dst.size(), 77));
 }
 
+// A mirror ball seen from afar shows at the image point (u, v) (unit radius,
+// v up, z toward the camera) the direction d = 2 (n.z) n - z, n = (u, v,
+// sqrt(1 - u^2 - v^2)) being its normal. A spot painted on the ball by that
+// rule must land, in every mode, within a pixel of the lat-long place of its
+// direction: theta down from the zenith over the rows, phi over the columns,
+// phi = 90 degrees facing the camera.
+TEST(Remap, BallSpotsLandAtTheirDirections) {
+    const int w = 160, h = 160, W = 2 * w;
+    for (auto [thDeg, phDeg] : {std::pair{90.0, 90.0}, {60.0, 50.0}, {120.0, 140.0}, {75.0, 170.0}, {100.0, 15.0}}) {
+        const double th = thDeg * M_PI / 180, ph = phDeg * M_PI / 180, spot[3] = {-std::cos(ph) * std::sin(th), std::cos(th), std::sin(ph) * std::sin(th)};
+        std::vector<std::uint8_t> ball(std::size_t(w) * h * 3, 0), planes(std::size_t(w) * h * 4, 0);
+        for (int py = 0; py < h; ++py)
+            for (int px = 0; px < w; ++px) {
+                const double u = (px - w / 2.0) / (w / 2.0), v = (h / 2.0 - py) / (h / 2.0), nz2 = 1 - u * u - v * v;
+                const double nz = std::sqrt(std::max(nz2, 0.0)), cosine = 2 * nz * u * spot[0] + 2 * nz * v * spot[1] + (2 * nz2 - 1) * spot[2];
+                if (nz2 <= 0 || cosine < std::cos(0.12)) continue;
+                for (int k = 0; k < 4; ++k) planes[(py * 4 + k) * w + px] = k < 3 ? 200 : 130, ball[(py * w + px) * 3 + k % 3] = 200;
+            }
+        const double wantX = ph * (W - 1) / (2 * M_PI) + W / 4.0, wantY = th * (h - 1) / M_PI;
+        for (int mode : {0, 1, 2})
+            for (int kind : {8, 32}) {  // 16 bits take the 8-bit projection
+                std::vector<std::uint8_t> out(std::size_t(W) * h * 3), hdr(std::size_t(W) * h * 4);
+                std::vector<double> value(std::size_t(W) * h);
+                if (kind == 8) remap_ldr(mode, 8, w, h, w * 3, W * 3, 3, ball.data(), out.data());
+                else remap_hdr(mode, w, h, planes.data(), hdr.data());
+                for (int i = 0; i < W * h; ++i) value[i] = kind == 8 ? out[3 * i] : std::ldexp(hdr[i / W * 4 * W + i % W], hdr[i / W * 4 * W + 3 * W + i % W]);
+                const double top = *std::max_element(value.begin(), value.end());
+                double n = 0, sx = 0, sy = 0;  // the centroid of the half-maximum area
+                for (int i = 0; i < W * h; ++i) if (value[i] >= top / 2) n += 1, sx += i % W, sy += i / W;
+                EXPECT_NEAR(sx / n, wantX, 0.5) << thDeg << "," << phDeg << " mode " << mode << " kind " << kind;
+                EXPECT_NEAR(sy / n, wantY, 0.5) << thDeg << "," << phDeg << " mode " << mode << " kind " << kind;
+            }
+    }
+}
+
 }  // namespace
