@@ -6,14 +6,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <string>
 
-namespace oltest {
+#include "support/testsupport.hpp"
 
+namespace oltest {
 
 struct Json {
     std::map<std::string, std::string> values;  // strings unescaped, arrays joined by '\x1f'
@@ -106,13 +105,6 @@ private:
     std::string t_;
     std::size_t i_ = 0;
 };
-
-inline std::string readText(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 inline Json loadJson(const std::filesystem::path& p) { return JsonParser(readText(p)).firstObject(); }
 

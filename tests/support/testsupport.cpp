@@ -39,6 +39,11 @@ std::vector<std::uint8_t> readFile(const std::string& path) {
     return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
+std::string readText(const std::string& path) {
+    const std::vector<std::uint8_t> b = readFile(path);
+    return std::string(b.begin(), b.end());
+}
+
 void writeFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
     std::ofstream out(path, std::ios::binary);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -105,11 +110,9 @@ std::string CaptureFd::finish() {
     std::fflush(nullptr);
     dup2(saved_, fd_);
     close(saved_);
-    std::ifstream in(path_, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
+    std::string text = readText(path_);
     std::remove(path_.c_str());
-    return ss.str();
+    return text;
 }
 
 CaptureFd::~CaptureFd() { finish(); }
