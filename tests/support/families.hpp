@@ -95,6 +95,12 @@ inline std::vector<Call> calls(const std::string& inputs) {
             return r;
         };
     };
+    const auto loadPsd = [](const std::string& path, const PsdInfo& info) {
+        return [p = &path, i = &info](const std::string&, Bytes& o) {
+            PsdInfo copy = *i;
+            return load_psd(1, p->c_str(), &copy, 4 * i->width, sized(o, 16u * i->width * i->height));
+        };
+    };
     const auto fuse = [](int nbProc, bool disk) {
         return [nbProc, disk](const std::string& dir, Bytes& out) {
             fustest::Job j = disk ? fusion.onDisk(dir) : fusion;
@@ -146,16 +152,8 @@ inline std::vector<Call> calls(const std::string& inputs) {
              appendFile(o, d + "/o.tif");
              return r;
          }},
-        {"load_psd", -4,
-         [](auto&, Bytes& o) {
-             PsdInfo copy = info8;
-             return load_psd(1, psd8.c_str(), &copy, 4 * info8.width, sized(o, 16u * info8.width * info8.height));
-         }},
-        {"load_psd 32 bits", -1,
-         [](auto&, Bytes& o) {
-             PsdInfo copy = info32;
-             return load_psd(1, psd32.c_str(), &copy, 4 * info32.width, sized(o, 16u * info32.width * info32.height));
-         }},
+        {"load_psd", -4, loadPsd(psd8, info8)},
+        {"load_psd 32 bits", -1, loadPsd(psd32, info32)},
         {"ol_hdr_merge", -4, merge(0)},
         {"calc_hdr", -4, merge(1)},
         {"hdr_unghost", -4, merge(2)},

@@ -55,7 +55,6 @@ struct Job {
     int n = 3, w = 23, h = 17, ch = 3;
     int bspIn = 8, bspOut = 8, bdp = 16, bdf = 16;
     int nbProc = 0, disk = 0, wrapX = 0, outSwap = 0;
-    int outStride = 0;  // 0: w * ch
     int lenPyram = 0;   // 0: pyram_len(w, h); the work buffer is always that size
     float params[7] = {0, 0, 0, 0, 0, 0, 0};
     std::vector<int> fixedExpo;          // empty: {-1, ...}
@@ -87,9 +86,7 @@ struct Job {
     }
 
     std::vector<std::uint8_t> output() const {
-        const int stride = outStride ? outStride : w * ch;
-        return std::vector<std::uint8_t>(work.begin(),
-                                         work.begin() + static_cast<std::ptrdiff_t>(h) * stride * (bspOut / 8));
+        return std::vector<std::uint8_t>(work.begin(), work.begin() + static_cast<std::ptrdiff_t>(h) * w * ch * (bspOut / 8));
     }
 
     int go(const std::vector<std::uint8_t>& source) {
@@ -110,7 +107,7 @@ struct Job {
                           q.empty() ? nullptr : q.c_str()};
         float prm[7];
         std::memcpy(prm, params, sizeof prm);
-        status = ol_fusion(&files, progress, prm, n, w, h, outStride ? outStride : w * ch, outSwap, ch, bspIn,
+        status = ol_fusion(&files, progress, prm, n, w, h, w * ch, outSwap, ch, bspIn,
                            bspOut, bdp, bdf, lenPyram ? lenPyram : len, wrapX, 1.0f, expo.data(), images.data(), fixed.data(),
                            mask.empty() ? nullptr : mask.data(), nullptr, work.data());
         return status;
