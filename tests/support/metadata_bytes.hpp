@@ -108,23 +108,18 @@ inline Bytes valueBytes(const Entry& e, bool little) {
 // A TIFF stream (header first). Offsets are relative to its start.
 inline Bytes buildTiff(TiffSpec spec) {
     if (spec.ifds.empty()) spec.ifds.emplace_back();
-    const bool hasExif = !spec.exif.empty();
-    const bool hasGps = !spec.gps.empty();
-    if (hasExif) spec.ifds[0].push_back(longE(tag::kExifIfd, 0));
-    if (hasGps) spec.ifds[0].push_back(longE(tag::kGpsIfd, 0));
     std::vector<std::vector<Entry>*> all;
     for (auto& i : spec.ifds) all.push_back(&i);
-    if (hasExif) all.push_back(&spec.exif);
-    if (hasGps) all.push_back(&spec.gps);
+    const std::size_t nMain = all.size();
+    for (auto* sub : {&spec.exif, &spec.gps})  // each sub-IFD gets a pointer at the end of IFD0
+        if (!sub->empty()) all.push_back(sub), spec.ifds[0].push_back(longE(sub == &spec.exif ? tag::kExifIfd : tag::kGpsIfd, 0));
     std::vector<std::uint32_t> at;
     std::uint32_t pos = 8;
     for (auto* ifd : all) {
         at.push_back(pos);
         pos += 2 + 12 * static_cast<std::uint32_t>(ifd->size()) + 4;
     }
-    const std::size_t nMain = spec.ifds.size();
-    if (hasExif) spec.ifds[0][spec.ifds[0].size() - (hasGps ? 2 : 1)].words = {at[nMain]};
-    if (hasGps) spec.ifds[0].back().words = {at[nMain + (hasExif ? 1 : 0)]};
+    for (std::size_t k = nMain; k < all.size(); ++k) spec.ifds[0][spec.ifds[0].size() - all.size() + k].words = {at[k]};
 
     Bytes out(2, spec.little ? 'I' : 'M');
     Writer w{spec.little, &out};
