@@ -17,17 +17,15 @@ namespace oltest {
 struct Json {
     std::map<std::string, std::string> values;  // strings unescaped, arrays joined by '\x1f'
     bool has(const std::string& k) const { return values.count(k) != 0; }
-    std::optional<double> num(const std::string& k) const {
-        auto it = values.find(k);
-        if (it == values.end()) return std::nullopt;
-        char* end = nullptr;
-        const double v = std::strtod(it->second.c_str(), &end);
-        if (end == it->second.c_str()) return std::nullopt;
-        return v;
-    }
     std::string str(const std::string& k) const {
         auto it = values.find(k);
         return it == values.end() ? std::string() : it->second;
+    }
+    std::optional<double> num(const std::string& k) const {
+        const std::string s = str(k);
+        char* end = nullptr;
+        const double v = std::strtod(s.c_str(), &end);
+        return end == s.c_str() ? std::nullopt : std::optional<double>(v);
     }
 };
 

@@ -99,10 +99,8 @@ struct Job {
         if (fixed.empty()) fixed.assign(std::max(n, 1), -1);
         fixed.resize(std::max(n, 1), -1);
         std::vector<float> expo(std::max(n, 1), 1.0f);
-        std::string s = nameSource, p = namePoids, q = namePyramPoids;
-        if (s.empty() && !dir.empty()) s = dir + "/source.tmp";
-        if (p.empty() && !dir.empty()) p = dir + "/poids.tmp";
-        if (q.empty() && !dir.empty()) q = dir + "/pyram.tmp";
+        const auto name = [&](const std::string& given, const char* file) { return given.empty() && !dir.empty() ? dir + file : given; };
+        const std::string s = name(nameSource, "/source.tmp"), p = name(namePoids, "/poids.tmp"), q = name(namePyramPoids, "/pyram.tmp");
         FusionFiles files{nbProc, disk, s.empty() ? nullptr : s.c_str(), p.empty() ? nullptr : p.c_str(),
                           q.empty() ? nullptr : q.c_str()};
         float prm[7];
@@ -118,10 +116,7 @@ struct Job {
 // their defaults.
 inline Job sized(int w, int h, int ch = 3, int n = 3) {
     Job j;
-    j.w = w;
-    j.h = h;
-    j.ch = ch;
-    j.n = n;
+    j.w = w, j.h = h, j.ch = ch, j.n = n;
     return j;
 }
 
