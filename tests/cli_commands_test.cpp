@@ -24,10 +24,7 @@ using Result = oltest::HostRun;
 using oltest::shellQuote;
 std::string quote(const std::string& s) { return shellQuote(s); }
 
-std::string readText(const std::string& path) {
-    const std::vector<std::uint8_t> b = oltest::readFile(path);
-    return std::string(b.begin(), b.end());
-}
+using oltest::readText;
 
 Result run(const std::string& args) { return oltest::runOlhdr(args); }
 

@@ -315,8 +315,7 @@ Bytes profileWithDesc(const std::string& text, int countByte = -1) {
     const Bytes head = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0,
                         static_cast<std::uint8_t>(countByte >= 0 ? countByte : static_cast<int>(text.size() + 1))};
     p = cat({p, head, Bytes(text.begin(), text.end()), Bytes(60, 0)});
-    Writer w{false, &p};
-    w.put32(0, static_cast<std::uint32_t>(p.size()));
+    ol::putU32BE(p.data(), static_cast<std::uint32_t>(p.size()));
     return p;
 }
 

@@ -26,9 +26,11 @@ void append(Bytes& out, const T* p, std::size_t n) {
     out.resize(at + n * sizeof(T));
     std::memcpy(out.data() + at, p, n * sizeof(T));
 }
-inline void appendFile(Bytes& out, const std::string& path) {
+// Appends the file a call wrote; returns the call's result.
+inline int withFile(Bytes& out, const std::string& path, int result) {
     const Bytes f = readFile(path);
     out.insert(out.end(), f.begin(), f.end());
+    return result;
 }
 inline bool sentinelOnly(const Bytes& b) { return b == Bytes(b.size(), kSentinel); }
 // `out` as n bytes of the sentinel, for a call to fill.
@@ -95,6 +97,12 @@ inline std::vector<Call> calls(const std::string& inputs) {
             return r;
         };
     };
+    const auto loadPsd = [](const std::string& path, const PsdInfo& info) {
+        return [p = &path, i = &info](const std::string&, Bytes& o) {
+            PsdInfo copy = *i;
+            return load_psd(1, p->c_str(), &copy, 4 * i->width, sized(o, 16u * i->width * i->height));
+        };
+    };
     const auto fuse = [](int nbProc, bool disk) {
         return [nbProc, disk](const std::string& dir, Bytes& out) {
             fustest::Job j = disk ? fusion.onDisk(dir) : fusion;
@@ -120,15 +128,11 @@ inline std::vector<Call> calls(const std::string& inputs) {
          [](auto&, Bytes& o) { return comp16qv(0, 0, 0, 20, 4, 3 * w, 60, 3, stack16.data(), sized(o, 4u * 60)); }},
         {"ol_io_rgbe_write", -4,
          [](const std::string& d, Bytes& o) {
-             const int r = ol_io_rgbe_write((d + "/out.hdr").c_str(), 32, 24, &exif, nullptr, "sRGB", rgbe.data());
-             appendFile(o, d + "/out.hdr");
-             return r;
+             return withFile(o, d + "/out.hdr", ol_io_rgbe_write((d + "/out.hdr").c_str(), 32, 24, &exif, nullptr, "sRGB", rgbe.data()));
          }},
         {"ol_write_strip_rgbe", -4,
          [](const std::string& d, Bytes& o) {
-             const int r = ol_write_strip_rgbe((d + "/strip.hdr").c_str(), 0, 24, 32, 24, nullptr, rgbe.data());
-             appendFile(o, d + "/strip.hdr");
-             return r;
+             return withFile(o, d + "/strip.hdr", ol_write_strip_rgbe((d + "/strip.hdr").c_str(), 0, 24, 32, 24, nullptr, rgbe.data()));
          }},
         {"decomp_rle", -4, [pic](auto&, Bytes& o) { return decomp_rle(pic.c_str(), dims, sized(o, 4u * W * H)); }},
         {"decomp2", -4, [pic](auto&, Bytes& o) { return decomp2(pic.c_str(), dims, sized(o, 4u * W * H), nullptr); }},
@@ -142,20 +146,10 @@ inline std::vector<Call> calls(const std::string& inputs) {
              e.iso = 200;
              tif_info t = records::makeInfo(8, 6, 3, 8);
              const float tm[15] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-             const int r = buf2tifOld(stack.data(), &t, 24, nullptr, &e, nullptr, 0, nullptr, 1, tm, (d + "/o.tif").c_str());
-             appendFile(o, d + "/o.tif");
-             return r;
+             return withFile(o, d + "/o.tif", buf2tifOld(stack.data(), &t, 24, nullptr, &e, nullptr, 0, nullptr, 1, tm, (d + "/o.tif").c_str()));
          }},
-        {"load_psd", -4,
-         [](auto&, Bytes& o) {
-             PsdInfo copy = info8;
-             return load_psd(1, psd8.c_str(), &copy, 4 * info8.width, sized(o, 16u * info8.width * info8.height));
-         }},
-        {"load_psd 32 bits", -1,
-         [](auto&, Bytes& o) {
-             PsdInfo copy = info32;
-             return load_psd(1, psd32.c_str(), &copy, 4 * info32.width, sized(o, 16u * info32.width * info32.height));
-         }},
+        {"load_psd", -4, loadPsd(psd8, info8)},
+        {"load_psd 32 bits", -1, loadPsd(psd32, info32)},
         {"ol_hdr_merge", -4, merge(0)},
         {"calc_hdr", -4, merge(1)},
         {"hdr_unghost", -4, merge(2)},

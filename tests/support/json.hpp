@@ -6,29 +6,26 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <string>
 
-namespace oltest {
+#include "support/testsupport.hpp"
 
+namespace oltest {
 
 struct Json {
     std::map<std::string, std::string> values;  // strings unescaped, arrays joined by '\x1f'
     bool has(const std::string& k) const { return values.count(k) != 0; }
-    std::optional<double> num(const std::string& k) const {
-        auto it = values.find(k);
-        if (it == values.end()) return std::nullopt;
-        char* end = nullptr;
-        const double v = std::strtod(it->second.c_str(), &end);
-        if (end == it->second.c_str()) return std::nullopt;
-        return v;
-    }
     std::string str(const std::string& k) const {
         auto it = values.find(k);
         return it == values.end() ? std::string() : it->second;
+    }
+    std::optional<double> num(const std::string& k) const {
+        const std::string s = str(k);
+        char* end = nullptr;
+        const double v = std::strtod(s.c_str(), &end);
+        return end == s.c_str() ? std::nullopt : std::optional<double>(v);
     }
 };
 
@@ -106,13 +103,6 @@ private:
     std::string t_;
     std::size_t i_ = 0;
 };
-
-inline std::string readText(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 inline Json loadJson(const std::filesystem::path& p) { return JsonParser(readText(p)).firstObject(); }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Ombrelumen40Lib1.h"
+#include "frame/bytes.hpp"
 #include "frame/tiff_tags.hpp"
 #include "support/records.hpp"
 #include "support/testsupport.hpp"
@@ -27,7 +28,7 @@ inline Bytes cat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-// Appends (or, with put32, overwrites) numbers in the chosen byte order.
+// Appends numbers in the chosen byte order.
 struct Writer {
     bool little;
     Bytes* out;
@@ -37,9 +38,6 @@ struct Writer {
     void u8(std::uint32_t v) { put(v, 1); }
     void u16(std::uint32_t v) { put(v, 2); }
     void u32(std::uint32_t v) { put(v, 4); }
-    void put32(std::size_t at, std::uint32_t v) {
-        for (int k = 0; k < 4; ++k) (*out)[at + k] = static_cast<std::uint8_t>(v >> 8 * (little ? k : 3 - k));
-    }
 };
 
 // A copy of `b` with `with` written at `at` (grown with zeros when needed).
@@ -110,23 +108,18 @@ inline Bytes valueBytes(const Entry& e, bool little) {
 // A TIFF stream (header first). Offsets are relative to its start.
 inline Bytes buildTiff(TiffSpec spec) {
     if (spec.ifds.empty()) spec.ifds.emplace_back();
-    const bool hasExif = !spec.exif.empty();
-    const bool hasGps = !spec.gps.empty();
-    if (hasExif) spec.ifds[0].push_back(longE(tag::kExifIfd, 0));
-    if (hasGps) spec.ifds[0].push_back(longE(tag::kGpsIfd, 0));
     std::vector<std::vector<Entry>*> all;
     for (auto& i : spec.ifds) all.push_back(&i);
-    if (hasExif) all.push_back(&spec.exif);
-    if (hasGps) all.push_back(&spec.gps);
+    const std::size_t nMain = all.size();
+    for (auto* sub : {&spec.exif, &spec.gps})  // each sub-IFD gets a pointer at the end of IFD0
+        if (!sub->empty()) all.push_back(sub), spec.ifds[0].push_back(longE(sub == &spec.exif ? tag::kExifIfd : tag::kGpsIfd, 0));
     std::vector<std::uint32_t> at;
     std::uint32_t pos = 8;
     for (auto* ifd : all) {
         at.push_back(pos);
         pos += 2 + 12 * static_cast<std::uint32_t>(ifd->size()) + 4;
     }
-    const std::size_t nMain = spec.ifds.size();
-    if (hasExif) spec.ifds[0][spec.ifds[0].size() - (hasGps ? 2 : 1)].words = {at[nMain]};
-    if (hasGps) spec.ifds[0].back().words = {at[nMain + (hasExif ? 1 : 0)]};
+    for (std::size_t k = nMain; k < all.size(); ++k) spec.ifds[0][spec.ifds[0].size() - all.size() + k].words = {at[k]};
 
     Bytes out(2, spec.little ? 'I' : 'M');
     Writer w{spec.little, &out};
@@ -263,17 +256,9 @@ inline Bytes buildPsd(const PsdSpec& s) {
 // "CMYK") and size, no tags.
 inline Bytes iccHeader(const char* space, std::size_t size = 132) {
     Bytes p(size, 0);
-    Writer w{false, &p};
-    w.put32(0, static_cast<std::uint32_t>(size));
-    std::memcpy(&p[4], "none", 4);
-    w.put32(8, 0x02100000);
-    std::memcpy(&p[12], "mntr", 4);
-    std::memcpy(&p[16], space, 4);
-    std::memcpy(&p[20], "XYZ ", 4);
-    std::memcpy(&p[36], "acsp", 4);
-    w.put32(68, 0x0000F6D6);  // D50 illuminant
-    w.put32(72, 0x00010000);
-    w.put32(76, 0x0000D32D);
+    for (auto [at, v] : {std::pair{0, static_cast<std::uint32_t>(size)}, {8, 0x02100000u}, {68, 0xF6D6u}, {72, 0x10000u}, {76, 0xD32Du}})
+        ol::putU32BE(&p[at], v);  // size, version, D50 illuminant
+    for (auto [at, text] : {std::pair{4, "none"}, {12, "mntr"}, {16, space}, {20, "XYZ "}, {36, "acsp"}}) std::memcpy(&p[at], text, 4);
     return p;  // tag count 0
 }
 
@@ -287,12 +272,9 @@ struct IfdEntry {
     std::uint16_t shortValue() const { return static_cast<std::uint16_t>(value & 0xFFFF); }
 };
 
-inline std::uint32_t u32(const Bytes& b, std::size_t at, int n = 4) {
-    std::uint32_t v = 0;
-    for (int k = n - 1; k >= 0; --k) v = v << 8 | b.at(at + static_cast<std::size_t>(k));
-    return v;
-}
-inline std::uint16_t u16(const Bytes& b, std::size_t at) { return static_cast<std::uint16_t>(u32(b, at, 2)); }
+// Little-endian numbers at `at`, bounds-checked.
+inline std::uint32_t u32(const Bytes& b, std::size_t at) { return ol::getU32LE(&b.at(at + 3) - 3); }
+inline std::uint16_t u16(const Bytes& b, std::size_t at) { return ol::getU16LE(&b.at(at + 1) - 1); }
 
 // The entries of the IFD at `at`, offsets as stored.
 inline std::vector<IfdEntry> readIfd(const Bytes& b, std::size_t at) {

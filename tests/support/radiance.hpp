@@ -93,16 +93,12 @@ inline std::string resolution(int width, int height) {
 
 // The two full decoders with the caller's width, height and file size (the
 // file's own size unless `size` is given).
-inline int decodeWith(decltype(&decomp_rle) decoder, const std::string& path, int width, int height, Bytes& out, int size) {
+inline int decodeRle(const std::string& path, int width, int height, Bytes& out, int size = -1, bool stream = false) {
     const int dims[7] = {width, height, size >= 0 ? size : static_cast<int>(oltest::fs::file_size(path)), 0, 0, 0, 0};
-    return decoder(path.c_str(), dims, out.data());
-}
-inline int decodeRle(const std::string& path, int width, int height, Bytes& out, int size = -1) {
-    return decodeWith(decomp_rle, path, width, height, out, size);
+    return stream ? decomp2(path.c_str(), dims, out.data(), nullptr) : decomp_rle(path.c_str(), dims, out.data());
 }
 inline int decodeStream(const std::string& path, int width, int height, Bytes& out, int size = -1) {
-    return decodeWith([](const char* p, const int* d, unsigned char* o) { return decomp2(p, d, o, nullptr); }, path, width,
-                      height, out, size);
+    return decodeRle(path, width, height, out, size, true);
 }
 
 // Pixel (x, y) of rgbe planes: r, g, b, e.

@@ -55,7 +55,6 @@ struct Job {
     int n = 3, w = 23, h = 17, ch = 3;
     int bspIn = 8, bspOut = 8, bdp = 16, bdf = 16;
     int nbProc = 0, disk = 0, wrapX = 0, outSwap = 0;
-    int outStride = 0;  // 0: w * ch
     int lenPyram = 0;   // 0: pyram_len(w, h); the work buffer is always that size
     float params[7] = {0, 0, 0, 0, 0, 0, 0};
     std::vector<int> fixedExpo;          // empty: {-1, ...}
@@ -87,9 +86,7 @@ struct Job {
     }
 
     std::vector<std::uint8_t> output() const {
-        const int stride = outStride ? outStride : w * ch;
-        return std::vector<std::uint8_t>(work.begin(),
-                                         work.begin() + static_cast<std::ptrdiff_t>(h) * stride * (bspOut / 8));
+        return std::vector<std::uint8_t>(work.begin(), work.begin() + static_cast<std::ptrdiff_t>(h) * w * ch * (bspOut / 8));
     }
 
     int go(const std::vector<std::uint8_t>& source) {
@@ -102,15 +99,13 @@ struct Job {
         if (fixed.empty()) fixed.assign(std::max(n, 1), -1);
         fixed.resize(std::max(n, 1), -1);
         std::vector<float> expo(std::max(n, 1), 1.0f);
-        std::string s = nameSource, p = namePoids, q = namePyramPoids;
-        if (s.empty() && !dir.empty()) s = dir + "/source.tmp";
-        if (p.empty() && !dir.empty()) p = dir + "/poids.tmp";
-        if (q.empty() && !dir.empty()) q = dir + "/pyram.tmp";
+        const auto name = [&](const std::string& given, const char* file) { return given.empty() && !dir.empty() ? dir + file : given; };
+        const std::string s = name(nameSource, "/source.tmp"), p = name(namePoids, "/poids.tmp"), q = name(namePyramPoids, "/pyram.tmp");
         FusionFiles files{nbProc, disk, s.empty() ? nullptr : s.c_str(), p.empty() ? nullptr : p.c_str(),
                           q.empty() ? nullptr : q.c_str()};
         float prm[7];
         std::memcpy(prm, params, sizeof prm);
-        status = ol_fusion(&files, progress, prm, n, w, h, outStride ? outStride : w * ch, outSwap, ch, bspIn,
+        status = ol_fusion(&files, progress, prm, n, w, h, w * ch, outSwap, ch, bspIn,
                            bspOut, bdp, bdf, lenPyram ? lenPyram : len, wrapX, 1.0f, expo.data(), images.data(), fixed.data(),
                            mask.empty() ? nullptr : mask.data(), nullptr, work.data());
         return status;
@@ -121,10 +116,7 @@ struct Job {
 // their defaults.
 inline Job sized(int w, int h, int ch = 3, int n = 3) {
     Job j;
-    j.w = w;
-    j.h = h;
-    j.ch = ch;
-    j.n = n;
+    j.w = w, j.h = h, j.ch = ch, j.n = n;
     return j;
 }
 

@@ -1,5 +1,7 @@
 #include "support/testsupport.hpp"
 
+#include "frame/bytes.hpp"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -10,7 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <sstream>
+#include <regex>
 
 namespace oltest {
 
@@ -37,6 +39,11 @@ fs::path testdataDir() {
 std::vector<std::uint8_t> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+std::string readText(const std::string& path) {
+    const std::vector<std::uint8_t> b = readFile(path);
+    return std::string(b.begin(), b.end());
 }
 
 void writeFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
@@ -73,8 +80,7 @@ HostRun runOlhdr(const std::string& args) {
     r.code = runCommand(shellQuote(std::string(OL_TOOLS_DIR) + "/olhdr") + " " + args + " 2>" +
                             shellQuote(errDir.file("err")),
                         &r.out);
-    const std::vector<std::uint8_t> e = readFile(errDir.file("err"));
-    r.err.assign(e.begin(), e.end());
+    r.err = readText(errDir.file("err"));
     return r;
 }
 
@@ -105,11 +111,9 @@ std::string CaptureFd::finish() {
     std::fflush(nullptr);
     dup2(saved_, fd_);
     close(saved_);
-    std::ifstream in(path_, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
+    std::string text = readText(path_);
     std::remove(path_.c_str());
-    return ss.str();
+    return text;
 }
 
 CaptureFd::~CaptureFd() { finish(); }
@@ -134,22 +138,17 @@ Npy readNpy(const std::string& path) {
     const bool v1 = f[6] == 1;
     const std::size_t start = v1 ? 10 : 12;
     if (f.size() < start) return n;
-    std::size_t headerLen = f[8] | (f[9] << 8);
-    if (!v1) headerLen |= (static_cast<std::size_t>(f[10]) << 16) | (static_cast<std::size_t>(f[11]) << 24);
+    const std::size_t headerLen = v1 ? ol::getU16LE(&f[8]) : ol::getU32LE(&f[8]);
     if (headerLen > f.size() - start) return n;
-    const std::string header(f.begin() + static_cast<long>(start),
-                             f.begin() + static_cast<long>(start + headerLen));
-    const auto d = header.find("'descr': '");
-    const auto s = header.find("'shape': (");
-    if (d == std::string::npos || s == std::string::npos) return n;
-    const auto dEnd = header.find('\'', d + 10);
-    const auto e = header.find(')', s);
-    if (dEnd == std::string::npos || e == std::string::npos) return n;
-    n.descr = header.substr(d + 10, dEnd - d - 10);
-    std::istringstream dims(header.substr(s + 10, e - s - 10));
-    std::string part;
-    while (std::getline(dims, part, ','))
-        if (part.find_first_of("0123456789") != std::string::npos) n.shape.push_back(std::stoul(part));
+    const std::string header(f.begin() + static_cast<long>(start), f.begin() + static_cast<long>(start + headerLen));
+    std::smatch d, s;
+    if (!std::regex_search(header, d, std::regex("'descr': '([^']*)'")) ||
+        !std::regex_search(header, s, std::regex("'shape': \\(([^)]*)\\)")))
+        return n;
+    n.descr = d[1];
+    const std::string dims = s[1];
+    const std::regex number("[0-9]+");
+    for (std::sregex_iterator i(dims.begin(), dims.end(), number), e; i != e; ++i) n.shape.push_back(std::stoul(i->str()));
     n.data.assign(f.begin() + static_cast<long>(start + headerLen), f.end());
     return n;
 }

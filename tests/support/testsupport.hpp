@@ -39,6 +39,7 @@ fs::path testdataDir();
     } while (0)
 
 std::vector<std::uint8_t> readFile(const std::string& path);
+std::string readText(const std::string& path);
 void writeFile(const std::string& path, const std::vector<std::uint8_t>& bytes);
 void writeText(const std::string& path, const std::string& text);
 
