@@ -1,51 +1,105 @@
-// The weighted exposure merge: byte-exact agreement with a direct reading of
-// the algorithm on random stacks, and its rules at their boundaries as rows
-// run through the same reading.
+// The three merges of a photo block into rgbe planes: the weighted merge
+// (ol_hdr_merge) and the two that resist movement (calc_hdr, hdr_unghost).
+// Byte-exact agreement with direct per-pixel readings of their rules on
+// random stacks, the weighted merge's rules at their boundaries as rows run
+// through the same reading, and the cases that matter by hand.
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <numeric>
 #include <random>
 #include <vector>
 
 #include "frame/rgbe.hpp"
 #include "merge/merge_encode.hpp"
+#include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
 namespace {
 
-// A photo block: n frames of width x height pixels of spp samples, values
-// kept as numbers, bytes made for the call.
-struct Stack {
-    int n, width, height, spp, bps;
-    std::vector<unsigned> v;
-    Stack(int n_, int w, int h, int spp_, int bps_)
-        : n(n_), width(w), height(h), spp(spp_), bps(bps_), v(static_cast<std::size_t>(n_) * w * h * spp_, 0) {}
-    unsigned& at(int k, std::size_t i) { return v[k * v.size() / n + i]; }
-    unsigned at(int k, std::size_t i) const { return v[k * v.size() / n + i]; }
-    std::vector<std::uint8_t> bytes() const {
-        std::vector<std::uint8_t> b;
-        for (unsigned s : v) {
-            b.push_back(static_cast<std::uint8_t>(s));
-            if (bps == 16) b.push_back(static_cast<std::uint8_t>(s >> 8));
-        }
-        return b;
-    }
-};
+using fustest::Photos;
+using Floats = std::vector<float>;
+using Pixel = std::array<std::uint8_t, 4>;
 
-struct Result {
+struct Out {  // result, output buffer, stats, exposures and lut after the call
+    int rc;
     std::vector<std::uint8_t> rgbe;
-    float stats[3] = {0, 0, 0};
-    int rc = 0;
-    std::vector<float> dt, lut;  // the exposures and the lut after the call
+    std::array<float, 3> stats;
+    Floats dt, lut;
+    bool operator==(const Out&) const = default;
 };
+// variant: -2 ol_hdr_merge (curveMode is gammaGiven), -1 calc_hdr (with its
+// coherence byte), 0 and up hdr_unghost. The gamma goes in lut[0].
+struct Args {
+    int mode, variant, coherence, curveMode;
+    float gamma, mid, evStep = -1.0f;
+};
+constexpr int kWeighted = -2, kCalc = -1;
+
+// The output buffer on entry: the coherence byte, then bytes that hold both
+// markers in the exponent plane, for pass 2 to find where no pixel is written.
+std::vector<std::uint8_t> initial(std::size_t size, int coherence) {
+    std::vector<std::uint8_t> v(std::max<std::size_t>(size, 1));
+    for (std::size_t i = 0; i < v.size(); ++i) v[i] = static_cast<std::uint8_t>(i ? i * 7 : coherence);
+    return v;
+}
+
+Out run(const Photos& s, const Args& a, Floats dt) {
+    Out o{0, initial(4 * s.px(), a.coherence), {-1, -1, -1}, std::move(dt), Floats(s.bps == 16 ? 65536 : 256)};
+    o.lut[0] = a.gamma;
+    float *lut = o.lut.data(), *d = o.dt.data(), *st = o.stats.data();
+    const std::uint8_t* in = s.bytes.data();
+    std::uint8_t* out = o.rgbe.data();
+    if (a.variant == kWeighted)
+        o.rc = ol_hdr_merge(a.mode, s.n, s.w, s.h, s.spp, s.bps, a.curveMode, lut, a.evStep, d, in, st, out);
+    else if (a.variant == kCalc)
+        o.rc = calc_hdr(a.mode, s.n, s.w, s.h, s.spp, s.bps, a.curveMode, lut, a.mid, d, in, st, out);
+    else
+        o.rc = hdr_unghost(a.mode, a.variant, s.n, s.w, s.h, s.spp, s.bps, a.curveMode, lut, a.mid, d, in, st, out);
+    return o;
+}
 
 // ---------------------------------------------------------------------------
-// Reference: the algorithm written out per pixel, with no tables besides the
-// lut, frexp and a double division for the encoding, and a sort for the order.
+// References: the rules written out per pixel, no tables but the lut.
 
-ol::RgbePixel refEncode(float r, float g, float b, bool guard) {
+float log2f_(float v) { return static_cast<float>(std::log(static_cast<double>(v)) / std::log(2.0)); }
+// (1 - a*(t-0.5)^2)^2 with t = i/65536, a = 4 up to `lower` and
+// 1/(0.5 - sat/65535)^2 above it; 0 above `sat`.
+float curve(int i, int sat, int lower) {
+    if (i > sat) return 0.0f;
+    const float d = static_cast<float>(0.5 - static_cast<float>(sat) / 65535.0f), t = i / 65536.0f;
+    const float v = 1.0f - (i <= lower ? 4.0f : static_cast<float>(1.0 / (d * d))) * ((t - 0.5f) * (t - 0.5f));
+    return v * v;
+}
+Floats gammaLut(int size, float gamma, double scale) {  // entry 0 repeats entry 1
+    Floats lut;
+    for (int i = 0; i < size; ++i) {
+        const float x = static_cast<float>(std::max(i, 1)) / size;
+        lut.push_back(static_cast<float>(std::pow(x, static_cast<double>(gamma)) * scale));
+    }
+    return lut;
+}
+std::vector<int> byExposure(const Floats& dt) {  // smallest first; equal values: higher frame first
+    std::vector<int> ord(dt.size());
+    std::iota(ord.begin(), ord.end(), 0);
+    std::sort(ord.begin(), ord.end(), [&](int x, int y) { return dt[x] != dt[y] ? dt[x] < dt[y] : x > y; });
+    return ord;
+}
+std::size_t planeAt(int w, std::size_t p, int plane) { return (p / w) * 4 * w + plane * w + p % w; }
+void put(Out& o, int w, std::size_t p, const Pixel& px) {
+    for (int q = 0; q < 4; ++q) o.rgbe[planeAt(w, p, q)] = px[q];
+}
+// Pass 2: burnt-out pixels become grey at the maximum, dead-dark ones grey at
+// the minimum, with `grey` giving the pixel.
+template <class Grey>
+void replaceMarkers(Out& o, const Photos& s, float mn, float mx, Grey grey) {
+    for (std::size_t p = 0; p < s.px(); ++p)
+        if (const std::uint8_t e = o.rgbe[planeAt(s.w, p, 3)]; e == 0 || e == 255) put(o, s.w, p, grey(e ? mx : mn));
+}
+
+// The weighted merge's clamped encoding with frexp and a double division;
+// guard: the markers.
+Pixel refEncode(float r, float g, float b, bool guard) {
     const float m = std::max(r, std::max(g, b));
     if (guard && !(static_cast<double>(m) > 1e-32)) return {0, 0, 0, 0};
     if (guard && m >= 1e9f) return {255, 255, 255, 255};
@@ -59,115 +113,162 @@ ol::RgbePixel refEncode(float r, float g, float b, bool guard) {
     return {byte(r * s), byte(g * s), byte(b * s), static_cast<std::uint8_t>(std::clamp(e + 128, 0, 255))};
 }
 
-float refWeight(int i, int sat) {
-    if (i > sat) return 0.0f;
-    const float q = static_cast<float>(sat) / 65535.0f;
-    const float d = static_cast<float>(0.5 - q);
-    const float a = i <= 32768 ? 4.0f : static_cast<float>(1.0 / (d * d));
-    const float t = i / 65536.0f;
-    const float v = 1.0f - a * ((t - 0.5f) * (t - 0.5f));
-    return v * v;
-}
-
-Result refMerge(int mode, const Stack& s, float gamma, const std::vector<float>& dt) {
-    Result out;
-    const int n = s.n, levels = 1 << s.bps;
-    std::vector<float> lut(levels);
-    for (int i = 1; i < levels; ++i)
-        lut[i] = static_cast<float>(std::pow(static_cast<double>(static_cast<float>(i) / levels), static_cast<double>(gamma)));
-    lut[0] = lut[1];
-    out.lut = lut;
-    std::vector<int> order(n);
-    std::iota(order.begin(), order.end(), 0);
-    std::sort(order.begin(), order.end(), [&](int a, int b) { return dt[a] != dt[b] ? dt[a] < dt[b] : a > b; });
-    auto log2f = [](float v) { return static_cast<float>(std::log(static_cast<double>(v)) / std::log(2.0)); };
-    const float minT = log2f(dt[order[0]]), maxT = log2f(dt[order[n - 1]]);
+Out refWeighted(const Photos& s, const Args& a, Floats dt) {
+    const int n = s.n, sh = s.bps == 16 ? 8 : 0;
+    Out o{s.h, initial(4 * s.px(), a.coherence), {}, {}, gammaLut(1 << s.bps, a.curveMode == 1 ? a.gamma : 2.2f, 1.0)};
+    if (a.evStep > -0.5f) {
+        std::vector<int> zeros(n, 0);
+        guess_ev(0, n, a.evStep, zeros.data(), dt.data());
+    }
+    const std::vector<int> ord = byExposure(dt);
+    const float minT = log2f_(dt[ord[0]]), maxT = log2f_(dt[ord[n - 1]]);
     std::vector<int> sat(n, 64000);
     for (int k = 0; k < n; ++k)
-        if (maxT > minT) sat[k] = static_cast<int>(64000.0f - 3840.0f * ((log2f(dt[k]) - minT) / (maxT - minT)));
-    const int shift = s.bps == 16 ? 8 : 0;
-    const std::size_t npix = static_cast<std::size_t>(s.width) * s.height;
+        if (maxT > minT) sat[k] = static_cast<int>(64000.0f - 3840.0f * ((log2f_(dt[k]) - minT) / (maxT - minT)));
     float mn = 1e9f, mx = 0.0f;
     double sum = 0.0;
     long long count = 0;
-    out.rgbe.assign(4 * npix, 0);
-    auto put = [&](std::size_t p, ol::RgbePixel px) {
-        std::uint8_t* row = out.rgbe.data() + 4 * (p / s.width) * s.width + p % s.width;
-        row[0] = px.r, row[s.width] = px.g, row[2 * s.width] = px.b, row[3 * s.width] = px.e;
-    };
-    for (std::size_t p = 0; p < npix; ++p) {
-        float sw = 0, sr = 0, sg = 0, sb = 0;
+    for (std::size_t p = 0; p < s.px(); ++p) {
+        float sw = 0, c[3] = {0, 0, 0}, out[3];
         int nSat = 0;
         for (int j = 0; j < n; ++j) {
-            const int k = order[j];
-            const unsigned a = s.at(k, p * s.spp), b = s.at(k, p * s.spp + (s.spp - 1) / 2), c = s.at(k, p * s.spp + s.spp - 1);
-            const int ival = 54 * (a >> shift) + 183 * (b >> shift) + 19 * (c >> shift);
-            if (ival > sat[k]) nSat++;
-            if (ival < (j == n - 1 ? 1280 : 2560)) sw = sr = sg = sb = 0;
-            const float w = refWeight(ival, sat[k]);
+            const int k = ord[j];
+            const std::size_t i = p * s.spp;
+            const unsigned v[3] = {s.get(k, i), s.get(k, i + (s.spp - 1) / 2), s.get(k, i + s.spp - 1)};
+            const int ival = 54 * (v[0] >> sh) + 183 * (v[1] >> sh) + 19 * (v[2] >> sh);
+            nSat += ival > sat[k];
+            if (ival < (j == n - 1 ? 1280 : 2560)) sw = c[0] = c[1] = c[2] = 0;
+            const float w = curve(ival, sat[k], 32768), wt = w * (1.0f / dt[k]);
             sw += w;
-            const float wt = w * (1.0f / dt[k]);
-            sr += wt * lut[a];
-            sg += wt * lut[b];
-            sb += wt * lut[c];
+            for (int q = 0; q < 3; ++q) c[q] += wt * o.lut[v[q]];
         }
-        float r = 0, g = 0, b = 0;
-        if (nSat == n) r = g = b = 1e9f;
-        else if (sw > 0) r = sr / sw, g = sg / sw, b = sb / sw;
-        const float lum = static_cast<float>(0.2 * r + 0.7 * g + 0.1 * b);
+        for (int q = 0; q < 3; ++q) out[q] = nSat == n ? 1e9f : sw > 0 ? c[q] / sw : 0.0f;
+        const float lum = static_cast<float>(0.2 * out[0] + 0.7 * out[1] + 0.1 * out[2]);
         if (lum < 1e9f) mx = std::max(mx, lum), sum += lum, count++;
         if (lum > 0 && lum < mn) mn = lum;
-        put(p, refEncode(r, g, b, true));
+        put(o, s.w, p, refEncode(out[0], out[1], out[2], true));
     }
-    out.stats[0] = 256 * mn;
-    out.stats[1] = 256 * mx;
-    out.stats[2] = 256 * (count > 0 ? static_cast<float>(sum / count) : 0.0f);
-    out.rc = s.height;
-    if (mode == 2) return out;
-    for (std::size_t p = 0; p < npix; ++p) {
-        const std::uint8_t e = out.rgbe[4 * (p / s.width) * s.width + 3 * s.width + p % s.width];
-        if (e == 255) put(p, refEncode(mx, mx, mx, false));
-        if (e == 0) put(p, refEncode(mn, mn, mn, false));
+    o.stats = {256 * mn, 256 * mx, 256 * (count > 0 ? static_cast<float>(sum / count) : 0.0f)};
+    if (a.mode != 2) replaceMarkers(o, s, mn, mx, [](float v) { return refEncode(v, v, v, false); });
+    o.dt = dt;
+    return o;
+}
+
+float slopeAt(int i) {
+    static const int L[] = {0, 10240, 15360, 20480, 23040, 25600, 28160, 46080, 51200, 65280};
+    static const float V[] = {0.4f, 0.5f, 0.75f, 1.0f, 1.1f, 1.25f, 1.333f, 0.1f, 0.0f, 0.0f};
+    int j = 0;
+    while (j < 9 && i >= L[j + 1]) ++j;
+    if (j == 9) return 0.0f;
+    const float a = (V[j + 1] - V[j]) / static_cast<float>(L[j + 1] - L[j]), b = V[j] - L[j] * a;
+    return static_cast<float>(i) * a + b;
+}
+// The wrapped RGBE form (frame/rgbe.hpp, checked by the frame tests); guard: four zeros at or below 1e-32.
+Pixel encode(float a, float b, float c, bool guard) {
+    const auto p = ol::encodeRgbe(a, b, c, ol::RgbeForm::Wrapped, guard ? ol::ZeroGuard::On : ol::ZeroGuard::Off);
+    return {p.r, p.g, p.b, p.e};
+}
+
+Out refMotion(const Photos& s, const Args& a, Floats dt) {
+    const int n = s.n, size = s.bps == 16 ? 65536 : 256;
+    const float gamma = a.curveMode == 1 ? a.gamma : a.curveMode == 2 ? 0.45f : 2.2f;
+    const double scale = a.curveMode == 2 ? 65535.0 : 1.0;
+    Out o{s.h, initial(4 * s.px(), a.coherence), {-1, -1, -1}, {}, gammaLut(size, gamma, scale)};
+    float tmid = 1;
+    for (int k = n - 1; k >= 0; --k)  // the first frame with n/2 smaller exposures
+        if (std::count_if(dt.begin(), dt.end(), [&](float v) { return v < dt[k]; }) == n / 2) tmid = dt[k];
+    if (tmid > 0) for (float& v : dt) v *= 2 * a.mid / tmid;
+    const std::vector<int> ord = byExposure(dt);
+    for (float& v : dt) v = v != 0 ? 1 / v : 0;
+    std::vector<int> sat(n, 64000);
+    std::vector<float> dEV(n, 1.0f);
+    const float top = log2f_(dt[ord[0]]), bottom = log2f_(dt[ord[n - 1]]);
+    for (int k = 0; k < n; ++k) {
+        if (top > bottom) sat[k] = static_cast<int>(60160.0f + 3840.0f * (log2f_(dt[k]) - bottom) / (top - bottom));
+        const float d = k ? log2f_(dt[ord[k - 1]]) - log2f_(dt[ord[k]]) : 1 / 8192.0f;  // stops from the rank before
+        dEV[k] = (d < 0.0001 ? 0.3f : d) * 8192;
     }
-    return out;
+    const int mi = s.spp > 1 ? 1 : 0, la = s.spp > 1 ? 2 : 0, sh = s.bps == 16 ? 8 : 0;
+    const float thr = a.variant < 0 ? (a.coherence == 2 ? 0.8f : 1.0f) : a.variant == 2 ? 0.18f : 0.15f;
+    float mn = 1e11f, mx = 0, ref[3] = {0, 0, 0};
+    double sum = 0, count = 0;
+    for (std::size_t p = 0; p < s.px() && (s.bps == 8 || s.bps == 16); ++p) {
+        float W = 0, C[3] = {0, 0, 0}, err = 0, Y = 0, YY = 0, CC[3] = {0, 0, 0}, out[3] = {0, 0, 0};
+        int nSat = 0, prev = 0, black = 0;
+        auto smp = [&](int k, int c) { return s.get(k, p * s.spp + (c == 0 ? 0 : c == 1 ? mi : la)); };
+        for (int j = 0; j < n; ++j) {
+            const int k = ord[j];
+            const int iv = 54 * (smp(k, 0) >> sh) + 183 * (smp(k, 1) >> sh) + 19 * (smp(k, 2) >> sh);
+            if (a.variant < 0) {  // consistency-checked
+                if (iv > sat[k]) nSat++;
+                else if (iv < 1280) W = C[0] = C[1] = C[2] = 0;
+                if (a.coherence && j > 0) {
+                    const int m = (iv + prev) >> 1;
+                    const float e = slopeAt(std::max(m, 1)) - static_cast<float>(iv - prev) / dEV[j];
+                    err += e * e * curve(m, 65535, 65535);
+                }
+                prev = iv;
+                const float w = curve(iv, sat[k], 32769);
+                W += w;
+                for (int c = 0; c < 3; ++c) C[c] += w * dt[k] * o.lut[smp(k, c)];
+                continue;
+            }
+            if (iv > 64000 && (j == 0 || iv - prev < 52000)) {
+                if (j == 0) W = 1, C[0] = C[1] = C[2] = Y = 1e9f;
+                break;
+            }
+            if (iv <= 64000 && iv < 1280) {
+                W = C[0] = C[1] = C[2] = Y = 0;
+                if ((black = j == n - 1)) break;
+            }
+            const float w = curve(iv, 65535, 65535), y = dt[k] * o.lut[s.bps == 16 ? iv : iv >> 8];
+            W += w, Y += w * y, YY += w * y * y;
+            for (int c = 0; c < 3; ++c) {
+                const float L = o.lut[smp(k, c)], v = L * dt[k];
+                C[c] += L * w * dt[k];
+                CC[c] += w * v * v;
+                if (j == n / 2) ref[c] = v;
+            }
+            prev = iv;
+        }
+        if (a.variant < 0 && nSat == n) W = 1, C[0] = C[1] = C[2] = 1e9f;
+        if (a.variant < 0 && W > 0 && a.coherence && err / n > thr) {
+            W = static_cast<float>(n), C[0] = C[1] = C[2] = 0;
+            for (int k = 0; k < n; ++k)
+                for (int c = 0; c < 3; ++c) C[c] += dt[k] * o.lut[smp(k, c)];
+        }
+        if (!black && W > 0) {
+            float d = 0;
+            for (int c = 0; c < 3; ++c) d += C[c] > 0.0001f ? CC[c] * W / (C[c] * C[c]) - 1 : 0;
+            if (a.variant == 2) d = Y > 0.0001f ? YY * W / (Y * Y) - 1 : 0;
+            const float bl = a.variant < 0 ? 0 : std::clamp(d / thr, 0.0f, 1.0f);
+            for (int c = 0; c < 3; ++c) out[c] = C[c] / W * (1 - bl) + ref[c] * bl;
+        }
+        const float lum = static_cast<float>(0.3 * out[0] + 0.6 * out[1] + 0.1 * out[2]);
+        if (lum < 1e9f) mx = std::max(mx, lum), sum += lum, count++;
+        if (lum > 0 && lum < mn) mn = lum;
+        auto px = encode(out[0], out[1], out[2], true);
+        if (std::max(out[0], std::max(out[1], out[2])) > 1e-32f && lum >= 1e9f) px = {255, 255, 255, 255};
+        if (a.mode == 0) std::swap(px[0], px[2]);
+        put(o, s.w, p, px);
+    }
+    o.stats[0] = 256 * mn, o.stats[1] = 256 * mx;
+    if (count) o.stats[2] = 256 * static_cast<float>(sum / count);
+    if (a.mode != 2 || a.variant >= 0) replaceMarkers(o, s, mn, mx, [](float v) { return encode(v, v, v, false); });
+    o.dt = dt;
+    return o;
+}
+
+// The merge against its reference, byte for byte.
+void expectReference(const Photos& s, const Args& a, const Floats& dt) {
+    const Out got = run(s, a, dt), want = a.variant == kWeighted ? refWeighted(s, a, dt) : refMotion(s, a, dt);
+    const auto diff = std::mismatch(got.rgbe.begin(), got.rgbe.end(), want.rgbe.begin()).first - got.rgbe.begin();
+    EXPECT_TRUE(got == want) << "rc " << got.rc << ", stats " << got.stats[0] << " " << got.stats[1] << " "
+                             << got.stats[2] << " want " << want.stats[0] << " " << want.stats[1] << " "
+                             << want.stats[2] << ", first differing byte " << diff;
 }
 
 // ---------------------------------------------------------------------------
-
-// ol_hdr_merge on the stack; lut[0] holds `gamma` on the way in.
-Result runMerge(int mode, const Stack& s, std::vector<float> dt, float evStep = -1.0f, int gammaGiven = 0,
-                float gamma = 0.0f) {
-    Result r;
-    r.rgbe.assign(4 * static_cast<std::size_t>(s.width) * s.height, 0xAB);
-    r.lut.assign(static_cast<std::size_t>(1) << s.bps, 0.0f);
-    r.lut[0] = gamma;
-    r.dt = std::move(dt);
-    const auto photos = s.bytes();
-    r.rc = ol_hdr_merge(mode, s.n, s.width, s.height, s.spp, s.bps, gammaGiven, r.lut.data(), evStep, r.dt.data(),
-                        photos.data(), r.stats, r.rgbe.data());
-    return r;
-}
-
-// The merge against the reference, with the exposures guess_ev gives when
-// the step asks for them.
-Result expectReference(int mode, const Stack& s, const std::vector<float>& dt, float evStep = -1.0f, int gammaGiven = 0) {
-    Result got = runMerge(mode, s, dt, evStep, gammaGiven, 1.8f);
-    std::vector<float> dtRef = dt;
-    if (evStep > -0.5f) {
-        std::vector<int> zeros(s.n, 0);
-        guess_ev(0, s.n, evStep, zeros.data(), dtRef.data());
-    }
-    EXPECT_EQ(got.dt, dtRef);
-    const Result want = refMerge(mode, s, gammaGiven == 1 ? 1.8f : 2.2f, dtRef);
-    EXPECT_EQ(got.rc, want.rc);
-    EXPECT_EQ(got.lut, want.lut);  // left filled for the caller
-    EXPECT_EQ(std::memcmp(got.stats, want.stats, sizeof got.stats), 0)
-        << "stats " << got.stats[0] << " " << got.stats[1] << " " << got.stats[2] << " want " << want.stats[0]
-        << " " << want.stats[1] << " " << want.stats[2];
-    const auto diff = std::mismatch(got.rgbe.begin(), got.rgbe.end(), want.rgbe.begin()).first - got.rgbe.begin();
-    EXPECT_EQ(diff, static_cast<long>(got.rgbe.size())) << "first differing byte";
-    return got;
-}
 
 TEST(MergeEncode, FastEncoderMatchesReference) {
     // 1e-32f lies just above the double threshold 1e-32: encoded; the float
@@ -182,86 +283,89 @@ TEST(MergeEncode, FastEncoderMatchesReference) {
         rows.push_back({m * frac(rng) * frac(rng), m * frac(rng), m});
     }
     for (const auto& [r, g, b] : rows) {
-        const ol::RgbePixel got = ol::encodeMergePixel(r, g, b), want = refEncode(r, g, b, true);
-        ASSERT_EQ(std::memcmp(&got, &want, 4), 0) << r << " " << g << " " << b;
+        const ol::RgbePixel got = ol::encodeMergePixel(r, g, b);
+        ASSERT_EQ((Pixel{got.r, got.g, got.b, got.e}), refEncode(r, g, b, true)) << r << " " << g << " " << b;
     }
     EXPECT_NE(ol::encodeMergePixel(1e-32f, 0, 0).e, 0);
 }
 
-// A scene of smooth radiance with noise, photographed at each exposure with a
-// 2.2 gamma and clipped, so that every frame has dark and burnt-out areas.
-Stack randomStack(int n, int width, int height, int spp, int bps, const std::vector<float>& dt, std::uint32_t seed) {
-    Stack s(n, width, height, spp, bps);
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<double> u(0.0, 1.0);
-    const double top = bps == 8 ? 255.0 : 65535.0;
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            const double base = std::exp(-7.0 + 10.0 * (x + y * 0.7) / (width + height * 0.7));
-            const bool black = u(rng) > 0.97;  // some pixels black in every frame
-            for (int c = 0; c < spp; ++c) {
-                const double radiance = base * (0.3 + 1.4 * u(rng));
-                const bool wild = u(rng) < 0.05;  // some samples of pure noise
-                for (int k = 0; k < n; ++k) {
-                    const double v = black ? 0.0
-                                     : wild ? u(rng) * (top + 1)
-                                            : top * std::pow(radiance * dt[k], 1.0 / 2.2) + (u(rng) - 0.5) * top / 40;
-                    s.at(k, (static_cast<std::size_t>(y) * width + x) * spp + c) = static_cast<unsigned>(std::clamp(v, 0.0, top));
-                }
-            }
-        }
-    return s;
-}
-
-TEST(HdrMerge, RandomStacksMatchReference) {
-    const struct Case {
-        int n, spp, bps, mode;
-        float evStep;
-        int gammaGiven;
-    } cases[] = {
-        {3, 3, 8, 0, -1.0f, 0},  {3, 3, 8, 2, -1.0f, 0},  {5, 3, 8, 0, 1.0f, 0},  {2, 4, 8, 1, -1.0f, 1},
-        {1, 3, 8, 0, -1.0f, 0},  {4, 1, 8, 0, 2.0f, 0},   {3, 3, 16, 0, -1.0f, 0}, {5, 4, 16, 2, -1.0f, 0},
-        {2, 1, 16, 0, 0.7f, 1},  {3, 3, 8, 0, 0.0f, 0},   {6, 5, 8, 0, -1.0f, 0},  {3, 2, 16, 0, -2.0f, 0},
-        {20, 3, 8, 0, -1.0f, 0},  // many frames take their visit list from the heap
-        // gammaGiven other than 1 means 2.2 whatever lut[0] holds; -0.5 is
-        // not above -0.5 and keeps the exposures, -0.4 infers them (all 1).
-        {3, 3, 8, 0, -0.5f, 2},  {3, 3, 16, 0, -0.4f, 1},
+// Random stacks through all three merges. The first three pixels, by
+// exposure rank: 10 in the shortest frame and 255 in the others (hdr_unghost
+// keeps the rise of 62720 levels, then stops); 255 in all; 3 in the longest
+// frame and 100 in the others.
+TEST(Merges, RandomStacksMatchReference) {
+    struct Case {
+        int n, spp, bps;
+        Args a;
     };
-    std::uint32_t seed = 1;
-    long burnt = 0, dead = 0;
+    const Case cases[] = {
+        // ol_hdr_merge (gamma 1.8 in lut[0], taken with gammaGiven 1 only);
+        // an evStep above -0.5 has the exposures guessed: -0.5 keeps them,
+        // -0.4 infers them (all 1); 20 frames take their visits from the heap.
+        {3, 3, 8, {0, kWeighted, 0, 0, 1.8f, 0}},    {3, 3, 8, {2, kWeighted, 0, 0, 1.8f, 0}},
+        {5, 3, 8, {0, kWeighted, 0, 0, 1.8f, 0, 1.0f}}, {2, 4, 8, {1, kWeighted, 0, 1, 1.8f, 0}},
+        {1, 3, 8, {0, kWeighted, 0, 0, 1.8f, 0}},    {4, 1, 8, {0, kWeighted, 0, 0, 1.8f, 0, 2.0f}},
+        {3, 3, 16, {0, kWeighted, 0, 0, 1.8f, 0}},   {5, 4, 16, {2, kWeighted, 0, 0, 1.8f, 0}},
+        {2, 1, 16, {0, kWeighted, 0, 1, 1.8f, 0, 0.7f}}, {3, 3, 8, {0, kWeighted, 0, 0, 1.8f, 0, 0.0f}},
+        {6, 5, 8, {0, kWeighted, 0, 0, 1.8f, 0}},    {3, 2, 16, {0, kWeighted, 0, 0, 1.8f, 0, -2.0f}},
+        {20, 3, 8, {0, kWeighted, 0, 0, 1.8f, 0}},   {3, 3, 8, {0, kWeighted, 0, 2, 1.8f, 0, -0.5f}},
+        {3, 3, 16, {0, kWeighted, 0, 1, 1.8f, 0, -0.4f}},
+        // calc_hdr and hdr_unghost; depth 12 writes no pixel, and pass 2 reads
+        // what the buffer holds.
+        {3, 3, 8, {0, kCalc, 1, 0, 0, 0.5f}}, {3, 3, 8, {1, kCalc, 0, 0, 0, 1}}, {5, 4, 8, {2, kCalc, 2, 1, 1.8f, 2}},
+        {1, 3, 8, {1, kCalc, 1, 0, 0, 1}}, {2, 1, 16, {0, kCalc, 7, 2, 0, 1}}, {4, 3, 16, {2, kCalc, 1, 0, 0, 0.3f}},
+        {5, 3, 16, {1, kCalc, 0, 1, 1.0f, 1}}, {4, 5, 8, {0, kCalc, 2, 0, 0, 1}}, {3, 3, 8, {0, 1, 0, 0, 0, 0.5f}},
+        {3, 4, 8, {1, 2, 0, 1, 1.8f, 1}}, {5, 3, 16, {0, 0, 0, 0, 0, 2}}, {1, 3, 16, {1, 3, 0, 2, 0, 1}},
+        {2, 1, 8, {2, 1, 0, 0, 0, 1}}, {4, 3, 16, {1, 2, 0, 0, 0, 0.7f}}, {3, 3, 12, {0, kCalc, 1, 0, 0, 1}},
+        {3, 3, 12, {0, 1, 0, 0, 0, 1}},
+    };
+    unsigned seed = 1;
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << "n " << c.n << " spp " << c.spp << " bps " << c.bps << " mode " << c.mode);
-        std::vector<float> dt(c.n);
-        for (int k = 0; k < c.n; ++k) dt[k] = std::exp2(1.7f * (k - c.n / 2) + 0.1f * (seed % 3));
-        const Stack s = randomStack(c.n, 61, 37, c.spp, c.bps, dt, seed++);
-        const Result got = expectReference(c.mode, s, dt, c.evStep, c.gammaGiven);
-        for (int i = 0; i < 61 * 37 && c.mode == 2; ++i) {
-            const std::uint8_t e = got.rgbe[(i / 61) * 4 * 61 + 3 * 61 + i % 61];
-            burnt += e == 255;
-            dead += e == 0;
+        SCOPED_TRACE(::testing::Message() << "case " << seed << ": n " << c.n << " variant " << c.a.variant);
+        Floats dt(c.n);
+        for (int k = 0; k < c.n; ++k) dt[k] = std::exp2(1.7f * ((k * 3) % c.n - c.n / 2) + 0.1f * (seed % 3));
+        if (c.n == 4) dt[3] = dt[1];  // a tie
+        Photos s = fustest::bracketScene(c.n, 61, 37, c.spp, c.bps == 12 ? 8 : c.bps, dt, seed++);
+        for (int k = 0; k < c.n; ++k) {
+            const long rank = std::count_if(dt.begin(), dt.end(), [&](float t) { return t < dt[k]; });
+            const unsigned pin[3] = {rank == 0 ? 10u : 255u, 255u, rank == c.n - 1 ? 3u : 100u};
+            for (int i = 0; i < 3 * c.spp; ++i) s.set(k, i, pin[i / c.spp] * (s.bps == 16 ? 257 : 1));
         }
+        s.bps = c.bps;
+        expectReference(s, c.a, dt);
     }
-    // The stacks reach both markers, so pass 2 is exercised too.
-    EXPECT_GT(burnt, 0);
-    EXPECT_GT(dead, 0);
     // Uniformly random samples hit every rule at once, ties of exposure included.
-    for (int bps : {8, 16}) {
-        Stack s(4, 53, 29, 3, bps);
-        const auto raw = oltest::randomBytes(s.v.size() * (bps / 8), 99 + bps);
-        for (std::size_t i = 0; i < s.v.size(); ++i) s.v[i] = bps == 8 ? raw[i] : raw[2 * i] | raw[2 * i + 1] << 8;
-        expectReference(0, s, {0.5f, 2.0f, 0.5f, 8.0f});
+    for (int bps : {8, 16})
+        for (int variant : {kWeighted, kCalc, 1}) {
+            Photos s(4, 53, 29, 3, bps);
+            s.bytes = oltest::randomBytes(s.bytes.size(), 99 + bps);
+            expectReference(s, {0, variant, 1, 0, 0, 1}, {0.5f, 2.0f, 0.5f, 8.0f});
+        }
+    // Groups of 8 pixels that cycle burnt out, dark and mid-grey, `len` groups
+    // each. The weighted merge's marker pass visits only the spans of rows
+    // where the vector kernel saw markers, and every row once these overflow
+    // their room (4 a row and 1024 more), as in the last stack.
+    for (const auto& [w, h, len] : {std::array<int, 3>{8 * 40 + 5, 3, 5}, {8 * 7, 2, 1}, {8 * 3 * 1100, 1, 1}}) {
+        Photos s(2, w, h, 3, 8);
+        s.bytes = oltest::randomBytes(s.bytes.size(), 5);
+        for (std::size_t i = 0; i < s.bytes.size(); ++i) {
+            const int kind = static_cast<int>(i / 3 % w / 8 / len % 3);
+            s.bytes[i] = static_cast<std::uint8_t>(kind == 0 ? 255 : kind == 1 ? 0 : 60 + s.bytes[i] % 120);
+        }
+        expectReference(s, {0, kWeighted, 0, 0, 0, 0}, {1, 4});
     }
 }
 
-// The rules at their boundaries, as rows of one-channel frames (8-bit: ival
-// is 256 times the level; 16-bit: the high byte counts and the lut takes the
-// whole word), each compared byte for byte with the reference. `want` is what
-// mode 2 leaves at each pixel: 'B' burnt out, 'D' dead dark, '.' merged.
+// The weighted merge's rules at their boundaries, as rows of one-channel
+// frames (8-bit: ival is 256 times the level; 16-bit: the high byte counts and
+// the lut takes the whole word), each compared byte for byte with the
+// reference. `want` is what mode 2 leaves at each pixel: 'B' burnt out, 'D'
+// dead dark, '.' merged.
 TEST(HdrMerge, RulesAtTheirBoundariesAsRows) {
     struct Row {
         const char* what;
         std::vector<std::vector<unsigned>> pixels;  // per pixel, the level of each frame
-        std::vector<float> dt;
+        Floats dt;
         const char* want;
         int bps = 8;
         float evStep = -1.0f;
@@ -274,8 +378,6 @@ TEST(HdrMerge, RulesAtTheirBoundariesAsRows) {
         // Burnt out in both frames; black in the short frame and burnt out in
         // the long one (sum of weights 0: dark, not burnt); two ordinary ones.
         {"markers", {{255, 255}, {0, 255}, {40, 120}, {90, 200}}, {1.0f, 4.0f}, "BD.."},
-        {"all black", {{0, 0, 0}, {0, 0, 0}}, {0.25f, 1.0f, 4.0f}, "DD"},
-        {"all white", {{255, 255, 255}, {255, 255, 255}}, {0.25f, 1.0f, 4.0f}, "BB"},
         // One frame: 7 (1792) lies in the last frame's band of 5 and is kept;
         // 250 (64000) is not above 64000; 251 is.
         {"one frame", {{7}, {250}, {251}}, {2.0f}, "..B"},
@@ -305,41 +407,81 @@ TEST(HdrMerge, RulesAtTheirBoundariesAsRows) {
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << row.what << ", first exposure " << row.dt[0]);
         const int n = static_cast<int>(row.dt.size()), w = static_cast<int>(row.pixels.size());
-        Stack s(n, w, 1, 1, row.bps);
+        Photos s(n, w, 1, 1, row.bps);
         for (int x = 0; x < w; ++x)
-            for (int k = 0; k < n; ++k) s.at(k, x) = row.pixels[x][k];
-        const Result marked = runMerge(2, s, row.dt, row.evStep);
+            for (int k = 0; k < n; ++k) s.set(k, x, row.pixels[x][k]);
+        const Out marked = run(s, {2, kWeighted, 0, 0, 0, 0, row.evStep}, row.dt);
         for (int x = 0; x < w; ++x) {
             EXPECT_EQ(marked.rgbe[3 * w + x] == 255, row.want[x] == 'B') << "pixel " << x;
             EXPECT_EQ(marked.rgbe[3 * w + x] == 0, row.want[x] == 'D') << "pixel " << x;
         }
-        for (int mode : {2, 0}) expectReference(mode, s, row.dt, row.evStep);
+        for (int mode : {2, 0}) expectReference(s, {mode, kWeighted, 0, 0, 0, 0, row.evStep}, row.dt);
     }
 }
 
-TEST(HdrMerge, NothingToDoAndFailedAllocation) {
-    Stack s(3, 8, 4, 3, 8);
-    const auto photos = oltest::randomBytes(s.v.size(), 3);
-    std::vector<float> dt = {1.0f, 2.0f, 4.0f}, lut(256);
-    float stats[3] = {-1, -1, -1};
-    std::vector<std::uint8_t> out(4 * 8 * 4, 0xAB);
-    auto merge = [&](int n, int h, int bps) {
-        return ol_hdr_merge(0, n, 8, h, 3, bps, 0, lut.data(), -1, dt.data(), photos.data(), stats, out.data());
-    };
-    // No rows, no frames, an unknown depth.
-    EXPECT_EQ(merge(3, 0, 8), 0);
-    EXPECT_EQ(merge(0, 4, 8), 0);
-    EXPECT_EQ(merge(3, 4, 12), 0);
-    // Every allocation that fails gives -4 with nothing written.
-    const long allocations = oltest::countAllocations([&] { merge(3, 4, 8); });
-    ASSERT_GE(allocations, 2);
-    std::fill(out.begin(), out.end(), 0xAB);
-    stats[0] = -1;
-    for (long n = 1; n <= allocations; ++n) {
-        oltest::FailAllocation fail(n);
-        EXPECT_EQ(merge(3, 4, 8), -4) << n;
-        EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](std::uint8_t b) { return b == 0xAB; }));
-        EXPECT_EQ(stats[0], -1.0f);
+// A still scene on four frames, one stop apart, with an object that sits in
+// a different place in each frame (columns 8k to 8k+7 in frame k). Where the
+// frames disagree hdr_unghost keeps the middle frame's value and calc_hdr
+// turns to the plain mean (values elsewhere: the per-pixel reading above).
+TEST(MotionMerge, MovingObject) {
+    const Floats dt = {1, 2, 4, 8};
+    Photos s(4, 40, 8, 3, 8);
+    for (int i = 0, k = 0, x = 0; i < 4 * 40 * 8 * 3; ++i, k = i / (40 * 8 * 3), x = i / 3 % 40)
+        s.bytes[i] = static_cast<std::uint8_t>(255 * std::pow((x / 8 == k ? 0.6 : 0.02 * (1 + x / 10.0)) * dt[k] / 8, 1 / 2.2));
+    const Out ug = run(s, {1, 1, 0, 0, 0, 1}, dt), ch = run(s, {1, kCalc, 1, 0, 0, 1}, dt);
+    const Out plain = run(s, {1, kCalc, 0, 0, 0, 1}, dt);
+    for (int x = 0; x < 40; x += 3) {
+        const float v = ug.lut[s.get(2, x * 3)] * ug.dt[2];  // frame 2 is the middle one
+        const std::uint8_t mant = ug.rgbe[40 + x], e = ug.rgbe[120 + x];
+        EXPECT_EQ(mant == encode(v, v, v, true)[1] && e == encode(v, v, v, true)[3], x < 32) << x;
+        const bool differs = ch.rgbe[40 + x] != plain.rgbe[40 + x] || ch.rgbe[120 + x] != plain.rgbe[120 + x];
+        EXPECT_EQ(differs, x >= 8 && x < 32) << x;
+    }
+}
+
+// All black and saturated everywhere, nothing to do, and -4 on each
+// allocation with nothing written, for each merge. All black: grey at the
+// minimum's start (1e9 in the weighted merge, 1e11 in the others, exponent
+// bytes 158 and 165); saturated everywhere: marker, then grey at a maximum of
+// 0 (mantissas 0, exponent byte 128), and no mean but in the weighted merge.
+TEST(Merges, EdgeCasesNothingToDoAndFailedAllocations) {
+    const Photos still = fustest::bracketScene(3, 6, 4, 3, 8, {1, 2, 4}, 9);
+    for (int variant : {kWeighted, kCalc, 1, 2}) {
+        SCOPED_TRACE(variant);
+        const bool weighted = variant == kWeighted;
+        const Args a{1, variant, 1, 0, 0, 1}, half{0, variant, 1, 0, 0, 0.5f};
+        Photos s(3, 5, 2, 3, 8);
+        for (int v : {0, 255}) {
+            std::fill(s.bytes.begin(), s.bytes.end(), v);
+            const Out o = run(s, a, {1, 2, 4});
+            expectReference(s, a, {1, 2, 4});
+            const float start = weighted ? 1e9f : 1e11f;
+            EXPECT_EQ(o.stats, (std::array<float, 3>{256 * (v ? 1e9f : start), 0, v && !weighted ? -1.0f : 0}));
+            EXPECT_EQ(v ? o.rgbe[0] + o.rgbe[3 * 5] : o.rgbe[3 * 5], v ? 128 : weighted ? 158 : 165);
+            // The others return the reciprocals of the scaled exposures: median 2 -> 2*midValue.
+            EXPECT_EQ(o.dt, (weighted ? Floats{1, 2, 4} : Floats{1.0f, 0.5f, 0.25f}));
+        }
+        // Frames, rows, columns, samples; a depth the weighted merge does not take.
+        const std::array<int, 6> nothing[] = {{0, 6, 4, 3, 8, 0}, {3, 6, 0, 3, 8, 0}, {3, 6, 4, 0, 8, 0},
+                                              {3, 0, 4, 3, 8, 1}, {3, 6, 4, 2, 8, 1}, {3, 6, 4, 3, 12, 0}};
+        for (auto [n, w, h, spp, bps, motionOnly] : nothing) {
+            Photos none(n, w, h, spp, bps == 12 ? 8 : bps);
+            none.bps = bps;
+            none.bytes = still.bytes;
+            if ((motionOnly && weighted) || (bps == 12 && !weighted)) continue;
+            const Out untouched{0, initial(4 * w * h, 1), {-1, -1, -1}, {1, 2, 4}, Floats(256)};
+            EXPECT_EQ(run(none, half, {1, 2, 4}), untouched);
+        }
+        // The lut is filled first, and calc_hdr and hdr_unghost have scaled
+        // the exposures but not yet inverted them.
+        const long allocations = oltest::countAllocations([&] { run(still, half, {1, 2, 4}); });
+        ASSERT_GE(allocations, weighted ? 2 : 3);
+        for (long i = 1; i <= allocations; ++i) {
+            oltest::FailAllocation fail(i);
+            const Out o = run(still, half, {1, 2, 4});
+            const Floats dt = weighted ? Floats{1, 2, 4} : Floats{0.5f, 1, 2};
+            EXPECT_EQ(o, (Out{-4, initial(4 * still.px(), 1), {-1, -1, -1}, dt, o.lut})) << i;
+        }
     }
 }
 

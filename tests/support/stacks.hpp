@@ -1,5 +1,5 @@
-// Synthetic bracketed stacks and a wrapper around ol_fusion for the fusion
-// tests.
+// Synthetic bracketed stacks, a photo block for the merges, and a wrapper
+// around ol_fusion for the fusion tests.
 #pragma once
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,49 @@ inline std::vector<std::uint8_t> flatStack(int w, int h, std::initializer_list<i
     std::vector<std::uint8_t> bytes;
     for (int level : levels) bytes.insert(bytes.end(), static_cast<std::size_t>(w) * h * ch, level);
     return bytes;
+}
+
+// A photo block: n frames of w x h pixels of spp samples of bps bits, frame k
+// from sample k*w*h*spp, 16-bit samples little-endian.
+struct Photos {
+    int n, w, h, spp, bps;
+    std::vector<std::uint8_t> bytes;
+    Photos(int n_, int w_, int h_, int spp_, int bps_)
+        : n(n_), w(w_), h(h_), spp(spp_), bps(bps_), bytes(static_cast<std::size_t>(n_) * w_ * h_ * spp_ * bps_ / 8) {}
+    std::size_t px() const { return static_cast<std::size_t>(w) * h; }
+    std::size_t at(int k, std::size_t i) const { return (k * px() * spp + i) * (bps / 8); }
+    unsigned get(int k, std::size_t i) const {
+        return bps == 16 ? bytes[at(k, i)] | bytes[at(k, i) + 1] << 8 : bytes[at(k, i)];
+    }
+    void set(int k, std::size_t i, unsigned v) {
+        for (int b = 0; b < bps / 8; ++b) bytes[at(k, i) + b] = static_cast<std::uint8_t>(v >> 8 * b);
+    }
+};
+
+// A scene of smooth radiance photographed at each exposure of `dt` through a
+// 2.2 gamma, with noise, clipped: every frame has dark and burnt-out areas.
+// 3% of the pixels are black in every frame, and 8% of the samples are pure
+// noise that disagrees between frames.
+inline Photos bracketScene(int n, int w, int h, int spp, int bps, const std::vector<float>& dt, unsigned seed) {
+    Photos s(n, w, h, spp, bps);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(0, 1);
+    const double top = bps == 8 ? 255 : 65535;
+    for (std::size_t p = 0; p < s.px(); ++p) {
+        const double base = std::exp(-7 + 10.0 * (p % w + p / w * 0.7) / (w + h * 0.7));
+        const bool black = u(rng) > 0.97;
+        for (int c = 0; c < spp; ++c) {
+            const double r = base * (0.3 + 1.4 * u(rng));
+            const bool wild = u(rng) < 0.08;
+            for (int k = 0; k < n; ++k) {
+                const double v = black ? 0
+                                 : wild ? u(rng) * (top + 1)
+                                        : top * std::pow(r * dt[k], 1 / 2.2) + (u(rng) - 0.5) * top / 40;
+                s.set(k, p * spp + c, static_cast<unsigned>(std::clamp(v, 0.0, top)));
+            }
+        }
+    }
+    return s;
 }
 
 struct Job {
