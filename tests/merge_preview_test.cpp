@@ -76,17 +76,13 @@ struct Window {
     int x0, y0, mx0, mx1, my0, my1;
 };
 
+// The window centred on the cursor and held inside; the measured area is its
+// central half.
 Window place(int width, int height, int x, int y, int ww, int wh) {
-    Window w;
-    w.x0 = std::max(x - ww / 2, 0);
-    if (w.x0 + ww > width) w.x0 = width - ww;
-    w.y0 = std::max(y - wh / 2, 0);
-    if (w.y0 + wh > height) w.y0 = height - wh;
-    w.mx0 = w.x0 + ww / 4;
-    w.mx1 = w.x0 + ww - ww / 4;
-    w.my0 = w.y0 + wh / 4;
-    w.my1 = w.y0 + wh - wh / 4;
-    return w;
+    int x0 = std::max(x - ww / 2, 0), y0 = std::max(y - wh / 2, 0);
+    if (x0 + ww > width) x0 = width - ww;
+    if (y0 + wh > height) y0 = height - wh;
+    return {x0, y0, x0 + ww / 4, x0 + ww - ww / 4, y0 + wh / 4, y0 + wh - wh / 4};
 }
 
 // Smallest and largest luminance of the measured area, their sum and count.
@@ -106,69 +102,44 @@ Measured measure(const Window& w, Lum lum) {
     return m;
 }
 
-// `step` is the distance from a pixel's first sample to its second in the
-// measurement: `width` as the operation has it, 1 for plain interleaving.
-std::vector<std::uint8_t> expected16(const std::vector<std::uint16_t>& s, int width, int height, int x,
-                                     int y, int ww, int wh, int step) {
-    const Window w = place(width, height, x, y, ww, wh);
-    const auto [mn, mx, sum, count] = measure(w, [&](int xx, int yy) {
-        const std::size_t p = static_cast<std::size_t>(yy) * 3 * width + 3 * xx;
-        return static_cast<float>((19 * s[p] + 183 * s[p + step] + 54 * s[p + 2 * step]) >> 8);
-    });
-    const float k = mx > mn ? 1.0f / (mx - mn) : 1.0f;
-    const float shown = static_cast<float>(k * 255.0f * (sum / count));
-    const float target = static_cast<float>(68 + 0.3 * (shown - 68.0f));
-    const float factor = target / shown * k * 255.0f;
-    std::vector<std::uint8_t> out;
-    for (int r = 0; r < wh; ++r)
-        for (int c = 0; c < 3 * ww; ++c) {
-            const float v = s[static_cast<std::size_t>(w.y0 + r) * 3 * width + 3 * w.x0 + c] * factor;
-            out.push_back(static_cast<std::uint8_t>(std::clamp(v, 0.0f, 255.0f)));
-        }
-    return out;
-}
-
-// Cases of the 16-bit view as rows: the window held inside at corners and
-// edges; a measurement that takes a pixel's other two samples `width` and
-// `2*width` further on (a window uniform in its own pixels but not at those
-// offsets has a contrast); a flat picture (max equals min, k is 1); a cursor
-// near the end of the last row, whose readings past the image are 0.
-TEST(HdrDisplay, SixteenBitWindowsAsRows) {
-    const auto raw = oltest::randomBytes(6 * 48 * 36, 21);
-    std::vector<std::uint16_t> random(3 * 48 * 36), offsets(3 * 20 * 20, 1000), flat(3 * 20 * 20, 2), last(3 * 10 * 8, 500);
-    std::memcpy(random.data(), raw.data(), raw.size());
-    for (std::size_t i = 0; i < offsets.size(); ++i)
-        if ((i % 3) != 0) offsets[i] = static_cast<std::uint16_t>(1000 + 400 * ((i / 7) % 5));
-    const struct Row {
-        const std::vector<std::uint16_t>* s;
-        int width, height, x, y, ww, wh;
-    } rows[] = {
-        {&random, 48, 36, 20, 15, 16, 12}, {&random, 48, 36, 0, 0, 16, 12}, {&random, 48, 36, 47, 35, 16, 12},
-        {&random, 48, 36, 47, 0, 16, 12},  {&random, 48, 36, 3, 30, 16, 12}, {&offsets, 20, 20, 10, 10, 8, 8},
-        {&flat, 20, 20, 10, 10, 8, 8},     {&last, 10, 8, 9, 7, 4, 4},
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(::testing::Message() << r.width << "x" << r.height << " at " << r.x << "," << r.y);
-        const std::vector<std::uint16_t>& s = *r.s;
-        std::vector<std::uint8_t> dst(3 * r.ww * r.wh, 0xEE);
-        float info[4] = {9, 9, 9, 9};
-        const Window w = place(r.width, r.height, r.x, r.y, r.ww, r.wh);
-        EXPECT_EQ(hdr_display(r.width, r.height, 16, r.x, r.y, r.ww, r.wh, info, s.data(), dst.data()), w.my0);
-        EXPECT_EQ(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh, r.width));
-        if (r.s == &offsets) {
-            EXPECT_NE(dst, expected16(s, r.width, r.height, r.x, r.y, r.ww, r.wh, 1));
-        }
+// hdr_display read per pixel: the drawn window and the cursor's values. A
+// row's source is 16-bit samples or rgbe planes; `step` is the distance from
+// a pixel's first sample to its second in the 16-bit measurement: `width` as
+// the operation has it, 1 for plain interleaving. Readings past the image are 0.
+struct ViewRow {
+    const std::vector<std::uint16_t>* s;  // null: the planes
+    const Planes* p;
+    int width, height, x, y, ww, wh;
+};
+struct View {
+    std::vector<std::uint8_t> dst;
+    std::vector<float> info;
+};
+View expectedView(const ViewRow& r, const float* table, int step) {
+    const Window w = place(r.width, r.height, r.x, r.y, r.ww, r.wh);
+    View v;
+    if (r.s) {
+        auto at = [&](std::size_t i) { return i < r.s->size() ? (*r.s)[i] : 0; };
+        auto lum = [&](int xx, int yy) {
+            const std::size_t p = static_cast<std::size_t>(yy) * 3 * r.width + 3 * xx;
+            return static_cast<float>((19 * at(p) + 183 * at(p + step) + 54 * at(p + 2 * step)) >> 8);
+        };
+        const auto [mn, mx, sum, count] = measure(w, lum);
+        const float k = mx > mn ? 1.0f / (mx - mn) : 1.0f;
+        const float shown = static_cast<float>(k * 255.0f * (sum / count));
+        const float target = static_cast<float>(68 + 0.3 * (shown - 68.0f));
+        const float factor = target / shown * k * 255.0f;
+        for (int row = 0; row < r.wh; ++row)
+            for (int c = 0; c < 3 * r.ww; ++c) {
+                const float o = at(static_cast<std::size_t>(w.y0 + row) * 3 * r.width + 3 * w.x0 + c) * factor;
+                v.dst.push_back(static_cast<std::uint8_t>(std::clamp(o, 0.0f, 255.0f)));
+            }
         const std::size_t p = static_cast<std::size_t>(r.y) * 3 * r.width + 3 * r.x;
-        auto at = [&](std::size_t i) { return i < s.size() ? s[i] : 0; };
-        EXPECT_EQ(info[0], static_cast<float>((19 * at(p) + 183 * at(p + r.width) + 54 * at(p + 2 * r.width)) >> 8));
-        EXPECT_EQ(info[1], static_cast<float>(at(p + 2 * r.width)));
-        EXPECT_EQ(info[2], static_cast<float>(at(p + r.width)));
-        EXPECT_EQ(info[3], static_cast<float>(at(p)));
+        v.info = {lum(r.x, r.y), static_cast<float>(at(p + 2 * step)), static_cast<float>(at(p + step)),
+                  static_cast<float>(at(p))};
+        return v;
     }
-}
-
-std::vector<std::uint8_t> expected32(const Planes& p, const float* table, int x, int y, int ww, int wh) {
-    const Window w = place(p.width, p.height, x, y, ww, wh);
+    const Planes& p = *r.p;
     const auto [mn, mx, sum, count] = measure(w, [&](int xx, int yy) {
         return (54 * p.at(xx, yy, 0) + 183 * p.at(xx, yy, 1) + 19 * p.at(xx, yy, 2)) * table[p.at(xx, yy, 3)];
     });
@@ -178,51 +149,67 @@ std::vector<std::uint8_t> expected32(const Planes& p, const float* table, int x,
     const float target = 68.0f + c * (shown - 68.0f);
     const float g = std::max(target / shown * k, 0.0f);
     const float factor = static_cast<float>(255.0 * std::pow(static_cast<double>(g), 0.6));
-    std::vector<std::uint8_t> out;
-    for (int r = 0; r < wh; ++r)
-        for (int cx = 0; cx < ww; ++cx) {
-            const int e = p.at(w.x0 + cx, w.y0 + r, 3);
+    for (int row = 0; row < r.wh; ++row)
+        for (int cx = 0; cx < r.ww; ++cx) {
+            const int e = p.at(w.x0 + cx, w.y0 + row, 3);
             for (int plane = 2; plane >= 0; --plane) {
-                const float v = std::max(p.at(w.x0 + cx, w.y0 + r, plane) * table[e], 0.0f);
-                const double o = factor * std::pow(static_cast<double>(v), 0.6);
-                out.push_back(e == 0 ? 0 : static_cast<std::uint8_t>(std::clamp(o, 0.0, 255.0)));
+                const float value = std::max(p.at(w.x0 + cx, w.y0 + row, plane) * table[e], 0.0f);
+                const double o = factor * std::pow(static_cast<double>(value), 0.6);
+                v.dst.push_back(e == 0 ? 0 : static_cast<std::uint8_t>(std::clamp(o, 0.0, 255.0)));
             }
         }
-    return out;
+    const int e = p.at(r.x, r.y, 3);
+    float rgb[3];
+    for (int q = 0; q < 3; ++q) rgb[q] = e ? p.at(r.x, r.y, q) * 255 * table[e] : 0;
+    v.info = {e ? static_cast<float>(0.21 * rgb[0] + 0.71 * rgb[1] + 0.07 * rgb[2]) : 0.0f, rgb[0], rgb[1], rgb[2]};
+    return v;
 }
 
-// The rgbe view as rows: windows at the centre, corners and an edge of
-// random planes, and a uniform area (k is 1 and c is 0, so the mean goes all
-// the way to 68) with the cursor on a black pixel whose mantissas are not 0.
-// The cursor's values overwrite the first four entries of the table only.
-TEST(HdrDisplay, RgbeWindowsAsRows) {
-    const Planes random = randomPlanes(40, 30, 31);
+// The viewer as rows. 16-bit samples: the window held inside at corners and
+// edges; a measurement that takes a pixel's other two samples `width` and
+// `2*width` further on (a window uniform in its own pixels but not at those
+// offsets has a contrast); a flat picture (max equals min, k is 1); a cursor
+// near the end of the last row, whose readings past the image are 0. rgbe
+// planes: windows at the centre, corners and an edge of random planes, and a
+// uniform area (k is 1 and c is 0, so the mean goes all the way to 68) with
+// the cursor on a black pixel whose mantissas are not 0. The cursor's values
+// overwrite the first four entries of `info` only (the exponent table of the
+// planes).
+TEST(HdrDisplay, WindowsOnBothSourcesAsRows) {
+    const auto raw = oltest::randomBytes(6 * 48 * 36, 21);
+    std::vector<std::uint16_t> random(3 * 48 * 36), offsets(3 * 20 * 20, 1000), flat(3 * 20 * 20, 2), last(3 * 10 * 8, 500);
+    std::memcpy(random.data(), raw.data(), raw.size());
+    for (std::size_t i = 0; i < offsets.size(); ++i)
+        if ((i % 3) != 0) offsets[i] = static_cast<std::uint16_t>(1000 + 400 * ((i / 7) % 5));
+    const Planes planes = randomPlanes(40, 30, 31);
     Planes uniform{12, 12, std::vector<std::uint8_t>(4 * 12 * 12, 128)};
     uniform.bytes[0] = 200;
     uniform.bytes[3 * 12] = 0;
-    const struct Row {
-        const Planes* p;
-        int x, y, ww, wh;
-    } rows[] = {{&random, 20, 14, 10, 8}, {&random, 0, 0, 10, 8}, {&random, 39, 29, 10, 8}, {&random, 39, 2, 10, 8},
-                {&uniform, 0, 0, 8, 8}};
-    for (const Row& r : rows) {
-        const Planes& p = *r.p;
-        SCOPED_TRACE(::testing::Message() << p.width << " at " << r.x << "," << r.y);
+    const ViewRow rows[] = {
+        {&random, nullptr, 48, 36, 20, 15, 16, 12}, {&random, nullptr, 48, 36, 0, 0, 16, 12},
+        {&random, nullptr, 48, 36, 47, 35, 16, 12}, {&random, nullptr, 48, 36, 47, 0, 16, 12},
+        {&random, nullptr, 48, 36, 3, 30, 16, 12},  {&offsets, nullptr, 20, 20, 10, 10, 8, 8},
+        {&flat, nullptr, 20, 20, 10, 10, 8, 8},     {&last, nullptr, 10, 8, 9, 7, 4, 4},
+        {nullptr, &planes, 40, 30, 20, 14, 10, 8},  {nullptr, &planes, 40, 30, 0, 0, 10, 8},
+        {nullptr, &planes, 40, 30, 39, 29, 10, 8},  {nullptr, &planes, 40, 30, 39, 2, 10, 8},
+        {nullptr, &uniform, 12, 12, 0, 0, 8, 8},
+    };
+    for (const ViewRow& r : rows) {
+        SCOPED_TRACE(::testing::Message() << r.width << "x" << r.height << " at " << r.x << "," << r.y);
         std::vector<float> table(256);
         ol::fillRgbeExpTable(table.data());
         const std::vector<float> before = table;
         std::vector<std::uint8_t> dst(3 * r.ww * r.wh, 0xEE);
-        EXPECT_EQ(hdr_display(p.width, p.height, 32, r.x, r.y, r.ww, r.wh, table.data(), p.bytes.data(), dst.data()),
-                  place(p.width, p.height, r.x, r.y, r.ww, r.wh).my0);
-        EXPECT_EQ(dst, expected32(p, before.data(), r.x, r.y, r.ww, r.wh));
-        const int e = p.at(r.x, r.y, 3);
-        const float R = e ? p.at(r.x, r.y, 0) * 255 * before[e] : 0, G = e ? p.at(r.x, r.y, 1) * 255 * before[e] : 0,
-                    B = e ? p.at(r.x, r.y, 2) * 255 * before[e] : 0;
-        EXPECT_EQ(table[0], e ? static_cast<float>(0.21 * R + 0.71 * G + 0.07 * B) : 0.0f);
-        EXPECT_EQ(table[1], R);
-        EXPECT_EQ(table[2], G);
-        EXPECT_EQ(table[3], B);
+        const void* src = r.s ? static_cast<const void*>(r.s->data()) : r.p->bytes.data();
+        EXPECT_EQ(hdr_display(r.width, r.height, r.s ? 16 : 32, r.x, r.y, r.ww, r.wh, table.data(), src, dst.data()),
+                  place(r.width, r.height, r.x, r.y, r.ww, r.wh).my0);
+        const View want = expectedView(r, before.data(), r.width);
+        EXPECT_EQ(dst, want.dst);
+        EXPECT_EQ(std::vector<float>(table.begin(), table.begin() + 4), want.info);
         EXPECT_TRUE(std::equal(table.begin() + 4, table.end(), before.begin() + 4));
+        if (r.s == &offsets) {
+            EXPECT_NE(dst, expectedView(r, before.data(), 1).dst);
+        }
     }
     // Another depth draws nothing and stores four zeros.
     float info[4] = {1, 2, 3, 4};

@@ -15,43 +15,6 @@
 
 namespace fustest {
 
-// A bracketed stack of one smooth scene with some texture: photo p is the
-// scene times 4^(p - (n-1)/2), clipped. Samples are 8 or 16 bits.
-inline std::vector<std::uint8_t> makeStack(int n, int w, int h, int ch, int bps, unsigned seed = 1) {
-    const std::size_t samples = static_cast<std::size_t>(n) * w * h * ch;
-    std::vector<std::uint8_t> bytes(samples * (bps / 8));
-    std::uint32_t s = seed * 2654435761u + 12345u;
-    for (int p = 0; p < n; ++p) {
-        const double gain = std::pow(4.0, p - (n - 1) / 2.0);
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                for (int c = 0; c < ch; ++c) {
-                    s = s * 1664525u + 1013904223u;
-                    const double scene = 0.02 + 0.5 * (x + 0.5) / w * (y + 1.0) / h +
-                                         0.1 * std::sin(0.7 * x + 1.3 * c) * std::cos(0.5 * y) +
-                                         0.02 * ((s >> 24) / 255.0);
-                    double v = scene * gain;
-                    if (v < 0) v = 0;
-                    if (v > 1) v = 1;
-                    const std::size_t i = ((static_cast<std::size_t>(p) * h + y) * w + x) * ch + c;
-                    if (bps == 8)
-                        bytes[i] = static_cast<std::uint8_t>(v * 255.0);
-                    else {
-                        const auto u = static_cast<std::uint16_t>(v * 65535.0);
-                        std::memcpy(&bytes[2 * i], &u, 2);
-                    }
-                }
-    }
-    return bytes;
-}
-
-// Flat photos of w x h pixels and `ch` 8-bit channels, one photo a level.
-inline std::vector<std::uint8_t> flatStack(int w, int h, std::initializer_list<int> levels, int ch = 3) {
-    std::vector<std::uint8_t> bytes;
-    for (int level : levels) bytes.insert(bytes.end(), static_cast<std::size_t>(w) * h * ch, level);
-    return bytes;
-}
-
 // A photo block: n frames of w x h pixels of spp samples of bps bits, frame k
 // from sample k*w*h*spp, 16-bit samples little-endian.
 struct Photos {
@@ -68,6 +31,35 @@ struct Photos {
         for (int b = 0; b < bps / 8; ++b) bytes[at(k, i) + b] = static_cast<std::uint8_t>(v >> 8 * b);
     }
 };
+
+// A bracketed stack of one smooth scene with some texture: photo p is the
+// scene times 4^(p - (n-1)/2), clipped. Samples are 8 or 16 bits.
+inline std::vector<std::uint8_t> makeStack(int n, int w, int h, int ch, int bps, unsigned seed = 1) {
+    Photos stack(n, w, h, ch, bps);
+    std::uint32_t s = seed * 2654435761u + 12345u;
+    for (int p = 0; p < n; ++p) {
+        const double gain = std::pow(4.0, p - (n - 1) / 2.0);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < ch; ++c) {
+                    s = s * 1664525u + 1013904223u;
+                    const double scene = 0.02 + 0.5 * (x + 0.5) / w * (y + 1.0) / h +
+                                         0.1 * std::sin(0.7 * x + 1.3 * c) * std::cos(0.5 * y) +
+                                         0.02 * ((s >> 24) / 255.0);
+                    const double v = std::clamp(scene * gain, 0.0, 1.0);
+                    const std::size_t i = (static_cast<std::size_t>(y) * w + x) * ch + c;
+                    stack.set(p, i, static_cast<unsigned>(v * (bps == 8 ? 255.0 : 65535.0)));
+                }
+    }
+    return stack.bytes;
+}
+
+// Flat photos of w x h pixels and `ch` 8-bit channels, one photo a level.
+inline std::vector<std::uint8_t> flatStack(int w, int h, std::initializer_list<int> levels, int ch = 3) {
+    std::vector<std::uint8_t> bytes;
+    for (int level : levels) bytes.insert(bytes.end(), static_cast<std::size_t>(w) * h * ch, level);
+    return bytes;
+}
 
 // A scene of smooth radiance photographed at each exposure of `dt` through a
 // 2.2 gamma, with noise, clipped: every frame has dark and burnt-out areas.
