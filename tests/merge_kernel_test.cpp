@@ -1,7 +1,7 @@
 // The vector kernel of the merge against the plain one, on tables that reach
 // the corners: zero and tiny weights, huge, negative and infinite inverse
 // exposures, sums that overflow, every sample layout, values at the darkness
-// threshold (the plain kernel's encoding is pinned against a reference in
+// threshold (the plain kernel's encoding is pinned at the threshold in
 // merge_hdr_test.cpp).
 #include <cmath>
 #include <cstring>
