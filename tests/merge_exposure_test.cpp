@@ -72,12 +72,10 @@ TEST(GuessEv, ModesStepsAndMeansAsRows) {
     auto pow2 = [](float e) { return static_cast<float>(std::pow(2.0, static_cast<double>(e))); };
     // Inference, frame 1 brightest, frame 0 middle, frame 2 darkest; and
     // walking further out accumulates: four frames, half is 2.
-    const float eDark = static_cast<float>(0.0 - static_cast<double>(stopStep(6400, 1600)));
-    const float eBright = static_cast<float>(0.0 + static_cast<double>(stopStep(25600, 6400)));
+    const float eDark = -stopStep(6400, 1600), eBright = stopStep(25600, 6400);
     EXPECT_NEAR(eBright, 2.0f * 1.525f, 1e-5f);  // factor at level 16000
-    const float e1 = static_cast<float>(0.0 + static_cast<double>(stopStep(20000, 10000)));
+    const float e1 = stopStep(20000, 10000), e3 = -stopStep(10000, 5000);
     const float e0 = static_cast<float>(static_cast<double>(e1) + static_cast<double>(stopStep(40000, 20000)));
-    const float e3 = static_cast<float>(0.0 - static_cast<double>(stopStep(10000, 5000)));
     const float wide = stopStep(64000, 1000);
     struct Row {
         int mode;

@@ -450,8 +450,7 @@ TEST(Merges, EdgeCasesNothingToDoAndFailedAllocations) {
         const std::array<int, 6> nothing[] = {{0, 6, 4, 3, 8, 0}, {3, 6, 0, 3, 8, 0}, {3, 6, 4, 0, 8, 0},
                                               {3, 0, 4, 3, 8, 1}, {3, 6, 4, 2, 8, 1}, {3, 6, 4, 3, 12, 0}};
         for (auto [n, w, h, spp, bps, motionOnly] : nothing) {
-            Photos none(n, w, h, spp, bps == 12 ? 8 : bps);
-            none.bps = bps;
+            Photos none(n, w, h, spp, bps);
             none.bytes = still.bytes;
             if ((motionOnly && weighted) || (bps == 12 && !weighted)) continue;
             const Out untouched{0, initial(4 * w * h, 1), {-1, -1, -1}, {1, 2, 4}, Floats(256)};

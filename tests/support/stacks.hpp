@@ -132,7 +132,6 @@ struct Job {
         const int len = pyram_len(w, h);
         work.assign(static_cast<std::size_t>(len) * ch * 2, workFill);
         std::vector<int> fixed = fixedExpo;
-        if (fixed.empty()) fixed.assign(std::max(n, 1), -1);
         fixed.resize(std::max(n, 1), -1);
         std::vector<float> expo(std::max(n, 1), 1.0f);
         const auto name = [&](const std::string& given, const char* file) { return given.empty() && !dir.empty() ? dir + file : given; };
