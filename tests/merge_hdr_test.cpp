@@ -103,48 +103,6 @@ Pixel encode(float a, float b, float c, bool guard, ol::RgbeForm form = ol::Rgbe
     return {p.r, p.g, p.b, p.e};
 }
 
-Out refWeighted(const Photos& s, const Args& a, Floats dt) {
-    const int n = s.n, sh = s.bps == 16 ? 8 : 0;
-    Out o{s.h, initial(4 * s.px(), a.coherence), {}, {}, gammaLut(1 << s.bps, a.curveMode == 1 ? a.gamma : 2.2f, 1.0)};
-    if (a.evStep > -0.5f) {
-        std::vector<int> zeros(n, 0);
-        guess_ev(0, n, a.evStep, zeros.data(), dt.data());
-    }
-    const std::vector<int> ord = byExposure(dt);
-    const float minT = log2f_(dt[ord[0]]), maxT = log2f_(dt[ord[n - 1]]);
-    std::vector<int> sat(n, 64000);
-    for (int k = 0; k < n; ++k)
-        if (maxT > minT) sat[k] = static_cast<int>(64000.0f - 3840.0f * ((log2f_(dt[k]) - minT) / (maxT - minT)));
-    float mn = 1e9f, mx = 0.0f;
-    double sum = 0.0;
-    long long count = 0;
-    for (std::size_t p = 0; p < s.px(); ++p) {
-        float sw = 0, c[3] = {0, 0, 0}, out[3];
-        int nSat = 0;
-        for (int j = 0; j < n; ++j) {
-            const int k = ord[j];
-            const std::size_t i = p * s.spp;
-            const unsigned v[3] = {s.get(k, i), s.get(k, i + (s.spp - 1) / 2), s.get(k, i + s.spp - 1)};
-            const int ival = 54 * (v[0] >> sh) + 183 * (v[1] >> sh) + 19 * (v[2] >> sh);
-            nSat += ival > sat[k];
-            if (ival < (j == n - 1 ? 1280 : 2560)) sw = c[0] = c[1] = c[2] = 0;
-            const float w = curve(ival, sat[k], 32768), wt = w * (1.0f / dt[k]);
-            sw += w;
-            for (int q = 0; q < 3; ++q) c[q] += wt * o.lut[v[q]];
-        }
-        for (int q = 0; q < 3; ++q) out[q] = nSat == n ? 1e9f : sw > 0 ? c[q] / sw : 0.0f;
-        const float lum = static_cast<float>(0.2 * out[0] + 0.7 * out[1] + 0.1 * out[2]);
-        if (lum < 1e9f) mx = std::max(mx, lum), sum += lum, count++;
-        if (lum > 0 && lum < mn) mn = lum;
-        const bool burnt = std::max(out[0], std::max(out[1], out[2])) >= 1e9f;
-        put(o, s.w, p, burnt ? Pixel{255, 255, 255, 255} : encode(out[0], out[1], out[2], true, ol::RgbeForm::Clamped));
-    }
-    o.stats = {256 * mn, 256 * mx, 256 * (count > 0 ? static_cast<float>(sum / count) : 0.0f)};
-    if (a.mode != 2) replaceMarkers(o, s, mn, mx, [](float v) { return encode(v, v, v, false, ol::RgbeForm::Clamped); });
-    o.dt = dt;
-    return o;
-}
-
 float slopeAt(int i) {
     static const int L[] = {0, 10240, 15360, 20480, 23040, 25600, 28160, 46080, 51200, 65280};
     static const float V[] = {0.4f, 0.5f, 0.75f, 1.0f, 1.1f, 1.25f, 1.333f, 0.1f, 0.0f, 0.0f};
@@ -154,28 +112,43 @@ float slopeAt(int i) {
     const float a = (V[j + 1] - V[j]) / static_cast<float>(L[j + 1] - L[j]), b = V[j] - L[j] * a;
     return static_cast<float>(i) * a + b;
 }
-Out refMotion(const Photos& s, const Args& a, Floats dt) {
+// One reading of the three merges, rule by rule, with their differences as
+// branches: the weighted merge (`weighted`) keeps or guesses the exposures,
+// has its own saturation levels, channel positions, dark bands, luminance and
+// encoding; calc_hdr (`calc`) adds the consistency test; hdr_unghost blends
+// toward the middle frame by the spread.
+Out reference(const Photos& s, const Args& a, Floats dt) {
+    const bool weighted = a.variant == kWeighted, calc = a.variant == kCalc;
     const int n = s.n, size = s.bps == 16 ? 65536 : 256;
-    const float gamma = a.curveMode == 1 ? a.gamma : a.curveMode == 2 ? 0.45f : 2.2f;
-    const double scale = a.curveMode == 2 ? 65535.0 : 1.0;
+    const float gamma = a.curveMode == 1 ? a.gamma : a.curveMode == 2 && !weighted ? 0.45f : 2.2f;
+    const double scale = a.curveMode == 2 && !weighted ? 65535.0 : 1.0;
     Out o{s.h, initial(4 * s.px(), a.coherence), {-1, -1, -1}, {}, gammaLut(size, gamma, scale)};
+    if (weighted && a.evStep > -0.5f) {
+        std::vector<int> zeros(n, 0);
+        guess_ev(0, n, a.evStep, zeros.data(), dt.data());
+    }
     float tmid = 1;
     for (int k = n - 1; k >= 0; --k)  // the first frame with n/2 smaller exposures
         if (std::count_if(dt.begin(), dt.end(), [&](float v) { return v < dt[k]; }) == n / 2) tmid = dt[k];
-    if (tmid > 0) for (float& v : dt) v *= 2 * a.mid / tmid;
+    if (!weighted && tmid > 0) for (float& v : dt) v *= 2 * a.mid / tmid;
     const std::vector<int> ord = byExposure(dt);
-    for (float& v : dt) v = v != 0 ? 1 / v : 0;
+    if (!weighted) for (float& v : dt) v = v != 0 ? 1 / v : 0;  // returned as reciprocals
+    Floats invT = dt;
+    if (weighted) for (float& v : invT) v = 1.0f / v;
     std::vector<int> sat(n, 64000);
     std::vector<float> dEV(n, 1.0f);
     const float top = log2f_(dt[ord[0]]), bottom = log2f_(dt[ord[n - 1]]);
     for (int k = 0; k < n; ++k) {
-        if (top > bottom) sat[k] = static_cast<int>(60160.0f + 3840.0f * (log2f_(dt[k]) - bottom) / (top - bottom));
+        const float t = log2f_(dt[k]);
+        if (weighted && bottom > top) sat[k] = static_cast<int>(64000.0f - 3840.0f * ((t - top) / (bottom - top)));
+        if (!weighted && top > bottom) sat[k] = static_cast<int>(60160.0f + 3840.0f * (t - bottom) / (top - bottom));
         const float d = k ? log2f_(dt[ord[k - 1]]) - log2f_(dt[ord[k]]) : 1 / 8192.0f;  // stops from the rank before
         dEV[k] = (d < 0.0001 ? 0.3f : d) * 8192;
     }
-    const int mi = s.spp > 1 ? 1 : 0, la = s.spp > 1 ? 2 : 0, sh = s.bps == 16 ? 8 : 0;
+    const int mi = weighted ? (s.spp - 1) / 2 : s.spp > 1 ? 1 : 0, la = weighted ? s.spp - 1 : s.spp > 1 ? 2 : 0;
+    const int sh = s.bps == 16 ? 8 : 0;
     const float thr = a.variant < 0 ? (a.coherence == 2 ? 0.8f : 1.0f) : a.variant == 2 ? 0.18f : 0.15f;
-    float mn = 1e11f, mx = 0, ref[3] = {0, 0, 0};
+    float mn = weighted ? 1e9f : 1e11f, mx = 0, ref[3] = {0, 0, 0};
     double sum = 0, count = 0;
     for (std::size_t p = 0; p < s.px() && (s.bps == 8 || s.bps == 16); ++p) {
         float W = 0, C[3] = {0, 0, 0}, err = 0, Y = 0, YY = 0, CC[3] = {0, 0, 0}, out[3] = {0, 0, 0};
@@ -184,18 +157,19 @@ Out refMotion(const Photos& s, const Args& a, Floats dt) {
         for (int j = 0; j < n; ++j) {
             const int k = ord[j];
             const int iv = 54 * (smp(k, 0) >> sh) + 183 * (smp(k, 1) >> sh) + 19 * (smp(k, 2) >> sh);
-            if (a.variant < 0) {  // consistency-checked
-                if (iv > sat[k]) nSat++;
-                else if (iv < 1280) W = C[0] = C[1] = C[2] = 0;
-                if (a.coherence && j > 0) {
+            if (a.variant < 0) {  // the weighted and the consistency-checked merges
+                nSat += iv > sat[k];
+                const bool dark = weighted ? iv < (j == n - 1 ? 1280 : 2560) : iv <= sat[k] && iv < 1280;
+                if (dark) W = C[0] = C[1] = C[2] = 0;
+                if (calc && a.coherence && j > 0) {
                     const int m = (iv + prev) >> 1;
                     const float e = slopeAt(std::max(m, 1)) - static_cast<float>(iv - prev) / dEV[j];
                     err += e * e * curve(m, 65535, 65535);
                 }
                 prev = iv;
-                const float w = curve(iv, sat[k], 32769);
+                const float w = curve(iv, sat[k], weighted ? 32768 : 32769);
                 W += w;
-                for (int c = 0; c < 3; ++c) C[c] += w * dt[k] * o.lut[smp(k, c)];
+                for (int c = 0; c < 3; ++c) C[c] += w * invT[k] * o.lut[smp(k, c)];
                 continue;
             }
             if (iv > 64000 && (j == 0 || iv - prev < 52000)) {
@@ -217,7 +191,7 @@ Out refMotion(const Photos& s, const Args& a, Floats dt) {
             prev = iv;
         }
         if (a.variant < 0 && nSat == n) W = 1, C[0] = C[1] = C[2] = 1e9f;
-        if (a.variant < 0 && W > 0 && a.coherence && err / n > thr) {
+        if (calc && W > 0 && a.coherence && err / n > thr) {
             W = static_cast<float>(n), C[0] = C[1] = C[2] = 0;
             for (int k = 0; k < n; ++k)
                 for (int c = 0; c < 3; ++c) C[c] += dt[k] * o.lut[smp(k, c)];
@@ -227,26 +201,30 @@ Out refMotion(const Photos& s, const Args& a, Floats dt) {
             for (int c = 0; c < 3; ++c) d += C[c] > 0.0001f ? CC[c] * W / (C[c] * C[c]) - 1 : 0;
             if (a.variant == 2) d = Y > 0.0001f ? YY * W / (Y * Y) - 1 : 0;
             const float bl = a.variant < 0 ? 0 : std::clamp(d / thr, 0.0f, 1.0f);
-            for (int c = 0; c < 3; ++c) out[c] = C[c] / W * (1 - bl) + ref[c] * bl;
+            for (int c = 0; c < 3; ++c) out[c] = a.variant < 0 ? C[c] / W : C[c] / W * (1 - bl) + ref[c] * bl;
         }
-        const float lum = static_cast<float>(0.3 * out[0] + 0.6 * out[1] + 0.1 * out[2]);
+        const double lum64 = weighted ? 0.2 * out[0] + 0.7 * out[1] + 0.1 * out[2]
+                                      : 0.3 * out[0] + 0.6 * out[1] + 0.1 * out[2];
+        const float lum = static_cast<float>(lum64), m = std::max(out[0], std::max(out[1], out[2]));
         if (lum < 1e9f) mx = std::max(mx, lum), sum += lum, count++;
         if (lum > 0 && lum < mn) mn = lum;
-        auto px = encode(out[0], out[1], out[2], true);
-        if (std::max(out[0], std::max(out[1], out[2])) > 1e-32f && lum >= 1e9f) px = {255, 255, 255, 255};
-        if (a.mode == 0) std::swap(px[0], px[2]);
+        auto px = encode(out[0], out[1], out[2], true, weighted ? ol::RgbeForm::Clamped : ol::RgbeForm::Wrapped);
+        if (m > 1e-32f && (weighted ? m : lum) >= 1e9f) px = {255, 255, 255, 255};
+        if (!weighted && a.mode == 0) std::swap(px[0], px[2]);
         put(o, s.w, p, px);
     }
     o.stats[0] = 256 * mn, o.stats[1] = 256 * mx;
-    if (count) o.stats[2] = 256 * static_cast<float>(sum / count);
-    if (a.mode != 2 || a.variant >= 0) replaceMarkers(o, s, mn, mx, [](float v) { return encode(v, v, v, false); });
+    if (count || weighted) o.stats[2] = 256 * (count ? static_cast<float>(sum / count) : 0.0f);
+    const ol::RgbeForm form = weighted ? ol::RgbeForm::Clamped : ol::RgbeForm::Wrapped;
+    if (a.mode != 2 || a.variant >= 0)
+        replaceMarkers(o, s, mn, mx, [&](float v) { return encode(v, v, v, false, form); });
     o.dt = dt;
     return o;
 }
 
 // The merge against its reference, byte for byte.
 void expectReference(const Photos& s, const Args& a, const Floats& dt) {
-    const Out got = run(s, a, dt), want = a.variant == kWeighted ? refWeighted(s, a, dt) : refMotion(s, a, dt);
+    const Out got = run(s, a, dt), want = reference(s, a, dt);
     const auto diff = std::mismatch(got.rgbe.begin(), got.rgbe.end(), want.rgbe.begin()).first - got.rgbe.begin();
     EXPECT_TRUE(got == want) << "rc " << got.rc << ", stats " << got.stats[0] << " " << got.stats[1] << " "
                              << got.stats[2] << " want " << want.stats[0] << " " << want.stats[1] << " "
