@@ -1,6 +1,6 @@
 // The three merges of a photo block into rgbe planes: the weighted merge
 // (ol_hdr_merge) and the two that resist movement (calc_hdr, hdr_unghost).
-// Byte-exact agreement with direct per-pixel readings of their rules on
+// Byte-exact agreement with one direct per-pixel reading of their rules on
 // random stacks, the weighted merge's rules at their boundaries as rows run
 // through the same reading, and the cases that matter by hand.
 #include <algorithm>
