@@ -34,16 +34,16 @@ std::string faultyPath(Fault fault, const oltest::TempDir& dir) {
     return dir.file("out");
 }
 
-// Files may grow to 200 bytes while it lives; past that a write gives EFBIG
-// (SIGXFSZ is ignored so that the process goes on).
+// Files may grow to `bytes` while it lives (no limit when negative); past
+// that a write gives EFBIG (SIGXFSZ is ignored so that the process goes on).
 class SizeLimitGuard {
 public:
-    explicit SizeLimitGuard(bool on) : on_(on) {
+    explicit SizeLimitGuard(long bytes) : on_(bytes >= 0) {
         if (!on_) return;
         getrlimit(RLIMIT_FSIZE, &saved_);
         old_ = signal(SIGXFSZ, SIG_IGN);
         rlimit r = saved_;
-        r.rlim_cur = 200;
+        r.rlim_cur = static_cast<rlim_t>(bytes);
         setrlimit(RLIMIT_FSIZE, &r);
     }
     ~SizeLimitGuard() {
@@ -99,7 +99,6 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                 SCOPED_TRACE(std::string(wr.name) + " fault " + std::to_string(fault) + " side " + std::to_string(side));
                 oltest::TempDir dir;
                 std::vector<unsigned char> px(4u * side * side, 0x80);
-                for (std::size_t i = 3; i < px.size(); i += 4) px[i] = 128;
                 const std::string path = faultyPath(fault, dir);
                 if (fault == StripFileGone) {
                     // The first strip is written, then the file is replaced
@@ -113,7 +112,7 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                 }
                 int rc;
                 {
-                    SizeLimitGuard limit(fault == SizeLimit);
+                    SizeLimitGuard limit(fault == SizeLimit ? 200 : -1);
                     rc = wr.call(path.c_str(), side, px.data());
                 }
                 if (wr.codes[fault] == kMemory)
@@ -121,6 +120,30 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                 else
                     EXPECT_EQ(rc, wr.codes[fault]);
             }
+}
+
+// The TIFF writer's later stages, each leaving its partial file: a size limit
+// at the header's end fails the pixels (-3), one inside the metadata block
+// fails the block (-12), and the block's allocation fails behind the pixels
+// (-1).
+TEST(WriteFailure, TiffStagesLeaveTheirPartialFile) {
+    oltest::TempDir dir;
+    const std::vector<unsigned char> px(4 * 4 * 3, 7);
+    const tif_info info = oltest::records::makeInfo(4, 4, 3, 8);
+    const ExifRecord ex = oltest::records::fullExif();
+    const struct {
+        long limit, failAllocation;
+        int code;
+    } rows[] = {{8, 0, -3}, {8 + 48 + 10, 0, -12}, {-1, 1, -1}};
+    for (const auto& r : rows) {
+        const std::string path = dir.file(std::to_string(r.code) + ".tif");
+        {
+            SizeLimitGuard limit(r.limit);
+            oltest::FailAllocation fail(r.failAllocation);
+            EXPECT_EQ(buf2tifOld(px.data(), &info, 12, nullptr, &ex, nullptr, 0, nullptr, 0, nullptr, path.c_str()), r.code);
+        }
+        EXPECT_EQ(oltest::readFile(path).size(), r.limit >= 0 ? static_cast<std::size_t>(r.limit) : 8u + 48u);
+    }
 }
 
 // The host: a full device and a size limit hit in the middle of a file each
