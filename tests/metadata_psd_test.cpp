@@ -12,6 +12,11 @@
 using namespace metatest;
 using oltest::TempDir;
 
+// Files are described with designated initializers of PsdSpec; the byte
+// sections left out are empty, as meant (its vectors carry no initializer of
+// their own, which this warning would flag).
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 
 // Planar test image: sample (c, y, x) is c*64 + y*8 + x + 1, at 16 bits
@@ -40,23 +45,34 @@ Bytes planes(int channels, int w, int h, int depth, bool rle = false, bool large
     return cat({table, data});
 }
 
+// How load_psd is called on a file: with the record getPsdInfo filled, as
+// the host changed it, and the allocation made to fail (0: none).
+struct Load {
+    int order = 1, rowStride = 6;
+    std::size_t outBytes = 12;
+    int lengthBits = 0, bps = 0, dataStart = 0;
+    long failAllocation = 0;
+    bool removeFile = false;
+};
+
 struct Loaded {
-    int info;
-    PsdInfo rec;
     int result;
     std::vector<std::uint8_t> out;
 };
 
-Loaded loadBytes(const Bytes& file, int order, int rowStride, std::size_t outBytes, int lengthBits = 0) {
+Loaded loadBytes(const Bytes& file, const Load& how = {}) {
     TempDir dir;
     const std::string p = dir.file("x.psd");
     oltest::writeFile(p, file);
-    Loaded l;
-    std::memset(&l.rec, 0, sizeof l.rec);
-    l.rec.lengthBits = lengthBits;
-    l.info = getPsdInfo(p.c_str(), &l.rec);
-    l.out.assign(outBytes, 0xEE);
-    l.result = l.info > 0 ? load_psd(order, p.c_str(), &l.rec, rowStride, l.out.data()) : l.info;
+    PsdInfo rec;
+    std::memset(&rec, 0, sizeof rec);
+    rec.lengthBits = how.lengthBits;
+    Loaded l{getPsdInfo(p.c_str(), &rec), std::vector<std::uint8_t>(how.outBytes, 0xEE)};
+    rec.bps = how.bps ? how.bps : rec.bps;
+    rec.dataStart = how.dataStart ? how.dataStart : rec.dataStart;
+    if (how.removeFile) std::remove(p.c_str());
+    oltest::FailAllocation fail(how.failAllocation);
+    if (l.result > 0) l.result = load_psd(how.order, p.c_str(), &rec, how.rowStride, l.out.data());
     return l;
 }
 
@@ -71,19 +87,13 @@ TEST(MetareadPsd, CompositeInBothOrdersWithRowSpare) {
         bool rle, large;
     } shapes[] = {{8, false, false}, {8, true, false}, {16, false, false}, {16, true, false}, {8, true, true}, {16, false, true}};
     for (const auto& sh : shapes) {
-        PsdSpec s;
-        s.version = sh.large ? 2 : 1;
-        s.channels = channels;
-        s.width = w;
-        s.height = h;
-        s.depth = sh.depth;
-        s.layerSection = Bytes(10, 0x5A);
-        s.compression = sh.rle ? 1 : 0;
-        s.image = planes(channels, w, h, sh.depth, sh.rle, sh.large);
+        const Bytes file = buildPsd({.version = sh.large ? 2 : 1, .channels = channels, .width = w, .height = h, .depth = sh.depth,
+                                     .layerSection = Bytes(10, 0x5A), .compression = sh.rle ? 1 : 0,
+                                     .image = planes(channels, w, h, sh.depth, sh.rle, sh.large)});
         const std::size_t bytesPer = static_cast<std::size_t>(sh.depth / 8);
         for (int order : {1, 0}) {
             SCOPED_TRACE(std::to_string(sh.depth) + (sh.rle ? " rle" : " raw") + (sh.large ? " large" : "") + " order " + std::to_string(order));
-            const Loaded l = loadBytes(buildPsd(s), order, stride, stride * h * bytesPer);
+            const Loaded l = loadBytes(file, {.order = order, .rowStride = stride, .outBytes = stride * h * bytesPer});
             ASSERT_EQ(l.result, h);
             std::vector<std::uint8_t> want(l.out.size(), 0xEE);
             for (int y = 0; y < h; ++y)
@@ -100,11 +110,9 @@ TEST(MetareadPsd, CompositeInBothOrdersWithRowSpare) {
     // Left at 0, lengthBits follows the version (above); set by the host it
     // decides: read as the 32-bit form, the large length's high word (0) is
     // the length and the planes come out shifted.
-    PsdSpec s;
-    s.version = 2;
-    s.image = planes(3, 2, 2, 8);
-    EXPECT_EQ(loadBytes(buildPsd(s), 1, 6, 12, 64).out[0], sample(0, 0, 0, 8));
-    const Loaded l = loadBytes(buildPsd(s), 1, 6, 12, 32);
+    const Bytes large = buildPsd({.version = 2, .image = planes(3, 2, 2, 8)});
+    EXPECT_EQ(loadBytes(large, {.lengthBits = 64}).out[0], sample(0, 0, 0, 8));
+    const Loaded l = loadBytes(large, {.lengthBits = 32});
     EXPECT_EQ(l.result, 2);
     EXPECT_NE(l.out[0], sample(0, 0, 0, 8));
 }
@@ -125,28 +133,9 @@ TEST(MetareadPsd, PackBitsRunsCrossRowsAndStopAtThePlane) {
         {{0xF9, 10, 0x05, 1, 2, 3, 4, 5, 6, 0xFD, 40}, 2, {10, 1, 40, 10, 2, 40, 10, 3, 40, 10, 4, 40}},
     };
     for (const auto& c : cases) {
-        PsdSpec s;
-        s.compression = 1;
-        s.image = cat({Bytes(2 * 2 * 3, 0), c.runs});
-        const Loaded l = loadBytes(buildPsd(s), 1, 6, 12);
+        const Loaded l = loadBytes(buildPsd({.compression = 1, .image = cat({Bytes(2 * 2 * 3, 0), c.runs})}));
         ASSERT_EQ(l.result, c.result);
         EXPECT_EQ(l.out, c.out);
-    }
-}
-
-TEST(MetareadPsd, MemoryFailuresGiveMinusFour) {
-    PsdSpec s;
-    s.compression = 1;
-    s.image = planes(3, 2, 2, 8, true);
-    TempDir dir;
-    const std::string p = dir.file("m.psd");
-    oltest::writeFile(p, buildPsd(s));
-    PsdInfo info{};
-    ASSERT_GT(getPsdInfo(p.c_str(), &info), 0);
-    std::uint8_t out[12];
-    for (long n : {1L, 2L}) {
-        oltest::FailAllocation fail(n);
-        EXPECT_EQ(load_psd(1, p.c_str(), &info, 6, out), -4) << n;
     }
 }
 
@@ -172,10 +161,7 @@ TEST(MetareadPsd, FloatsAreReadAtHalfTheirValue) {
 
 TEST(MetareadPsd, ThirtyTwoBitCompositeToRgbePlanes) {
     const int w = 3, h = 2;
-    PsdSpec s;
-    s.depth = 32;
-    s.width = w;
-    s.height = h;
+    PsdSpec s{.width = w, .height = h, .depth = 32};
     // Pixels (red, green, blue) row by row, read at half their value.
     const float px[6][3] = {{1.0f, 0.5f, 0.25f}, {0, 0, 0}, {4, 2, 1}, {1e-40f, 1e-40f, 1e-40f}, {2, 1, 0.5f}, {0.25f, 0.25f, 0.25f}};
     for (int c = 0; c < 3; ++c)
@@ -184,7 +170,7 @@ TEST(MetareadPsd, ThirtyTwoBitCompositeToRgbePlanes) {
             std::memcpy(&u, &p[c], 4);
             s.image = cat({s.image, floatBytes(u)});
         }
-    const Loaded l = loadBytes(buildPsd(s), 0, 999, 4 * w * h);
+    const Loaded l = loadBytes(buildPsd(s), {.order = 0, .rowStride = 999, .outBytes = 4 * w * h});
     ASSERT_EQ(l.result, h);
     // 0.5 is mantissa 128 at exponent 128; zero and subnormal pixels are four
     // zero bytes; order and stride have no effect. Rows of red, green, blue
@@ -195,20 +181,15 @@ TEST(MetareadPsd, ThirtyTwoBitCompositeToRgbePlanes) {
     // Compressed 32-bit data is refused.
     s.compression = 1;
     oltest::CaptureFd err(2);
-    EXPECT_EQ(loadBytes(buildPsd(s), 0, 0, 4 * w * h).result, -2);
+    EXPECT_EQ(loadBytes(buildPsd(s), {.order = 0, .rowStride = 0, .outBytes = 4 * w * h}).result, -2);
     EXPECT_EQ(err.finish(), "load_psd rle 1 not supported for 32-bit PSD\n");  // a short file: a kept crasher
 }
 
 TEST(MetareadPsd, InfoAndResources) {
-    PsdSpec s;
-    s.width = 7;
-    s.height = 9;
-    s.colorData = Bytes(6, 1);
     const Bytes r1 = resource8bim(1005, {0x01, 0x2C, 0x80, 0x00, 0, 1, 0, 1, 0x00, 0x96, 0x40, 0x00, 0, 1, 0, 1});
     const Bytes r2 = resource8bim(1039, Bytes{'p', 'r', 'o', 'f', 'i', 'l', 'e'});
     const Bytes res = cat({r1, r2, resource8bim(1058, Bytes(9, 3))});
-    s.resources = res;
-    s.image = planes(3, 7, 9, 8);
+    PsdSpec s{.width = 7, .height = 9, .colorData = Bytes(6, 1), .resources = res, .image = planes(3, 7, 9, 8)};
     TempDir dir;
     const std::string p = dir.file("i.psd");
     oltest::writeFile(p, buildPsd(s));
@@ -241,12 +222,7 @@ TEST(MetareadPsd, RefusedFiles) {
     const std::string p = dir.file("r.psd");
     PsdInfo info{};
     unsigned char prof[4];
-    const auto psd = [](int channels, int mode) {
-        PsdSpec s;
-        s.channels = channels;
-        s.mode = mode;
-        return buildPsd(s);
-    };
+    const auto psd = [](int channels, int mode) { return buildPsd({.channels = channels, .mode = mode}); };
     const std::pair<Bytes, int> refused[] = {{{'8', 'B'}, -1}, {{'8', 'B', 'P', 'X', 0, 0}, -2}, {psd(2, 3), -3},
                                              {psd(1, 3), -3},  {psd(4, 4), -3},                 {psd(3, 9), -3}};
     for (const auto& [file, code] : refused) {
@@ -256,25 +232,16 @@ TEST(MetareadPsd, RefusedFiles) {
     }
     EXPECT_EQ(getPsdInfo(dir.file("none").c_str(), &info), -1);
     // load_psd refuses other depths, a failed seek, a missing file and planes
-    // cut short.
-    PsdSpec s;
-    s.image = planes(3, 2, 2, 8);
-    oltest::writeFile(p, buildPsd(s));
-    ASSERT_GT(getPsdInfo(p.c_str(), &info), 0);
-    std::uint8_t out[64];
-    PsdInfo bad = info;
-    bad.bps = 1;
-    EXPECT_EQ(load_psd(1, p.c_str(), &bad, 6, out), -1);
-    bad = info;
-    bad.dataStart = -5;
+    // cut short, and gives -4 when the plane or the RLE data finds no memory.
+    const Bytes good = buildPsd({.image = planes(3, 2, 2, 8)}), cut(good.begin(), good.end() - 1);
+    const Bytes rle = buildPsd({.compression = 1, .image = planes(3, 2, 2, 8, true)});
+    EXPECT_EQ(loadBytes(good, {.bps = 1}).result, -1);
+    EXPECT_EQ(loadBytes(good, {.removeFile = true}).result, -1);
+    EXPECT_EQ(loadBytes(cut).result, -1);
+    for (long n : {1L, 2L}) EXPECT_EQ(loadBytes(rle, {.failAllocation = n}).result, -4) << n;
     oltest::CaptureFd err(2);
-    EXPECT_EQ(load_psd(1, p.c_str(), &bad, 6, out), -1);
+    EXPECT_EQ(loadBytes(good, {.dataStart = -5}).result, -1);
     EXPECT_EQ(err.finish(), "load_psd fseek -5 failed \n");
-    EXPECT_EQ(load_psd(1, dir.file("none").c_str(), &info, 6, out), -1);
-    Bytes cut = buildPsd(s);
-    cut.resize(cut.size() - 1);
-    oltest::writeFile(p, cut);
-    EXPECT_EQ(load_psd(1, p.c_str(), &info, 6, out), -1);
 }
 
 // The kept 4 x 4 24-bit header and variants of it (the damaged ones are in
