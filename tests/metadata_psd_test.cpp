@@ -87,8 +87,8 @@ TEST(MetareadPsd, CompositeInBothOrdersWithRowSpare) {
         bool rle, large;
     } shapes[] = {{8, false, false}, {8, true, false}, {16, false, false}, {16, true, false}, {8, true, true}, {16, false, true}};
     for (const auto& sh : shapes) {
-        const Bytes file = buildPsd({.version = sh.large ? 2 : 1, .channels = channels, .width = w, .height = h, .depth = sh.depth,
-                                     .layerSection = Bytes(10, 0x5A), .compression = sh.rle ? 1 : 0,
+        const Bytes file = buildPsd({.version = sh.large ? 2 : 1, .channels = channels, .width = w, .height = h,
+                                     .depth = sh.depth, .layerSection = Bytes(10, 0x5A), .compression = sh.rle ? 1 : 0,
                                      .image = planes(channels, w, h, sh.depth, sh.rle, sh.large)});
         const std::size_t bytesPer = static_cast<std::size_t>(sh.depth / 8);
         for (int order : {1, 0}) {

@@ -126,7 +126,8 @@ TEST(WriteFailure, TiffStagesLeaveTheirPartialFile) {
         {
             SizeLimitGuard limit(r.limit);
             oltest::FailAllocation fail(r.failAllocation);
-            EXPECT_EQ(buf2tifOld(px.data(), &info, 12, nullptr, &ex, nullptr, 0, nullptr, 0, nullptr, path.c_str()), r.code);
+            EXPECT_EQ(buf2tifOld(px.data(), &info, 12, nullptr, &ex, nullptr, 0, nullptr, 0, nullptr, path.c_str()),
+                      r.code);
         }
         EXPECT_EQ(oltest::readFile(path).size(), r.limit >= 0 ? static_cast<std::size_t>(r.limit) : 8u + 48u);
     }
