@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -62,12 +60,9 @@ std::optional<std::pair<long, long>> xmpEntry(const fs::path& file) {
     std::string line;
     while (std::getline(in, line)) {
         if (line.find("0x02bc XMLPacket") == std::string::npos) continue;
-        std::vector<std::string> cols;
-        std::istringstream ls(line);
-        std::string c;
-        while (std::getline(ls, c, '|')) cols.push_back(c);
-        if (cols.size() < 5) return std::nullopt;
-        return std::make_pair(std::stol(cols[3]), std::stol(cols[4]));
+        long count = 0, offset = 0;  // the fourth and fifth columns
+        if (std::sscanf(line.c_str(), "%*[^|]|%*[^|]|%*[^|]|%ld |%ld", &count, &offset) != 2) return std::nullopt;
+        return std::make_pair(count, offset);
     }
     return std::nullopt;
 }
@@ -192,19 +187,16 @@ TEST(MetareadTestdata, PsdCompositesMatchTheTruth) {
         SCOPED_TRACE(file.filename().string());
         if (isDamaged(file)) runAllReaders(file.string(), 1 << 24);  // surviving every reader is enough
         const Json truth = loadJson(fs::path(file.string() + ".truth.json"));
-        PsdInfo info;
-        std::memset(&info, 0, sizeof info);
+        const auto num = [&](const char* key) { return static_cast<int>(truth.num(key).value_or(-1)); };
+        PsdInfo info{};
         const int start = getPsdInfo(file.c_str(), &info);
-        const int channels = static_cast<int>(truth.num("channels").value_or(0));
-        const int mode = static_cast<int>(truth.num("color_mode").value_or(-1));
-        if (channels < 3 || mode != 3) {
+        if (num("channels") < 3 || num("color_mode") != 3) {
             EXPECT_EQ(start, -3);
             continue;
         }
-        ASSERT_EQ(start, static_cast<int>(*truth.num("data_start")));
+        ASSERT_EQ(start, num("data_start"));
         EXPECT_EQ((std::vector<int>{info.width, info.height, info.bps, info.channels}),
-                  (std::vector<int>{static_cast<int>(*truth.num("width")), static_cast<int>(*truth.num("height")),
-                                    static_cast<int>(*truth.num("depth")), channels}));
+                  (std::vector<int>{num("width"), num("height"), num("depth"), num("channels")}));
         // The walk's findings, unless it had to stop early.
         if (truth.str("resource_walk_stopped") != "true") {
             EXPECT_EQ(info.lProfil, static_cast<int>(truth.num("icc_profile_length").value_or(0)));
@@ -235,13 +227,13 @@ TEST(MetareadTestdata, PsdCompositesMatchTheTruth) {
         // The truth in the reader's layout: the samples as stored (16-bit
         // little-endian), or rgbe planes of the values at half.
         for (std::size_t px = 0; px < static_cast<std::size_t>(w) * h; ++px) {
-            const std::uint8_t* truth = &npy.data[px * nc * bytes];
+            const std::uint8_t* stored = &npy.data[px * nc * bytes];
             if (bytes < 4) {
-                std::memcpy(&want[3 * px * bytes], truth, 3 * bytes);
+                std::memcpy(&want[3 * px * bytes], stored, 3 * bytes);
                 continue;
             }
             float v[3];
-            std::memcpy(v, truth, sizeof v);
+            std::memcpy(v, stored, sizeof v);
             const ol::RgbePixel e = ol::encodeRgbe(v[0] / 2, v[1] / 2, v[2] / 2, ol::RgbeForm::Wrapped);
             const std::size_t row = 4 * static_cast<std::size_t>(w) * (px / w), x = px % w;
             for (const auto& [k, b] : {std::pair{0, e.r}, {1, e.g}, {2, e.b}, {3, e.e}}) want[row + k * w + x] = b;
