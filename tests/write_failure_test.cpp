@@ -34,29 +34,22 @@ std::string faultyPath(Fault fault, const oltest::TempDir& dir) {
     return dir.file("out");
 }
 
-// Files may grow to `bytes` while it lives (no limit when negative); past
-// that a write gives EFBIG (SIGXFSZ is ignored so that the process goes on).
-class SizeLimitGuard {
-public:
-    explicit SizeLimitGuard(long bytes) : on_(bytes >= 0) {
-        if (!on_) return;
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        old_ = signal(SIGXFSZ, SIG_IGN);
-        rlimit r = saved_;
-        r.rlim_cur = static_cast<rlim_t>(bytes);
-        setrlimit(RLIMIT_FSIZE, &r);
-    }
-    ~SizeLimitGuard() {
-        if (!on_) return;
-        setrlimit(RLIMIT_FSIZE, &saved_);
-        signal(SIGXFSZ, old_);
-    }
-
-private:
-    bool on_;
-    rlimit saved_{};
-    void (*old_)(int) = nullptr;
-};
+// Runs `call` with files limited to `bytes` (no limit when negative): a write
+// past it gives EFBIG (SIGXFSZ is ignored so that the process goes on).
+template <class F>
+int underSizeLimit(long bytes, F call) {
+    if (bytes < 0) return call();
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit limited = saved;
+    limited.rlim_cur = static_cast<rlim_t>(bytes);
+    const auto oldHandler = signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &limited);
+    const int result = call();
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, oldHandler);
+    return result;
+}
 
 struct Writer {
     const char* name;
@@ -100,10 +93,8 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                     EXPECT_EQ(ol_write_strip_rgbe(path.c_str(), 1, side, side, 2 * side, nullptr, px.data()), -1);
                     continue;
                 }
-                const int rc = [&] {
-                    SizeLimitGuard limit(fault == SizeLimit ? 200 : -1);
-                    return wr.call(path.c_str(), side, px.data());
-                }();
+                const int rc =
+                    underSizeLimit(fault == SizeLimit ? 200 : -1, [&] { return wr.call(path.c_str(), side, px.data()); });
                 EXPECT_EQ(rc, wr.codes[fault]);
             }
 }
@@ -123,12 +114,12 @@ TEST(WriteFailure, TiffStagesLeaveTheirPartialFile) {
     } rows[] = {{8, 0, -3}, {8 + 48 + 10, 0, -12}, {-1, 1, -1}};
     for (const auto& r : rows) {
         const std::string path = dir.file(std::to_string(r.code) + ".tif");
-        {
-            SizeLimitGuard limit(r.limit);
-            oltest::FailAllocation fail(r.failAllocation);
-            EXPECT_EQ(buf2tifOld(px.data(), &info, 12, nullptr, &ex, nullptr, 0, nullptr, 0, nullptr, path.c_str()),
-                      r.code);
-        }
+        EXPECT_EQ(underSizeLimit(r.limit, [&] {
+                      oltest::FailAllocation fail(r.failAllocation);
+                      return buf2tifOld(px.data(), &info, 12, nullptr, &ex, nullptr, 0, nullptr, 0, nullptr,
+                                        path.c_str());
+                  }),
+                  r.code);
         EXPECT_EQ(oltest::readFile(path).size(), r.limit >= 0 ? static_cast<std::size_t>(r.limit) : 8u + 48u);
     }
 }
