@@ -137,10 +137,7 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
     const std::string out = dir.file("out");
     // Through a link: a rename onto it would put a regular file in its place.
     const bool haveFull = access("/dev/full", W_OK) == 0 && symlink("/dev/full", dir.file("full.hdr").c_str()) == 0;
-    struct Case {
-        const char* what;
-        std::string args;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {  // what, arguments
         {"merge to a full device", "merge -q " + in + " -o " + oltest::shellQuote(dir.file("full.hdr"))},
         {"merge past the size limit", "merge -q " + in + " -o " + out + "/m.hdr"},
         {"fuse past the size limit", "fuse -q " + in + " -o " + out + "/f.tif"},
@@ -148,17 +145,16 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
         {"bracket as JPEG past the size limit", "bracket -q --size 64x48 --frames 2 --format jpg -o " + out},
         {"bracket as TIFF past the size limit", "bracket -q --size 64x48 --frames 2 --format tif -o " + out},
     };
-    for (const Case& c : cases) {
-        if (&c == &cases[0] && !haveFull) continue;
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, args] : cases) {
+        if (what == cases[0].first && !haveFull) continue;
+        SCOPED_TRACE(what);
         oltest::fs::remove_all(out);
         oltest::fs::create_directories(out);
-        const bool limit = std::string(c.what).find("limit") != std::string::npos;
+        const bool limit = std::string(what).find("limit") != std::string::npos;
         const std::string err = dir.file("err");
         const int code = oltest::runCommand(std::string("(") + (limit ? "ulimit -f 1; " : "") +
-                                            oltest::shellQuote(olhdr) + " " + c.args + ") 2>" + oltest::shellQuote(err));
-        const std::vector<std::uint8_t> e = oltest::readFile(err);
-        const std::string text(e.begin(), e.end());
+                                            oltest::shellQuote(olhdr) + " " + args + ") 2>" + oltest::shellQuote(err));
+        const std::string text = oltest::readText(err);
         EXPECT_EQ(code, 3) << text;
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
         EXPECT_TRUE(oltest::fs::is_empty(out));
