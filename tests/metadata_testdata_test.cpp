@@ -6,6 +6,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "frame/rgbe.hpp"
@@ -112,28 +113,25 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
             EXPECT_EQ(field(e.date, 20), j.str("ExifIFD:DateTimeOriginal").substr(0, 19));
         }
 
-        if (auto t = j.num("ExifIFD:ExposureTime"); t && *t > 0) {
-            checkRational("exposure", e.exposureNum, e.exposureDen, *t);
-        } else if (auto sv = j.num("ExifIFD:ShutterSpeedValue"); sv && *sv > 0) {
-            checkRational("exposure from Tv", e.exposureNum, e.exposureDen, *sv, 1);
-        }
-        if (auto f = j.num("ExifIFD:FNumber"); f && *f > 0) checkRational("f-number", e.apertureNum, e.apertureDen, *f);
-        if (auto f = j.num("ExifIFD:FocalLength"); f && *f > 0) checkRational("focal", e.focalNum, e.focalDen, *f);
-        if (auto f = j.num("ExifIFD:FocalPlaneXResolution"); f && *f > 0)
-            checkRational("plane res", e.planeResNum, e.planeResDen, *f);
-        EXPECT_EQ(e.planeResUnit, static_cast<int>(j.num("ExifIFD:FocalPlaneResolutionUnit").value_or(0)));
-        EXPECT_EQ(e.focal35, static_cast<int>(j.num("ExifIFD:FocalLengthIn35mmFormat").value_or(0)));
-
-        const int iso = static_cast<int>(j.num("ExifIFD:ISO").value_or(0));
-        EXPECT_EQ(e.iso, iso != 0 ? iso : static_cast<int>(j.num("ExifIFD:ExposureIndex").value_or(0)));
-
+        // Rationals in the tool's decimal form (the exposure from Tv, one off
+        // allowed, when the time is missing), then whole numbers.
+        const bool tv = j.num("ExifIFD:ExposureTime").value_or(0) <= 0;
+        const std::tuple<const char*, std::int32_t, std::int32_t, long> rationals[] = {
+            {tv ? "ExifIFD:ShutterSpeedValue" : "ExifIFD:ExposureTime", e.exposureNum, e.exposureDen, tv ? 1 : 0},
+            {"ExifIFD:FNumber", e.apertureNum, e.apertureDen, 0},
+            {"ExifIFD:FocalLength", e.focalNum, e.focalDen, 0},
+            {"ExifIFD:FocalPlaneXResolution", e.planeResNum, e.planeResDen, 0}};
+        for (const auto& [key, num, den, slack] : rationals)
+            if (auto t = j.num(key); t && *t > 0) checkRational(key, num, den, *t, slack);
+        const auto whole = [&](const char* key) { return static_cast<int>(j.num(key).value_or(0)); };
+        EXPECT_EQ(e.planeResUnit, whole("ExifIFD:FocalPlaneResolutionUnit"));
+        EXPECT_EQ(e.focal35, whole("ExifIFD:FocalLengthIn35mmFormat"));
+        EXPECT_EQ(e.iso, whole("ExifIFD:ISO") != 0 ? whole("ExifIFD:ISO") : whole("ExifIFD:ExposureIndex"));
         // The last IFD of the chain that has one wins.
-        const int orientation =
-            static_cast<int>(j.num("IFD1:Orientation").value_or(j.num("IFD0:Orientation").value_or(0)));
-        EXPECT_EQ(e.orientation, orientation);
+        EXPECT_EQ(e.orientation, j.num("IFD1:Orientation") ? whole("IFD1:Orientation") : whole("IFD0:Orientation"));
         if (j.has("IFD1:ThumbnailOffset") && !j.has("Photoshop:PhotoshopThumbnail")) {
-            EXPECT_EQ(std::make_pair(e.thumbOffset, e.thumbLen), std::make_pair(static_cast<int>(*j.num("IFD1:ThumbnailOffset")),
-                                                                                static_cast<int>(*j.num("IFD1:ThumbnailLength"))));
+            EXPECT_EQ(std::make_pair(e.thumbOffset, e.thumbLen),
+                      std::make_pair(whole("IFD1:ThumbnailOffset"), whole("IFD1:ThumbnailLength")));
         }
 
         // GPS, compared as the decimal degrees and seconds the tool prints.
@@ -149,9 +147,8 @@ TEST(MetareadTestdata, ExifValuesAgreeWithTheTool) {
             EXPECT_EQ(g.alt_ref, static_cast<char>(j.num("GPS:GPSAltitudeRef").value_or(0)));
         }
         if (j.has("GPS:GPSTimeStamp")) {
-            int h = 0, m = 0;
-            double s = 0;
-            std::sscanf(j.str("GPS:GPSTimeStamp").c_str(), "%d:%d:%lf", &h, &m, &s);
+            double h = 0, m = 0, s = 0;
+            std::sscanf(j.str("GPS:GPSTimeStamp").c_str(), "%lf:%lf:%lf", &h, &m, &s);
             EXPECT_NEAR(dms(g.timestamp), h + m / 60.0 + s / 3600.0, 1e-7);
         }
         if (j.has("GPS:GPSDateStamp")) {
