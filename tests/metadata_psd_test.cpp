@@ -189,8 +189,8 @@ TEST(MetareadPsd, HeaderAndResourceWalk) {
     const Bytes r2 = resource8bim(1039, Bytes{'p', 'r', 'o', 'f', 'i', 'l', 'e'});
     const Bytes res = cat({r1, r2, resource8bim(1058, Bytes(9, 3))});
     const auto psd = [](int channels, int mode, const Bytes& resources) {
-        return buildPsd(
-            {.channels = channels, .width = 7, .height = 9, .mode = mode, .colorData = Bytes(6, 1), .resources = resources});
+        return buildPsd({.channels = channels, .width = 7, .height = 9, .mode = mode, .colorData = Bytes(6, 1),
+                         .resources = resources});
     };
     const int start = 40 + static_cast<int>(res.size()), exifAt = 40 + static_cast<int>(r1.size() + r2.size()) + 12;
     const int r1At = 40 + static_cast<int>(r1.size()), o = 0x11111111;
@@ -261,10 +261,9 @@ namespace {
 
 // A minimal profile with a text description tag of the given text at 132.
 Bytes profileWithDesc(const std::string& text, int countByte = -1) {
-    Bytes p(132, 0);
-    const Bytes head = {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0,
-                        static_cast<std::uint8_t>(countByte >= 0 ? countByte : static_cast<int>(text.size() + 1))};
-    p = cat({p, head, Bytes(text.begin(), text.end()), Bytes(60, 0)});
+    const auto count = static_cast<std::uint8_t>(countByte >= 0 ? countByte : static_cast<int>(text.size() + 1));
+    Bytes p = cat({Bytes(132, 0), {'d', 'e', 's', 'c', 0, 0, 0, 0, 0, 0, 0, count}, Bytes(text.begin(), text.end()),
+                   Bytes(60, 0)});
     ol::putU32BE(p.data(), static_cast<std::uint32_t>(p.size()));
     return p;
 }
@@ -306,7 +305,8 @@ TEST(MetareadIcc, ExtractProfile) {
     const std::string p = dir.file("p.icc");
     const Bytes prof = oltest::fixture("seeds/icc_desc.icc");
     // A size past the end (-5) is a kept crasher.
-    const std::pair<Bytes, int> rows[] = {{prof, 200}, {{0, 0, 1}, -3}, {{0, 0, 0, 0, 1, 2}, -4}, {{0x80, 0, 0, 0, 1, 2}, -4}};
+    const std::pair<Bytes, int> rows[] = {
+        {prof, 200}, {{0, 0, 1}, -3}, {{0, 0, 0, 0, 1, 2}, -4}, {{0x80, 0, 0, 0, 1, 2}, -4}};
     Bytes buf(prof.size(), 0);
     for (const auto& [file, code] : rows) {
         oltest::writeFile(p, file);

@@ -77,7 +77,8 @@ TEST(MetawriteTiff, WrittenFilesMatchTheKeptOnes) {
     std::memset(full.camera, 'C', sizeof full.camera);
     std::memset(full.date, 'D', sizeof full.date);
     // References are signed bytes; zero parts count as missing.
-    const GpsRecord latRefOnly{.latitude = {10}, .timestamp = {0, 1}, .lat_ref = 'S', .long_ref = static_cast<char>(0xC5)};
+    const GpsRecord latRefOnly{
+        .latitude = {10}, .timestamp = {0, 1}, .lat_ref = 'S', .long_ref = static_cast<char>(0xC5)};
     Bytes seq(16);
     std::iota(seq.begin(), seq.end(), 0);
     const Bytes four = {1, 2, 3, 4, 5, 6, 7, 8, 90, 91, 11, 12, 13, 14, 15, 16, 17, 18, 92, 93};

@@ -93,8 +93,8 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                     EXPECT_EQ(ol_write_strip_rgbe(path.c_str(), 1, side, side, 2 * side, nullptr, px.data()), -1);
                     continue;
                 }
-                const int rc =
-                    underSizeLimit(fault == SizeLimit ? 200 : -1, [&] { return wr.call(path.c_str(), side, px.data()); });
+                const int rc = underSizeLimit(fault == SizeLimit ? 200 : -1,
+                                              [&] { return wr.call(path.c_str(), side, px.data()); });
                 EXPECT_EQ(rc, wr.codes[fault]);
             }
 }
