@@ -64,8 +64,7 @@ Loaded loadBytes(const Bytes& file, const Load& how = {}) {
     TempDir dir;
     const std::string p = dir.file("x.psd");
     oltest::writeFile(p, file);
-    PsdInfo rec;
-    std::memset(&rec, 0, sizeof rec);
+    PsdInfo rec{};
     rec.lengthBits = how.lengthBits;
     Loaded l{getPsdInfo(p.c_str(), &rec), std::vector<std::uint8_t>(how.outBytes, 0xEE)};
     rec.bps = how.bps ? how.bps : rec.bps;
