@@ -49,12 +49,6 @@ Written onePixel(const Extras& x = {}, int orientation = 1) {
     return write(px, info, 3, x);
 }
 
-Bytes ramp(std::size_t n, int step = 7) {
-    Bytes v(n);
-    for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(i * step + 1);
-    return v;
-}
-
 }  // namespace
 
 // Whole written files against the kept ones (tests/fixtures/README.md says
@@ -85,7 +79,8 @@ TEST(MetawriteTiff, WrittenFilesMatchTheKeptOnes) {
     const Bytes two = {10, 20, 11, 21, 12, 22, 99};
     const Bytes strided = {1, 2, 3, 4, 5, 6, 0xEE, 0xEE, 7, 8, 9, 10, 11, 12, 0xEE, 0xEE};
     const Bytes words = {0x01, 0x11, 0x02, 0x22, 0xFF, 0xFF, 0x03, 0x33, 0x04, 0x44, 0xFF, 0xFF};
-    const auto px = ramp(4 * 3 * 3 * 2);
+    Bytes px(4 * 3 * 3 * 2);  // a ramp of step 7
+    for (std::size_t i = 0; i < px.size(); ++i) px[i] = static_cast<std::uint8_t>(i * 7 + 1);
     tif_info orient0 = makeInfo(2, 2, 3, 8);
     orient0.orientation = 0;
     struct Row {
