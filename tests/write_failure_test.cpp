@@ -2,7 +2,8 @@
 // (/dev/full), a file size limit that stops it after its first bytes, a
 // folder that is gone, a name that is a folder, or a file removed between two
 // strips, returns its failure code, never a success (the fusion's scratch
-// files alone fall back to memory when they cannot be opened). A write small
+// files, which fall back to memory when they cannot be opened, are tried in
+// fusion_driver_test). A write small
 // enough to stay in the stream's buffer fails only when the file is closed, so
 // each fault is tried with a tiny and a larger picture (the size limit with
 // the larger one only: a tiny file fits under it). The host then reports such
@@ -19,7 +20,6 @@
 
 #include "Ombrelumen40Lib1.h"
 #include "support/records.hpp"
-#include "support/stacks.hpp"
 #include "support/testsupport.hpp"
 
 namespace {
@@ -34,31 +34,22 @@ std::string faultyPath(Fault fault, const oltest::TempDir& dir) {
     return dir.file("out");
 }
 
-// Files may grow to 200 bytes while it lives; past that a write gives EFBIG
-// (SIGXFSZ is ignored so that the process goes on).
-class SizeLimitGuard {
-public:
-    explicit SizeLimitGuard(bool on) : on_(on) {
-        if (!on_) return;
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        old_ = signal(SIGXFSZ, SIG_IGN);
-        rlimit r = saved_;
-        r.rlim_cur = 200;
-        setrlimit(RLIMIT_FSIZE, &r);
-    }
-    ~SizeLimitGuard() {
-        if (!on_) return;
-        setrlimit(RLIMIT_FSIZE, &saved_);
-        signal(SIGXFSZ, old_);
-    }
-
-private:
-    bool on_;
-    rlimit saved_{};
-    void (*old_)(int) = nullptr;
-};
-
-constexpr int kMemory = 1;  // the call falls back to memory and succeeds
+// Runs `call` with files limited to `bytes` (no limit when negative): a write
+// past it gives EFBIG (SIGXFSZ is ignored so that the process goes on).
+template <class F>
+int underSizeLimit(long bytes, F call) {
+    if (bytes < 0) return call();
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit limited = saved;
+    limited.rlim_cur = static_cast<rlim_t>(bytes);
+    const auto oldHandler = signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &limited);
+    const int result = call();
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, oldHandler);
+    return result;
+}
 
 struct Writer {
     const char* name;
@@ -68,8 +59,6 @@ struct Writer {
 
 TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
     ExifRecord exif = oltest::records::emptyExif();
-    const fustest::Job fusion = fustest::sized(23, 17);
-    const std::vector<std::uint8_t> fusionStack = fusion.stack();
     const Writer writers[] = {
         {"ol_io_rgbe_write", {-1, -1, -1, -1},
          [&](const char* p, int s, const unsigned char* px) {
@@ -84,12 +73,6 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
              return buf2tifOld(px, &info, 3 * s, nullptr, &exif, nullptr, 0, nullptr, 0, nullptr, p);
          }},
         {"save_buffer", {-1, -1, -1, -1}, [](const char* p, int s, const unsigned char* px) { return save_buffer(p, px, 4 * s * s); }},
-        {"ol_fusion scratch files", {-3, -3, kMemory, kMemory},
-         [&](const char* p, int, const unsigned char*) {
-             fustest::Job j = fusion.onDisk("");
-             j.nameSource = j.namePoids = j.namePyramPoids = p;
-             return j.go(fusionStack);
-         }},
     };
     const bool haveFull = access("/dev/full", W_OK) == 0;
     for (const auto& wr : writers)
@@ -99,7 +82,6 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                 SCOPED_TRACE(std::string(wr.name) + " fault " + std::to_string(fault) + " side " + std::to_string(side));
                 oltest::TempDir dir;
                 std::vector<unsigned char> px(4u * side * side, 0x80);
-                for (std::size_t i = 3; i < px.size(); i += 4) px[i] = 128;
                 const std::string path = faultyPath(fault, dir);
                 if (fault == StripFileGone) {
                     // The first strip is written, then the file is replaced
@@ -111,16 +93,35 @@ TEST(WriteFailure, EveryWriterGivesItsFailureCode) {
                     EXPECT_EQ(ol_write_strip_rgbe(path.c_str(), 1, side, side, 2 * side, nullptr, px.data()), -1);
                     continue;
                 }
-                int rc;
-                {
-                    SizeLimitGuard limit(fault == SizeLimit);
-                    rc = wr.call(path.c_str(), side, px.data());
-                }
-                if (wr.codes[fault] == kMemory)
-                    EXPECT_GE(rc, 0);
-                else
-                    EXPECT_EQ(rc, wr.codes[fault]);
+                const int rc = underSizeLimit(fault == SizeLimit ? 200 : -1,
+                                              [&] { return wr.call(path.c_str(), side, px.data()); });
+                EXPECT_EQ(rc, wr.codes[fault]);
             }
+}
+
+// The TIFF writer's later stages, each leaving its partial file: a size limit
+// at the header's end fails the pixels (-3), one inside the metadata block
+// fails the block (-12), and the block's allocation fails behind the pixels
+// (-1).
+TEST(WriteFailure, TiffStagesLeaveTheirPartialFile) {
+    oltest::TempDir dir;
+    const std::vector<unsigned char> px(4 * 4 * 3, 7);
+    const tif_info info = oltest::records::makeInfo(4, 4, 3, 8);
+    const ExifRecord ex = oltest::records::fullExif();
+    const struct {
+        long limit, failAllocation;
+        int code;
+    } rows[] = {{8, 0, -3}, {8 + 48 + 10, 0, -12}, {-1, 1, -1}};
+    for (const auto& r : rows) {
+        const std::string path = dir.file(std::to_string(r.code) + ".tif");
+        EXPECT_EQ(underSizeLimit(r.limit, [&] {
+                      oltest::FailAllocation fail(r.failAllocation);
+                      return buf2tifOld(px.data(), &info, 12, nullptr, &ex, nullptr, 0, nullptr, 0, nullptr,
+                                        path.c_str());
+                  }),
+                  r.code);
+        EXPECT_EQ(oltest::readFile(path).size(), r.limit >= 0 ? static_cast<std::size_t>(r.limit) : 8u + 48u);
+    }
 }
 
 // The host: a full device and a size limit hit in the middle of a file each
@@ -136,10 +137,7 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
     const std::string out = dir.file("out");
     // Through a link: a rename onto it would put a regular file in its place.
     const bool haveFull = access("/dev/full", W_OK) == 0 && symlink("/dev/full", dir.file("full.hdr").c_str()) == 0;
-    struct Case {
-        const char* what;
-        std::string args;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {  // what, arguments
         {"merge to a full device", "merge -q " + in + " -o " + oltest::shellQuote(dir.file("full.hdr"))},
         {"merge past the size limit", "merge -q " + in + " -o " + out + "/m.hdr"},
         {"fuse past the size limit", "fuse -q " + in + " -o " + out + "/f.tif"},
@@ -147,17 +145,16 @@ TEST(WriteFailure, HostReportsItAndLeavesNothing) {
         {"bracket as JPEG past the size limit", "bracket -q --size 64x48 --frames 2 --format jpg -o " + out},
         {"bracket as TIFF past the size limit", "bracket -q --size 64x48 --frames 2 --format tif -o " + out},
     };
-    for (const Case& c : cases) {
-        if (&c == &cases[0] && !haveFull) continue;
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, args] : cases) {
+        if (what == cases[0].first && !haveFull) continue;
+        SCOPED_TRACE(what);
         oltest::fs::remove_all(out);
         oltest::fs::create_directories(out);
-        const bool limit = std::string(c.what).find("limit") != std::string::npos;
+        const bool limit = std::string(what).find("limit") != std::string::npos;
         const std::string err = dir.file("err");
         const int code = oltest::runCommand(std::string("(") + (limit ? "ulimit -f 1; " : "") +
-                                            oltest::shellQuote(olhdr) + " " + c.args + ") 2>" + oltest::shellQuote(err));
-        const std::vector<std::uint8_t> e = oltest::readFile(err);
-        const std::string text(e.begin(), e.end());
+                                            oltest::shellQuote(olhdr) + " " + args + ") 2>" + oltest::shellQuote(err));
+        const std::string text = oltest::readText(err);
         EXPECT_EQ(code, 3) << text;
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
         EXPECT_TRUE(oltest::fs::is_empty(out));
