@@ -22,9 +22,6 @@ template <class T> std::vector<T> randomSamples(std::size_t n, int top) {
 }
 // Guarded read of a buffer: outside it a sample is 0.
 template <class T> int at(const std::vector<T>& v, long i) { return i < 0 || i >= static_cast<long>(v.size()) ? 0 : v[i]; }
-template <class T> void expectSame(const std::vector<T>& got, const std::vector<T>& want, const char* what) {
-    for (std::size_t i = 0; i < want.size(); ++i) ASSERT_EQ(+got.at(i), +want[i]) << what << " at sample " << i;
-}
 
 TEST(ToneParams, RoundingAndScales) {
     const struct { int got, want; } rows[] = {
@@ -52,7 +49,7 @@ template <class T> void checkContrast(float contrast, int brightness, int w, int
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w * spp; x += spp) for (int k = 0; k < 3; ++k) want[y * stride + x + k] = T(curve(want[y * stride + x + k]));
     ASSERT_EQ(lumcontr(contrast, brightness, bps, w, h, stride, spp, img.data()), h);
-    expectSame(img, want, "lumcontr");
+    EXPECT_EQ(img, want) << "lumcontr";
 }
 
 TEST(Lumcontr, CurveAtBothDepthsIdentityAndBadArguments) {
@@ -62,7 +59,7 @@ TEST(Lumcontr, CurveAtBothDepthsIdentityAndBadArguments) {
     EXPECT_EQ(lumcontr(0.5f, 0, 12, 64, 1, 192, 3, img.data()), 1);  // other depths: untouched
     EXPECT_EQ(lumcontr(0.5f, 0, 8, 64, 0, 192, 3, img.data()), 0);
     EXPECT_EQ(lumcontr(0.5f, 0, 8, 64, 2, 100, 3, img.data()), 0);  // stride shorter than a row
-    expectSame(img, copy, "refused calls");
+    EXPECT_EQ(img, copy) << "refused calls";
     EXPECT_EQ(lumcontr(NAN, 1000000, 8, 1, 1, 1, 1, std::vector<std::uint8_t>{9}.data()), 1);  // spp 1 reads three samples a pixel: never past the buffer
 }
 
@@ -113,7 +110,7 @@ TEST(StackMeans, MoyenneAndHsautoMatchReading) {
                 void *in = bpsIn == 8 ? static_cast<void*>(in8.data()) : st.data(), *out = out16 ? static_cast<void*>(d16.data()) : d8.data();
                 auto got = [&] { return out16 ? d16 : std::vector<std::uint16_t>(d8.begin(), d8.end()); };
                 ASSERT_EQ(moyenne(n, W, H, stride, swap, spp, bpsIn, bpsOut, in, out), H);
-                expectSame(got(), stackMeans(st, n, W, H, stride, spp, swap, scale, d), "moyenne");
+                EXPECT_EQ(got(), stackMeans(st, n, W, H, stride, spp, swap, scale, d)) << "moyenne";
                 auto want = stackMeans(st, n, W, H, stride, spp, false, scale, d);
                 if (spp > 1) {
                     std::vector<int> p0(W * H), p1(W * H);
@@ -131,7 +128,7 @@ TEST(StackMeans, MoyenneAndHsautoMatchReading) {
                 }
                 d16 = d, d8.assign(d.begin(), d.end());
                 ASSERT_EQ(hsauto(n, W, H, stride, swap, bpsIn, bpsOut, spp, t % 3 ? scratch.data() : nullptr, in, out), H);
-                expectSame(got(), want, "hsauto");
+                EXPECT_EQ(got(), want) << "hsauto";
             }
     std::vector<std::uint8_t> img(12, 7), dst(12, 1);
     EXPECT_EQ(moyenne(1, 4, 1, 12, 0, 3, 12, 8, img.data(), dst.data()), 4);  // other depth: width
@@ -171,13 +168,13 @@ TEST(Comp16, WholeImageAndRectangleMatchReadingFailedWorkBufferAndRefusals) {
         for (std::size_t i = 0; i < src.size(); i += 5) src[i] >>= 5;  // darker samples too
         auto dst = randomSamples<std::uint8_t>(std::size_t(k.h) * stride, 255), want = compressReading(k.strength, src, 0, 0, k.w, k.h, stride, stride, k.spp, dst);
         ASSERT_EQ(comp16(k.strength, k.w, k.h, stride, k.spp, src.data(), dst.data()), k.h);
-        expectSame(dst, want, "comp16");
+        EXPECT_EQ(dst, want) << "comp16";
         // The rectangle of columns 1.. and rows 1.. into a packed target.
         const int cw = k.w - 1, ch = k.h - 1;
         if (cw < 1) continue;
         std::vector<std::uint8_t> qv(std::size_t(cw) * ch * k.spp, 3), wantQv = compressReading(k.strength, src, 1, 1, cw, ch, stride, cw * k.spp, k.spp, qv);
         ASSERT_EQ(comp16qv(k.strength, 1, 1, cw, ch, stride, cw * k.spp, k.spp, src.data(), qv.data()), 1 + ch);
-        expectSame(qv, wantQv, "comp16qv");
+        EXPECT_EQ(qv, wantQv) << "comp16qv";
     }
     std::vector<std::uint16_t> src(20 * 3 * 4, 0);  // Y = 0: mask 49 before blurring
     std::vector<std::uint8_t> dst(src.size(), 200);
@@ -226,11 +223,11 @@ TEST(Sharpen, RimRulesDriftBothDepthsAndRefusals) {
                 auto s8 = randomSamples<std::uint8_t>(std::size_t(h) * stride, 255), d8 = randomSamples<std::uint8_t>(s8.size(), 255), w8 = d8;
                 if (spp > 1) w8 = sharpenReading(true, amount, s8, w, h, stride, spp, d8);
                 ASSERT_EQ(sharpen(amount, w, h, stride, spp, s8.data(), d8.data()), spp == 1 ? 1 : h);
-                expectSame(d8, w8, "sharpen");
+                EXPECT_EQ(d8, w8) << "sharpen";
                 auto s16 = randomSamples<std::uint16_t>(std::size_t(h) * stride, 65535), d16 = randomSamples<std::uint16_t>(s16.size(), 65535);
                 const auto w16 = sharpenReading(false, amount, s16, w, h, stride, spp, d16);
                 ASSERT_EQ(sharp16(amount, w, h, stride, spp, s16.data(), d16.data()), h);
-                expectSame(d16, w16, "sharp16");
+                EXPECT_EQ(d16, w16) << "sharp16";
             }
     std::vector<std::uint16_t> s16(4 * 3 * 3, 1000), d16(s16.size());
     ASSERT_EQ(sharp16(0.5f, 4, 3, 12, 3, s16.data(), d16.data()), 3);
@@ -292,7 +289,7 @@ template <class T> void checkRemapLdr(int mode, int w, int h, int spp, int top) 
             }
         }
     remap_ldr(mode, 8 * sizeof(T), w, h, ss, ds, spp, src.data(), dst.data());
-    expectSame(dst, want, "remap_ldr");
+    EXPECT_EQ(dst, want) << "remap_ldr";
 }
 
 void checkRemapHdr(int mode, int w, int h) {
@@ -325,7 +322,7 @@ void checkRemapHdr(int mode, int w, int h) {
             for (int k = 0; k < 4; ++k) want[y * 8 * w + k * 2 * w + x] = out[k];
         }
     remap_hdr(mode, w, h, src.data(), dst.data());
-    expectSame(dst, want, "remap_hdr");
+    EXPECT_EQ(dst, want) << "remap_hdr";
 }
 
 TEST(Remap, ModesDepthsAndSmallSizes) {

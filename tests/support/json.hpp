@@ -17,10 +17,7 @@ namespace oltest {
 struct Json {
     std::map<std::string, std::string> values;  // strings unescaped, arrays joined by '\x1f'
     bool has(const std::string& k) const { return values.count(k) != 0; }
-    std::string str(const std::string& k) const {
-        auto it = values.find(k);
-        return it == values.end() ? std::string() : it->second;
-    }
+    std::string str(const std::string& k) const { return has(k) ? values.at(k) : std::string(); }
     std::optional<double> num(const std::string& k) const {
         const std::string s = str(k);
         char* end = nullptr;
@@ -37,7 +34,7 @@ public:
         skipWs();
         if (peek() == '[') ++i_;
         skipWs();
-        if (peek() == '{') items('}', [&](const std::string& k, std::string v) { j.values[k] = std::move(v); });
+        if (peek() == '{') value(&j);
         return j;
     }
 
@@ -45,24 +42,6 @@ private:
     char peek() const { return i_ < t_.size() ? t_[i_] : '\0'; }
     void skipWs() {
         while (i_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[i_]))) ++i_;
-    }
-    // The members of an object or the items of an array (key empty), from
-    // the opening bracket past `close`, each handed to `take`.
-    template <class F>
-    void items(char close, F take) {
-        ++i_;
-        for (skipWs(); i_ < t_.size() && peek() != close; skipWs()) {
-            std::string key;
-            if (close == '}') {
-                key = stringValue();
-                skipWs();
-                ++i_;  // ':'
-            }
-            take(key, value());
-            skipWs();
-            if (peek() == ',') ++i_;
-        }
-        ++i_;
     }
     std::string stringValue() {
         std::string s;
@@ -84,21 +63,34 @@ private:
         ++i_;
         return s;
     }
-    std::string value() {
+    // The value at i_ as text: an object or an array gives its items (the
+    // values of an object's members) joined by '\x1f'; the members of an
+    // object also go into `members` when one is given.
+    std::string value(Json* members = nullptr) {
         skipWs();
-        const char c = peek();
-        if (c == '"') return stringValue();
-        if (c == '[' || c == '{') {
-            std::string joined;
-            items(c == '[' ? ']' : '}', [&](const std::string&, const std::string& v) {
-                if (!joined.empty()) joined += '\x1f';
-                joined += v;
-            });
-            return joined;
+        const char open = peek();
+        if (open == '"') return stringValue();
+        if (open != '[' && open != '{') {
+            const std::size_t start = i_;
+            while (i_ < t_.size() && !std::strchr(",}] \t\r\n", t_[i_])) ++i_;
+            return t_.substr(start, i_ - start);
         }
-        const std::size_t start = i_;
-        while (i_ < t_.size() && !std::strchr(",}] \t\r\n", t_[i_])) ++i_;
-        return t_.substr(start, i_ - start);
+        std::string joined;
+        for (++i_, skipWs(); i_ < t_.size() && peek() != (open == '{' ? '}' : ']'); skipWs()) {
+            std::string key;
+            if (open == '{') {
+                key = stringValue();
+                skipWs();
+                ++i_;  // ':'
+            }
+            const std::string v = value();
+            if (members) members->values[key] = v;
+            joined += (joined.empty() ? "" : "\x1f") + v;
+            skipWs();
+            if (peek() == ',') ++i_;
+        }
+        ++i_;
+        return joined;
     }
     std::string t_;
     std::size_t i_ = 0;

@@ -2,7 +2,6 @@
 
 #include "frame/bytes.hpp"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <iterator>
 #include <random>
 #include <regex>
+#include <utility>
 
 namespace oltest {
 
@@ -42,8 +42,8 @@ std::vector<std::uint8_t> readFile(const std::string& path) {
 }
 
 std::string readText(const std::string& path) {
-    const std::vector<std::uint8_t> b = readFile(path);
-    return std::string(b.begin(), b.end());
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void writeFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
@@ -51,10 +51,7 @@ void writeFile(const std::string& path, const std::vector<std::uint8_t>& bytes) 
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-void writeText(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
+void writeText(const std::string& path, const std::string& text) { writeFile(path, {text.begin(), text.end()}); }
 
 int runCommand(const std::string& command, std::string* out) {
     std::FILE* p = popen(command.c_str(), "r");
@@ -94,25 +91,23 @@ bool havePythonModule(const std::string& module) {
     return runCommand(systemPython() + " -c 'import " + module + "' >/dev/null 2>&1") == 0;
 }
 
-CaptureFd::CaptureFd(int fd) : fd_(fd) {
+CaptureFd::CaptureFd(int fd) : fd_(fd), file_(std::tmpfile()) {
+    if (!file_) throw std::runtime_error("tmpfile failed");
     std::fflush(nullptr);
-    char templ[] = "/tmp/olcapture-XXXXXX";
-    const int tmp = mkstemp(templ);
-    if (tmp < 0) throw std::runtime_error("mkstemp failed");
-    path_ = templ;
     saved_ = dup(fd_);
-    dup2(tmp, fd_);
-    close(tmp);
+    dup2(fileno(file_), fd_);
 }
 
 std::string CaptureFd::finish() {
-    if (done_) return {};
-    done_ = true;
+    if (!file_) return {};
     std::fflush(nullptr);
     dup2(saved_, fd_);
     close(saved_);
-    std::string text = readText(path_);
-    std::remove(path_.c_str());
+    std::rewind(file_);  // the captured descriptor shares the file's offset
+    std::string text;
+    char buf[4096];
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, file_)) > 0;) text.append(buf, n);
+    std::fclose(std::exchange(file_, nullptr));
     return text;
 }
 
@@ -173,10 +168,8 @@ std::vector<std::uint8_t> fixture(const std::string& name) {
     }
     if (!fs::exists(path)) return ::testing::AssertionFailure() << name << " is missing";
     const std::vector<std::uint8_t> want = readFile(path.string());
-    const std::size_t n = std::min(want.size(), bytes.size());
-    std::size_t at = 0;
-    while (at < n && want[at] == bytes[at]) ++at;
-    if (at == n && want.size() == bytes.size()) return ::testing::AssertionSuccess();
+    if (want == bytes) return ::testing::AssertionSuccess();
+    const auto at = std::mismatch(want.begin(), want.end(), bytes.begin(), bytes.end()).first - want.begin();
     return ::testing::AssertionFailure() << name << ": first difference at byte " << at << " (" << bytes.size()
                                          << " bytes written, " << want.size() << " kept)";
 }

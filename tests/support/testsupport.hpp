@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -70,8 +71,7 @@ public:
 private:
     int fd_;
     int saved_ = -1;
-    std::string path_;
-    bool done_ = false;
+    std::FILE* file_;  // an anonymous temporary file, null once finished
 };
 
 // Makes the nth allocation in the scope fail; switches the hook off after.
