@@ -14,6 +14,7 @@
 #include <tuple>
 #include <vector>
 
+#include "fusion/scratch.hpp"
 #include "fusion/stages.hpp"
 #include "support/stacks.hpp"
 #include "support/testsupport.hpp"
@@ -48,15 +49,21 @@ TEST(FusionDriver, OnePhotoFlatStackTinyAndEmpty) {
 }
 
 // Every combination of the modes, on a small stack, as one matrix: each run
-// must finish (the sanitizer builds check for leaks and races); thread counts
-// give identical bytes, and memory and disk mode agree wherever the
-// clearing covers the pyramid (with 8-bit weights it does not: the test
-// below). The second size splits every level of the later stages into
-// uneven bands.
+// must finish (the sanitizer builds check for leaks and races). Within a
+// mode, thread counts and the block size of the disk reads give identical
+// bytes: the output, the three scratch files and every printed line but the
+// first (it names the thread count). Disk mode runs row by row on the calling
+// thread, by blocks of `block` bytes on t1 threads (1 is raised to one row of
+// every photo; 4999 leaves a short last block) and by the default blocks on
+// t2. Memory and disk mode agree wherever the clearing covers the pyramid
+// (with 8-bit weights it does not: the test below). The second size splits
+// every level of the later stages into uneven bands.
 TEST(FusionDriver, EveryModeCombinationRuns) {
     oltest::TempDir dir;
-    struct Size { int w, h, t1, t2; };
-    for (const Size size : {Size{21, 14, 2, 7}, Size{101, 75, 3, 7}})
+    struct Size { int w, h, t1, t2; std::size_t block; };
+    struct Run { std::vector<std::uint8_t> output, source, poids, pyram; std::string printed; };
+    const auto scratch = [&](const char* name) { return oltest::readFile(dir.file(name)); };
+    for (const Size size : {Size{21, 14, 2, 7, 1}, Size{101, 75, 3, 7, 4999}})
     for (int bspIn : {8, 16})
         for (int bspOut : {8, 16})
             for (int bdp : {8, 16, 32})
@@ -69,11 +76,11 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                         // `images` (and their clearing would run past it): disk
                         // mode then stays in memory.
                         const bool diskRuns = !(bspIn == 8 && bdp == 32);
-                        std::vector<std::vector<std::uint8_t>> outputs;
+                        std::vector<Run> runs;  // memory then disk, each at the three thread counts
                         for (int disk : {0, 1})
-                            for (int nbProc : threads) {
+                            for (int k = 0; k < 3; ++k) {
                                 Job r = sized(w, h).onDisk(dir.path().string());
-                                r.bspIn = bspIn, r.bspOut = bspOut, r.bdp = bdp, r.wrapX = wrapX, r.disk = disk, r.nbProc = nbProc;
+                                r.bspIn = bspIn, r.bspOut = bspOut, r.bdp = bdp, r.wrapX = wrapX, r.disk = disk, r.nbProc = threads[k];
                                 const float params[7] = {2, 2, 1.5f, 3, 1, 1, -4};
                                 std::copy(params, params + 7, r.params);
                                 if (masked) {
@@ -82,27 +89,37 @@ TEST(FusionDriver, EveryModeCombinationRuns) {
                                     for (int pix = 150; pix < 200; pix += 2) fustest::setMaskBit(r.mask, w, h, 1, pix);
                                     r.fixedExpo = {2, 0, -1};
                                 }
-                                std::filesystem::remove(dir.file("source.tmp"));
+                                for (const char* f : {"source.tmp", "poids.tmp", "pyram.tmp"}) std::filesystem::remove(dir.file(f));
+                                if (k < 2) ol::testing::setScratchBlockBytes(k == 0 ? 0 : size.block);
+                                oltest::CaptureFd capture(2);
                                 ASSERT_GE(r.go(stack), 0);
-                                outputs.push_back(r.output());
+                                const std::string printed = capture.finish();
+                                ol::testing::resetScratchBlockBytes();
+                                runs.push_back({r.output(), scratch("source.tmp"), scratch("poids.tmp"), scratch("pyram.tmp"),
+                                                printed.substr(printed.find('\n'))});
                                 // Memory mode leaves the photos alone; disk mode
                                 // copies them to the source file and reuses them.
-                                if (!masked) EXPECT_EQ(r.photosKept(stack), !(disk && diskRuns));
-                                if (disk && nbProc == 0 && !masked) {
-                                    EXPECT_EQ(std::filesystem::exists(dir.file("source.tmp")), diskRuns);
-                                    if (!diskRuns) continue;
-                                    EXPECT_EQ(oltest::readFile(dir.file("source.tmp")), stack);
-                                    EXPECT_EQ(oltest::readFile(dir.file("poids.tmp")).size(), std::size_t(3 * w * h * bdp / 8));
-                                    EXPECT_EQ(oltest::readFile(dir.file("pyram.tmp")).size(), std::size_t(pyram_len(w, h) * bdp / 8));
+                                EXPECT_TRUE(masked || r.photosKept(stack) == !(disk && diskRuns)) << "disk " << disk;
+                                if (disk && k == 0 && !masked) {
+                                    EXPECT_EQ(runs.back().source, diskRuns ? stack : std::vector<std::uint8_t>{});
+                                    EXPECT_EQ(runs.back().poids.size(), diskRuns ? std::size_t(3 * w * h * bdp / 8) : 0);
+                                    EXPECT_EQ(runs.back().pyram.size(), diskRuns ? std::size_t(pyram_len(w, h) * bdp / 8) : 0);
                                 }
                             }
-                        // outputs: memory then disk, each at the three thread counts. Disk
-                        // mode runs the weights on the calling thread.
+                        // Disk mode weighs on the calling thread; where it falls
+                        // back to memory, the slices of a mask differ.
                         for (int t = 1; t < 3; ++t) {
-                            if (!masked) EXPECT_EQ(outputs[t], outputs[0]) << "memory, threads " << threads[t];
-                            if (diskRuns || !masked) EXPECT_EQ(outputs[3 + t], outputs[3]) << "disk, threads " << threads[t];
+                            if (!masked) {
+                                EXPECT_EQ(runs[t].output, runs[0].output) << "memory, threads " << threads[t];
+                                EXPECT_EQ(runs[t].printed, runs[0].printed) << "memory, threads " << threads[t];
+                            }
+                            if (diskRuns || !masked) {
+                                const Run &a = runs[3 + t], &b = runs[3];
+                                EXPECT_TRUE(a.output == b.output && a.printed == b.printed) << "disk, threads " << threads[t];
+                                EXPECT_TRUE(a.source == b.source && a.poids == b.poids && a.pyram == b.pyram) << "disk, threads " << threads[t];
+                            }
                         }
-                        if (bdp != 8) EXPECT_EQ(outputs[3], outputs[0]);
+                        EXPECT_TRUE(bdp == 8 || runs[3].output == runs[0].output) << "memory against disk";
                     }
 }
 
@@ -426,26 +443,45 @@ TEST(FusionDriver, AlwaysPrintedLines) {
 // The five fixed probe pixels print for each photo, samples read as bytes:
 // of 16-bit photos, every sample 0x1234, byte k of the buffer stands for
 // sample k. Photos are 90652 pixels, and the probe pixels stand at even
-// pixel numbers, so each line shows a low byte, a high byte, a low byte.
+// pixel numbers, so each line shows a low byte, a high byte, a low byte. A
+// mask forcing photo 1 at 250,343 ends that pixel's lines before it. Disk
+// mode prints the same lines in the same order, row by row and by blocks of
+// rows weighed on the host's threads (1 byte is raised to one row of every
+// photo; 4999 leaves a short last block).
 TEST(FusionDriver, ProbePixelLines) {
+    oltest::TempDir dir;
     const int w = 262, h = 346;
-    const std::regex line("photo([01])  (\\d+ \\d+ \\d+)   (\\d+\\.\\d\\d) (\\d+\\.\\d\\d) (\\d+\\.\\d\\d)  fval: "
-                          "(\\d+\\.\\d\\d) -> (\\d+)  poids: (\\d+\\.\\d\\d)    (\\d+,\\d+)\n");
-    std::vector<std::uint8_t> words(2 * w * h * 3 * 2);
+    const std::regex line("photo([0-2])  (\\d+ \\d+ \\d+)   \\d+\\.\\d\\d \\d+\\.\\d\\d \\d+\\.\\d\\d  fval: "
+                          "\\d+\\.\\d\\d -> \\d+  poids: \\d+\\.\\d\\d    (\\d+,\\d+)\n");
+    std::vector<std::uint8_t> words(3 * w * h * 3 * 2);
     for (std::size_t i = 0; i < words.size(); i += 2) words[i] = 0x34, words[i + 1] = 0x12;
+    struct Mode { int disk; std::size_t block; int threads; };
     for (int bspIn : {8, 16}) {
-        Job r = sized(w, h, 3, 2);
-        r.bspIn = bspIn;
-        oltest::CaptureFd capture(2);
-        ASSERT_GE(r.go(bspIn == 8 ? fustest::flatStack(w, h, {100, 180}) : words), 0);
-        const std::string text = capture.finish();
-        std::vector<std::string> got, want;
-        for (auto it = std::sregex_iterator(text.begin(), text.end(), line); it != std::sregex_iterator(); ++it)
-            got.push_back((*it)[1].str() + "@" + (*it)[9].str() + " " + (*it)[2].str());
-        for (const char* at : {"250,305", "260,305", "250,342", "250,343", "250,344"})
-            for (const char* photo : {"0", "1"})
-                want.push_back(std::string(photo) + "@" + at + " " + (bspIn == 16 ? "52 18 52" : *photo == '0' ? "100 100 100" : "180 180 180"));
-        EXPECT_EQ(got, want) << bspIn;
+        std::vector<std::string> want, lines;
+        for (const std::string at : {"250,305", "260,305", "250,342", "250,343", "250,344"})
+            for (int p = 0; p < (at == "250,343" ? 1 : 3); ++p) {
+                const std::string v = std::to_string(100 + 40 * p);
+                want.push_back(std::to_string(p) + "@" + at + " " + (bspIn == 16 ? "52 18 52" : v + " " + v + " " + v));
+            }
+        for (const Mode m : {Mode{0, 0, 0}, Mode{1, 0, 0}, Mode{1, 1, 3}, Mode{1, 4999, 2}}) {
+            Job r = sized(w, h).onDisk(dir.path().string());
+            r.bspIn = bspIn, r.disk = m.disk, r.nbProc = m.threads;
+            fustest::setMaskBit(r.mask, w, h, 0, 343 * w + 250);
+            r.fixedExpo = {1, -1, -1};
+            ol::testing::setScratchBlockBytes(m.block);
+            oltest::CaptureFd capture(2);
+            ASSERT_GE(r.go(bspIn == 8 ? fustest::flatStack(w, h, {100, 140, 180}) : words), 0);
+            const std::string text = capture.finish();
+            ol::testing::resetScratchBlockBytes();
+            std::vector<std::string> got, full;
+            for (auto it = std::sregex_iterator(text.begin(), text.end(), line); it != std::sregex_iterator(); ++it) {
+                got.push_back((*it)[1].str() + "@" + (*it)[3].str() + " " + (*it)[2].str());
+                full.push_back((*it)[0].str());
+            }
+            EXPECT_EQ(got, want) << bspIn << " disk " << m.disk << " block " << m.block;
+            EXPECT_TRUE(!m.disk || full == lines) << bspIn << " block " << m.block;
+            lines = full;
+        }
     }
 }
 
