@@ -1,11 +1,12 @@
-// Weight maps: photo statistics, full-scale sums, the brightness bias, ghost
-// masks, equal planes on every thread count and the slicing of the mask among
-// worker threads. (The failed allocations are checked through ol_fusion in
+// Weight maps: photo statistics, full-scale sums on every thread count, the
+// brightness bias, ghost masks and the slicing of the mask among worker
+// threads. (The failed allocations are checked through ol_fusion in
 // fusion_driver_test.cpp; the curve values at a probe pixel, the running
 // saturated count and zero-weight pixels are pinned by the fusion transcript
 // of trace_test.cpp.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -91,15 +92,19 @@ Weights sized(int w, int h, int bdp = 16) {
     return wt;
 }
 
-TEST(FusionWeights, PlanesSumToFullScaleAtEveryDepth) {
+// Every depth and curve, with the brightness bias on: the planes sum to full
+// scale, and every thread count gives identical planes, down to slices of one
+// row (13 threads) and of none (40: every row goes to the last thread).
+TEST(FusionWeights, PlanesSumToFullScaleOnEveryThreadCount) {
     for (int bspIn : {8, 16}) {
         const auto images = fustest::makeStack(3, 29, 13, 3, bspIn);
         for (int bdp : {8, 16, 32})
             for (float highlight : {0.0f, 2.0f}) {
                 Weights wt = sized(29, 13, bdp);
                 wt.bspIn = bspIn;
+                wt.params[0] = 4.0f;
+                wt.params[1] = 3.0f;
                 wt.params[2] = highlight;
-                wt.params[1] = 3.0f;  // brightness bias on
                 ASSERT_EQ(wt.run(images).result, 0);
                 const double full = bdp == 32 ? 1.0 : double(1 << bdp);
                 for (std::size_t pix = 0; pix < std::size_t(wt.w * wt.h); ++pix) {
@@ -107,6 +112,11 @@ TEST(FusionWeights, PlanesSumToFullScaleAtEveryDepth) {
                     // Each value is rounded on its own; 8 and 16 bits stop
                     // one below full scale. A pixel no photo weighs sums to 0.
                     EXPECT_TRUE(sum == 0 || std::abs(sum - full) <= (bdp == 32 ? 1e-5 : 2.0)) << bspIn << " " << bdp << " at " << pix;
+                }
+                const auto one = wt.poids;
+                for (int t : {3, 13, 40}) {
+                    wt.nbProc = t;
+                    EXPECT_EQ(wt.run(images).poids, one) << bspIn << " " << bdp << " on " << t << " threads";
                 }
             }
     }
@@ -144,79 +154,45 @@ TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
     EXPECT_EQ(wt.run(img).poids, plain.poids);
 }
 
-TEST(FusionWeights, GhostMaskForcesOnePhotoAndTheFirstPhotoWins) {
-    Weights wt = sized(8, 4);
-    const auto images = fustest::makeStack(3, wt.w, wt.h, 3, 8);
-    const Weights plain = wt.run(images);
-    // Plane 0 fixes photo 2 at pixels 5 and 9; plane 1 fixes photo 0 at
-    // pixels 9 and 20. At 9 both are set: photo 0 comes first and wins.
-    for (auto [plane, pix] : {std::pair{0, 5}, std::pair{0, 9}, std::pair{1, 9}, std::pair{1, 20}})
-        fustest::setMaskBit(wt.mask, wt.w, wt.h, plane, pix);
-    wt.fixed = {2, 0, -1};
-    wt.run(images);
-    for (std::size_t pix : {0u, 4u, 5u, 6u, 9u, 10u, 20u, 31u}) {
-        const int photo = pix == 5 ? 2 : pix == 9 || pix == 20 ? 0 : -1;
-        for (int p = 0; p < 3; ++p)
-            EXPECT_EQ(wt.at(p, pix), photo < 0 ? plain.at(p, pix) : p == photo ? 65535 : 0) << pix;
-    }
-    // A negative first entry switches ghost handling off, whatever the mask.
-    wt.fixed = {-1, 0, 2};
-    std::fill(wt.mask.begin(), wt.mask.end(), 0xff);
-    EXPECT_EQ(wt.run(images).poids, plain.poids);
-    // Float weights: the forced photo gets 1.0.
-    wt.fixed = {1, -1, -1};
-    wt.bdp = 32;
-    wt.run(images);
-    EXPECT_EQ(wt.at(1, 3), 1.0);
-    EXPECT_EQ(wt.at(0, 3), 0.0);
-}
-
-TEST(FusionWeights, ThreadCountsGiveIdenticalPlanes) {
-    // Down to slices of one row (23 threads) and of none (40: every row goes
-    // to the last thread).
-    const auto images = fustest::makeStack(3, 37, 23, 3, 8, 7);
-    for (int bdp : {8, 16, 32}) {
-        Weights wt = sized(37, 23, bdp);
-        wt.params[0] = 4.0f;
-        const auto one = wt.run(images).poids;
-        for (int t : {2, 3, 7, 23, 40}) {
-            wt.nbProc = t;
-            EXPECT_EQ(wt.run(images).poids, one) << "nbProc " << t << " bdp " << bdp;
-        }
-    }
-}
-
-TEST(FusionWeights, SliceStartingInsideAMaskByteReadsTheMaskDisplaced) {
-    // 5 x 8 pixels on 3 threads: 2 rows each, the last thread 4. Thread 1
-    // starts at pixel 10, its mask view at byte 10 >> 3 = 1, i.e. at pixel 8:
-    // its pixel 10 + i reads the bit of pixel 8 + i. Thread 2 starts at pixel
-    // 20 = byte 2 + 4 bits, so it reads the bit of pixel 16 + i. Slices on
-    // byte boundaries (2 threads: pixel 20 again) and rows of 8 pixels are
-    // not displaced.
+// Ghost masks: a set bit in plane j forces photo fixed[j] at that pixel (full
+// weight, the others 0); where two planes are set the first photo in index
+// order wins; a negative first entry switches masks off whatever they hold.
+// Among threads, a slice whose first pixel is inside a mask byte reads the
+// mask displaced: 5 x 8 pixels on 3 threads are slices of 2 rows, the last
+// 4. Thread 1 starts at pixel 10, its mask view at byte 10 >> 3 = 1, i.e. at
+// pixel 8: its pixel 10 + i reads the bit of pixel 8 + i. Thread 2 starts at
+// pixel 20 = byte 2 + 4 bits, so it reads the bit of pixel 16 + i. Slices on
+// byte boundaries (2 threads: pixel 20 again) and rows of 8 pixels are not
+// displaced.
+TEST(FusionWeights, GhostMaskForcesOnePhotoAndSlicesReadItDisplaced) {
+    using Bits = std::vector<std::pair<int, int>>;  // (plane, pixel) set; (pixel, photo) forced
     const struct Row {
-        int w, h, nbProc;
-        std::vector<int> bits, want;  // mask bits set in plane 0 (photo 1), pixels where photo 1 is forced
+        int w, h, nbProc, bdp;
+        std::vector<int> fixed;
+        Bits bits, forced;
     } rows[] = {
-        {5, 8, 1, {12, 30}, {12, 30}},
-        {5, 8, 3, {12, 30}, {14, 34}},
-        {5, 8, 2, {12, 30}, {12, 34}},
-        {8, 6, 3, {19}, {19}},
+        {8, 4, 0, 16, {2, 0, -1}, {{0, 5}, {0, 9}, {1, 9}, {1, 20}}, {{5, 2}, {9, 0}, {20, 0}}},
+        {8, 4, 0, 16, {-1, 0, 2}, {{0, 5}, {1, 9}, {2, 20}}, {}},
+        {8, 4, 0, 32, {1, -1, -1}, {{0, 3}}, {{3, 1}}},
+        {5, 8, 1, 16, {1, -1, -1}, {{0, 12}, {0, 30}}, {{12, 1}, {30, 1}}},
+        {5, 8, 3, 16, {1, -1, -1}, {{0, 12}, {0, 30}}, {{14, 1}, {34, 1}}},
+        {5, 8, 2, 16, {1, -1, -1}, {{0, 12}, {0, 30}}, {{12, 1}, {34, 1}}},
+        {8, 6, 3, 16, {1, -1, -1}, {{0, 19}}, {{19, 1}}},
     };
     for (const Row& r : rows) {
-        Weights wt = sized(r.w, r.h);
+        Weights wt = sized(r.w, r.h, r.bdp);
         wt.nbProc = r.nbProc;
         const auto images = fustest::makeStack(3, r.w, r.h, 3, 8, 3);
         const Weights plain = wt.run(images);
-        for (int pix : r.bits) fustest::setMaskBit(wt.mask, r.w, r.h, 0, pix);
-        wt.fixed = {1, -1, -1};
+        for (auto [plane, pix] : r.bits) fustest::setMaskBit(wt.mask, r.w, r.h, plane, pix);
+        wt.fixed = r.fixed;
         wt.run(images);
-        std::vector<int> forced;
-        for (int pix = 0; pix < r.w * r.h; ++pix)
-            if (wt.at(1, pix) != plain.at(1, pix)) {
-                EXPECT_EQ(wt.at(1, pix), 65535);
-                forced.push_back(pix);
-            }
-        EXPECT_EQ(forced, r.want) << r.w << "x" << r.h << " on " << r.nbProc << " threads";
+        for (int pix = 0; pix < r.w * r.h; ++pix) {
+            const auto f = std::find_if(r.forced.begin(), r.forced.end(), [&](auto& e) { return e.first == pix; });
+            for (int p = 0; p < 3; ++p)
+                ASSERT_EQ(wt.at(p, pix), f == r.forced.end() ? plain.at(p, pix) : p == f->second ? (r.bdp == 32 ? 1.0 : 65535) : 0)
+                    << "row " << &r - rows << ", photo " << p << " at " << pix;
+        }
     }
 }
 
