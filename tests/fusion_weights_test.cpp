@@ -61,10 +61,10 @@ TEST(FusionPhotoStats, LevelsSaturationOrderAndFallbacks) {
 struct Weights {
     int n = 3, w = 29, h = 13, ch = 3, bspIn = 8, bdp = 16, nbProc = 0, outIsFloat = 0;
     float params[7] = {0, 0, 0, 0, 0, 0, 0};
-    std::vector<int> fixed;
-    std::vector<unsigned char> mask;
+    std::vector<int> fixed = {};
+    std::vector<unsigned char> mask = {};
     int result = 0;
-    std::vector<std::uint8_t> poids;
+    std::vector<std::uint8_t> poids = {};
 
     Weights& run(const std::vector<std::uint8_t>& images) {
         poids.assign(static_cast<std::size_t>(n) * w * h * (bdp / 8), 0xcc);
@@ -84,14 +84,6 @@ struct Weights {
     }
 };
 
-Weights sized(int w, int h, int bdp = 16) {
-    Weights wt;
-    wt.w = w;
-    wt.h = h;
-    wt.bdp = bdp;
-    return wt;
-}
-
 // Every depth and curve, with the brightness bias on: the planes sum to full
 // scale, and every thread count gives identical planes, down to slices of one
 // row (13 threads) and of none (40: every row goes to the last thread).
@@ -100,8 +92,7 @@ TEST(FusionWeights, PlanesSumToFullScaleOnEveryThreadCount) {
         const auto images = fustest::makeStack(3, 29, 13, 3, bspIn);
         for (int bdp : {8, 16, 32})
             for (float highlight : {0.0f, 2.0f}) {
-                Weights wt = sized(29, 13, bdp);
-                wt.bspIn = bspIn;
+                Weights wt{.bspIn = bspIn, .bdp = bdp};
                 wt.params[0] = 4.0f;
                 wt.params[1] = 3.0f;
                 wt.params[2] = highlight;
@@ -121,14 +112,13 @@ TEST(FusionWeights, PlanesSumToFullScaleOnEveryThreadCount) {
             }
     }
     // One photo takes all but the step above the top value.
-    Weights one = sized(4, 2, 16);
-    one.n = 1;
+    Weights one{.n = 1, .w = 4, .h = 2};
     EXPECT_EQ(one.run(fustest::flatStack(4, 2, {128})).at(0, 0), 65535);
     one.bdp = 8;
     EXPECT_EQ(one.run(fustest::flatStack(4, 2, {128})).at(0, 7), 255);
     // With the steep curve of integer output a blown pixel splits evenly:
     // fval 0 still has the weight sharpen[0] = 1.000001^-power.
-    Weights blown = sized(4, 2);
+    Weights blown{.w = 4, .h = 2};
     blown.params[2] = 1.5f;
     blown.run(fustest::flatStack(4, 2, {240, 240, 240}));
     EXPECT_EQ(blown.at(0, 5), blown.at(1, 5));
@@ -138,7 +128,7 @@ TEST(FusionWeights, PlanesSumToFullScaleOnEveryThreadCount) {
 TEST(FusionWeights, PhotoBiasFavoursByBrightnessRank) {
     // Three nearly equal photos, 120 < 128 < 136: ranks by brightness 2, 1, 0.
     // With half = 1 a bias b multiplies the weights by 4^(b/4 * (1 - rank)).
-    Weights wt = sized(4, 2, 32);
+    Weights wt{.w = 4, .h = 2, .bdp = 32};
     const auto img = fustest::flatStack(4, 2, {120, 128, 136});
     const Weights plain = wt.run(img);
     wt.params[1] = 4.0f;
@@ -180,8 +170,7 @@ TEST(FusionWeights, GhostMaskForcesOnePhotoAndSlicesReadItDisplaced) {
         {8, 6, 3, 16, {1, -1, -1}, {{0, 19}}, {{19, 1}}},
     };
     for (const Row& r : rows) {
-        Weights wt = sized(r.w, r.h, r.bdp);
-        wt.nbProc = r.nbProc;
+        Weights wt{.w = r.w, .h = r.h, .bdp = r.bdp, .nbProc = r.nbProc};
         const auto images = fustest::makeStack(3, r.w, r.h, 3, 8, 3);
         const Weights plain = wt.run(images);
         for (auto [plane, pix] : r.bits) fustest::setMaskBit(wt.mask, r.w, r.h, plane, pix);
