@@ -117,30 +117,65 @@ std::vector<T> randomPyramid(int w, int h, int ch, std::mt19937& rng, int top) {
 // and even sides, and levels large enough to be split into bands.
 const int kSizes[][2] = {{2, 2}, {3, 3}, {2, 3}, {4, 5}, {5, 4}, {5, 5}, {8, 6}, {9, 7}, {37, 23}, {64, 41}};
 
+// The reduce step at every depth and, for the fused depths 16 and 32, the
+// blend of one level (fusion22et23) and the reconstruction of one level
+// (fusion31et32) on random levels, against the readings above:
+//   blend, 16 bits: fused = clamp(fused + trunc(float(work - up) * mult));
+//   blend, 32 bits: fused += (work - up) * mult, mult 1 for float weights;
+//   reconstruction: fused = clamp(fused - 32767 + up), or fused += up.
 template <class T>
-void checkReduce(int bps) {
-    std::mt19937 rng(bps);
+void checkLevels(int bits) {
+    std::mt19937 rng(bits);
     for (const auto& s : kSizes)
         for (int ch : {1, 3, 4})
             for (int wrap : {0, 1})
                 for (int threads : {1, 3}) {
-                    const int w = s[0], h = s[1], wC = ol::halveUp(w), hC = ol::halveUp(h);
-                    auto b = randomPyramid<T>(w, h, ch, rng, bps == 8 ? 255 : 65535);
-                    const auto fine = b;
-                    if (threads == 1) ol::fusion21a(w, h, wC, hC, ch, bps, wrap, 0, w * h * ch, nullptr, b.data(), "fusion21a");
-                    else ol::fusion21aFrom(b.data(), w, h, wC, hC, ch, bps, wrap, 0, w * h * ch, b.data(), "deghost21a", threads);
-                    for (int i = 0; i < wC * hC * ch; ++i) {
-                        const T want = refReduce(fine.data(), w, h, ch, wrap, (i / ch) % wC, i / ch / wC, i % ch);
-                        ASSERT_EQ(b[w * h * ch + i], want) << bps << " bits " << w << "x" << h << " ch " << ch << " wrap " << wrap
-                                                           << " threads " << threads << " coarse sample " << i;
+                    SCOPED_TRACE(::testing::Message() << bits << " bits " << s[0] << "x" << s[1] << " ch " << ch << " wrap " << wrap
+                                                      << " threads " << threads);
+                    const int w = s[0], h = s[1], n = w * h * ch, wC = ol::halveUp(w), hC = ol::halveUp(h);
+                    auto work = randomPyramid<T>(w, h, ch, rng, bits == 8 ? 255 : 65535);
+                    const auto fine = work;
+                    if (threads == 1) ol::fusion21a(w, h, wC, hC, ch, bits, wrap, 0, n, nullptr, work.data(), "fusion21a");
+                    else ol::fusion21aFrom(work.data(), w, h, wC, hC, ch, bits, wrap, 0, n, work.data(), "deghost21a", threads);
+                    for (int i = 0; i < wC * hC * ch; ++i)
+                        ASSERT_EQ(work[n + i], refReduce(fine.data(), w, h, ch, wrap, (i / ch) % wC, i / ch / wC, i % ch)) << "reduce, sample " << i;
+                    for (int bdp : {8, 16, 32}) {
+                        if (bits == 8) break;
+                        auto fused = randomPyramid<T>(w, h, ch, rng, 65535);
+                        std::vector<std::uint8_t> weights = oltest::randomBytes(std::size_t(w) * h * 4 + 8, w * 7 + bdp);
+                        for (std::size_t i = 3; bdp == 32 && i < weights.size(); i += 4) weights[i] = 0x3e;  // floats near 0.2
+                        const auto before = fused;
+                        ASSERT_GE(ol::fusion22et23(w, h, wC, hC, ch, bits, bdp, wrap, 0, nullptr, nullptr, 2, 0, n, nullptr, weights.data(),
+                                                   work.data(), fused.data(), threads), 0);
+                        for (int f = 0; f < n; ++f) {
+                            const std::size_t at = 2 + f / ch;  // offPoids 2
+                            const float mult = bdp == 8    ? weights[at] / 256.0f
+                                               : bdp == 16 ? (weights[2 * at] | weights[2 * at + 1] << 8) / 65536.0f
+                                                           : 1.0f;
+                            const Acc<T> up = refUp(work.data() + n, w, h, ch, wrap, (f / ch) % w, f / ch / w, f % ch);
+                            T want;
+                            if constexpr (std::is_same_v<T, float>) want = before[f] + (work[f] - up) * mult;
+                            else want = static_cast<T>(std::clamp(before[f] + static_cast<int>(static_cast<float>(work[f] - up) * mult), 0, 65535));
+                            ASSERT_EQ(fused[f], want) << "blend, weights " << bdp << ", sample " << f;
+                        }
+                        if (bdp != 8) continue;
+                        auto level = before;
+                        ol::fusion31et32(w, h, wC, hC, ch, bits, wrap, 0, n, nullptr, level.data(), threads);
+                        for (int f = 0; f < n; ++f) {
+                            const Acc<T> up = refUp(before.data() + n, w, h, ch, wrap, (f / ch) % w, f / ch / w, f % ch);
+                            T want;
+                            if constexpr (std::is_same_v<T, float>) want = before[f] + up;
+                            else want = static_cast<T>(std::clamp(before[f] - 32767 + up, 0, 65535));
+                            ASSERT_EQ(level[f], want) << "reconstruction, sample " << f;
+                        }
                     }
                 }
 }
 
-TEST(FusionReduce, KernelsMatchTheReadingAtEveryDepth) {
-    checkReduce<std::uint8_t>(8);
-    checkReduce<std::uint16_t>(16);
-    checkReduce<float>(32);
+TEST(FusionLevels, ReduceBlendAndReconstructionMatchTheReadings) {
+    checkLevels<std::uint8_t>(8);
+    checkLevels<std::uint16_t>(16);
+    checkLevels<float>(32);
     // The edge constants 0.1667 and 0.333 sum to slightly below one, and the
     // integer kernel truncates three terms: a flat level darkens at the edges.
     std::vector<std::uint16_t> b(25 + 9, 1000);
@@ -152,7 +187,7 @@ TEST(FusionReduce, KernelsMatchTheReadingAtEveryDepth) {
     EXPECT_EQ(b, kept);
 }
 
-TEST(FusionReduce, GaussianPyramidOfAPlane) {
+TEST(FusionLevels, GaussianPyramidOfAPlane) {
     // adjust21 chains the reduce step over the levels, in one buffer.
     const int w = 9, h = 8;
     std::vector<std::uint8_t> b(pyram_len(w, h), 0);
@@ -162,59 +197,6 @@ TEST(FusionReduce, GaussianPyramidOfAPlane) {
     ol::fusion21a(9, 8, 5, 4, 1, 8, 0, 0, 72, nullptr, manual.data(), "fusion21a");
     ol::fusion21a(5, 4, 3, 2, 1, 8, 0, 72, 92, nullptr, manual.data(), "fusion21a");
     EXPECT_EQ(b, manual);
-}
-
-// The blend of one level (fusion22et23) and the reconstruction of one level
-// (fusion31et32) on random levels, against the expansion read above:
-//   blend, 16 bits: fused = clamp(fused + trunc(float(work - up) * mult));
-//   blend, 32 bits: fused += (work - up) * mult, mult 1 for float weights;
-//   reconstruction: fused = clamp(fused - 32767 + up), or fused += up.
-template <class T>
-void checkExpansion(int bdf) {
-    std::mt19937 rng(bdf);
-    for (const auto& s : kSizes)
-        for (int ch : {1, 3})
-            for (int wrap : {0, 1})
-                for (int bdp : {8, 16, 32})
-                    for (int threads : {1, 3}) {
-                        SCOPED_TRACE(::testing::Message() << bdf << " bits " << s[0] << "x" << s[1] << " ch " << ch << " wrap "
-                                                          << wrap << " weights " << bdp << " threads " << threads);
-                        const int w = s[0], h = s[1], n = w * h * ch;
-                        const auto work = randomPyramid<T>(w, h, ch, rng, 65535);
-                        auto fused = randomPyramid<T>(w, h, ch, rng, 65535);
-                        std::vector<std::uint8_t> weights = oltest::randomBytes(std::size_t(w) * h * 4 + 8, w * 7 + bdp);
-                        for (std::size_t i = 3; bdp == 32 && i < weights.size(); i += 4) weights[i] = 0x3e;  // floats near 0.2
-                        const auto before = fused;
-                        ASSERT_GE(ol::fusion22et23(w, h, ol::halveUp(w), ol::halveUp(h), ch, bdf, bdp, wrap, 0, nullptr, nullptr, 2, 0,
-                                                   n, nullptr, weights.data(), work.data(), fused.data(), threads), 0);
-                        for (int f = 0; f < n; ++f) {
-                            const int x = (f / ch) % w, y = f / ch / w;
-                            const std::size_t at = 2 + f / ch;  // offPoids 2
-                            const float mult = bdp == 8    ? weights[at] / 256.0f
-                                               : bdp == 16 ? (weights[2 * at] | weights[2 * at + 1] << 8) / 65536.0f
-                                                           : 1.0f;
-                            const Acc<T> up = refUp(work.data() + n, w, h, ch, wrap, x, y, f % ch);
-                            T want;
-                            if constexpr (std::is_same_v<T, float>) want = before[f] + (work[f] - up) * mult;
-                            else want = static_cast<T>(std::clamp(before[f] + static_cast<int>(static_cast<float>(work[f] - up) * mult), 0, 65535));
-                            ASSERT_EQ(fused[f], want) << "blend, sample " << f;
-                        }
-                        if (bdp != 8) continue;
-                        auto level = before;
-                        ol::fusion31et32(w, h, ol::halveUp(w), ol::halveUp(h), ch, bdf, wrap, 0, n, nullptr, level.data(), threads);
-                        for (int f = 0; f < n; ++f) {
-                            const Acc<T> up = refUp(before.data() + n, w, h, ch, wrap, (f / ch) % w, f / ch / w, f % ch);
-                            T want;
-                            if constexpr (std::is_same_v<T, float>) want = before[f] + up;
-                            else want = static_cast<T>(std::clamp(before[f] - 32767 + up, 0, 65535));
-                            ASSERT_EQ(level[f], want) << "reconstruction, sample " << f;
-                        }
-                    }
-}
-
-TEST(FusionExpand, BlendAndReconstructionMatchTheReading) {
-    checkExpansion<std::uint16_t>(16);
-    checkExpansion<float>(32);
 }
 
 // ---------------------------------------------------------------------------
