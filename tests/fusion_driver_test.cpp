@@ -127,14 +127,12 @@ TEST(FusionDriver, DiskModeWithByteWeightsClearsOnlyPartOfTheFusedPyramid) {
     ASSERT_GE(mem.go(stack), 0);
     ASSERT_GE(disk.go(stack), 0);
     EXPECT_NE(disk.output(), mem.output());
-    const auto before = mem.output();
     const int lowPixels = 4 * 3;  // 26x18 -> 13x9 -> 7x5 -> 4x3
     const std::size_t lowStart = std::size_t(pyram_len(26, 18) - lowPixels) * 3 * 2;
     std::fill(stack.begin() + lowStart, stack.begin() + lowStart + lowPixels * 3 * 2, 0);
     ASSERT_GE(disk.go(stack), 0);
     ASSERT_GE(mem.go(stack), 0);
     EXPECT_EQ(disk.output(), mem.output());
-    EXPECT_NE(mem.output(), before);
 }
 
 // Disk mode asked for: where it cannot run the call ends in memory mode (the
