@@ -281,8 +281,11 @@ TEST(FusionFinish, SettingsAsRows) {
         std::vector<std::uint16_t> fused;
         float sat, white, black, mid;
         int bspOut;
-        std::vector<int> want;
+        std::vector<int> want;  // the output row; 0xee: left alone
+        int width = 1, ch = 3, stride = 3, swap = 0;
     };
+    // Two pixels of four samples; rows of 10 samples.
+    const std::vector<std::uint16_t> two = {10 << 7, 20 << 7, 30 << 7, 40 << 7, 50 << 7, 60 << 7, 70 << 7, 80 << 7};
     const Row rows[] = {
         // Settings at zero truncate.
         {{128 << 7, (128 << 7) + 127, 65535}, 0, 0, 0, 0, 8, {128, 128, 255}},
@@ -304,27 +307,21 @@ TEST(FusionFinish, SettingsAsRows) {
         // 2.99) the blue channel's shifted hue lands below one sixth, where
         // float constants would put it above.
         {{0, 383, 383}, 2, 0, 0, 0, 8, {0, 2, 2}},
+        // Samples 0, 1 and 3 of four are written (0 and 3 traded with
+        // outSwap); sample 2 and the padding stay. A float output writes
+        // nothing.
+        {two, 0, 0, 0, 0, 8, {10, 20, 0xee, 40, 50, 60, 0xee, 80, 0xee, 0xee}, 2, 4, 10},
+        {two, 0, 0, 0, 0, 8, {40, 20, 0xee, 10, 80, 60, 0xee, 50, 0xee, 0xee}, 2, 4, 10, 1},
+        {two, 0, 0, 0, 0, 32, std::vector<int>(10, 0xee), 2, 4, 10},
     };
     for (const Row& row : rows) {
         const float params[7] = {0, 0, 0, row.sat, row.white, row.black, row.mid};
-        std::vector<std::uint8_t> out(3 * row.bspOut / 8);
-        ol::fusion33(params, 1, 1, 3, row.bspOut, 16, 3, 0, nullptr, row.fused.data(), nullptr, out.data());
+        const int bytes = row.bspOut == 16 ? 2 : 1;
+        std::vector<std::uint8_t> out(row.stride * 4, 0xee);
+        ol::fusion33(params, row.width, 1, row.ch, row.bspOut, 16, row.stride, row.swap, nullptr, row.fused.data(), nullptr, out.data());
         std::vector<int> got;
-        for (int i = 0; i < 3; ++i) got.push_back(row.bspOut == 8 ? out[i] : out[2 * i] | out[2 * i + 1] << 8);
+        for (int i = 0; i < row.stride; ++i) got.push_back(bytes == 1 ? out[i] : out[2 * i] | out[2 * i + 1] << 8);
         EXPECT_EQ(got, row.want) << "row " << &row - rows;
-    }
-    // Two pixels of four samples; rows of 10 samples. Samples 0, 1 and 3 are
-    // written (0 and 3 traded with outSwap); sample 2 and the padding stay. A
-    // float output writes nothing.
-    const std::vector<std::uint16_t> fused = {10 << 7, 20 << 7, 30 << 7, 40 << 7, 50 << 7, 60 << 7, 70 << 7, 80 << 7};
-    const float zero[7] = {};
-    const std::vector<int> want[3] = {{10, 20, 0xee, 40, 50, 60, 0xee, 80, 0xee, 0xee},
-                                      {40, 20, 0xee, 10, 80, 60, 0xee, 50, 0xee, 0xee},
-                                      std::vector<int>(10, 0xee)};
-    for (int k = 0; k < 3; ++k) {
-        std::vector<std::uint8_t> out(20, 0xee);
-        ol::fusion33(zero, 2, 1, 4, k == 2 ? 32 : 8, 16, 10, k == 1, nullptr, fused.data(), nullptr, out.data());
-        EXPECT_EQ(std::vector<int>(out.begin(), out.begin() + 10), want[k]) << k;
     }
 }
 
