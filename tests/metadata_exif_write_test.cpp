@@ -11,6 +11,7 @@ TEST(MetawriteExifCount, PresenceRulesAndTextLengths) {
     std::memset(full.camera, 'x', sizeof full.camera);
     std::memset(full.date, '1', sizeof full.date);
     full.exposureNum = 1;  // denominator 0: absent
+    full.apertureDen = 10;  // numerator 0: absent
     full.focalNum = 5;
     full.focalDen = -2;  // negative: absent
     full.iso = 1;
