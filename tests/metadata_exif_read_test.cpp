@@ -10,6 +10,7 @@
 #include "support/metadata_bytes.hpp"
 
 using namespace metatest;
+using oltest::fixture;
 using oltest::TempDir;
 
 namespace {
@@ -127,6 +128,15 @@ TEST(MetareadExif, TagSourcesOrderAndChain) {
         {"a loop in the chain ends it", tiffOf({orient(1), orient(2)}, {}, 0), 0, &ExifRecord::orientation, 1},
         {"an IFD of 255 entries ends the chain", tiffOf({big, orient(7)}), 0, &ExifRecord::orientation, 5},
         {"one of 256 does not", tiffOf({bigger, orient(7)}), 0, &ExifRecord::orientation, 7},
+        // Photoshop resources in APP13 (tests/fixtures/README.md): IPTC, then
+        // a thumbnail resource, which ends the scan.
+        {"APP13: the IPTC length", fixture("metadata/app13_iptc_thumb.jpg"), 1, &ExifRecord::iptcLen, 26},
+        {"the thumbnail behind its 28-byte header", fixture("metadata/app13_iptc_thumb.jpg"), 1, &ExifRecord::thumbOffset, 122},
+        {"the thumbnail length", fixture("metadata/app13_iptc_thumb.jpg"), 1, &ExifRecord::thumbLen, 333},
+        {"a small IPTC block alone: the scan still finds it", fixture("metadata/app13_small_iptc.jpg"), 1, &ExifRecord::iptcLen, 8},
+        {"at its offset", fixture("metadata/app13_small_iptc.jpg"), 1, &ExifRecord::iptcOffset, 56},
+        {"no APP13 without an Exif APP1", fixture("metadata/app13_without_app1.jpg"), 1, &ExifRecord::iptcLen, 0},
+        {"the second pass needs one 0xFF before each marker", fixture("metadata/app13_padded.jpg"), 1, &ExifRecord::iptcLen, 0},
     };
     for (const auto& r : rows) EXPECT_EQ(readExifBytes(r.file, r.type).exif.*r.field, r.want) << r.what;
     // Model is a line read: at most 63 characters, up to a newline.
@@ -151,53 +161,6 @@ TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
     std::memset(&e, 0x55, sizeof e);
     EXPECT_EQ(get_exif_data(dir.file("none.tif").c_str(), 0, &e, &g), 0x55555555);
     EXPECT_EQ(e.iso, 0);
-}
-
-namespace {
-
-// An IPTC block, optionally a thumbnail resource (28-byte header and 333
-// bytes), and a resource behind them.
-Bytes photoshopBlocks(const Bytes& iptc, bool withThumb) {
-    Bytes th;
-    Writer w{false, &th};
-    for (std::uint32_t v : {1u, 160u, 120u, 480u, 57600u, 333u}) w.u32(v);
-    w.u16(24);
-    w.u16(1);
-    th.resize(th.size() + 333, 0xAB);
-    return cat({resource8bim(0x0404, iptc), withThumb ? resource8bim(0x040C, th) : Bytes{},
-                resource8bim(0x0425, Bytes(16, 1))});
-}
-
-}  // namespace
-
-TEST(MetareadExif, App13BlockGivesIptcAndThumbnail) {
-    const Bytes iptc = iptcKeywords({"alpha", "beta"});
-    const Bytes tiff = buildTiff(TiffSpec{});
-    const std::size_t app13 = 2 + 4 + 6 + tiff.size();
-    TempDir dir;
-    const std::string p = dir.file("a.jpg");
-    oltest::writeFile(p, jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(photoshopBlocks(iptc, true))}}));
-    const Records r = readExif(p, 1);
-    ASSERT_EQ(r.exif.iptcLen, static_cast<int>(iptc.size()));
-    EXPECT_EQ(r.exif.iptcOffset, static_cast<int>(app13 + 4 + 14 + 12));
-    EXPECT_EQ(r.exif.thumbLen, 333);
-    EXPECT_EQ(r.exif.thumbOffset, static_cast<int>(app13 + 4 + 14 + resource8bim(0x0404, iptc).size() + 12 + 28));
-    EXPECT_EQ(iptcBlock(p, r.exif), std::string(iptc.begin(), iptc.end()));
-
-    // A small IPTC block as the only resource: the scan takes as many bytes as
-    // the segment's length field, 16 past the segment, so it is still found.
-    const Bytes small = {0x1C, 2, 0, 0, 2, 0, 4, 0};
-    const Records s = readExifBytes(jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(resource8bim(0x0404, small))}}), 1);
-    EXPECT_EQ(std::make_pair(s.exif.iptcLen, s.exif.iptcOffset), std::make_pair(8, static_cast<int>(app13 + 4 + 14 + 12)));
-
-    // APP13 is only looked at after an Exif APP1, and the second pass needs
-    // exactly one 0xFF before each marker.
-    const Bytes blocks = photoshopBlocks(iptc, false);
-    EXPECT_EQ(readExifBytes(jpegWith({{0xED, app13Payload(blocks)}}), 1).exif.iptcLen, 0);
-    Bytes jpg = jpegWith({{0xE1, exifPayload(tiff)}, {0xED, app13Payload(blocks)}});
-    EXPECT_GT(readExifBytes(jpg, 1).exif.iptcLen, 0);
-    jpg.insert(jpg.begin() + 2, 0xFF);  // padding before the APP1
-    EXPECT_EQ(readExifBytes(jpg, 1).exif.iptcLen, 0);
 }
 
 TEST(MetareadExif, JpegScanStopsAndSaysWhy) {

@@ -192,16 +192,6 @@ inline Bytes iptcDataset(std::uint8_t number, const std::string& data) {
 // The record version dataset (2:00, version 4).
 inline const Bytes kIptcVersion = {0x1C, 0x02, 0x00, 0x00, 0x02, 0x00, 0x04};
 
-// The record version and one keyword dataset (2:25) per word.
-inline Bytes iptcKeywords(const std::vector<std::string>& words) {
-    Bytes b = kIptcVersion;
-    for (const auto& k : words) {
-        const Bytes d = iptcDataset(25, k);
-        b.insert(b.end(), d.begin(), d.end());
-    }
-    return b;
-}
-
 // SOI, the segments, a token scan and EOI.
 inline Bytes jpegWith(const std::vector<std::pair<std::uint8_t, Bytes>>& segments) {
     Bytes j = {0xFF, 0xD8};
