@@ -86,7 +86,7 @@ TEST(MetareadRational, TwoDecimalsOfScale) {
 }
 
 // One value of the record read from a crafted file: which tag wins, which
-// types and IFDs count.
+// types and IFDs count, where the JPEG scans stop and what they print then.
 TEST(MetareadExif, TagSourcesOrderAndChain) {
     std::vector<Entry> big(254, longE(0x9999, 0));  // with the orientation, an IFD of 255 entries
     big.push_back(shortE(tag::kOrientation, 5));
@@ -95,12 +95,20 @@ TEST(MetareadExif, TagSourcesOrderAndChain) {
     const Bytes thumbs = tiffOf({{longE(tag::kThumbOffset, 1000), longE(tag::kThumbLength, 50)},
                                  {longE(tag::kThumbOffset, 2000), longE(tag::kThumbLength, 60)}});
     const auto orient = [](int v) { return std::vector<Entry>{shortE(tag::kOrientation, static_cast<std::uint32_t>(v))}; };
+    const Bytes isoApp1 = exifPayload(exifOf({shortE(tag::kIso, 400)}));
+    const auto isoJpeg = [&](int ffs) {  // ISO 400 in an APP1 with `ffs` bytes 0xFF before its marker
+        Bytes b = jpegWith({{0xE1, isoApp1}});
+        b.erase(b.begin() + 2);
+        b.insert(b.begin() + 2, static_cast<std::size_t>(ffs), 0xFF);
+        return b;
+    };
     const struct {
         const char* what;
         Bytes file;
         int type;
         std::int32_t ExifRecord::*field;
         std::int32_t want;
+        std::string printed = "";
     } rows[] = {
         {"ExposureTime wins over an earlier Tv", exifOf({srationalE(tag::kShutterSpeed, 7, 1), rationalE(tag::kExposureTime, 1, 50)}), 0, &ExifRecord::exposureDen, 5000},
         {"ExposureTime wins over a later Tv", exifOf({rationalE(tag::kExposureTime, 1, 50), srationalE(tag::kShutterSpeed, 7, 1)}), 0, &ExifRecord::exposureDen, 5000},
@@ -137,8 +145,21 @@ TEST(MetareadExif, TagSourcesOrderAndChain) {
         {"at its offset", fixture("metadata/app13_small_iptc.jpg"), 1, &ExifRecord::iptcOffset, 56},
         {"no APP13 without an Exif APP1", fixture("metadata/app13_without_app1.jpg"), 1, &ExifRecord::iptcLen, 0},
         {"the second pass needs one 0xFF before each marker", fixture("metadata/app13_padded.jpg"), 1, &ExifRecord::iptcLen, 0},
+        {"JPEG: four 0xFF of padding", isoJpeg(4), 1, &ExifRecord::iso, 400},
+        {"a fifth stops the scan", isoJpeg(5), 1, &ExifRecord::iso, 0, "too many padding bytes\n"},
+        {"the 0xFF itself is not required", isoJpeg(0), 1, &ExifRecord::iso, 400},
+        {"a length below 2", {0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x01}, 1, &ExifRecord::iso, 0, "invalid marker\n"},
+        {"an APP1 without the Exif header stops the scan", jpegWith({{0xE1, Bytes{'h', 't', 't', 'p', ':', '/', '/'}}, {0xE1, isoApp1}}), 1,
+         &ExifRecord::iso, 0, "APP1 does not contain valid Exif header\n"},
+        {"no SOI", {0xFF, 0xD9}, 1, &ExifRecord::iso, 0},
+        {"the scan ends at SOS", jpegWith({{0xE0, Bytes(14, 0)}}), 1, &ExifRecord::iso, 0},
     };
-    for (const auto& r : rows) EXPECT_EQ(readExifBytes(r.file, r.type).exif.*r.field, r.want) << r.what;
+    for (const auto& r : rows) {
+        std::optional<oltest::CaptureFd> out;  // only the JPEG scans print
+        if (r.type == 1) out.emplace(1);
+        EXPECT_EQ(readExifBytes(r.file, r.type).exif.*r.field, r.want) << r.what;
+        if (out) { EXPECT_EQ(out->finish(), r.printed) << r.what; }
+    }
     // Model is a line read: at most 63 characters, up to a newline.
     EXPECT_EQ(field(readExifBytes(tiffOf({{asciiE(tag::kModel, std::string(80, 'M'))}}), 0).exif.camera, 64), std::string(63, 'M'));
     EXPECT_EQ(field(readExifBytes(tiffOf({{asciiE(tag::kModel, "Line one\nLine two")}}), 0).exif.camera, 64), "Line one\n");
@@ -161,36 +182,6 @@ TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {
     std::memset(&e, 0x55, sizeof e);
     EXPECT_EQ(get_exif_data(dir.file("none.tif").c_str(), 0, &e, &g), 0x55555555);
     EXPECT_EQ(e.iso, 0);
-}
-
-TEST(MetareadExif, JpegScanStopsAndSaysWhy) {
-    const Bytes tiff = exifOf({shortE(tag::kIso, 400)});
-    Bytes padded = jpegWith({{0xE1, exifPayload(tiff)}});
-    padded.insert(padded.begin() + 2, {0xFF, 0xFF, 0xFF});  // four 0xFF in all
-    Bytes overPadded = padded;
-    overPadded.insert(overPadded.begin() + 2, 0xFF);  // five
-    Bytes noFF = jpegWith({{0xE1, exifPayload(tiff)}});
-    noFF.erase(noFF.begin() + 2);  // the marker byte alone
-    const struct {
-        Bytes file;
-        std::string printed;
-        int iso;
-    } cases[] = {
-        {padded, "", 400},
-        {overPadded, "too many padding bytes\n", 0},
-        {noFF, "", 400},
-        {{0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x01}, "invalid marker\n", 0},
-        {jpegWith({{0xE1, Bytes{'h', 't', 't', 'p', ':', '/', '/'}}, {0xE1, exifPayload(tiff)}}),
-         "APP1 does not contain valid Exif header\n", 0},
-        {Bytes{0xFF, 0xD9}, "", 0},
-        {jpegWith({{0xE0, Bytes(14, 0)}}), "", 0},
-    };
-    for (const auto& c : cases) {
-        oltest::CaptureFd out(1);
-        const Records r = readExifBytes(c.file, 1);
-        EXPECT_EQ(out.finish(), c.printed);
-        EXPECT_EQ(r.exif.iso, c.iso);
-    }
 }
 
 TEST(MetareadDescription, FieldsRefusalsAndWrappedIso) {
