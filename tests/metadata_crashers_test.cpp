@@ -69,18 +69,10 @@ TEST(MetadataCrashers, SelfReferencingHugeIfdsEndQuickly) {
     oltest::TempDir dir;
     const std::string path = dir.file("big.tif");
     for (std::uint16_t t : {tag::kExifIfd, tag::kGpsIfd, tag::kPhotoshop, tag::kImageDescription}) {
-        Bytes b = {'I', 'I', 42, 0, 8, 0, 0, 0, 0xFF, 0xFF};
-        Writer w{true, &b};
-        const std::uint32_t size = 8 + 2 + 65535u * 12 + 4;
-        const bool text = t == tag::kImageDescription;
-        for (int i = 0; i < 65535; ++i) {
-            w.u16(t);
-            w.u16(text ? ol::kTiffAscii : ol::kTiffLong);
-            w.u32(t == tag::kPhotoshop || text ? size : 1);
-            w.u32(8);
-        }
-        w.u32(0);
-        oltest::writeFile(path, b);
+        const bool text = t == tag::kImageDescription, whole = text || t == tag::kPhotoshop;
+        TiffSpec s;  // the IFD at 8, then nothing: the file is 8 + 2 + 65535 * 12 + 4 bytes
+        s.ifds = {std::vector<Entry>(65535, rawE(t, text ? ol::kTiffAscii : ol::kTiffLong, whole ? 8 + 2 + 65535u * 12 + 4 : 1, 8))};
+        oltest::writeFile(path, buildTiff(s));
         const auto start = std::chrono::steady_clock::now();
         readExif(path, 0);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << t;
