@@ -6,9 +6,10 @@
 
 using namespace metatest;
 
+// Each row pins the insertion point; the new block is then the old one (or
+// a new record version) with the keyword dataset put in at that point.
 TEST(MetawriteIptc, KeywordPlacesAndDamagedBlocks) {
     const auto ds = iptcDataset;
-    const Bytes none;  // expected block not looked at
     // A caption whose text holds 1C 02 19 00 01: the scan takes it for a
     // keyword of one byte, so the new one lands inside the caption; with a
     // length running past the block it is damaged.
@@ -20,37 +21,36 @@ TEST(MetawriteIptc, KeywordPlacesAndDamagedBlocks) {
         Bytes block;
         std::string keyword;
         int result;
-        Bytes out;
     } rows[] = {
-        {"a new block starts with the record version", {}, "alpha", 7, cat({{0x1C, 0x02, 0x00, 0x00, 0x02, 0x02, 0x00}, ds(0x19, "alpha")})},
-        {"the length is big-endian", {}, std::string(300, 'w'), 7, cat({{0x1C, 0x02, 0x00, 0x00, 0x02, 0x02, 0x00}, ds(0x19, std::string(300, 'w'))})},
-        {"behind the last keyword", cat({kIptcVersion, ds(0x19, "one"), ds(0x19, "two"), ds(0x78, "a caption")}), "three", 23,
-         cat({kIptcVersion, ds(0x19, "one"), ds(0x19, "two"), ds(0x19, "three"), ds(0x78, "a caption")})},
-        {"no keyword: behind the last dataset", cat({kIptcVersion, ds(0x78, "caption"), ds(0x50, "by")}), "k", 26,
-         cat({kIptcVersion, ds(0x78, "caption"), ds(0x50, "by"), ds(0x19, "k")})},
-        {"a keyword at position 0 is not seen", cat({ds(0x19, "first"), ds(0x78, "caption")}), "k", 22,
-         cat({ds(0x19, "first"), ds(0x78, "caption"), ds(0x19, "k")})},
-        {"marker bytes inside data count", markerInText, "k", 7 + 5 + 2 + 6, none},
-        {"the same with a length past the end", patched(markerInText, 18, {0x40}), "k", -1, none},
-        {"the last dataset runs past the end", lengthPastEnd, "k", -1, none},
+        {"a new block starts with the record version", {}, "alpha", 7},
+        {"the length is big-endian", {}, std::string(300, 'w'), 7},
+        {"behind the last keyword", cat({kIptcVersion, ds(0x19, "one"), ds(0x19, "two"), ds(0x78, "a caption")}), "three", 23},
+        {"no keyword: behind the last dataset", cat({kIptcVersion, ds(0x78, "caption"), ds(0x50, "by")}), "k", 26},
+        {"a keyword at position 0 is not seen", cat({ds(0x19, "first"), ds(0x78, "caption")}), "k", 22},
+        {"marker bytes inside data count", markerInText, "k", 7 + 5 + 2 + 6},
+        {"the same with a length past the end", patched(markerInText, 18, {0x40}), "k", -1},
+        {"the last dataset runs past the end", lengthPastEnd, "k", -1},
         // 1 to 5 bytes: no scan, position 0 taken as a dataset, its length
         // field read from bytes 3 and 4.
-        {"1 byte", Bytes(1, 0x1C), "k", -1, none},
-        {"4 bytes", Bytes(4, 0x1C), "k", -1, none},
-        {"5 bytes", {0, 0, 0, 0, 0}, "k", 5, cat({{0, 0, 0, 0, 0}, ds(0x19, "k")})},
-        {"5 bytes saying 1", {0x1C, 0x02, 0x19, 0x00, 0x01}, "k", -1, none},
+        {"1 byte", Bytes(1, 0x1C), "k", -1},
+        {"4 bytes", Bytes(4, 0x1C), "k", -1},
+        {"5 bytes", {0, 0, 0, 0, 0}, "k", 5},
+        {"5 bytes saying 1", {0x1C, 0x02, 0x19, 0x00, 0x01}, "k", -1},
     };
     for (const auto& r : rows) {
         // Nothing may be written past the new length.
-        const std::size_t newLen = (r.block.empty() ? 7 : r.block.size()) + r.keyword.size() + 5;
+        const Bytes old = r.block.empty() ? Bytes{0x1C, 0x02, 0x00, 0x00, 0x02, 0x02, 0x00} : r.block;
+        const std::size_t newLen = old.size() + r.keyword.size() + 5;
         Bytes out(newLen + 16, 0xEE);
         EXPECT_EQ(add_iptc_keyword(static_cast<int>(r.block.size()), r.block.empty() ? nullptr : r.block.data(),
                                    static_cast<int>(r.keyword.size()), reinterpret_cast<const unsigned char*>(r.keyword.data()), out.data()),
                   r.result)
             << r.what;
         EXPECT_EQ(Bytes(out.begin() + static_cast<std::ptrdiff_t>(newLen), out.end()), Bytes(16, 0xEE)) << r.what;
-        if (!r.out.empty()) {
-            EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(newLen)), r.out) << r.what;
+        if (r.result >= 0) {
+            const auto at = old.begin() + r.result;
+            EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(newLen)), cat({Bytes(old.begin(), at), ds(0x19, r.keyword), Bytes(at, old.end())}))
+                << r.what;
         }
     }
 }
