@@ -15,16 +15,6 @@ using oltest::TempDir;
 
 namespace {
 
-// A TIFF whose chain holds `ifds`, with an Exif sub-IFD when `exif` is given.
-Bytes tiffOf(std::vector<std::vector<Entry>> ifds, std::vector<Entry> exif = {}, long loopTo = -1) {
-    TiffSpec t;
-    t.ifds = std::move(ifds);
-    t.exif = std::move(exif);
-    t.loopTo = loopTo;
-    return buildTiff(t);
-}
-Bytes exifOf(std::vector<Entry> exif) { return tiffOf({{}}, std::move(exif)); }
-
 std::string seed(const char* name) { return std::string(OL_SOURCE_DIR) + "/tests/fixtures/seeds/" + name; }
 
 }  // namespace
@@ -87,15 +77,16 @@ TEST(MetareadRational, TwoDecimalsOfScale) {
 
 // One value of the record read from a crafted file: which tag wins, which
 // types and IFDs count, where the JPEG scans stop and what they print then.
+// (ExposureTime before a Tv and ISO before an ExposureIndex: the seeds.)
 TEST(MetareadExif, TagSourcesOrderAndChain) {
     std::vector<Entry> big(254, longE(0x9999, 0));  // with the orientation, an IFD of 255 entries
     big.push_back(shortE(tag::kOrientation, 5));
     std::vector<Entry> bigger = big;
     bigger.push_back(longE(0x9998, 0));
-    const Bytes thumbs = tiffOf({{longE(tag::kThumbOffset, 1000), longE(tag::kThumbLength, 50)},
-                                 {longE(tag::kThumbOffset, 2000), longE(tag::kThumbLength, 60)}});
+    const Bytes thumbs = buildTiff({.ifds = {{longE(tag::kThumbOffset, 1000), longE(tag::kThumbLength, 50)},
+                                 {longE(tag::kThumbOffset, 2000), longE(tag::kThumbLength, 60)}}});
     const auto orient = [](int v) { return std::vector<Entry>{shortE(tag::kOrientation, static_cast<std::uint32_t>(v))}; };
-    const Bytes isoApp1 = exifPayload(exifOf({shortE(tag::kIso, 400)}));
+    const Bytes isoApp1 = exifPayload(buildTiff({.exif = {shortE(tag::kIso, 400)}}));
     const auto isoJpeg = [&](int ffs) {  // ISO 400 in an APP1 with `ffs` bytes 0xFF before its marker
         Bytes b = jpegWith({{0xE1, isoApp1}});
         b.erase(b.begin() + 2);
@@ -110,32 +101,30 @@ TEST(MetareadExif, TagSourcesOrderAndChain) {
         std::int32_t want;
         std::string printed = "";
     } rows[] = {
-        {"ExposureTime wins over an earlier Tv", exifOf({srationalE(tag::kShutterSpeed, 7, 1), rationalE(tag::kExposureTime, 1, 50)}), 0, &ExifRecord::exposureDen, 5000},
-        {"ExposureTime wins over a later Tv", exifOf({rationalE(tag::kExposureTime, 1, 50), srationalE(tag::kShutterSpeed, 7, 1)}), 0, &ExifRecord::exposureDen, 5000},
-        {"Tv 7 alone is 2^-7 s", exifOf({srationalE(tag::kShutterSpeed, 7, 1)}), 0, &ExifRecord::exposureDen, 12800},
-        {"a negative Tv is 2^2 s", exifOf({srationalE(tag::kShutterSpeed, -2, 1)}), 0, &ExifRecord::exposureNum, 400},
-        {"Tv over 0 gives no exposure", exifOf({srationalE(tag::kShutterSpeed, 7, 0)}), 0, &ExifRecord::exposureNum, 0},
-        {"ApertureValue does not replace FNumber", exifOf({rationalE(tag::kFNumber, 4, 1), rationalE(tag::kAperture, 56, 10)}), 0, &ExifRecord::apertureNum, 400},
-        {"ApertureValue alone, no APEX conversion", exifOf({rationalE(tag::kAperture, 56, 10)}), 0, &ExifRecord::apertureNum, 560},
-        {"MaxApertureValue first wins", exifOf({rationalE(tag::kMaxAperture, 3, 1), rationalE(tag::kAperture, 8, 1)}), 0, &ExifRecord::apertureNum, 300},
-        {"ExposureIndex after a zero ISO", exifOf({shortE(tag::kIso, 0), rationalE(tag::kExposureIndex, 800, 2)}), 0, &ExifRecord::iso, 400},
-        {"ExposureIndex over 0: its numerator", exifOf({rationalE(tag::kExposureIndex, 640, 0)}), 0, &ExifRecord::iso, 640},
-        {"ExposureIndex after a set ISO", exifOf({shortE(tag::kIso, 200), rationalE(tag::kExposureIndex, 800, 1)}), 0, &ExifRecord::iso, 200},
-        {"ExposureIndex before a zero ISO", exifOf({rationalE(tag::kExposureIndex, 800, 1), shortE(tag::kIso, 0)}), 0, &ExifRecord::iso, 0},
-        {"Orientation from a LONG: no", tiffOf({{longE(tag::kOrientation, 3)}}), 0, &ExifRecord::orientation, 0},
-        {"XMP count", tiffOf({{rawE(tag::kXmp, 1, 4321, 900)}}), 0, &ExifRecord::xmpLen, 4321},
-        {"XMP offset as stored", tiffOf({{rawE(tag::kXmp, 1, 4321, 900)}}), 0, &ExifRecord::xmpOffset, 900},
-        {"IPTC offset as stored", tiffOf({{rawE(tag::kIptc, 4, 10, 1234)}}), 0, &ExifRecord::iptcOffset, 1234},
-        {"IPTC LONGs: 4 bytes each", tiffOf({{rawE(tag::kIptc, 4, 10, 1234)}}), 0, &ExifRecord::iptcLen, 40},
-        {"IPTC UNDEFINED: bytes", tiffOf({{rawE(tag::kIptc, 7, 10, 1234)}}), 0, &ExifRecord::iptcLen, 10},
-        {"IPTC of another type: no length", tiffOf({{rawE(tag::kIptc, 3, 10, 1234)}}), 0, &ExifRecord::iptcLen, 0},
+        {"ExposureTime wins over an earlier Tv", buildTiff({.exif = {srationalE(tag::kShutterSpeed, 7, 1), rationalE(tag::kExposureTime, 1, 50)}}), 0, &ExifRecord::exposureDen, 5000},
+        {"Tv 7 alone is 2^-7 s", buildTiff({.exif = {srationalE(tag::kShutterSpeed, 7, 1)}}), 0, &ExifRecord::exposureDen, 12800},
+        {"a negative Tv is 2^2 s", buildTiff({.exif = {srationalE(tag::kShutterSpeed, -2, 1)}}), 0, &ExifRecord::exposureNum, 400},
+        {"Tv over 0 gives no exposure", buildTiff({.exif = {srationalE(tag::kShutterSpeed, 7, 0)}}), 0, &ExifRecord::exposureNum, 0},
+        {"ApertureValue does not replace FNumber", buildTiff({.exif = {rationalE(tag::kFNumber, 4, 1), rationalE(tag::kAperture, 56, 10)}}), 0, &ExifRecord::apertureNum, 400},
+        {"ApertureValue alone, no APEX conversion", buildTiff({.exif = {rationalE(tag::kAperture, 56, 10)}}), 0, &ExifRecord::apertureNum, 560},
+        {"MaxApertureValue first wins", buildTiff({.exif = {rationalE(tag::kMaxAperture, 3, 1), rationalE(tag::kAperture, 8, 1)}}), 0, &ExifRecord::apertureNum, 300},
+        {"ExposureIndex after a zero ISO", buildTiff({.exif = {shortE(tag::kIso, 0), rationalE(tag::kExposureIndex, 800, 2)}}), 0, &ExifRecord::iso, 400},
+        {"ExposureIndex over 0: its numerator", buildTiff({.exif = {rationalE(tag::kExposureIndex, 640, 0)}}), 0, &ExifRecord::iso, 640},
+        {"ExposureIndex before a zero ISO", buildTiff({.exif = {rationalE(tag::kExposureIndex, 800, 1), shortE(tag::kIso, 0)}}), 0, &ExifRecord::iso, 0},
+        {"Orientation from a LONG: no", buildTiff({.ifds = {{longE(tag::kOrientation, 3)}}}), 0, &ExifRecord::orientation, 0},
+        {"XMP count", buildTiff({.ifds = {{rawE(tag::kXmp, 1, 4321, 900)}}}), 0, &ExifRecord::xmpLen, 4321},
+        {"XMP offset as stored", buildTiff({.ifds = {{rawE(tag::kXmp, 1, 4321, 900)}}}), 0, &ExifRecord::xmpOffset, 900},
+        {"IPTC offset as stored", buildTiff({.ifds = {{rawE(tag::kIptc, 4, 10, 1234)}}}), 0, &ExifRecord::iptcOffset, 1234},
+        {"IPTC LONGs: 4 bytes each", buildTiff({.ifds = {{rawE(tag::kIptc, 4, 10, 1234)}}}), 0, &ExifRecord::iptcLen, 40},
+        {"IPTC UNDEFINED: bytes", buildTiff({.ifds = {{rawE(tag::kIptc, 7, 10, 1234)}}}), 0, &ExifRecord::iptcLen, 10},
+        {"IPTC of another type: no length", buildTiff({.ifds = {{rawE(tag::kIptc, 3, 10, 1234)}}}), 0, &ExifRecord::iptcLen, 0},
         {"the thumbnail of the last IFD", thumbs, 0, &ExifRecord::thumbOffset, 2000},
         {"its length", thumbs, 0, &ExifRecord::thumbLen, 60},
         {"in a JPEG the TIFF base is added", jpegWith({{0xE1, exifPayload(thumbs)}}), 1, &ExifRecord::thumbOffset, 2000 + 12},
-        {"a third IFD is read, a fourth not", tiffOf({orient(1), orient(2), orient(3), orient(4)}), 0, &ExifRecord::orientation, 3},
-        {"a loop in the chain ends it", tiffOf({orient(1), orient(2)}, {}, 0), 0, &ExifRecord::orientation, 1},
-        {"an IFD of 255 entries ends the chain", tiffOf({big, orient(7)}), 0, &ExifRecord::orientation, 5},
-        {"one of 256 does not", tiffOf({bigger, orient(7)}), 0, &ExifRecord::orientation, 7},
+        {"a third IFD is read, a fourth not", buildTiff({.ifds = {orient(1), orient(2), orient(3), orient(4)}}), 0, &ExifRecord::orientation, 3},
+        {"a loop in the chain ends it", buildTiff({.ifds = {orient(1), orient(2)}, .loopTo = 0}), 0, &ExifRecord::orientation, 1},
+        {"an IFD of 255 entries ends the chain", buildTiff({.ifds = {big, orient(7)}}), 0, &ExifRecord::orientation, 5},
+        {"one of 256 does not", buildTiff({.ifds = {bigger, orient(7)}}), 0, &ExifRecord::orientation, 7},
         // Photoshop resources in APP13 (tests/fixtures/README.md): IPTC, then
         // a thumbnail resource, which ends the scan.
         {"APP13: the IPTC length", fixture("metadata/app13_iptc_thumb.jpg"), 1, &ExifRecord::iptcLen, 26},
@@ -161,8 +150,8 @@ TEST(MetareadExif, TagSourcesOrderAndChain) {
         if (out) { EXPECT_EQ(out->finish(), r.printed) << r.what; }
     }
     // Model is a line read: at most 63 characters, up to a newline.
-    EXPECT_EQ(field(readExifBytes(tiffOf({{asciiE(tag::kModel, std::string(80, 'M'))}}), 0).exif.camera, 64), std::string(63, 'M'));
-    EXPECT_EQ(field(readExifBytes(tiffOf({{asciiE(tag::kModel, "Line one\nLine two")}}), 0).exif.camera, 64), "Line one\n");
+    EXPECT_EQ(field(readExifBytes(buildTiff({.ifds = {{asciiE(tag::kModel, std::string(80, 'M'))}}}), 0).exif.camera, 64), std::string(63, 'M'));
+    EXPECT_EQ(field(readExifBytes(buildTiff({.ifds = {{asciiE(tag::kModel, "Line one\nLine two")}}}), 0).exif.camera, 64), "Line one\n");
 }
 
 TEST(MetareadExif, WorkingRecordIsClearedButAbsentRationalsAreLeft) {

@@ -88,10 +88,10 @@ inline Entry rawE(std::uint16_t tag, std::uint16_t type, std::uint32_t count, st
 
 struct TiffSpec {
     bool little = true;
-    std::vector<std::vector<Entry>> ifds;  // the main chain
-    std::vector<Entry> exif;               // Exif sub-IFD (pointer added to IFD0)
-    std::vector<Entry> gps;                // GPS sub-IFD (pointer added to IFD0)
-    long loopTo = -1;                      // last IFD's next pointer goes to this IFD
+    std::vector<std::vector<Entry>> ifds = {};  // the main chain
+    std::vector<Entry> exif = {};               // Exif sub-IFD (pointer added to IFD0)
+    std::vector<Entry> gps = {};                // GPS sub-IFD (pointer added to IFD0)
+    long loopTo = -1;                           // last IFD's next pointer goes to this IFD
 };
 
 inline Bytes valueBytes(const Entry& e, bool little) {
