@@ -1,8 +1,14 @@
-// Metadata reader: the kept seeds in every container and byte order, then the
+// Metadata readers: the kept seeds in every container and byte order, then the
 // quirks that files from other programs do not show (those are compared with
 // exiftool in metadata_read_interop_test.cpp and with the shared real files in
 // metadata_testdata_test.cpp): tag sources and their order, the IFD chain,
 // JPEG and Photoshop scans, image descriptions, read_iptc and constant_exif.
+// Last, malformed input: randomly damaged copies of the seeds (the hand-made
+// damaged files are in crashers_test.cpp) and self-referencing IFDs. Every
+// reader must return (its failure code or a silent stop), never crash, hang
+// or touch memory it does not own; the sanitizer build checks the last.
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <string>
 
@@ -15,7 +21,12 @@ using oltest::TempDir;
 
 namespace {
 
-std::string seed(const char* name) { return std::string(OL_SOURCE_DIR) + "/tests/fixtures/seeds/" + name; }
+// Well-formed files of every kind the readers take (tests/fixtures/seeds: a
+// TIFF in both byte orders with Exif, GPS, description, IPTC and thumbnail
+// entries, a JPEG carrying it with a Photoshop block, flat PSDs of 8, 16 and
+// 32 bits raw and PackBits with resources, a BMP header and an ICC profile).
+const oltest::fs::path kSeeds = oltest::fs::path(OL_SOURCE_DIR) / "tests" / "fixtures" / "seeds";
+std::string seed(const char* name) { return (kSeeds / name).string(); }
 
 }  // namespace
 
@@ -249,4 +260,49 @@ TEST(MetareadConstant, KeepsWhatAllPhotosShare) {
     EXPECT_EQ(constant_exif(&kept, &b), 1);
     EXPECT_EQ((std::vector<int>{kept.exposureNum, kept.exposureDen, kept.apertureNum, kept.apertureDen, kept.iso, kept.focalNum}),
               (std::vector<int>{0, 0, 0, 0, 0, 5000}));
+}
+
+TEST(MetadataCrashers, RandomlyDamagedFilesAreSurvived) {
+    oltest::TempDir dir;
+    const std::string path = dir.file("damaged.bin");
+    std::vector<oltest::fs::path> files(oltest::fs::directory_iterator{kSeeds}, {});
+    std::sort(files.begin(), files.end());
+    EXPECT_EQ(files.size(), 10u);
+    std::uint32_t noiseSeed = 1;
+    for (const auto& file : files) {
+        const Bytes good = oltest::readFile(file.string());
+        for (int round = 0; round < 150; ++round, ++noiseSeed) {
+            Bytes b = good;
+            const std::vector<std::uint8_t> noise = oltest::randomBytes(16, noiseSeed);
+            if (round % 3 == 0) {  // a few bytes overwritten
+                for (int k = 0; k < 4; ++k) b[noise[2 * k] * b.size() / 256] = noise[2 * k + 1];
+            } else if (round % 3 == 1) {  // cut short
+                b.resize((noise[0] | (noise[1] << 8)) % b.size());
+            } else {  // a 32-bit field set to an extreme value
+                const std::size_t at = (noise[0] * b.size() / 256) & ~std::size_t{1};
+                for (std::size_t k = at; k < at + 4 && k < b.size(); ++k) b[k] = k == at ? (noise[1] & 1 ? 0xFF : 0x7F) : 0xFF;
+            }
+            oltest::writeFile(path, b);
+            runAllReaders(path);
+        }
+    }
+    SUCCEED();
+}
+
+// An IFD of 65535 entries that all point back at the IFD itself (or at the
+// whole file as a Photoshop block or a description): taken literally, the
+// walk would visit billions of entries or read the file tens of thousands of
+// times.
+TEST(MetadataCrashers, SelfReferencingHugeIfdsEndQuickly) {
+    oltest::TempDir dir;
+    const std::string path = dir.file("big.tif");
+    for (std::uint16_t t : {tag::kExifIfd, tag::kGpsIfd, tag::kPhotoshop, tag::kImageDescription}) {
+        const bool text = t == tag::kImageDescription, whole = text || t == tag::kPhotoshop;
+        TiffSpec s;  // the IFD at 8, then nothing: the file is 8 + 2 + 65535 * 12 + 4 bytes
+        s.ifds = {std::vector<Entry>(65535, rawE(t, text ? ol::kTiffAscii : ol::kTiffLong, whole ? 8 + 2 + 65535u * 12 + 4 : 1, 8))};
+        oltest::writeFile(path, buildTiff(s));
+        const auto start = std::chrono::steady_clock::now();
+        readExif(path, 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << t;
+    }
 }
