@@ -221,13 +221,9 @@ struct PsdSpec {
 inline Bytes buildPsd(const PsdSpec& s) {
     Bytes b = {'8', 'B', 'P', 'S'};
     Writer w{false, &b};
-    w.u16(static_cast<std::uint32_t>(s.version));
-    b.resize(b.size() + 6, 0);
-    w.u16(static_cast<std::uint32_t>(s.channels));
-    w.u32(static_cast<std::uint32_t>(s.height));
-    w.u32(static_cast<std::uint32_t>(s.width));
-    w.u16(static_cast<std::uint32_t>(s.depth));
-    w.u16(static_cast<std::uint32_t>(s.mode));
+    // The header fields and their widths; six reserved bytes after the version.
+    for (auto [v, n] : {std::pair{s.version, 2}, {0, 4}, {0, 2}, {s.channels, 2}, {s.height, 4}, {s.width, 4}, {s.depth, 2}, {s.mode, 2}})
+        w.put(static_cast<std::uint32_t>(v), n);
     for (const Bytes* section : {&s.colorData, &s.resources}) {
         w.u32(static_cast<std::uint32_t>(section->size()));
         b.insert(b.end(), section->begin(), section->end());
