@@ -3,9 +3,6 @@
 // accepted (with their causes), are kept as data in
 // tests/interop/metadata_write.txt.
 #include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <map>
 #include <sstream>
 
 #include "support/metadata_bytes.hpp"
@@ -17,18 +14,9 @@ using oltest::TempDir;
 
 namespace {
 
-// The sections of the data file, "@ name" lines starting each.
+// The sections of the data file.
 const std::map<std::string, std::vector<std::string>>& expectations() {
-    static const auto sections = [] {
-        std::map<std::string, std::vector<std::string>> out;
-        std::ifstream in(std::string(OL_SOURCE_DIR) + "/tests/interop/metadata_write.txt");
-        std::vector<std::string>* cur = nullptr;
-        for (std::string l; std::getline(in, l);) {
-            if (l.rfind("@ ", 0) == 0) cur = &out[l.substr(2)];
-            else if (cur && !l.empty() && l[0] != '#') cur->push_back(l);
-        }
-        return out;
-    }();
+    static const auto sections = interopSections("metadata_write.txt");
     return sections;
 }
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -326,6 +328,19 @@ inline std::string iptcBlock(const std::string& path, const ExifRecord& e) {
     std::vector<unsigned char> b(static_cast<std::size_t>(e.iptcLen));
     EXPECT_EQ(read_iptc(path.c_str(), e.iptcLen, e.iptcOffset, b.data()), e.iptcLen);
     return std::string(b.begin(), b.end());
+}
+
+// The sections of a data file of tests/interop: "@ name" lines start each;
+// blank lines and "#" lines are left out.
+inline std::map<std::string, std::vector<std::string>> interopSections(const std::string& file) {
+    std::map<std::string, std::vector<std::string>> out;
+    std::ifstream in(std::string(OL_SOURCE_DIR) + "/tests/interop/" + file);
+    std::vector<std::string>* cur = nullptr;
+    for (std::string l; std::getline(in, l);) {
+        if (l.rfind("@ ", 0) == 0) cur = &out[l.substr(2)];
+        else if (cur && !l.empty() && l[0] != '#') cur->push_back(l);
+    }
+    return out;
 }
 
 // Every reader over one file the way a host would, sizing its buffers from
