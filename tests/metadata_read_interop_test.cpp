@@ -63,7 +63,8 @@ TEST(MetareadInterop, WhatExiftoolWroteComesBack) {
         const Records got = readExif(f, type);
         EXPECT_EQ(describe(got), r["record"]);
         const std::string iptc = iptcBlock(f, got.exif);
-        EXPECT_TRUE(r["keyword"] == "-" ? iptc.empty() : iptc[0] == 0x1C && iptc.find(r["keyword"]) != std::string::npos) << iptc;
+        EXPECT_TRUE(r["keyword"] == "-" ? iptc.empty() : iptc[0] == 0x1C && iptc.find(r["keyword"]) != std::string::npos)
+            << iptc;
         if (type == 1) {
             // The embedded thumbnail; the XMP of a JPEG lives in its own
             // APP1 segment, which the walk never sees.

@@ -21,9 +21,8 @@ std::string packet(int method, const float* params) {
 std::string lineOf(const std::string& xmp, const std::string& element) {
     const auto a = xmp.find("<oltm:" + element + ">");
     if (a == std::string::npos) return "(none)";
-    const auto b = xmp.find("</oltm:" + element + ">", a);
     const auto start = a + element.size() + 7;
-    return xmp.substr(start, b - start);
+    return xmp.substr(start, xmp.find("</oltm:" + element + ">", a) - start);
 }
 
 }  // namespace
@@ -64,7 +63,8 @@ TEST(MetawriteExifBuf, BlocksMatchTheKeptOnes) {
         const int r = exifBlockInto(row.ex, row.gps, row.orientation, out.data());
         EXPECT_EQ(r, row.result);
         const std::size_t end = static_cast<std::size_t>(std::max(r, 0));
-        EXPECT_EQ(Bytes(out.begin() + static_cast<std::ptrdiff_t>(end), out.end()), patched(Bytes(1024 - end, 0xAA), 0, Bytes(512 - end, 0)))
+        EXPECT_EQ(Bytes(out.begin() + static_cast<std::ptrdiff_t>(end), out.end()),
+                  patched(Bytes(1024 - end, 0xAA), 0, Bytes(512 - end, 0)))
             << "written past the block";
         out.resize(end);
         if (row.file) { EXPECT_TRUE(oltest::matchesFixture(std::string("exif/") + row.file, out)); }
@@ -159,7 +159,8 @@ TEST(MetawriteIptc, KeywordPlacesAndDamagedBlocks) {
         EXPECT_EQ(Bytes(out.begin() + static_cast<std::ptrdiff_t>(newLen), out.end()), Bytes(16, 0xEE)) << r.what;
         if (r.result >= 0) {
             const auto at = old.begin() + r.result;
-            EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(newLen)), cat({Bytes(old.begin(), at), ds(0x19, r.keyword), Bytes(at, old.end())}))
+            EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(newLen)),
+                      cat({Bytes(old.begin(), at), ds(0x19, r.keyword), Bytes(at, old.end())}))
                 << r.what;
         }
     }

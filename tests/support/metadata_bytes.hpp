@@ -162,8 +162,7 @@ inline Bytes buildTiff(TiffSpec spec) {
 
 inline void appendSegment(Bytes& jpg, std::uint8_t marker, const Bytes& payload) {
     const std::size_t len = payload.size() + 2;
-    jpg.insert(jpg.end(), {0xFF, marker, static_cast<std::uint8_t>(len >> 8), static_cast<std::uint8_t>(len)});
-    jpg.insert(jpg.end(), payload.begin(), payload.end());
+    jpg = cat({jpg, {0xFF, marker, static_cast<std::uint8_t>(len >> 8), static_cast<std::uint8_t>(len)}, payload});
 }
 
 inline Bytes exifPayload(const Bytes& tiff) { return cat({{'E', 'x', 'i', 'f', 0, 0}, tiff}); }
@@ -224,7 +223,8 @@ inline Bytes buildPsd(const PsdSpec& s) {
     Bytes b = {'8', 'B', 'P', 'S'};
     Writer w{false, &b};
     // The header fields and their widths; six reserved bytes after the version.
-    for (auto [v, n] : {std::pair{s.version, 2}, {0, 4}, {0, 2}, {s.channels, 2}, {s.height, 4}, {s.width, 4}, {s.depth, 2}, {s.mode, 2}})
+    for (auto [v, n] : {std::pair{s.version, 2}, {0, 4}, {0, 2}, {s.channels, 2}, {s.height, 4}, {s.width, 4},
+                        {s.depth, 2}, {s.mode, 2}})
         w.put(static_cast<std::uint32_t>(v), n);
     for (const Bytes* section : {&s.colorData, &s.resources}) {
         w.u32(static_cast<std::uint32_t>(section->size()));
