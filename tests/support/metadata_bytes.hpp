@@ -1,5 +1,6 @@
 // Builders of small TIFF, JPEG, PSD, IPTC and ICC byte streams, a reader of
-// little-endian IFDs, and the records and calls the metadata tests share.
+// little-endian IFDs, the reader of the interop data files, and the records
+// and calls the metadata tests share.
 #pragma once
 
 #include <algorithm>
