@@ -1,10 +1,13 @@
 // Builders of small TIFF, JPEG, PSD, IPTC and ICC byte streams, a reader of
-// little-endian IFDs, and the records and calls the metadata tests share.
+// little-endian IFDs, the reader of the interop data files, and the records
+// and calls the metadata tests share.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -88,10 +91,10 @@ inline Entry rawE(std::uint16_t tag, std::uint16_t type, std::uint32_t count, st
 
 struct TiffSpec {
     bool little = true;
-    std::vector<std::vector<Entry>> ifds;  // the main chain
-    std::vector<Entry> exif;               // Exif sub-IFD (pointer added to IFD0)
-    std::vector<Entry> gps;                // GPS sub-IFD (pointer added to IFD0)
-    long loopTo = -1;                      // last IFD's next pointer goes to this IFD
+    std::vector<std::vector<Entry>> ifds = {};  // the main chain
+    std::vector<Entry> exif = {};               // Exif sub-IFD (pointer added to IFD0)
+    std::vector<Entry> gps = {};                // GPS sub-IFD (pointer added to IFD0)
+    long loopTo = -1;                           // last IFD's next pointer goes to this IFD
 };
 
 inline Bytes valueBytes(const Entry& e, bool little) {
@@ -160,8 +163,7 @@ inline Bytes buildTiff(TiffSpec spec) {
 
 inline void appendSegment(Bytes& jpg, std::uint8_t marker, const Bytes& payload) {
     const std::size_t len = payload.size() + 2;
-    jpg.insert(jpg.end(), {0xFF, marker, static_cast<std::uint8_t>(len >> 8), static_cast<std::uint8_t>(len)});
-    jpg.insert(jpg.end(), payload.begin(), payload.end());
+    jpg = cat({jpg, {0xFF, marker, static_cast<std::uint8_t>(len >> 8), static_cast<std::uint8_t>(len)}, payload});
 }
 
 inline Bytes exifPayload(const Bytes& tiff) { return cat({{'E', 'x', 'i', 'f', 0, 0}, tiff}); }
@@ -192,16 +194,6 @@ inline Bytes iptcDataset(std::uint8_t number, const std::string& data) {
 // The record version dataset (2:00, version 4).
 inline const Bytes kIptcVersion = {0x1C, 0x02, 0x00, 0x00, 0x02, 0x00, 0x04};
 
-// The record version and one keyword dataset (2:25) per word.
-inline Bytes iptcKeywords(const std::vector<std::string>& words) {
-    Bytes b = kIptcVersion;
-    for (const auto& k : words) {
-        const Bytes d = iptcDataset(25, k);
-        b.insert(b.end(), d.begin(), d.end());
-    }
-    return b;
-}
-
 // SOI, the segments, a token scan and EOI.
 inline Bytes jpegWith(const std::vector<std::pair<std::uint8_t, Bytes>>& segments) {
     Bytes j = {0xFF, 0xD8};
@@ -231,13 +223,10 @@ struct PsdSpec {
 inline Bytes buildPsd(const PsdSpec& s) {
     Bytes b = {'8', 'B', 'P', 'S'};
     Writer w{false, &b};
-    w.u16(static_cast<std::uint32_t>(s.version));
-    b.resize(b.size() + 6, 0);
-    w.u16(static_cast<std::uint32_t>(s.channels));
-    w.u32(static_cast<std::uint32_t>(s.height));
-    w.u32(static_cast<std::uint32_t>(s.width));
-    w.u16(static_cast<std::uint32_t>(s.depth));
-    w.u16(static_cast<std::uint32_t>(s.mode));
+    // The header fields and their widths; six reserved bytes after the version.
+    for (auto [v, n] : {std::pair{s.version, 2}, {0, 4}, {0, 2}, {s.channels, 2}, {s.height, 4}, {s.width, 4},
+                        {s.depth, 2}, {s.mode, 2}})
+        w.put(static_cast<std::uint32_t>(v), n);
     for (const Bytes* section : {&s.colorData, &s.resources}) {
         w.u32(static_cast<std::uint32_t>(section->size()));
         b.insert(b.end(), section->begin(), section->end());
@@ -340,6 +329,19 @@ inline std::string iptcBlock(const std::string& path, const ExifRecord& e) {
     std::vector<unsigned char> b(static_cast<std::size_t>(e.iptcLen));
     EXPECT_EQ(read_iptc(path.c_str(), e.iptcLen, e.iptcOffset, b.data()), e.iptcLen);
     return std::string(b.begin(), b.end());
+}
+
+// The sections of a data file of tests/interop: "@ name" lines start each;
+// blank lines and "#" lines are left out.
+inline std::map<std::string, std::vector<std::string>> interopSections(const std::string& file) {
+    std::map<std::string, std::vector<std::string>> out;
+    std::ifstream in(std::string(OL_SOURCE_DIR) + "/tests/interop/" + file);
+    std::vector<std::string>* cur = nullptr;
+    for (std::string l; std::getline(in, l);) {
+        if (l.rfind("@ ", 0) == 0) cur = &out[l.substr(2)];
+        else if (cur && !l.empty() && l[0] != '#') cur->push_back(l);
+    }
+    return out;
 }
 
 // Every reader over one file the way a host would, sizing its buffers from
