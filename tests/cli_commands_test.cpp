@@ -102,6 +102,7 @@ TEST_F(Cli, CommandsAsRows) {
                                                  sets["bare"][1] + " 1/60\nother.png 1\n");
     oltest::writeText(dir.file("bare.txt"), "1/240\n1/60\n0.0667\n");
     oltest::writeText(dir.file("short.txt"), "frame-1.png 1/240\n");
+    oltest::writeText(dir.file("bad.icc"), "short");
     fs::create_directory(dir.file("out"));
     fs::create_directory(dir.file("taken.tif"));
     fs::create_directory(dir.file("scratch"));
@@ -196,6 +197,45 @@ TEST_F(Cli, CommandsAsRows) {
         "info %whole.hdr",
         "info %strips.hdr",
         "--help",
+        // The single-image commands and the finishing options of merge and fuse.
+        "merge -q {f}--crop 0,0,8,8 -o %tiny.hdr",
+        "merge {f}-o %out/x.hdr --crop 90,0,10,10",
+        "fuse {f}-o %out/x.png --crop 0,60,96,5",
+        "fuse {f}-o %out/x.png --crop -1,0,5,5",
+        "merge {f}-o %out/x.hdr --rotate 45",
+        "fuse {f}-o %out/x.png --method two --deghost",
+        "fuse {f}-o %out/x.png --method blend",
+        "preview %none.jpg -o %out/x.jpg",
+        "histogram %none.hdr --json",
+        // The reader takes one header line per 128 bytes of file: too few for an 8x8 picture.
+        "preview %tiny.hdr -o %out/x.jpg",
+        "preview {png0} -o %out/x.jpg --max-size 0",
+        "compress {f0} -o %out/x.png",
+        "compress %none.tif -o %out/x.png",
+        "compress {f0} -o %out/x.png --strength 101",
+        "panorama %none.hdr -o %out/x.png",
+        "panorama {f0} -o %out/x.hdr",
+        "panorama {f0} -o %out/x.png --mode cubic",
+        "response {f0}",
+        "response --profile %bad.icc",
+        "response {f0} {f0} --times 1/100,1/100",
+        "rank {f}%none.jpg",
+        "fuse {f}--sharpen nan -o %out/x.png",
+        "merge {f}--response manual -o %out/x.hdr",
+        // The generator's camera is a 2.2 curve with a soft shoulder.
+        "response {f}--csv %r.csv --plot %r.png",
+        "response --profile {f0}",
+        "merge {f}--response auto -o %auto.hdr",
+        "compress {deep0} -o %c.png --strength 10",
+        "rank {deep}",
+        "panorama {deep0} -o %p.tif --mode spline16",
+        "panorama %whole.hdr -o %p.hdr",
+        "fuse {deep}--compress 20 --contrast 0.3 --sharpen 0.5 -j 2 -o %f.jpg",
+        // The one-pass blends, 16-bit frames to 8 bits and 8 to 16. The third
+        // frame is mostly white, and its other pixels rank it below the second.
+        "fuse {deep}--method two --rotate 90 -o %two.png",
+        "fuse {f}--method intensive --bits 16 --crop 0,0,90,60 -o %int.tif",
+        "info %r.png %c.png %p.tif %p.hdr %f.jpg %two.png %int.tif",
     };
     for (const std::string cmd : {"merge", "fuse", "info", "demo", "bracket", "ghosts"}) {
         rows.push_back(cmd + " --help");
@@ -244,6 +284,15 @@ TEST_F(Cli, CommandsAsRows) {
     const std::string kept = OL_SOURCE_DIR "/tests/fixtures/olhdr/commands.txt";
     if (std::getenv("OL_WRITE_FIXTURES")) oltest::writeText(kept, transcript);
     EXPECT_EQ(transcript, readText(kept));
+    // The estimated exponent is what the merge used: the same picture as --gamma.
+    std::smatch gamma;
+    ASSERT_TRUE(std::regex_search(transcript, gamma, std::regex("response gamma ([0-9.]+)")));
+    const std::string given = "merge -q " + join(sets["f"]) + "--gamma " + gamma[1].str() + " -o ";
+    EXPECT_EQ(run(given + quote(dir.file("given2.hdr"))).code, 0);
+    pairs.emplace_back("auto.hdr", "given2.hdr", true);
+    const std::string csv = readText(dir.file("r.csv"));  // the response table runs from 0 to 1
+    EXPECT_EQ(csv.rfind("level,value,measured\n0,", 0), 0u);
+    EXPECT_NE(csv.find("\n255,1,"), std::string::npos);
     if (geteuid() != 0) {  // a folder without write permission (root writes anyway)
         fs::create_directory(dir.file("ro"));
         fs::permissions(dir.file("ro"), fs::perms::owner_read | fs::perms::owner_exec);

@@ -1,16 +1,15 @@
-// The single-image commands of olhdr (response, compress, rank, panorama,
-// preview, histogram) and the finishing options of merge and fuse (--crop,
-// --rotate, --compress...), run as a user runs them on generated brackets:
-// what each prints and writes, checked against a plain reading of what the
-// outputs should hold (decoded by libpng and the library's Radiance reader),
-// and one-line errors on bad input.
+// The picture-changing commands of olhdr (preview, histogram) and the crop
+// and rotation of merge and fuse, run as a user runs them on a generated
+// bracket: what they write, checked against a plain reading of what the
+// outputs should hold (decoded by libpng and the library's Radiance reader).
+// What the other single-image commands print, and their errors, are rows of
+// cli_commands_test.cpp.
 #include <png.h>
 
 #include <algorithm>
 #include <array>
 #include <iterator>
 #include <numeric>
-#include <regex>
 #include <sstream>
 
 #include "support/json.hpp"
@@ -78,18 +77,14 @@ protected:
         const std::vector<std::string> files = bracket(*dir_, "br", "--size 97x61 --format png");
         frames_ = joined(files);
         fs::copy_file(files.at(0), dir_->file("photo.png"));
-        for (auto [cmd, out] : {std::pair{"merge -q ", "base.hdr"}, {"fuse -q ", "base.png"}, {"merge -q --crop 0,0,8,8 ", "tiny.hdr"}}) {
+        for (auto [cmd, out] : {std::pair{"merge -q ", "base.hdr"}, {"fuse -q ", "base.png"}}) {
             const Result r = run(cmd + frames_ + "-o " + q(dir_->file(out)));
             ASSERT_EQ(r.code, 0) << cmd << r.err;
         }
-        // Three frames of 96 x 64 as JPEGs and as 16-bit PNGs, and one of each.
-        const std::vector<std::string> jpgs = bracket(*dir_, "j", "--size 96x64 --frames 3"), pngs = bracket(*dir_, "d", "--size 96x64 --frames 3 --format png --bits 16");
-        jpg_ = joined(jpgs), deep_ = joined(pngs), first_ = q(pngs.at(0)), one_ = q(jpgs.at(0));
-        oltest::writeText(dir_->file("bad.icc"), "short");
     }
     static void TearDownTestSuite() { delete dir_; }
     static inline TempDir* dir_ = nullptr;
-    static inline std::string frames_, jpg_, deep_, first_, one_;
+    static inline std::string frames_;
 };
 
 // The sizes the host picks; the pixels are the library's resampling, tested
@@ -161,89 +156,6 @@ TEST_F(CliImageOps, CropAndRotateOutputs) {
                 if (!row.merge) { ASSERT_TRUE(std::equal(png.at(x, y), png.at(x, y) + 3, fused.at(sx, sy))) << crop << " " << x << "," << y; }
             }
     }
-}
-
-TEST_F(CliImageOps, BadInputGivesOneLine) {
-    const std::string x = " -o " + q(dir_->file("x.png"));
-    const struct { std::string args; int code; const char* mention; } rows[] = {
-        {"merge " + frames_ + "-o " + q(dir_->file("x.hdr")) + " --crop 90,0,10,10", 1, "does not lie inside the 97x61"},
-        {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --crop 0,60,96,5", 1, "does not lie inside"},
-        {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --crop -1,0,5,5", 1, "option --crop"},
-        {"merge " + frames_ + "-o " + q(dir_->file("x.hdr")) + " --rotate 45", 1, "option --rotate: 90, 180 or 270"},
-        {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --method two --deghost", 1, "--deghost goes with --method pyramid"},
-        {"fuse " + frames_ + "-o " + q(dir_->file("x.png")) + " --method blend", 1, "option --method"},
-        {"preview " + q(dir_->file("none.jpg")) + " -o " + q(dir_->file("x.jpg")), 2, "none.jpg: no such file"},
-        {"histogram " + q(dir_->file("none.hdr")) + " --json", 2, "none.hdr: no such file"},
-        // The reader takes one header line per 128 bytes of file: too few for an 8x8 picture.
-        {"preview " + q(dir_->file("tiny.hdr")) + " -o " + q(dir_->file("x.jpg")), 2, "too small for the library's Radiance reader"},
-        {"preview " + q(dir_->file("photo.png")) + " -o " + q(dir_->file("x.jpg")) + " --max-size 0", 1, "max-size"},
-        {"compress " + one_ + x, 2, "has 8-bit samples; compress takes a 16-bit"},
-        {"compress " + q(dir_->file("none.tif")) + x, 2, "none.tif: no such file"},
-        {"compress " + one_ + x + " --strength 101", 1, "strength"},
-        {"panorama " + q(dir_->file("none.hdr")) + x, 2, "none.hdr: no such file"},
-        {"panorama " + one_ + " -o " + q(dir_->file("x.hdr")), 1, "an 8 or 16-bit ball"},
-        {"panorama " + one_ + x + " --mode cubic", 1, "--mode"},
-        {"response " + one_, 1, "two or more exposures"},
-        {"response --profile " + q(dir_->file("bad.icc")), 2, "bad.icc: not an ICC profile"},
-        {"response " + one_ + " " + one_ + " --times 1/100,1/100", 2, "too few levels"},
-        {"rank " + jpg_ + q(dir_->file("none.jpg")), 2, "none.jpg: no such file"},
-        {"fuse " + jpg_ + "--sharpen nan" + x, 1, "sharpen"},
-        {"merge " + jpg_ + "--response manual" + x, 1, "--response: auto"},
-    };
-    for (const auto& row : rows) {
-        const Result r = run(row.args);
-        EXPECT_EQ(r.code, row.code) << row.args << "\n" << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-        EXPECT_NE(r.err.find(row.mention), std::string::npos) << r.err;
-        EXPECT_EQ(r.out, "");
-        EXPECT_FALSE(fs::exists(dir_->file("x.hdr")) || fs::exists(dir_->file("x.png")) || fs::exists(dir_->file("x.jpg")));
-    }
-}
-
-// The operator commands and the finishing options of fuse.
-TEST_F(CliImageOps, OperatorCommandsPrintAndWriteWhatTheySay) {
-    const std::string &jpg = jpg_, &deep = deep_, &first = first_, &one = one_, f = dir_->file("");
-    ASSERT_EQ(run("merge -q " + jpg + "-o " + q(f + "m.hdr")).code, 0);
-    auto o = [&](const std::string& name) { return " -o " + q(f + name); };
-    struct Case { std::string args, pattern, file; };  // the pattern on stdout; the file written, "" for none
-    const std::vector<Case> cases = {
-        // The generator's camera is a 2.2 curve with a soft shoulder.
-        {"response " + jpg + "--csv " + q(f + "r.csv") + " --plot " + q(f + "r.png"),
-         "response gamma (1\\.[89]|2\\.[0-5])\\d* from 3 frames \\(8-bit\\), exposures \\(from Exif\\)", "r.csv"},
-        {"response --profile " + one, "gamma 2\\.(199|2) \\(profile embedded in the JPEG", ""},
-        {"merge " + jpg + "--response auto" + o("auto.hdr"), "wrote .*auto\\.hdr: 96x64 Radiance", "auto.hdr"},
-        {"compress " + first + o("c.png") + " --strength 10", "wrote .*c\\.png: 96x64 8-bit PNG from 16 bits", "c.png"},
-        {"rank " + deep, "dark to bright by mean level, stops from the middle frame:\n +-\\d+  .*\n +\\+0  .*\n +\\+\\d+  .*\nspacing: ", ""},
-        {"panorama " + first + o("p.tif") + " --mode spline16", "wrote .*p\\.tif: 192x64 16-bit TIFF panorama", "p.tif"},
-        {"panorama " + q(f + "m.hdr") + o("p.hdr"), "wrote .*p\\.hdr: 192x64 Radiance panorama", "p.hdr"},
-        {"fuse " + deep + "--compress 20 --contrast 0.3 --sharpen 0.5" + o("f.jpg"), "wrote .*f\\.jpg: 96x64 8-bit JPEG", "f.jpg"},
-        // The one-pass blends, 16-bit frames to 8 bits and 8 to 16. The third
-        // frame is mostly white, and its other pixels rank it below the second.
-        {"fuse " + deep + "--method two --rotate 90" + o("two.png"),
-         "wrote .*two\\.png: 64x96 8-bit PNG fused from 3 frames \\(two-image blend of frame-1\\.png \\(dark\\) and frame-2\\.png \\(bright", "two.png"},
-        {"fuse " + jpg + "--method intensive --bits 16 --crop 0,0,90,60" + o("int.tif"),
-         "wrote .*int\\.tif: 90x60 16-bit TIFF fused from 3 frames \\(intensive blend, radius 1 step 1\\)", "int.tif"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args);
-        const Result r = run(c.args);
-        EXPECT_EQ(r.code, 0) << r.err;
-        EXPECT_TRUE(std::regex_search(r.out, std::regex(c.pattern))) << r.out;
-        if (!c.file.empty()) { EXPECT_TRUE(fs::exists(f + c.file)); }
-    }
-    // The estimated exponent is what the merge used: the same picture as --gamma.
-    std::smatch g;
-    const std::string said = run("response " + jpg).out;
-    ASSERT_TRUE(std::regex_search(said, g, std::regex("gamma ([0-9.]+)")));
-    ASSERT_EQ(run("merge -q " + jpg + "--gamma " + g[1].str() + " -o " + q(f + "given.hdr")).code, 0);
-    EXPECT_EQ(oltest::readFile(f + "given.hdr"), oltest::readFile(f + "auto.hdr"));
-    // The table runs from 0 to 1; the plot and the panorama open at their sizes.
-    const auto csv = oltest::readFile(f + "r.csv");
-    const std::string text(csv.begin(), csv.end());
-    EXPECT_EQ(text.rfind("level,value,measured\n0,", 0), 0u);
-    EXPECT_NE(text.find("\n255,1,"), std::string::npos);
-    for (auto [file, size] : {std::pair{"r.png", "256\nheight +256"}, {"p.hdr", "192\nheight +64"}, {"two.png", "64\nheight +96"}, {"int.tif", "90\nheight +60"}})
-        EXPECT_TRUE(std::regex_search(run("info " + q(f + file)).out, std::regex(std::string("width +") + size))) << file;
 }
 
 }  // namespace
