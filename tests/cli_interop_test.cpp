@@ -40,7 +40,8 @@ protected:
     static std::string file(const std::string& name) { return dir_->file("demo/" + name); }
     static std::string frames() {
         std::string s;
-        for (const char* f : {"frame-1.jpg", "frame-2.jpg", "frame-3.jpg"}) s += oltest::shellQuote(file("frames/") + f) + " ";
+        for (const char* f : {"frame-1.jpg", "frame-2.jpg", "frame-3.jpg"})
+            s += oltest::shellQuote(file("frames/") + f) + " ";
         return s;
     }
 
