@@ -2,13 +2,11 @@
 // on the system's libraries, output files, the progress line and the
 // synthetic scene. The commands themselves are tested by running the program.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <cstring>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -77,18 +75,17 @@ TEST(Args, ParsesLongShortInlineAndPositional) {
     EXPECT_EQ(a.text("missing", "dflt"), "dflt");
 }
 
+// Unknown option, value missing, trailing junk, not a number, out of range on
+// either side, not whole, a flag with a value, bundled short options; the
+// bounds themselves are inclusive.
 TEST(Args, RefusesBadInputAsUsageErrors) {
     const std::vector<OptionSpec> specs = {{"n", 0, true}, {"k", 0, true}, {"flag", 0, false}};
-    EXPECT_EQ(usageCode({"--unknown"}, specs), kExitUsage);
-    EXPECT_EQ(usageCode({"--n"}, specs), kExitUsage);            // value missing
-    EXPECT_EQ(usageCode({"--n", "3x"}, specs), kExitUsage);      // trailing junk
-    EXPECT_EQ(usageCode({"--n", "nan"}, specs), kExitUsage);
-    EXPECT_EQ(usageCode({"--n", "11"}, specs), kExitUsage);      // out of range
-    EXPECT_EQ(usageCode({"--k", "2.5"}, specs), kExitUsage);     // not whole
-    EXPECT_EQ(usageCode({"--flag=1"}, specs), kExitUsage);       // a flag takes no value
-    EXPECT_EQ(usageCode({"-nk"}, specs), kExitUsage);
-    EXPECT_EQ(usageCode({"--n", "-1e-3"}, specs), kExitUsage);
-    EXPECT_EQ(usageCode({"--n", "10", "--k", "5"}, specs), 0);  // bounds are inclusive
+    const std::vector<std::pair<std::vector<std::string>, int>> rows = {
+        {{"--unknown"}, kExitUsage},   {{"--n"}, kExitUsage},        {{"--n", "3x"}, kExitUsage},
+        {{"--n", "nan"}, kExitUsage},  {{"--n", "11"}, kExitUsage},  {{"--n", "-1e-3"}, kExitUsage},
+        {{"--k", "2.5"}, kExitUsage},  {{"--flag=1"}, kExitUsage},   {{"-nk"}, kExitUsage},
+        {{"--n", "10", "--k", "5"}, 0}};
+    for (const auto& [argv, code] : rows) EXPECT_EQ(usageCode(argv, specs), code) << argv.back();
 }
 
 TEST(Args, ParsesSizes) {
@@ -203,16 +200,8 @@ TEST(OutputFile, LeavesNothingBehindUnlessCommitted) {
     EXPECT_EQ(std::distance(fs::directory_iterator(s.dir), fs::directory_iterator()), 1);
 }
 
-TEST(OutputFile, CheckWritableNamesTheProblem) {
-    Scratch s;
-    // A missing folder; a folder is not a file name.
-    for (const std::string& path : {s.file("x.hdr"), s.file("no/such/folder/x.hdr"), s.dir.string()})
-        EXPECT_EQ(codeOf([&] { checkWritable(path); }), path == s.file("x.hdr") ? 0 : kExitOutput) << path;
-    if (geteuid() != 0) {
-        fs::permissions(s.dir, fs::perms::owner_read | fs::perms::owner_exec);
-        EXPECT_EQ(codeOf([&] { checkWritable(s.file("x.hdr")); }), kExitOutput);
-        fs::permissions(s.dir, fs::perms::owner_all);
-    }
+// (Outputs that cannot be written are rows of the command transcript.)
+TEST(OutputFile, ExtensionIsLowerCase) {
     EXPECT_EQ(extensionOf("a/b.Tiff"), "tiff");
     EXPECT_EQ(extensionOf("noext"), "");
 }
@@ -229,14 +218,16 @@ TEST(Progress, LineShowsFractionAndFitsWidth) {
     EXPECT_NE(nan.find("  0%"), std::string::npos);
 }
 
-TEST(Scene, BracketIsOrderedAndCoversTheRange) {
+// The scene covers the range a bracket is for, at both depths alike. (The
+// exposure times and the frames' exact content are pinned through the
+// command transcript of cli_commands_test.cpp.)
+TEST(Scene, BracketCoversTheRangeAtBothDepths) {
     BracketSpec spec;
     spec.width = 240, spec.height = 160, spec.frames = 3;
     const auto frames = renderBracket(spec);
     ASSERT_EQ(frames.size(), 3u);
     double m[3], c[3], b[3];  // mean, share clipped, share near black
     for (int k = 0; k < 3; ++k) {
-        EXPECT_EQ(frames[k].exposureNum * 240 / frames[k].exposureDen, k == 0 ? 1 : k == 1 ? 4 : 16);  // 1/240, 1/60, 1/15 s
         const auto& px = frames[k].image.pixels;
         m[k] = std::accumulate(px.begin(), px.end(), 0.0) / px.size();
         c[k] = std::count_if(px.begin(), px.end(), [](int v) { return v >= 254; }) / double(px.size());
@@ -247,18 +238,8 @@ TEST(Scene, BracketIsOrderedAndCoversTheRange) {
     EXPECT_GT(c[0], 0.0);       // the sun is clipped even in the darkest frame
     EXPECT_GT(c[2], c[0] * 5);  // the bright frame clips much more
     EXPECT_GT(b[0], 0.01);      // the dark frame has near-black shadows
-    // The same seed renders the same frames; another seed changes the noise.
-    EXPECT_EQ(renderBracket(spec)[1].image.pixels, frames[1].image.pixels);
-    spec.seed = 2;
-    EXPECT_NE(renderBracket(spec)[1].image.pixels, frames[1].image.pixels);
-}
-
-TEST(Scene, SixteenBitFramesFollowTheEightBitOnes) {
-    BracketSpec spec;
-    spec.width = 64, spec.height = 48, spec.frames = 1;
-    const Image a = renderBracket(spec)[0].image;
     spec.bits = 16;
-    const Image b = renderBracket(spec)[0].image;
-    ASSERT_EQ(b.byteCount(), a.byteCount() * 2);
-    for (std::size_t i = 0; i < a.pixels.size(); ++i) EXPECT_NEAR(b.sample16(i) / 257.0, a.pixels[i], 1.0);
+    const Image deep = renderBracket(spec)[1].image, &a = frames[1].image;
+    ASSERT_EQ(deep.byteCount(), a.byteCount() * 2);
+    for (std::size_t i = 0; i < a.pixels.size(); ++i) ASSERT_NEAR(deep.sample16(i) / 257.0, a.pixels[i], 1.0) << i;
 }
