@@ -24,10 +24,15 @@ using Result = oltest::HostRun;
 std::string q(const std::string& s) { return oltest::shellQuote(s); }
 Result run(const std::string& args) { return oltest::runOlhdr(args); }
 
-struct Rgb { int w = 0, h = 0; std::vector<std::uint8_t> px; const std::uint8_t* at(int x, int y) const { return &px[(std::size_t(y) * w + x) * 3]; } };  // red first
+struct Rgb {  // red first
+    int w = 0, h = 0;
+    std::vector<std::uint8_t> px;
+    const std::uint8_t* at(int x, int y) const { return &px[(std::size_t(y) * w + x) * 3]; }
+};
 
 Rgb readPng(const std::string& path) {
-    png_image img{}; img.version = PNG_IMAGE_VERSION;
+    png_image img{};
+    img.version = PNG_IMAGE_VERSION;
     Rgb r;
     if (!png_image_begin_read_from_file(&img, path.c_str())) return r;
     img.format = PNG_FORMAT_RGB, r.w = static_cast<int>(img.width), r.h = static_cast<int>(img.height);
