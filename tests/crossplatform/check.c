@@ -81,16 +81,11 @@ static void shown(const char* name, int got, void* buf, size_t size) {
  * apart through a gamma of 2 (an integer square root), in 8 and 16 bits,
  * from integers only. */
 
-static unsigned isqrt(unsigned long long v) {
-    unsigned long long r = 0, bit = 1ull << 62;
-    while (bit > v) bit >>= 2;
-    for (; bit; bit >>= 2) {
-        if (v >= r + bit) {
-            v -= r + bit;
-            r = (r >> 1) + bit;
-        } else {
-            r >>= 1;
-        }
+static unsigned isqrt(unsigned long long v) { /* Newton's steps down to the floor of the root */
+    unsigned long long r = v, next = (v + 1) / 2;
+    while (next < r) {
+        r = next;
+        next = (r + v / r) / 2;
     }
     return (unsigned)r;
 }
