@@ -138,13 +138,13 @@ TEST_F(CliInterop, ImageMagickTurnsTaggedFramesAsOlhdrStoresThem) {
     if (!oltest::haveProgram("convert")) GTEST_SKIP() << "no ImageMagick";
     // The bracket's camera-form frames, turned by an independent reader,
     // are the upright frames: the tags mean what the merge takes them to mean.
-    sh("'" + kProgram + "' bracket -q --frames 1 --size 48x32 --format tif -o '" + file("o1") + "'");
+    oltest::runOlhdr("bracket -q --frames 1 --size 48x32 --format tif -o '" + file("o1") + "'");
     const std::string upright = sh("convert '" + file("o1/frame-1.tif") + "' -depth 8 rgb:- 2>/dev/null | md5sum");
     ASSERT_EQ(upright.find("d41d8cd98f00b204e9800998ecf8427e"), std::string::npos) << "convert read nothing";
     for (int o = 2; o <= 8; ++o) {
         const std::string dir = file("o" + std::to_string(o));
-        sh("'" + kProgram + "' bracket -q --frames 1 --size 48x32 --format tif --orientation " + std::to_string(o) +
-           " -o '" + dir + "'");
+        oltest::runOlhdr("bracket -q --frames 1 --size 48x32 --format tif -o '" + dir + "' --orientation " +
+                         std::to_string(o));
         EXPECT_EQ(sh("convert '" + dir + "/frame-1.tif' -auto-orient -depth 8 rgb:- 2>/dev/null | md5sum"), upright) << o;
     }
 }
@@ -153,23 +153,17 @@ TEST_F(CliInterop, MergeAgreesWithOpenCvsCalibratedDebevecOnRealBrackets) {
     OL_REQUIRE_TESTDATA();
     if (!oltest::havePythonModule("cv2")) GTEST_SKIP() << "no OpenCV";
     const fs::path sets = oltest::testdataDir() / "brackets";
-    struct Case {
-        std::string frames;
-        std::string options;
-    };
     // The memorial scans put black at about 16: without --black-level the
     // merge takes it for light (correlation 0.42).
-    const std::vector<Case> cases = {
-        {"memorial_debevec_png/*.png", "--times 32,8,2,1/2,1/8,1/32,1/128,1/512 --black-level 16"},
-        {"samsung_ex2f_campus/*.JPG", "--times 1/10,1/20,1/45,1/90,1/180,1/350,1/750,1/1500"},
-    };
-    for (const auto& c : cases) {
-        if (!fs::exists(sets / fs::path(c.frames).parent_path())) continue;
+    for (const auto& [frames, options] :
+         {std::pair{"memorial_debevec_png/*.png", "--times 32,8,2,1/2,1/8,1/32,1/128,1/512 --black-level 16"},
+          {"samsung_ex2f_campus/*.JPG", "--times 1/10,1/20,1/45,1/90,1/180,1/350,1/750,1/1500"}}) {
+        if (!fs::exists(sets / fs::path(frames).parent_path())) continue;
         int code = 0;
         const std::string out = sh(oltest::systemPython() + " '" OL_SOURCE_DIR "/tools/tests/hdr_agreement.py' '" +
-                                       kProgram + "' " + (sets / c.frames).string() + " " + c.options,
+                                       kProgram + "' " + (sets / frames).string() + " " + options,
                                    &code);
-        ASSERT_EQ(code, 0) << c.frames;
-        EXPECT_GE(std::stod(out), 0.98) << c.frames << ": " << out;
+        ASSERT_EQ(code, 0) << frames;
+        EXPECT_GE(std::stod(out), 0.98) << frames << ": " << out;
     }
 }
