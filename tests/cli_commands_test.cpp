@@ -163,7 +163,7 @@ TEST_F(Cli, CommandsAsRows) {
         // differs and is left out. Strips carry no metadata.
         "info %whole.hdr", "info %strips.hdr", "--help",
         // The single-image commands and the finishing options of merge and fuse.
-        "merge -q {f}--crop 0,0,8,8 -o %tiny.hdr", "merge {f}-o %out/x.hdr --crop 90,0,10,10",
+        "merge -q {f}--crop 0,0,8,8 -o %tiny.hdr", "merge {f}-o %out/x.hdr --crop 87,0,10,10",
         "fuse {f}-o %out/x.png --crop 0,60,96,5", "fuse {f}-o %out/x.png --crop -1,0,5,5",
         "merge {f}-o %out/x.hdr --rotate 45", "fuse {f}-o %out/x.png --method two --deghost",
         "fuse {f}-o %out/x.png --method blend", "preview %none.jpg -o %out/x.jpg", "histogram %none.hdr --json",
