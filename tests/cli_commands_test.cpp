@@ -103,6 +103,13 @@ TEST_F(Cli, CommandsAsRows) {
     oltest::writeText(dir.file("bare.txt"), "1/240\n1/60\n0.0667\n");
     oltest::writeText(dir.file("short.txt"), "frame-1.png 1/240\n");
     oltest::writeText(dir.file("bad.icc"), "short");
+    oltest::writeText(dir.file("text.tif"), std::string("II*\0 this is not really a TIFF", 30));
+    for (const std::string set : {"f", "png"}) {  // cut in half
+        const std::string whole = readText(sets[set][0]);
+        oltest::writeText(dir.file("half" + fs::path(sets[set][0]).extension().string()),
+                          whole.substr(0, whole.size() / 2));
+    }
+    fs::copy_file(sets["png"][0], dir.file("really-png.jpg"));
     fs::create_directory(dir.file("out"));
     fs::create_directory(dir.file("taken.tif"));
     fs::create_directory(dir.file("scratch"));
@@ -121,8 +128,10 @@ TEST_F(Cli, CommandsAsRows) {
     std::vector<std::string> rows = {
         // Damaged or unfit inputs.
         "merge {f}%missing.jpg -o %out/x.hdr", "merge {f}%notes.txt -o %out/x.hdr", "merge {f}%fake.jpg -o %out/x.hdr",
-        "merge {f}%f -o %out/x.hdr", "merge {f0} {big1} -o %out/x.hdr", "fuse {f0} {deep1} -o %out/x.tif",
-        "fuse {f}%in.hdr -o %out/x.tif", "info %notes.txt",
+        "merge {f0} %half.jpg -o %out/x.hdr", "merge {png0} %half.png -o %out/x.hdr",
+        "merge {f0} %text.tif -o %out/x.hdr", "info %really-png.jpg", "merge {f}%f -o %out/x.hdr",
+        "merge {f0} {big1} -o %out/x.hdr", "fuse {f0} {deep1} -o %out/x.tif", "fuse {f}%in.hdr -o %out/x.tif",
+        "info %notes.txt",
         // Outputs that cannot be written, checked before any work.
         "merge {f}-o %out/nowhere/x.hdr", "fuse {f}-o %taken.tif",
         "merge {f}-o %out/x.hdr --preview %out/nowhere/p.png",

@@ -137,39 +137,8 @@ TEST(Codecs, FramesReadBackAsWritten) {
     EXPECT_EQ(readJpeg(s.file("flat.jpg")).icc, icc);
 }
 
-TEST(Codecs, DamagedFilesGiveOneLineInputErrors) {
-    Scratch s;
-    writePng(s.file("ok.png"), gradient(64, 64, 8), {}, {});
-    writeJpeg(s.file("ok.jpg"), gradient(64, 64, 8), 90, {}, {});
-    for (const char* name : {"ok.png", "ok.jpg"}) fs::resize_file(s.file(name), fs::file_size(s.file(name)) / 2);
-    std::ofstream(s.file("text.tif")) << "II*\0 this is not really a TIFF";
-    for (auto [reader, name] : std::vector<std::pair<Image (*)(const std::string&), const char*>>{
-             {readPng, "ok.png"}, {readJpeg, "ok.jpg"}, {readTiff, "text.tif"}, {readPng, "none.png"},
-             {readTiff, "none.tif"}, {readJpeg, "none.jpg"}}) {
-        try {
-            reader(s.file(name));
-            ADD_FAILURE() << name << " was accepted";
-        } catch (const Failure& f) {
-            const std::string what = f.what();
-            EXPECT_EQ(f.code(), kExitInput) << name;
-            EXPECT_TRUE(what.find(name) != std::string::npos && what.find('\n') == std::string::npos) << what;
-        }
-    }
-}
-
-TEST(Codecs, SniffLooksAtContentNotName) {
-    Scratch s;
-    writePng(s.file("really-png.jpg"), gradient(8, 8, 8), {}, {});
-    const std::vector<std::tuple<const char*, const char*, FileKind>> rows = {
-        {"a.hdr", "#?RADIANCE\n", FileKind::Radiance}, {"a.psd", "8BPS", FileKind::Psd},
-        {"a.txt", "hello", FileKind::Unknown},        {"really-png.jpg", nullptr, FileKind::Png},
-        {"nothing", nullptr, FileKind::Missing},      {"", nullptr, FileKind::Directory}};
-    for (const auto& [name, content, kind] : rows) {
-        if (content) std::ofstream(s.file(name)) << content;
-        EXPECT_EQ(sniff(*name ? s.file(name) : s.dir.string()), kind) << name;
-    }
-}
-
+// Damaged and missing files, and a file sniffed by its content rather than
+// its name, are rows of the command transcript (cli_commands_test.cpp).
 TEST(Codecs, ToRgbSpreadsGreyAndDropsAlpha) {
     EXPECT_EQ(toRgb(Image{2, 1, 2, 8, {10, 255, 20, 0}}).pixels, (std::vector<std::uint8_t>{10, 10, 10, 20, 20, 20}));
     EXPECT_EQ(toRgb(Image{1, 1, 4, 8, {1, 2, 3, 4}}).pixels, (std::vector<std::uint8_t>{1, 2, 3}));
