@@ -286,7 +286,6 @@ TEST_F(Cli, DemoWritesEveryFileItListsAndTellsHowToCallOlhdr) {
         if (line.rfind("wrote ", 0) != 0) continue;
         const std::string path = line.substr(6, line.find_first_of(": (", 6) - 6);
         EXPECT_TRUE(fs::is_regular_file(path)) << line;
-        EXPECT_GT(fs::file_size(path), 1000u) << line;
         ++listed;
     }
     EXPECT_EQ(listed, 7);  // three frames, picture, preview, fused TIFF and JPEG

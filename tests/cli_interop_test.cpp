@@ -138,15 +138,17 @@ TEST_F(CliInterop, ImageMagickTurnsTaggedFramesAsOlhdrStoresThem) {
     if (!oltest::haveProgram("convert")) GTEST_SKIP() << "no ImageMagick";
     // The bracket's camera-form frames, turned by an independent reader,
     // are the upright frames: the tags mean what the merge takes them to mean.
-    oltest::runOlhdr("bracket -q --frames 1 --size 48x32 --format tif -o '" + file("o1") + "'");
-    const std::string upright = sh("convert '" + file("o1/frame-1.tif") + "' -depth 8 rgb:- 2>/dev/null | md5sum");
-    ASSERT_EQ(upright.find("d41d8cd98f00b204e9800998ecf8427e"), std::string::npos) << "convert read nothing";
-    for (int o = 2; o <= 8; ++o) {
-        const std::string dir = file("o" + std::to_string(o));
-        oltest::runOlhdr("bracket -q --frames 1 --size 48x32 --format tif -o '" + dir + "' --orientation " +
-                         std::to_string(o));
-        EXPECT_EQ(sh("convert '" + dir + "/frame-1.tif' -auto-orient -depth 8 rgb:- 2>/dev/null | md5sum"), upright) << o;
+    std::string upright;
+    for (int o = 1; o <= 8; ++o) {  // 1: stored upright, the reference
+        const std::string dir = file("o") + std::to_string(o);
+        oltest::runOlhdr("bracket -q --frames 1 --size 48x32 --format tif --orientation " + std::to_string(o) + " -o " +
+                         oltest::shellQuote(dir));
+        const std::string frame = oltest::shellQuote(dir + "/frame-1.tif");
+        const std::string turned = sh("convert " + frame + " -auto-orient -depth 8 rgb:- 2>/dev/null | md5sum");
+        if (o == 1) upright = turned;
+        EXPECT_EQ(turned, upright) << o;
     }
+    ASSERT_EQ(upright.find("d41d8cd98f00b204e9800998ecf8427e"), std::string::npos) << "convert read nothing";
 }
 
 TEST_F(CliInterop, MergeAgreesWithOpenCvsCalibratedDebevecOnRealBrackets) {

@@ -324,8 +324,7 @@ static void psdRoad(const uint8_t* p8, const uint16_t* p16) {
         PsdInfo info;
         memset(&info, 0, sizeof info);
         show("getPsdInfo", getPsdInfo(at(name), &info), ANY);
-        printf("info: %d %d %d %d %d %d %d %d %d\n", info.width, info.height, info.bps, info.channels, info.resH,
-               info.resV, info.lProfil, info.dataStart, info.exifStart);
+        printHex("info", &info, sizeof info);
         uint8_t prof[64] = {0}, *pixels = calloc(3 * plane, 1);
         show("psd_profile", psd_profile(at(name), prof), ANY);
         show("psd_profile bytes", memcmp(prof, head + 74, 20) == 0, 1);
