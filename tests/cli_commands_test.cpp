@@ -14,7 +14,6 @@
 #include "support/testsupport.hpp"
 
 namespace fs = std::filesystem;
-using oltest::TempDir;
 
 namespace {
 
@@ -22,8 +21,6 @@ const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
 
 using Result = oltest::HostRun;
 std::string quote(const std::string& s) { return oltest::shellQuote(s); }
-
-using oltest::readText;
 
 Result run(const std::string& args) { return oltest::runOlhdr(args); }
 
@@ -42,7 +39,7 @@ protected:
     void SetUp() override {
         if (!fs::exists(kProgram)) GTEST_SKIP() << "olhdr not built";
     }
-    TempDir dir;
+    oltest::TempDir dir;
     std::map<std::string, std::vector<std::string>> sets;  // brackets by name
 
     // Generates a bracket of 96x64 frames into folder `name`.
@@ -105,7 +102,7 @@ TEST_F(Cli, CommandsAsRows) {
     oltest::writeText(dir.file("bad.icc"), "short");
     oltest::writeText(dir.file("text.tif"), std::string("II*\0 this is not really a TIFF", 30));
     for (const std::string set : {"f", "png"}) {  // cut in half
-        const std::string whole = readText(sets[set][0]);
+        const std::string whole = oltest::readText(sets[set][0]);
         oltest::writeText(dir.file("half" + fs::path(sets[set][0]).extension().string()),
                           whole.substr(0, whole.size() / 2));
     }
@@ -116,7 +113,7 @@ TEST_F(Cli, CommandsAsRows) {
     fs::create_symlink(sets["f"][1], dir.file("link.jpg"));
     fs::create_hard_link(sets["f"][2], dir.file("hard.jpg"));
     std::vector<std::string> before;
-    for (const auto& f : sets["f"]) before.push_back(readText(f));
+    for (const auto& f : sets["f"]) before.push_back(oltest::readText(f));
     const std::string jpeg = before[0], model = "olhdr synthetic camera";
     oltest::writeText(dir.file("odd.jpg"),
                       jpeg.substr(0, 2) + std::string("\xFF\xE1\x00\x08NotExf", 10) + jpeg.substr(2));
@@ -237,14 +234,14 @@ TEST_F(Cli, CommandsAsRows) {
         transcript.replace(at, dir.path().string().size(), "%");
     const std::string kept = OL_SOURCE_DIR "/tests/fixtures/olhdr/commands.txt";
     if (std::getenv("OL_WRITE_FIXTURES")) oltest::writeText(kept, transcript);
-    EXPECT_EQ(transcript, readText(kept));
+    EXPECT_EQ(transcript, oltest::readText(kept));
     // The estimated exponent is what the merge used: the same picture as --gamma.
     std::smatch gamma;
     ASSERT_TRUE(std::regex_search(transcript, gamma, std::regex("response gamma ([0-9.]+)")));
     const std::string given = "merge -q " + join(sets["f"]) + "--gamma " + gamma[1].str() + " -o ";
     EXPECT_EQ(run(given + quote(dir.file("given2.hdr"))).code, 0);
     pairs.emplace_back("auto.hdr", "given2.hdr", true);
-    const std::string csv = readText(dir.file("r.csv"));  // the response table runs from 0 to 1
+    const std::string csv = oltest::readText(dir.file("r.csv"));  // the response table runs from 0 to 1
     EXPECT_EQ(csv.rfind("level,value,measured\n0,", 0), 0u);
     EXPECT_NE(csv.find("\n255,1,"), std::string::npos);
     if (geteuid() != 0) {  // a folder without write permission (root writes anyway)
@@ -259,7 +256,7 @@ TEST_F(Cli, CommandsAsRows) {
     EXPECT_EQ(entries(dir.file("out")), 0u);
     EXPECT_EQ(entries(dir.file("scratch")), 0u);  // disk mode removes its scratch files
     EXPECT_EQ(entries(dir.file("f")), 3u);
-    for (std::size_t k = 0; k < before.size(); ++k) EXPECT_EQ(readText(sets["f"][k]), before[k]);
+    for (std::size_t k = 0; k < before.size(); ++k) EXPECT_EQ(oltest::readText(sets["f"][k]), before[k]);
 
     pairs.insert(pairs.end(), {
         {"s.hdr", "r.hdr", true},      {"s.hdr", "g.hdr", false},  // the response gamma reaches the merge
@@ -352,7 +349,7 @@ TEST_F(Cli, InterruptRemovesPartialOutputsAndScratchFiles) {
         EXPECT_EQ(entries(dir.file("out")), 0u);
         // Said to the user even from inside the library call, whose own
         // printing is silenced (a slow build may still be reading frames).
-        const std::string err = readText(dir.file("err"));
+        const std::string err = oltest::readText(dir.file("err"));
         EXPECT_TRUE(err == "olhdr: interrupted, partial output removed\n" ||
                     err == "olhdr: interrupted before any output was written\n")
             << err;

@@ -16,13 +16,11 @@
 #include "support/testsupport.hpp"
 
 namespace fs = std::filesystem;
-using oltest::TempDir;
 
 namespace {
 
-using Result = oltest::HostRun;
 std::string q(const std::string& s) { return oltest::shellQuote(s); }
-Result run(const std::string& args) { return oltest::runOlhdr(args); }
+oltest::HostRun run(const std::string& args) { return oltest::runOlhdr(args); }
 
 // Pixels interleaved, red first: three samples a pixel from a PNG, four
 // (mantissas and exponent) from a Radiance picture.
@@ -68,18 +66,18 @@ std::vector<long> jsonArray(const std::string& text, const std::string& key) {
 class CliImageOps : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        dir_ = new TempDir;
+        dir_ = new oltest::TempDir;
         // Odd sizes throughout; the first frame is also the photo.
         ASSERT_EQ(run("bracket -q --size 97x61 --format png -o " + q(dir_->file("br"))).code, 0);
         for (int k = 1; k <= 3; ++k) frames_ += q(dir_->file("br/frame-" + std::to_string(k) + ".png")) + " ";
         fs::copy_file(dir_->file("br/frame-1.png"), dir_->file("photo.png"));
         for (auto [cmd, out] : {std::pair{"merge -q ", "base.hdr"}, {"fuse -q ", "base.png"}}) {
-            const Result r = run(cmd + frames_ + "-o " + q(dir_->file(out)));
+            const auto r = run(cmd + frames_ + "-o " + q(dir_->file(out)));
             ASSERT_EQ(r.code, 0) << cmd << r.err;
         }
     }
     static void TearDownTestSuite() { delete dir_; }
-    static inline TempDir* dir_ = nullptr;
+    static inline oltest::TempDir* dir_ = nullptr;
     static inline std::string frames_;
 };
 
@@ -92,7 +90,7 @@ TEST_F(CliImageOps, PreviewSizes) {
         {"base.hdr", "e.jpg", 49, 49, 31},  // exactly a halving level
         {"base.png", "f.png", 7, 7, 4}};
     for (const auto& row : rows) {
-        const Result r = run(std::string("preview ") + q(dir_->file(row.in)) + " -o " + q(dir_->file(row.out)) + " --max-size " + std::to_string(row.maxSize));
+        const auto r = run(std::string("preview ") + q(dir_->file(row.in)) + " -o " + q(dir_->file(row.out)) + " --max-size " + std::to_string(row.maxSize));
         ASSERT_EQ(r.code, 0) << row.out << ": " << r.err;
         EXPECT_NE(r.out.find(std::to_string(row.w) + "x" + std::to_string(row.h) + " preview"), std::string::npos) << r.out;
         if (std::string(row.out).find(".png") == std::string::npos) continue;
@@ -104,7 +102,7 @@ TEST_F(CliImageOps, PreviewSizes) {
 
 // Which count goes under which name; the Radiance bins and their total.
 TEST_F(CliImageOps, HistogramCountsMatchAPlainCount) {
-    const Result r = run("histogram " + q(dir_->file("photo.png")) + " --json -o " + q(dir_->file("h.png")));
+    const auto r = run("histogram " + q(dir_->file("photo.png")) + " --json -o " + q(dir_->file("h.png")));
     ASSERT_EQ(r.code, 0) << r.err;
     const Rgb src = readPng(dir_->file("photo.png"));
     std::vector<std::vector<long>> want(4, std::vector<long>(256));  // red, green, blue, luminance
@@ -113,7 +111,7 @@ TEST_F(CliImageOps, HistogramCountsMatchAPlainCount) {
     for (int k = 0; k < 4; ++k) EXPECT_EQ(jsonArray(r.out, std::array{"red", "green", "blue", "luminance"}[k]), want[k]) << k;
     EXPECT_EQ(readPng(dir_->file("h.png")).w, 532);
     // Radiance: 512 bins and their total.
-    const Result h = run("histogram " + q(dir_->file("base.hdr")) + " --json");
+    const auto h = run("histogram " + q(dir_->file("base.hdr")) + " --json");
     ASSERT_EQ(h.code, 0) << h.err;
     const std::vector<long> bins = jsonArray(h.out, "bins");
     const long lit = std::accumulate(bins.begin(), bins.end(), 0L);
@@ -132,7 +130,7 @@ TEST_F(CliImageOps, CropAndRotateOutputs) {
     for (const auto& row : rows) {
         const std::string out = dir_->file(row.merge ? "t.hdr" : "t.png");
         const std::string crop = std::to_string(row.cx) + "," + std::to_string(row.cy) + "," + std::to_string(row.cw) + "," + std::to_string(row.ch);
-        const Result r = run(std::string(row.merge ? "merge -q " : "fuse -q ") + frames_ + "-o " + q(out) + " --crop " + crop +
+        const auto r = run(std::string(row.merge ? "merge -q " : "fuse -q ") + frames_ + "-o " + q(out) + " --crop " + crop +
                                         (row.rotate ? " --rotate " + std::to_string(row.rotate) : ""));
         ASSERT_EQ(r.code, 0) << crop << ": " << r.err;
         const int ow = row.rotate % 180 ? row.ch : row.cw, oh = row.rotate % 180 ? row.cw : row.ch;  // a quarter turn swaps the sides

@@ -10,7 +10,6 @@
 #include "support/testsupport.hpp"
 
 namespace fs = std::filesystem;
-using oltest::TempDir;
 
 namespace {
 
@@ -28,7 +27,7 @@ class CliInterop : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         if (!fs::exists(kProgram)) return;
-        dir_ = new TempDir();
+        dir_ = new oltest::TempDir();
         ok_ = oltest::runOlhdr("demo -q --size 300x200 -o '" + dir_->file("demo") + "'").code == 0 &&
               oltest::runOlhdr("fuse -q " + frames() + "--bits 16 -o '" + file("fused16.png") + "'").code == 0;
         const std::string listing = "info --json '" + file("scene-fused.tif") + "' '" + file("scene.hdr") + "'";
@@ -47,7 +46,7 @@ protected:
         return s;
     }
 
-    static inline TempDir* dir_ = nullptr;
+    static inline oltest::TempDir* dir_ = nullptr;
     static inline bool ok_ = false;
 };
 
