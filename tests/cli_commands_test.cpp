@@ -1,7 +1,6 @@
 // The olhdr program run as a user runs it: generated brackets in, files out,
 // exit codes and one-line errors checked, and no partial output left behind
 // when something goes wrong.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,20 +10,17 @@
 #include <sstream>
 #include <tuple>
 
+#include "support/radiance.hpp"
 #include "support/testsupport.hpp"
 
 namespace fs = std::filesystem;
-using oltest::TempDir;
 
 namespace {
 
 const std::string kProgram = std::string(OL_TOOLS_DIR) + "/olhdr";
 
 using Result = oltest::HostRun;
-using oltest::shellQuote;
-std::string quote(const std::string& s) { return shellQuote(s); }
-
-using oltest::readText;
+std::string quote(const std::string& s) { return oltest::shellQuote(s); }
 
 Result run(const std::string& args) { return oltest::runOlhdr(args); }
 
@@ -38,23 +34,12 @@ std::size_t entries(const std::string& dir) {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
 }
 
-// The Radiance header lines (up to the blank line), and the scanlines behind
-// the resolution line.
-std::string radianceHeader(const std::string& path) {
-    const std::string s = readText(path);
-    return s.substr(0, s.find("\n\n") + 1);
-}
-std::string radianceData(const std::string& path) {
-    const std::string s = readText(path);
-    return s.substr(s.find('\n', s.find("-Y ")) + 1);
-}
-
 class Cli : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!fs::exists(kProgram)) GTEST_SKIP() << "olhdr not built";
     }
-    TempDir dir;
+    oltest::TempDir dir;
     std::map<std::string, std::vector<std::string>> sets;  // brackets by name
 
     // Generates a bracket of 96x64 frames into folder `name`.
@@ -90,10 +75,11 @@ protected:
 
 }  // namespace
 
-// Every command as a row: arguments, exit code, fragments of stdout and of
-// stderr, one line on stderr for each. A failing row names the program and
-// prints nothing on stdout unless the row expects it (info lists the good
-// files), and writes into out/, which stays empty. Files the rows wrote are then
+// Every command as a row. What each returns and prints on both streams, with
+// the scratch folder shown as %, is compared whole with the kept transcript
+// tests/fixtures/olhdr/commands.txt (OL_WRITE_FIXTURES=1 rewrites it: review
+// the diff). A failing command names the program on stderr and writes
+// nothing into out/, which stays empty. Files the rows wrote are then
 // compared: Radiance pictures by their scanlines, others whole.
 TEST_F(Cli, CommandsAsRows) {
     bracket("f", "");
@@ -113,171 +99,164 @@ TEST_F(Cli, CommandsAsRows) {
                                                  sets["bare"][1] + " 1/60\nother.png 1\n");
     oltest::writeText(dir.file("bare.txt"), "1/240\n1/60\n0.0667\n");
     oltest::writeText(dir.file("short.txt"), "frame-1.png 1/240\n");
+    oltest::writeText(dir.file("bad.icc"), "short");
+    oltest::writeText(dir.file("text.tif"), std::string("II*\0 this is not really a TIFF", 30));
+    for (const std::string set : {"f", "png"}) {  // cut in half
+        const std::string whole = oltest::readText(sets[set][0]);
+        oltest::writeText(dir.file("half" + fs::path(sets[set][0]).extension().string()),
+                          whole.substr(0, whole.size() / 2));
+    }
+    fs::copy_file(sets["png"][0], dir.file("really-png.jpg"));
     fs::create_directory(dir.file("out"));
     fs::create_directory(dir.file("taken.tif"));
     fs::create_directory(dir.file("scratch"));
     fs::create_symlink(sets["f"][1], dir.file("link.jpg"));
     fs::create_hard_link(sets["f"][2], dir.file("hard.jpg"));
     std::vector<std::string> before;
-    for (const auto& f : sets["f"]) before.push_back(readText(f));
+    for (const auto& f : sets["f"]) before.push_back(oltest::readText(f));
+    const std::string jpeg = before[0], model = "olhdr synthetic camera";
+    oltest::writeText(dir.file("odd.jpg"),
+                      jpeg.substr(0, 2) + std::string("\xFF\xE1\x00\x08NotExf", 10) + jpeg.substr(2));
+    for (const auto& [name, camera] :
+         {std::pair{"utf8.jpg", "ol\xC3\xA9r synthetic camera"}, {"latin1.jpg", "olh\xE9r \"synthetic\\cam"}})
+        oltest::writeText(dir.file(name), std::string(jpeg).replace(jpeg.find(model), model.size(), camera));
 
-    struct Row {
-        std::string args;
-        int code;
-        std::vector<std::string> out, err;
-    };
     const std::string times = "--times 1/240,1/60,1/15";
-    std::vector<Row> rows = {
+    std::vector<std::string> rows = {
         // Damaged or unfit inputs.
-        {"merge {f}%missing.jpg -o %out/x.hdr", 2, {}, {"missing.jpg: no such file"}},
-        {"merge {f}%notes.txt -o %out/x.hdr", 2, {}, {"notes.txt: not an image"}},
-        {"merge {f}%fake.jpg -o %out/x.hdr", 2, {}, {"fake.jpg: "}},
-        {"merge {f}%f -o %out/x.hdr", 2, {}, {"is a folder"}},
-        {"merge {f0} {big1} -o %out/x.hdr", 2, {}, {"{big1}: is 100x64, but"}},
-        {"fuse {f0} {deep1} -o %out/x.tif", 2, {}, {"{deep1}: has 16-bit samples"}},
-        {"fuse {f}%in.hdr -o %out/x.tif", 2, {}, {"is a Radiance picture"}},
-        {"info %notes.txt", 2, {}, {"notes.txt"}},
+        "merge {f}%missing.jpg -o %out/x.hdr", "merge {f}%notes.txt -o %out/x.hdr", "merge {f}%fake.jpg -o %out/x.hdr",
+        "merge {f0} %half.jpg -o %out/x.hdr", "merge {png0} %half.png -o %out/x.hdr",
+        "merge {f0} %text.tif -o %out/x.hdr", "info %really-png.jpg", "merge {f}%f -o %out/x.hdr",
+        "merge {f0} {big1} -o %out/x.hdr", "fuse {f0} {deep1} -o %out/x.tif", "fuse {f}%in.hdr -o %out/x.tif",
+        "info %notes.txt",
         // Outputs that cannot be written, checked before any work.
-        {"merge {f}-o %out/nowhere/x.hdr", 3, {}, {"does not exist"}},
-        {"fuse {f}-o %taken.tif", 3, {}, {"is a folder"}},
-        {"merge {f}-o %out/x.hdr --preview %out/nowhere/p.png", 3, {}, {"p.png"}},
+        "merge {f}-o %out/nowhere/x.hdr", "fuse {f}-o %taken.tif",
+        "merge {f}-o %out/x.hdr --preview %out/nowhere/p.png",
         // An output that is an input, by any name.
-        {"fuse {f}-o {f0}", 1, {}, {"{f0}"}},
-        {"fuse {f}-o %f/../f/./frame-1.jpg", 1, {}, {"%f/../f/./frame-1.jpg"}},
-        {"fuse {f}-o %link.jpg", 1, {}, {"link.jpg"}},
-        {"fuse {f}-o %hard.jpg", 1, {}, {"hard.jpg"}},
-        {"merge {f}-o %out/x.hdr --preview {f2}", 1, {}, {"{f2}"}},
+        "fuse {f}-o {f0}", "fuse {f}-o %f/../f/./frame-1.jpg", "fuse {f}-o %link.jpg", "fuse {f}-o %hard.jpg",
+        "merge {f}-o %out/x.hdr --preview {f2}",
         // Mistakes on the command line.
-        {"frobnicate", 1, {}, {"unknown command"}},
-        {"merge {f}", 1, {}, {"-o OUT.hdr"}},
-        {"merge -o %out/x.hdr", 1, {}, {"no frames"}},
-        {"merge {f0} -o %out/x.hdr", 1, {}, {"one frame given"}},
-        {"merge {f}-o %out/x.exr", 1, {}, {".hdr"}},
-        {"fuse {f}-o %out/x.tif --bits 12", 1, {}, {"--bits"}},
-        {"fuse {f}-o %out/x.jpg --bits 16", 1, {}, {"8-bit"}},
-        {"fuse {f}-o %out/x.tif --white-clip 60", 1, {}, {"--white-clip"}},
-        {"fuse {f}-o %out/x.tif --colour", 1, {}, {"unknown option --colour"}},
-        {"bracket --format gif -o %out/g", 1, {}, {"--format"}},
-        {"merge {f}-o %out/x.hdr --preview-tone filmic", 1, {}, {"--preview-tone"}},
-        {"fuse {f0} --align --deghost -o %out/x.tif", 1, {}, {"one frame given"}},
-        {"ghosts {f0} -o %out/g.png", 1, {}, {"one frame given"}},
-        {"fuse {f0} {big1} --align -o %out/x.tif", 2, {}, {"{big1}"}},
-        {"ghosts {f0} {big1} -o %out/g.png", 2, {}, {"{big1}"}},
-        {"merge {f}--keep-size -o %out/x.hdr", 1, {}, {"--align"}},
-        {"fuse {f}--ghost-threshold 5 -o %out/x.tif", 1, {}, {"--deghost"}},
+        "", "frobnicate", "merge {f}", "merge -o %out/x.hdr", "merge {f0} -o %out/x.hdr", "merge {f}-o %out/x.exr",
+        "fuse {f}-o %out/x.tif --bits 12", "fuse {f}-o %out/x.jpg --bits 16", "fuse {f}-o %out/x.tif --white-clip 60",
+        "fuse {f}-o %out/x.tif --colour", "bracket --format gif -o %out/g",
+        "merge {f}-o %out/x.hdr --preview-tone filmic", "fuse {f0} --align --deghost -o %out/x.tif",
+        "ghosts {f0} -o %out/g.png", "fuse {f0} {big1} --align -o %out/x.tif", "ghosts {f0} {big1} -o %out/g.png",
+        "merge {f}--keep-size -o %out/x.hdr", "fuse {f}--ghost-threshold 5 -o %out/x.tif",
         // Exposure times: from the user, a step, Exif or the brightness.
-        {"merge {bare}" + times + " -o %t1.hdr", 0, {"exposures (from --times): 0.1344 0.5376 2.151\n"}, {}},
-        {"merge {bare}--times-file %named.txt -o %t2.hdr", 0, {"from %named.txt): 0.1344 0.5376 2.151\n"}, {}},
-        {"merge {bare}--times-file %bare.txt -o %t3.hdr", 0, {"0.1344 0.5376 2.15"}, {}},
-        {"merge {bare}-o %t4.hdr", 0, {"inferred from brightness"}, {"note: the frames carry no exposure times"}},
-        {"merge {bare1} {bare0} {bare2} --ev-step 2 -o %t5.hdr", 0, {},
-         {"note: frames reordered by brightness (darkest first): frame-1.png, frame-2.png, frame-3.png\n"}},
-        {"merge {bare}--times 1/15,1/60,1/240 -o %t6.hdr", 0, {},
-         {"warning: frame-2.png has 2.00 stop more exposure than frame-3.png but is darker",
-          "warning: frame-1.png has 2.00 stop more exposure than frame-2.png but is darker"}},
-        {"merge {bare}--times 1/240,1/60 -o %out/x.hdr", 1, {}, {"2 times for 3 frames"}},
-        {"merge {bare}--times 1/240,fast,1/15 -o %out/x.hdr", 1, {}, {"'fast' is not an exposure time"}},
-        {"merge {bare}--times-file %short.txt -o %out/x.hdr", 2, {}, {"has no time for {bare1}"}},
-        {"merge {bare}" + times + " --ev-step 2 -o %out/x.hdr", 1, {}, {"not both"}},
+        "merge {bare}" + times + " -o %t1.hdr", "merge {bare}--times-file %named.txt -o %t2.hdr",
+        "merge {bare}--times-file %bare.txt -o %t3.hdr", "merge {bare}-o %t4.hdr",
+        "merge {bare1} {bare0} {bare2} --ev-step 2 -o %t5.hdr", "merge {bare}--times 1/15,1/60,1/240 -o %t6.hdr",
+        "merge {bare}--times 1/240,1/60 -o %out/x.hdr", "merge {bare}--times 1/240,fast,1/15 -o %out/x.hdr",
+        "merge {bare}--times-file %short.txt -o %out/x.hdr", "merge {bare}" + times + " --ev-step 2 -o %out/x.hdr",
         // Two stops apart: exposures by brightness, whatever the order given.
-        {"merge {bare}--ev-step 2 -o %s.hdr", 0, {"(from --ev-step, 2 EV apart)", ": 0.25 1 4\n"}, {}},
-        {"merge {bare2} {bare1} {bare0} --ev-step 2 -o %r.hdr", 0, {": 4 1 0.25\n"}, {}},
-        {"merge -q {bare}--ev-step 2 --gamma 1 -o %g.hdr", 0, {}, {}},
-        {"merge -q {bare}" + times + " -o %given.hdr", 0, {}, {}},
+        "merge {bare}--ev-step 2 -o %s.hdr", "merge {bare2} {bare1} {bare0} --ev-step 2 -o %r.hdr",
+        "merge -q {bare}--ev-step 2 --gamma 1 -o %g.hdr", "merge -q {bare}" + times + " -o %given.hdr",
         // A PNG keeps Exif in its eXIf chunk, and the library reads it there.
-        {"merge {png}-o %exif.hdr", 0, {"exposures (from Exif)"}, {}},
+        "merge {png}-o %exif.hdr",
         // Strips, threads, disk mode and settings.
-        {"merge -q {f}-o %whole.hdr", 0, {}, {}},
-        {"merge -q {f2} {f0} {f1} -o %shuffled.hdr", 0, {}, {}},
-        {"merge {f}--strip-rows 7 -o %strips.hdr", 0, {"in strips"}, {}},
-        {"fuse -q {four}-j 1 -o %one.tif", 0, {}, {}},
-        {"fuse -q {four}-j 3 -o %three.tif", 0, {}, {}},
-        {"fuse {four}--disk --scratch %scratch -o %disk.tif", 0, {"disk mode"}, {}},
-        {"fuse -q {four}--black-clip 5 -o %clip.tif", 0, {}, {}},
-        {"fuse {f}{f0} -o %t.jpg", 0, {"fused from 4 frames"}, {"olhdr fuse: warning: {f0} is given twice\n"}},
-    };
-    // Frames of every format and depth are read; outputs of every format
-    // carry the frames' metadata (IPTC in the TIFF only: the PNG and JPEG
-    // writers here carry Exif and ICC), previews of both tones too.
-    for (const std::string cmd : {"merge", "fuse", "info", "demo", "bracket", "ghosts"})
-        for (const std::string& args : {cmd + " --help", "help " + cmd}) rows.push_back({args, 0, {"usage: olhdr " + cmd}, {}});
-    rows.push_back({"--help", 0, {"exit codes:"}, {}});
-    // info reports every file: the good ones listed (PSD frames carry the
-    // Exif the bracket's help promises), each bad one on stderr.
-    rows.push_back({"info {f0} %notes.txt %gone.jpg {psd0}", 2,
-                    {"file         {f0}", "file         {psd0}", "camera       olhdr synthetic camera"},
-                    {"notes.txt", "gone.jpg: no such file"}});
+        "merge -q {f}-o %whole.hdr", "merge -q {f2} {f0} {f1} -o %shuffled.hdr",
+        "merge {f}--strip-rows 7 -o %strips.hdr", "fuse -q {four}-j 1 -o %one.tif", "fuse -q {four}-j 3 -o %three.tif",
+        "fuse {four}--disk --scratch %scratch -j 2 -o %disk.tif", "fuse -q {four}--black-clip 5 -o %clip.tif",
+        "fuse {f}{f0} -j 2 -o %t.jpg",
+        // info reports every file: the good ones listed (PSD frames carry the
+        // Exif the bracket's help promises), each bad one on stderr.
+        "info {f0} %notes.txt %gone.jpg {psd0}",
+        // A JPEG whose APP1 is not Exif makes the library print on stdout: the
+        // listing stays clean JSON. A camera name in UTF-8 stays, other bytes
+        // are escaped (same length: offsets stay valid).
+        "info --json %odd.jpg {f1}", "info --json %utf8.jpg %latin1.jpg",
+        // Values the frames share stay in the header; the exposure time
+        // differs and is left out. Strips carry no metadata.
+        "info %whole.hdr", "info %strips.hdr", "--help",
+        // The single-image commands and the finishing options of merge and fuse.
+        "merge -q {f}--crop 0,0,8,8 -o %tiny.hdr", "merge {f}-o %out/x.hdr --crop 87,0,10,10",
+        "fuse {f}-o %out/x.png --crop 0,60,96,5", "fuse {f}-o %out/x.png --crop -1,0,5,5",
+        "merge {f}-o %out/x.hdr --rotate 45", "fuse {f}-o %out/x.png --method two --deghost",
+        "fuse {f}-o %out/x.png --method blend", "preview %none.jpg -o %out/x.jpg", "histogram %none.hdr --json",
+        // The reader takes one header line per 128 bytes of file: too few for an 8x8 picture.
+        "preview %tiny.hdr -o %out/x.jpg", "preview {png0} -o %out/x.jpg --max-size 0", "compress {f0} -o %out/x.png",
+        "compress %none.tif -o %out/x.png", "compress {f0} -o %out/x.png --strength 101",
+        "panorama %none.hdr -o %out/x.png", "panorama {f0} -o %out/x.hdr", "panorama {f0} -o %out/x.png --mode cubic",
+        "response {f0}", "response --profile %bad.icc", "response {f0} {f0} --times 1/100,1/100", "rank {f}%none.jpg",
+        "fuse {f}--sharpen nan -o %out/x.png", "merge {f}--response manual -o %out/x.hdr",
+        // The generator's camera is a 2.2 curve with a soft shoulder.
+        "response {f}--csv %r.csv --plot %r.png", "response --profile {f0}", "merge {f}--response auto -o %auto.hdr",
+        "compress {deep0} -o %c.png --strength 10", "rank {deep}", "panorama {deep0} -o %p.tif --mode spline16",
+        "panorama %whole.hdr -o %p.hdr", "fuse {deep}--compress 20 --contrast 0.3 --sharpen 0.5 -j 2 -o %f.jpg",
+        // The one-pass blends, 16-bit frames to 8 bits and 8 to 16. The third
+        // frame is mostly white, and its other pixels rank it below the second.
+        "fuse {deep}--method two --rotate 90 -o %two.png",
+        "fuse {f}--method intensive --bits 16 --crop 0,0,90,60 -o %int.tif",
+        "info %r.png %c.png %p.tif %p.hdr %f.jpg %two.png %int.tif"};
+    for (const std::string cmd : {"merge", "fuse", "info", "demo", "bracket", "ghosts"}) {
+        rows.push_back(cmd + " --help");
+        EXPECT_EQ(run(cmd + " --help").out, run("help " + cmd).out) << cmd;
+    }
     // Handheld brackets with known displacements come back with exactly those
     // shifts, cropped or kept.
-    const std::string hand = "--size 480x320 --ev-step 1 ", aligned = "  aligned: shifts (right,down) against frame 1: +0,+0 ";
+    const std::string hand = "--size 480x320 --ev-step 1 ";
     bracket("sa", hand + "--frames 3 --format png --shift 0,0:-3,2:5,-4");
     bracket("sb", hand + "--frames 5 --bits 16 --format tif --shift 0,0:2,2:-2,1:1,-3:3,0");
     bracket("sc", hand + "--frames 4 --shift 0,0:-4,3:3,0:1,-2");
     bracket("sd", hand + "--frames 3 --format png");
-    rows.insert(rows.end(), {{"fuse {sa}--align -o %sa.tif", 0, {aligned + "-3,+2 +5,-4; cropped to 472x314\n"}, {}},
-                             {"merge {sb}--align --keep-size -o %sb.hdr", 0,
-                              {aligned + "+2,+2 -2,+1 +1,-3 +3,+0; size kept at 480x320\n"}, {}},
-                             {"ghosts {sc}--align -o %sc.png", 0, {aligned + "-4,+3 +3,+0 +1,-2; cropped to 473x315\n"}, {}},
-                             {"merge {sd}--align --deghost --consistency -o %sd.hdr", 0,
-                              {aligned + "+0,+0 +0,+0; cropped to 480x320\n"}, {}}});
+    rows.insert(rows.end(), {"fuse {sa}--align -j 2 -o %sa.tif", "merge {sb}--align --keep-size -o %sb.hdr",
+                             "ghosts {sc}--align -o %sc.png", "merge {sd}--align --deghost --consistency -o %sd.hdr"});
     std::vector<std::tuple<std::string, std::string, bool>> pairs;
     for (int o = 2; o <= 8; ++o) {  // frames stored as a camera held that way writes them
-        const std::string set = std::string("o") + static_cast<char>('a' + o), n = std::to_string(o);
-        bracket(set, "--format png --orientation " + n);
-        rows.push_back({"merge {" + set + "}-o %" + set + ".hdr --preview %" + set + ".jpg", 0,
-                        {"wrote %" + set + ".hdr: 96x64 ", "  turned upright: Exif orientation " + n + ", "}, {}});
-        rows.push_back({"info --json %" + set + ".jpg {" + set + "0}", 0,
-                        {"\"width\": 96, \"height\": 64", "\"orientation\": 1", "\"orientation\": " + n}, {}});
+        const std::string set = std::string("o") + static_cast<char>('a' + o);
+        bracket(set, "--format png --orientation " + std::to_string(o));
+        rows.push_back("merge {" + set + "}-o %" + set + ".hdr --preview %" + set + ".jpg");
+        rows.push_back("info --json %" + set + ".jpg {" + set + "0}");
         pairs.emplace_back("png.hdr", set + ".hdr", true);
     }
-    for (const std::string set : {"f", "png", "deep", "tif", "tifd", "psd", "psdd"}) {
-        const std::string bits = set == "deep" || set == "tifd" || set == "psdd" ? "16" : "8";
-        rows.push_back({"info --json {" + set + "0}", 0, {"\"bits\": " + bits, "\"width\": 96, \"height\": 64"}, {}});
-        rows.push_back({"merge {" + set + "}-o %" + set + ".hdr --preview %" + set + ".png", 0,
-                        {"exposures (from Exif)", "(" + bits + "-bit)"}, {}});
-        rows.push_back({"info %" + set + ".hdr", 0, {"width        96\nheight       64"}, {}});
+    // Frames of every format and depth are read; outputs of every format
+    // carry the frames' metadata (IPTC in the TIFF only: the PNG and JPEG
+    // writers here carry Exif and ICC), previews of both tones too.
+    for (const std::string set : {"f", "png", "deep", "tif", "tifd", "psd", "psdd"})
+        rows.insert(rows.end(),
+                    {"info --json {" + set + "0}", "merge {" + set + "}-o %" + set + ".hdr --preview %" + set + ".png",
+                     "info %" + set + ".hdr"});
+    for (const std::string out : {"o.tif", "o.png", "o.jpg"})
+        rows.insert(rows.end(), {"fuse -q {tifd}--bits " + std::string(out == "o.jpg" ? "8" : "16") + " -o %" + out,
+                                 "info --json %" + out});
+    for (const std::string p : {"photographic.png", "photographic.jpg", "linear.png", "linear.jpg"})
+        rows.insert(rows.end(), {"merge {f}-o %x.hdr --preview %" + p + " --preview-tone " + p.substr(0, p.find('.')),
+                                 "info --json %" + p});
+    std::string transcript;
+    for (const std::string& row : rows) {
+        const std::string args = expand(row, true);
+        const Result r = run(args);
+        transcript += "$ olhdr " + row + " -> " + std::to_string(r.code) + "\n" + r.out;
+        if (!r.err.empty()) transcript += "### stderr\n" + r.err;
+        EXPECT_TRUE(r.code == 0 || row.empty() || r.err.rfind("olhdr ", 0) == 0) << args << "\n" << r.err;
     }
-    const std::vector<std::string> shared = {"\"camera\": \"olhdr synthetic camera\"", "\"icc_profile\": \"sRGB\"",
-                                             "\"latitude\": 48.8584"};
-    for (const std::string out : {"o.tif", "o.png", "o.jpg"}) {
-        const std::string bits = out == "o.jpg" ? "8" : "16";
-        rows.push_back({"fuse -q {tifd}--bits " + bits + " -o %" + out, 0, {}, {}});
-        rows.push_back({"info --json %" + out, 0, shared, {}});
-        rows.back().out.push_back("\"bits\": " + bits);
-        if (out == "o.tif") rows.back().out.push_back("\"keywords\": [\"olhdr\", \"synthetic bracket\"]");
-    }
-    for (const std::string p : {"photographic.png", "photographic.jpg", "linear.png", "linear.jpg"}) {
-        rows.push_back({"merge {f}-o %x.hdr --preview %" + p + " --preview-tone " + p.substr(0, p.find('.')), 0,
-                        {"wrote %" + p + ": preview, "}, {}});
-        rows.push_back({"info --json %" + p, 0, shared, {}});
-        rows.back().out.push_back("\"iso\": 100");
-    }
+    for (std::size_t at; (at = transcript.find(dir.path().string())) != std::string::npos;)
+        transcript.replace(at, dir.path().string().size(), "%");
+    const std::string kept = OL_SOURCE_DIR "/tests/fixtures/olhdr/commands.txt";
+    if (std::getenv("OL_WRITE_FIXTURES")) oltest::writeText(kept, transcript);
+    EXPECT_EQ(transcript, oltest::readText(kept));
+    // The estimated exponent is what the merge used: the same picture as --gamma.
+    std::smatch gamma;
+    ASSERT_TRUE(std::regex_search(transcript, gamma, std::regex("response gamma ([0-9.]+)")));
+    const std::string given = "merge -q " + join(sets["f"]) + "--gamma " + gamma[1].str() + " -o ";
+    EXPECT_EQ(run(given + quote(dir.file("given2.hdr"))).code, 0);
+    pairs.emplace_back("auto.hdr", "given2.hdr", true);
+    const std::string csv = oltest::readText(dir.file("r.csv"));  // the response table runs from 0 to 1
+    EXPECT_EQ(csv.rfind("level,value,measured\n0,", 0), 0u);
+    EXPECT_NE(csv.find("\n255,1,"), std::string::npos);
     if (geteuid() != 0) {  // a folder without write permission (root writes anyway)
         fs::create_directory(dir.file("ro"));
         fs::permissions(dir.file("ro"), fs::perms::owner_read | fs::perms::owner_exec);
-        rows.push_back({"fuse {f}-o %ro/x.tif", 3, {}, {"cannot write"}});
+        const Result r = run("fuse " + join(sets["f"]) + "-o " + quote(dir.file("ro/x.tif")));
+        EXPECT_EQ(r.code, 3);
+        EXPECT_NE(r.err.find("cannot write"), std::string::npos) << r.err;
+        fs::permissions(dir.file("ro"), fs::perms::owner_all);
     }
-    for (const Row& row : rows) {
-        const std::string args = expand(row.args, true);
-        SCOPED_TRACE(args);
-        const Result r = run(args);
-        EXPECT_EQ(r.code, row.code) << r.err;
-        EXPECT_TRUE(row.args.find("-q ") == std::string::npos || r.out.empty()) << r.out;
-        for (const auto& f : row.out) EXPECT_NE(r.out.find(expand(f, false)), std::string::npos) << f << " in " << r.out;
-        for (const auto& f : row.err) EXPECT_NE(r.err.find(expand(f, false)), std::string::npos) << f << " in " << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), static_cast<long>(row.err.size())) << r.err;
-        if (row.code == 0) continue;
-        EXPECT_EQ(r.err.rfind("olhdr ", 0), 0u) << r.err;
-        EXPECT_TRUE(!row.out.empty() || r.out.empty()) << r.out;
-    }
-    if (geteuid() != 0) fs::permissions(dir.file("ro"), fs::perms::owner_all);
-    EXPECT_EQ(run("").code, 1);
     for (const char* n : {"sa.tif", "sb.hdr", "sc.png", "sd.hdr"}) EXPECT_TRUE(fs::exists(dir.file(n))) << n;
     EXPECT_EQ(entries(dir.file("out")), 0u);
     EXPECT_EQ(entries(dir.file("scratch")), 0u);  // disk mode removes its scratch files
     EXPECT_EQ(entries(dir.file("f")), 3u);
-    for (std::size_t k = 0; k < before.size(); ++k) EXPECT_EQ(readText(sets["f"][k]), before[k]);
-    EXPECT_EQ(radianceHeader(dir.file("strips.hdr")).find("CAMERA="), std::string::npos);
+    for (std::size_t k = 0; k < before.size(); ++k) EXPECT_EQ(oltest::readText(sets["f"][k]), before[k]);
 
     pairs.insert(pairs.end(), {
         {"s.hdr", "r.hdr", true},      {"s.hdr", "g.hdr", false},  // the response gamma reaches the merge
@@ -287,17 +266,12 @@ TEST_F(Cli, CommandsAsRows) {
     });
     for (const auto& [a, b, same] : pairs) {
         const bool hdr = fs::path(a).extension() == ".hdr";
-        auto content = [&](const std::string& n) { return hdr ? radianceData(dir.file(n)) : readText(dir.file(n)); };
+        auto content = [&](const std::string& n) {
+            const std::vector<std::uint8_t> b = oltest::readFile(dir.file(n));
+            return std::vector<std::uint8_t>(b.begin() + (hdr ? radtest::dataOffset(b) : 0), b.end());
+        };
         EXPECT_EQ(content(a) == content(b), same) << a << " " << b;
     }
-    // Values the frames share stay; the exposure time differs and is left out.
-    const std::string header = radianceHeader(dir.file("whole.hdr"));
-    EXPECT_EQ(header.rfind("#?RADIANCE\n", 0), 0u);
-    EXPECT_EQ(header, radianceHeader(dir.file("shuffled.hdr")));
-    for (const char* line : {"CAMERA=olhdr synthetic camera\n", "CAPDATE=2026:06:21 12:00:00\n",
-                             "ICC_PROFILE=sRGB\n", "APERTURE=8.00\n", "ISO=100\n", "FOCAL_LENGTH=35.00\n"})
-        EXPECT_NE(header.find(line), std::string::npos) << line << " missing in\n" << header;
-    EXPECT_EQ(header.find("SHUTTER="), std::string::npos);
 }
 
 TEST_F(Cli, DemoWritesEveryFileItListsAndTellsHowToCallOlhdr) {
@@ -309,11 +283,9 @@ TEST_F(Cli, DemoWritesEveryFileItListsAndTellsHowToCallOlhdr) {
         if (line.rfind("wrote ", 0) != 0) continue;
         const std::string path = line.substr(6, line.find_first_of(": (", 6) - 6);
         EXPECT_TRUE(fs::is_regular_file(path)) << line;
-        EXPECT_GT(fs::file_size(path), 1000u) << line;
         ++listed;
     }
     EXPECT_EQ(listed, 7);  // three frames, picture, preview, fused TIFF and JPEG
-    EXPECT_NE(r.out.find("exposures (from Exif)"), std::string::npos) << r.out;
     // Nothing but the listed files and the frames folder.
     EXPECT_EQ(entries(dir.file("demo")), 5u);
     EXPECT_EQ(entries(dir.file("demo/frames")), 3u);
@@ -377,7 +349,7 @@ TEST_F(Cli, InterruptRemovesPartialOutputsAndScratchFiles) {
         EXPECT_EQ(entries(dir.file("out")), 0u);
         // Said to the user even from inside the library call, whose own
         // printing is silenced (a slow build may still be reading frames).
-        const std::string err = readText(dir.file("err"));
+        const std::string err = oltest::readText(dir.file("err"));
         EXPECT_TRUE(err == "olhdr: interrupted, partial output removed\n" ||
                     err == "olhdr: interrupted before any output was written\n")
             << err;
@@ -408,34 +380,4 @@ TEST_F(Cli, DeghostOnMovingBrackets) {
     EXPECT_GE(once, 144 * 8 / 10);
     EXPECT_LE(once, 144 * 12 / 10);
     EXPECT_LT(redPixels(""), 144 / 2);
-}
-
-TEST_F(Cli, InfoJsonStaysCleanAndEscapesNonUtf8) {
-    const auto frames = bracket("f", "");
-    // A JPEG whose APP1 is not Exif makes the library print a message on
-    // stdout; the listing must stay clean JSON. A camera name in UTF-8 stays,
-    // other bytes are escaped (same length: offsets stay valid).
-    const std::vector<std::uint8_t> original = oltest::readFile(frames[0]);
-    std::vector<std::uint8_t> bytes = original;
-    const std::vector<std::uint8_t> app1 = {0xFF, 0xE1, 0x00, 0x08, 'N', 'o', 't', 'E', 'x', 'f'};
-    bytes.insert(bytes.begin() + 2, app1.begin(), app1.end());
-    oltest::writeFile(dir.file("odd.jpg"), bytes);
-    const Result r = run("info --json " + quote(dir.file("odd.jpg")) + " " + quote(frames[1]));
-    ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(r.out.rfind("[\n  {\"file\": ", 0), 0u) << r.out;
-    EXPECT_EQ(r.out.substr(r.out.size() - 4), "}\n]\n") << r.out;
-    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 4) << r.out;
-    EXPECT_EQ(r.err, "");
-    const std::string model = "olhdr synthetic camera";
-    auto patched = [&](const std::string& name, const std::string& replacement) {
-        std::string b(original.begin(), original.end());
-        b.replace(b.find(model), model.size(), replacement);
-        oltest::writeText(dir.file(name), b);
-        return quote(dir.file(name)) + " ";
-    };
-    const Result u = run("info --json " + patched("utf8.jpg", "ol\xC3\xA9r synthetic camera") +
-                         patched("latin1.jpg", "olh\xE9r \"synthetic\\cam"));
-    ASSERT_EQ(u.code, 0) << u.err;
-    EXPECT_NE(u.out.find("\"camera\": \"ol\xC3\xA9r synthetic camera\""), std::string::npos) << u.out;
-    EXPECT_NE(u.out.find("\"camera\": \"olh\\u00e9r \\\"synthetic\\\\cam\""), std::string::npos) << u.out;
 }

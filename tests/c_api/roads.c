@@ -1,7 +1,9 @@
 /* The library's two roads driven from C, as the README shows them:
  *   frames -> ol_hdr_merge -> Radiance file + preview -> read back
  *   frames -> ol_fusion -> 16-bit TIFF with metadata
- * Run with a folder to write into. */
+ * Run with a folder to write into. Built as pedantic C99 against the shared
+ * library: the public header compiles as C and the shared records keep the
+ * sizes the C++ side gives them. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <math.h>
@@ -87,9 +89,9 @@ static int fusion_road(const char* dir, unsigned char* photos) {
 int main(int argc, char** argv) {
     const char* dir = argc > 1 ? argv[1] : ".";
     unsigned char* photos = malloc((size_t)N * W * H * SPP);
-    int r;
+    int r = sizeof(ExifRecord) != 23 * 4 + 84 || sizeof(GpsRecord) != 80 + 4 + 11 + 1 ? 20 : 0;
     make_frames(photos);
-    r = merge_road(dir, photos);
+    if (r == 0) r = merge_road(dir, photos);
     if (r == 0) r = fusion_road(dir, photos); /* the fusion may overwrite nothing in memory mode */
     free(photos);
     if (r) fprintf(stderr, "roads: failed at step %d\n", r);

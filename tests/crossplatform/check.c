@@ -81,16 +81,11 @@ static void shown(const char* name, int got, void* buf, size_t size) {
  * apart through a gamma of 2 (an integer square root), in 8 and 16 bits,
  * from integers only. */
 
-static unsigned isqrt(unsigned long long v) {
-    unsigned long long r = 0, bit = 1ull << 62;
-    while (bit > v) bit >>= 2;
-    for (; bit; bit >>= 2) {
-        if (v >= r + bit) {
-            v -= r + bit;
-            r = (r >> 1) + bit;
-        } else {
-            r >>= 1;
-        }
+static unsigned isqrt(unsigned long long v) { /* Newton's steps down to the floor of the root */
+    unsigned long long r = v, next = (v + 1) / 2;
+    while (next < r) {
+        r = next;
+        next = (r + v / r) / 2;
     }
     return (unsigned)r;
 }
@@ -329,8 +324,7 @@ static void psdRoad(const uint8_t* p8, const uint16_t* p16) {
         PsdInfo info;
         memset(&info, 0, sizeof info);
         show("getPsdInfo", getPsdInfo(at(name), &info), ANY);
-        printf("info: %d %d %d %d %d %d %d %d %d\n", info.width, info.height, info.bps, info.channels, info.resH,
-               info.resV, info.lProfil, info.dataStart, info.exifStart);
+        printHex("info", &info, sizeof info);
         uint8_t prof[64] = {0}, *pixels = calloc(3 * plane, 1);
         show("psd_profile", psd_profile(at(name), prof), ANY);
         show("psd_profile bytes", memcmp(prof, head + 74, 20) == 0, 1);
