@@ -3,6 +3,8 @@
 // script of calls; what each call returns and prints is compared with the
 // transcript tests/transcripts/<subsystem>.txt. After a deliberate change of
 // the lines, OL_UPDATE_TRANSCRIPTS=1 rewrites the files: review their diff.
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -50,21 +52,24 @@ private:
     std::string name_, text_;
 };
 
-// ---- merge: two uniform frames of 210 x 210 (levels 100 and 200); the
-// sample pixels are where x % 105 == 100 and y % 52 == 50.
+// ---- merge: uniform frames of three samples, frame 0 at `levels[0]` and the
+// others at `levels[1]` (16 bits: those high bytes over `low`); every merge
+// gets a zero lut.
+Bytes uniformFrames(int w, int h, int n, int bps, std::array<int, 2> levels, int low) {
+    const std::size_t frame = static_cast<std::size_t>(w) * h * 3 * (bps / 8);
+    Bytes photos(n * frame, static_cast<std::uint8_t>(low));
+    for (std::size_t i = bps / 16; i < n * frame; i += bps / 8) photos[i] = static_cast<std::uint8_t>(levels[i >= frame]);
+    return photos;
+}
+
+// Two frames of 210 x 210 (levels 100 and 200); the sample pixels are where
+// x % 105 == 100 and y % 52 == 50. One frame is at 128.
 int mergeFrames(int w, int h, int n, int bps, std::vector<float> dt, float evStep) {
-    const std::size_t frame = static_cast<std::size_t>(w) * h * 3;
-    std::vector<std::uint16_t> words(n * frame);
-    Bytes bytes(n * frame);
-    for (std::size_t i = 0; i < n * frame; ++i) {
-        bytes[i] = n == 1 ? 128 : (i < frame ? 100 : 200);
-        words[i] = i < frame ? 0x6480 : 0xC880;
-    }
+    const Bytes photos = uniformFrames(w, h, n, bps, n == 1 ? std::array{128, 128} : std::array{100, 200}, 0x80);
     std::vector<float> lut(static_cast<std::size_t>(1) << bps);
     float stats[3];
-    Bytes out(4 * frame / 3);
-    const void* photos = bps == 8 ? static_cast<const void*>(bytes.data()) : words.data();
-    return ol_hdr_merge(0, n, w, h, 3, bps, 0, lut.data(), evStep, dt.data(), photos, stats, out.data());
+    Bytes out(4u * w * h);
+    return ol_hdr_merge(0, n, w, h, 3, bps, 0, lut.data(), evStep, dt.data(), photos.data(), stats, out.data());
 }
 
 TEST(Trace, Merge) {
@@ -85,6 +90,63 @@ TEST(Trace, Merge) {
         float stats[3];
         return ol_hdr_merge(0, 1, 4, 0, 3, 8, 0, lut.data(), -1.0f, dt.data(), nullptr, stats, nullptr);
     });
+}
+
+// ---- motion: align, ol_ghost_detect, calc_hdr and hdr_unghost. The merges
+// take two frames of 24 x 24, levels 60 and 200, exposures 1 and 4; the sample
+// pixels are where x % 12 and y % 12 are both 10.
+int mergeTwo(int bps, int variant) {
+    const Bytes photos = uniformFrames(24, 24, 2, bps, {60, 200}, 0x40);
+    Bytes out(4 * 24 * 24, 1);
+    std::vector<float> lut(bps == 16 ? 65536 : 256), dt = {1.0f, 4.0f};
+    float stats[3];
+    return variant < 0 ? calc_hdr(1, 2, 24, 24, 3, bps, 0, lut.data(), 0.5f, dt.data(), photos.data(), stats, out.data())
+                       : hdr_unghost(1, variant, 2, 24, 24, 3, bps, 0, lut.data(), 0.5f, dt.data(), photos.data(),
+                                     stats, out.data());
+}
+
+TEST(Trace, Motion) {
+    Transcript t("motion");
+    // A bright square on grey, frame 1 seeing it 3 pixels further right and 2 lower.
+    t.step("align: frame 1 read from (3, 2)", [] {
+        const int w = 64, h = 48;
+        Bytes block(2 * w * h * 3, 100);
+        for (int k = 0; k < 2; ++k)
+            for (int y = 12; y < 32; ++y) std::fill_n(&block[((k * h + y + 2 * k) * w + 20 + 3 * k) * 3], 24 * 3, 200);
+        int dims[2] = {0, 0};
+        return align(2, w, h, 3, 8, dims, block.data());
+    });
+    // Two flat photos; the edge kernels take the coarse corner from 100 and 200 to 99 and 199.
+    t.step("ol_ghost_detect: two flat photos of 8 x 6", [] {
+        Bytes img = fustest::flatStack(8, 6, {100, 200}), mask(6);
+        std::vector<float> dt = {1, 2};
+        float seuil = 10;
+        return ol_ghost_detect(&seuil, 2, 8, 6, 3, 8, -1, dt.data(), img.data(), mask.data());
+    });
+    // Sample pixels for 16-bit frames only; frame 1's weight is lowered by its saturation level 60160.
+    t.step("calc_hdr, 16 bits", [] { return mergeTwo(16, -1); });
+    t.step("calc_hdr, 8 bits", [] { return mergeTwo(8, -1); });
+    // The reference is frame 1; the frames disagree, so the result is its value.
+    t.step("hdr_unghost, variant 1, 8 bits", [] { return mergeTwo(8, 1); });
+    t.step("hdr_unghost, variant 2, 16 bits", [] { return mergeTwo(16, 2); });
+}
+
+// ---- operators and image operations: moyenne prints its depths and the row
+// remainder before any check; the preview and crop extraction their sizes.
+TEST(Trace, Operators) {
+    Transcript t("operators");
+    std::vector<std::uint8_t> img(2 * 4 * 3, 10);
+    std::vector<std::uint16_t> dst(2 * 14, 0);
+    t.step("moyenne", [&] { return moyenne(1, 4, 2, 14, 0, 3, 8, 16, img.data(), dst.data()); });
+    t.step("moyenne, no rows", [&] { return moyenne(1, 4, 0, 12, 0, 3, 12, 8, img.data(), dst.data()); });
+}
+
+TEST(Trace, ImageOps) {
+    Transcript t("imageops");
+    const Bytes src(21 * 17 * 3, 9);
+    Bytes dst(21 * 17 * 3);
+    t.step("extract_basepreview", [&] { return extract_basepreview(8, 21, 17, 3, 63, 6, 5, 0, src.data(), nullptr, dst.data()); });
+    t.step("extract_crop", [&] { return extract_crop(1, 21, 17, 3, 63, 8, 5, 6, 2, 3, src.data(), dst.data()); });
 }
 
 // ---- radiance
