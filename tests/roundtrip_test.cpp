@@ -78,8 +78,9 @@ TEST(RoundTrip, MergedPlanesThroughEveryWriterAndReader) {
             SCOPED_TRACE("bps " + std::to_string(bps) + " spp " + std::to_string(spp));
             expectRoundTrips(dir, merge(fustest::makeStack(n, w, h, spp, bps, 7u + bps + spp), n, w, h, spp, bps), w, h);
         }
-    // Widths around the coder's limits, long runs and short ones side by side.
-    for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000}) {
+    // Widths around the coder's limits and the flat form's, long runs and short
+    // ones side by side.
+    for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000, 32767, 32768}) {
         SCOPED_TRACE(width);
         const int height = 7 + 800 / width;
         std::vector<std::uint8_t> px = radtest::photoPlanes(width, height, static_cast<std::uint32_t>(width));
