@@ -26,7 +26,7 @@ std::vector<std::uint8_t> merge(const std::vector<std::uint8_t>& photos, int n, 
 // Planes written as a Radiance file whole and in strips of 64 rows, and as a
 // float TIFF: both full decoders give them back, the preview reader too at
 // the same size, and the float TIFF holds decoded values (256 times the
-// encoded ones), so re-encoding gives the mantissas with the exponent + 8.
+// encoded ones), which re-encoded decode to 256 times the planes' values.
 void expectRoundTrips(const oltest::TempDir& dir, const std::vector<std::uint8_t>& planes, int w, int h) {
     ExifRecord exif = emptyExif();
     std::strcpy(exif.camera, "Test Camera");
@@ -38,31 +38,17 @@ void expectRoundTrips(const oltest::TempDir& dir, const std::vector<std::uint8_t
     EXPECT_EQ(written, h);
     for (const std::string& path : {whole, strips}) {
         float primaries[8];
-        int dims[8] = {};
+        int dims[7] = {};
         EXPECT_GT(rgbe_dim(path.c_str(), primaries, dims), 0);
-        ASSERT_EQ(dims[0], w);
-        ASSERT_EQ(dims[1], h);
-        std::vector<std::uint8_t> rle(planes.size(), 0xCD), streamed(planes.size(), 0xCD), preview(planes.size(), 0xCD);
-        EXPECT_EQ(decomp_rle(path.c_str(), dims, rle.data()), h);
-        EXPECT_EQ(decomp2(path.c_str(), dims, streamed.data(), nullptr), h);
-        EXPECT_TRUE(rle == planes && streamed == planes) << path;
-        if (dims[2] >= 16640) {
-            EXPECT_EQ(ol_io_read_preview_rgbe(w, h, w, h, path.c_str(), preview.data()), h + 1);
-            EXPECT_EQ(preview, planes);
-        }
+        EXPECT_TRUE(dims[0] == w && dims[1] == h && radtest::decodeAll(path, w, h) == planes) << path;
     }
     ASSERT_EQ(fp_save(tif.c_str(), w, h, planes.data()), h);
     std::vector<std::uint8_t> back(planes.size());
     float backStats[3];
     ASSERT_EQ(fp2rgbe(tif.c_str(), w, h, backStats, back.data()), h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const std::size_t row = 4u * w * y;
-            const std::uint8_t e = planes[row + 3u * w + x];
-            if (e == 0) continue;
-            for (int c = 0; c < 3; ++c) ASSERT_EQ(back[row + c * w + x], planes[row + c * w + x]);
-            ASSERT_EQ(back[row + 3u * w + x], e + 8);
-        }
+    std::vector<float> want = radtest::decodedRgb(planes, w, h);
+    for (float& v : want) v *= 256.0f;
+    EXPECT_EQ(radtest::decodedRgb(back, w, h), want);
 }
 
 double ratio(std::int32_t num, std::int32_t den) { return den ? static_cast<double>(num) / den : -1.0; }

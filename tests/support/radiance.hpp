@@ -101,6 +101,20 @@ inline int decodeStream(const std::string& path, int width, int height, Bytes& o
     return decodeRle(path, width, height, out, size, true);
 }
 
+// The library's own decoding of a whole file: both full decoders, and the
+// preview reader at the same size where the file is large enough, agree.
+inline Bytes decodeAll(const std::string& path, int width, int height) {
+    Bytes a(4u * width * height, 0xCD), b(a.size(), 0xCD), p(a.size(), 0xCD);
+    EXPECT_EQ(decodeRle(path, width, height, a), height);
+    EXPECT_EQ(decodeStream(path, width, height, b), height);
+    EXPECT_EQ(a, b);
+    if (oltest::fs::file_size(path) >= 16640) {
+        EXPECT_EQ(ol_io_read_preview_rgbe(width, height, width, height, path.c_str(), p.data()), height + 1);
+        EXPECT_EQ(p, a);
+    }
+    return a;
+}
+
 // Pixel (x, y) of rgbe planes: r, g, b, e.
 inline std::array<std::uint8_t, 4> pixelAt(const Bytes& planes, int width, int x, int y) {
     const std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
