@@ -43,52 +43,90 @@ Bytes flatPixels(int n, Bytes pixel) {
 
 }  // namespace
 
-// One byte of a crafted file changed (or the file cut there), and the code
-// each decoder gives; decoded files must give the picture. Faults in the last
-// rows of the large file are reached after the read window has slid.
-TEST(RadianceReader, FailureTable) {
+// Files and the codes each decoder gives with the caller's size and file
+// size: crafted pictures with one byte changed or cut (faults in the last
+// rows of the large one are reached after the in-memory decoder's read window
+// has slid), and files of special forms. Decoded files give their pixels.
+TEST(RadianceReader, FilesAndTheirCodes) {
     oltest::TempDir dir;
-    const int W = 64, H = 80, L = 299;  // L: the last row of the large file
-    struct Case {
-        const char* what;
-        bool large;
-        int row, at, value;  // the byte set; -1 cuts the file there, -2 leaves it
-        int dw, dh;          // the caller's size off by
-        int rle, stream, preview;
-    };
-    const Case cases[] = {
-        {"intact", false, 0, 0, -2, 0, 0, H, H, H + 1},
-        {"intact, large", true, 0, 0, -2, 0, 0, L + 1, L + 1, L + 2},
-        {"first two bytes of later rows are not checked", false, 1, 0, 9, 0, 0, H, H, H + 1},
-        {"height differs from the caller's", false, 0, 0, -2, 0, -1, -3, -3, -200},
-        {"width differs from the caller's", false, 0, 0, -2, 1, 0, -3, -3, -200},
-        {"width field of a later row header differs", false, 1, 3, W - 1, 0, 0, -4, -4, -4},
-        {"width field of a row header differs, large", true, L - 1, 3, 7, 0, 0, -4, -4, -4},
-        // The in-memory decoder does not look at it but the width field is off.
-        {"third byte of a later row header is 128 or more", false, 1, 2, 0x80, 0, 0, -4, -6, -201},
-        {"a run would pass the end of the row", false, 1, 4 + 65, 128 + 65, 0, 0, -5, -5, -202},  // green component
-        {"a run would pass the end of the row, large", true, L, 4 + 4 * 128, 255, 0, 0, -5, -5, -202},
-        {"an empty literal", false, 2, 4, 0, 0, 0, -6, -6, -202},
-        {"an empty literal, large", true, L, 4, 0, 0, 0, -6, -6, -202},
-        {"a literal that would pass the end of the row", false, 2, 4, 65, 0, 0, -6, -6, -202},
-        {"end of file inside a row", false, H - 1, 100, -1, 0, 0, -2, -1, -1},
-        {"end of file inside a row, large", true, L, 1000, -1, 0, 0, -2, -1, -1},
-        {"end of file at a row header", false, H - 1, 2, -1, 0, 0, -2, -2, -1},
-    };
+    const int W = 64, H = 80, L = 299, any = 999;  // L: the last row of the large file
     const Crafted small{W, H}, large{600, L + 1};
-    for (const Case& k : cases) {
-        SCOPED_TRACE(k.what);
-        const Crafted& c = k.large ? large : small;
+    // The crafted file with byte `at` of row `row` set to `value`, or cut there (-1).
+    const auto damaged = [](const Crafted& c, int row, int at, int value) {
         Bytes f = c.file;
-        if (k.value == -1) f.resize(c.rowOffset(k.row) + k.at);
-        else if (k.value >= 0) f[c.rowOffset(k.row) + k.at] = static_cast<std::uint8_t>(k.value);
-        const std::string path = put(dir, f);
-        const int w = c.w + k.dw, h = c.h + k.dh;
-        Bytes a(4u * w * h, 0xEE), b(a.size(), 0xEE), p(a.size(), 0xEE);
-        EXPECT_EQ(decodeRle(path, w, h, a), k.rle);
-        EXPECT_EQ(decodeStream(path, w, h, b), k.stream);
-        EXPECT_EQ(ol_io_read_preview_rgbe(w, h, w, h, path.c_str(), p.data()), k.preview);
-        if (k.rle == c.h) { EXPECT_TRUE(a == c.planes && b == c.planes && p == c.planes); }
+        if (value < 0) f.resize(c.rowOffset(row) + at);
+        else f[c.rowOffset(row) + at] = static_cast<std::uint8_t>(value);
+        return f;
+    };
+    const std::string noRes = kHead, cut = kHead + "-Y 1 +X 1\x02\x02";
+    Bytes blankFirst = {'\n'};  // 20x60 rows of one run a component
+    for (int y = 0; y < 60; ++y) {
+        blankFirst.insert(blankFirst.end(), {2, 2, 0, 20});
+        for (int k = 0; k < 4; ++k) blankFirst.insert(blankFirst.end(), {128 + 20, 130});
+    }
+    Bytes flat252 = flatPixels(40 * 20, {2, 2, 5, 9}), flat200 = flat252;
+    flat200[2] = 200;
+    Bytes preview2 = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7)), preview1 = preview2;
+    preview1.pop_back();
+    struct Row {
+        const char* what;
+        Bytes file;
+        int w, h, size;               // the caller's; size -1: the file's own
+        int rle, stream, preview;     // `any`: not checked
+        int pw = 0, ph = 0;           // the preview's size; 0: the picture's
+        Bytes pixels = {};            // interleaved, when the decoders give them
+    };
+    const Row rows[] = {
+        {"intact", small.file, W, H, -1, H, H, H + 1, 0, 0, interleave(small.planes, W, H)},
+        {"intact, large", large.file, 600, L + 1, -1, L + 1, L + 1, L + 2, 0, 0, interleave(large.planes, 600, L + 1)},
+        {"first two bytes of later rows are not checked", damaged(small, 1, 0, 9), W, H, -1, H, H, H + 1},
+        {"height differs from the caller's", small.file, W, H - 1, -1, -3, -3, -200},
+        {"width differs from the caller's", small.file, W + 1, H, -1, -3, -3, -200},
+        {"width field of a later row header differs", damaged(small, 1, 3, W - 1), W, H, -1, -4, -4, -4},
+        {"width field of a row header differs, large", damaged(large, L - 1, 3, 7), 600, L + 1, -1, -4, -4, -4},
+        // The in-memory decoder does not look at it but the width field is off.
+        {"third byte of a later row header is 128 or more", damaged(small, 1, 2, 0x80), W, H, -1, -4, -6, -201},
+        {"a run would pass the end of the row", damaged(small, 1, 4 + 65, 128 + 65), W, H, -1, -5, -5, -202},  // green
+        {"a run would pass the end of the row, large", damaged(large, L, 4 + 4 * 128, 255), 600, L + 1, -1, -5, -5, -202},
+        {"an empty literal", damaged(small, 2, 4, 0), W, H, -1, -6, -6, -202},
+        {"an empty literal, large", damaged(large, L, 4, 0), 600, L + 1, -1, -6, -6, -202},
+        {"a literal that would pass the end of the row", damaged(small, 2, 4, 65), W, H, -1, -6, -6, -202},
+        {"end of file inside a row", damaged(small, H - 1, 100, -1), W, H, -1, -2, -1, -1},
+        {"end of file inside a row, large", damaged(large, L, 1000, -1), 600, L + 1, -1, -2, -1, -1},
+        {"end of file at a row header", damaged(small, H - 1, 2, -1), W, H, -1, -2, -2, -1},
+        // The in-memory read falls short; the streaming decoder's budget is 100.
+        {"a file size larger than the file", small.file, W, H, static_cast<int>(small.file.size()) + 1, -2, H, any},
+        {"no resolution line, large budget", radianceFile(noRes, {}), 4, 4, 100000, -2, -2, any},
+        {"no resolution line within the budget", radianceFile(noRes, {}), 4, 4, 300, -2, -3, any},
+        {"no resolution line, small file size", radianceFile(noRes, {}), 4, 4, 35, -3, -3, any},
+        {"under 4 bytes behind the resolution line", radianceFile(cut, {}), 1, 1, static_cast<int>(kHead.size()) + 12, -2, -3, any},
+        {"the same with a budget", radianceFile(cut, {}), 1, 1, 1000, -2, -2, any},
+        // Only the first row decides the form; a third byte of 128 or more keeps it flat.
+        {"flat pixels starting 2, 2 are taken for run-length", radianceFile(kHead + resolution(40, 20), flat252), 40, 20, -1, -4, -4, any},
+        {"flat pixels starting 2, 2, 200", radianceFile(kHead + resolution(40, 20), flat200), 40, 20, -1, 20, 20, any, 0, 0, flat200},
+        // The in-memory decoder passes over one blank line; the streaming one
+        // takes the data right after the resolution line, as flat pixels.
+        {"a blank line after the resolution line", radianceFile(kHead + resolution(20, 60), blankFirst), 20, 60, -1, 60, -2, any, 0, 0,
+         Bytes(4u * 20 * 60, 130)},
+        {"16640 bytes: a preview budget of 2", preview2, 4, 4, -1, any, any, 5, 2, 2},
+        {"below 16640 bytes: no preview", preview1, 4, 4, -1, any, any, -1, 2, 2},
+        {"the resolution line beyond a budget of 2", radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7)), 4, 4, -1,
+         any, any, -200, 2, 2},
+        // No width in flat form: no column to take, the rows are counted; nothing stored.
+        {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 3, 4, 2},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.what);
+        const std::string path = put(dir, r.file);
+        const int pw = r.pw ? r.pw : r.w, ph = r.ph ? r.ph : r.h;
+        Bytes a(4u * r.w * r.h, 0xEE), b(a.size(), 0xEE), p(4u * pw * ph + 4, 0xEE);
+        if (r.rle != any) { EXPECT_EQ(decodeRle(path, r.w, r.h, a, r.size), r.rle); }
+        if (r.stream != any) { EXPECT_EQ(decodeStream(path, r.w, r.h, b, r.size), r.stream); }
+        if (r.preview != any) { EXPECT_EQ(ol_io_read_preview_rgbe(r.w, r.h, pw, ph, path.c_str(), p.data()), r.preview); }
+        if (!r.pixels.empty()) { EXPECT_EQ(interleave(a, r.w, r.h), r.pixels); }
+        if (!r.pixels.empty() && r.stream == r.h) { EXPECT_EQ(a, b); }
+        if (r.preview == r.h + 1 && !r.pw) { EXPECT_EQ(Bytes(p.begin(), p.end() - 4), a); }
+        if (r.w == 0) { EXPECT_EQ(p, Bytes(p.size(), 0xEE)); }
     }
     Bytes out(4u * W * H);
     float prim[8];
@@ -99,64 +137,6 @@ TEST(RadianceReader, FailureTable) {
                   ol_io_read_preview_rgbe(W, H, 8, 8, absent.c_str(), out.data()),
                   rgbe_dim(absent.c_str(), prim, dims), extract_rgbe_exif(absent.c_str(), &e)})
         EXPECT_EQ(r, -1) << "a file that does not open";
-}
-
-// Whole files of special forms, the caller's file size, the codes of the
-// decoders and of a preview, and the pixels when they are known.
-TEST(RadianceReader, SpecialFiles) {
-    oltest::TempDir dir;
-    const Crafted c{64, 80};
-    const int crafted = static_cast<int>(c.file.size()), any = 999;
-    const std::string noRes = kHead, cut = kHead + "-Y 1 +X 1\n\x02\x02";
-    Bytes blankFirst = {'\n'};  // 20x60 rows of one run a component
-    for (int y = 0; y < 60; ++y) {
-        blankFirst.insert(blankFirst.end(), {2, 2, 0, 20});
-        for (int k = 0; k < 4; ++k) blankFirst.insert(blankFirst.end(), {128 + 20, 130});
-    }
-    Bytes flat252 = flatPixels(40 * 20, {2, 2, 5, 9}), flat200 = flat252;
-    flat200[2] = 200;
-    Bytes small = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7)), smaller = small;
-    smaller.pop_back();
-    struct Row {
-        const char* what;
-        Bytes file;
-        int w, h, size;  // size -1: the file's own
-        int rle, stream, pw, ph, preview;  // `any`: not checked
-        Bytes pixels;  // interleaved, when the in-memory decoder gives them
-    };
-    const Row rows[] = {
-        // The in-memory read falls short; the streaming decoder's budget is 100.
-        {"a file size larger than the file", c.file, 64, 80, crafted + 1, -2, 80, 0, 0, any, {}},
-        {"no resolution line, large budget", radianceFile(noRes, {}), 4, 4, 100000, -2, -2, 0, 0, any, {}},
-        {"no resolution line within the budget", radianceFile(noRes, {}), 4, 4, 300, -2, -3, 0, 0, any, {}},
-        {"no resolution line, small file size", radianceFile(noRes, {}), 4, 4, 35, -3, -3, 0, 0, any, {}},
-        {"under 4 bytes behind the resolution line", radianceFile(cut, {}), 1, 1, static_cast<int>(kHead.size()) + 12, -2, -3, 0, 0, any, {}},
-        {"the same with a budget", radianceFile(cut, {}), 1, 1, 1000, -2, -2, 0, 0, any, {}},
-        // Only the first row decides the form; a third byte of 128 or more keeps it flat.
-        {"flat pixels starting 2, 2 are taken for run-length", radianceFile(kHead + resolution(40, 20), flat252), 40, 20, -1, -4, -4, 0, 0, any, {}},
-        {"flat pixels starting 2, 2, 200", radianceFile(kHead + resolution(40, 20), flat200), 40, 20, -1, 20, 20, 0, 0, any, flat200},
-        // The in-memory decoder passes over one blank line; the streaming one
-        // takes the data right after the resolution line, as flat pixels.
-        {"a blank line after the resolution line", radianceFile(kHead + resolution(20, 60), blankFirst), 20, 60, -1, 60, -2, 0, 0, any,
-         Bytes(4u * 20 * 60, 130)},
-        {"16640 bytes: a preview budget of 2", small, 4, 4, -1, any, any, 2, 2, 5, {}},
-        {"below 16640 bytes: no preview", smaller, 4, 4, -1, any, any, 2, 2, -1, {}},
-        {"the resolution line beyond a budget of 2", radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7)), 4, 4, -1,
-         any, any, 2, 2, -200, {}},
-        // No width in flat form: no column to take, the rows are counted.
-        {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 4, 2, 3, {}},
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.what);
-        const std::string path = put(dir, r.file);
-        Bytes a(4u * r.w * r.h), b(a.size()), p(4u * r.pw * r.ph + 4, 0xEE);
-        if (r.rle != any) { EXPECT_EQ(decodeRle(path, r.w, r.h, a, r.size), r.rle); }
-        if (r.stream != any) { EXPECT_EQ(decodeStream(path, r.w, r.h, b, r.size), r.stream); }
-        if (r.preview != any) { EXPECT_EQ(ol_io_read_preview_rgbe(r.w, r.h, r.pw, r.ph, path.c_str(), p.data()), r.preview); }
-        if (!r.pixels.empty()) { EXPECT_EQ(interleave(a, r.w, r.h), r.pixels); }
-        if (!r.pixels.empty() && r.stream == r.h) { EXPECT_EQ(a, b); }
-        if (r.w == 0) { EXPECT_EQ(p, Bytes(p.size(), 0xEE)); }
-    }
 }
 
 // Every allocation of the run-length path fails in turn in
