@@ -7,7 +7,6 @@
 #include <random>
 
 #include "frame/bytes.hpp"
-#include "frame/tiff_tags.hpp"
 #include "support/radiance.hpp"
 
 using namespace radtest;
@@ -124,25 +123,6 @@ TEST(RadianceConvert, Quirks) {
 
 namespace {
 
-struct Entry { std::uint16_t tag, type; std::uint32_t count, value; };
-// A little-endian float TIFF: the floats at 8 and the directory behind them,
-// or the directory at 8 and the floats behind it.
-Bytes floatTiff(const std::vector<float>& rgb, const std::vector<Entry>& entries, bool directoryFirst = false) {
-    Bytes f = {'I', 'I', 42, 0, 0, 0, 0, 0}, dir(2 + 12 * entries.size() + 4, 0);
-    ol::putU16LE(dir.data(), static_cast<std::uint32_t>(entries.size()));
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        std::uint8_t* e = dir.data() + 2 + 12 * i;
-        ol::putU16LE(e, entries[i].tag), ol::putU16LE(e + 2, entries[i].type);
-        ol::putU32LE(e + 4, entries[i].count), ol::putU32LE(e + 8, entries[i].value);
-    }
-    Bytes floats(4 * rgb.size());
-    for (std::size_t i = 0; i < rgb.size(); ++i) ol::putF32LE(floats.data() + 4 * i, rgb[i]);
-    ol::putU32LE(f.data() + 4, directoryFirst ? 8u : static_cast<std::uint32_t>(8 + floats.size()));
-    f.insert(f.end(), (directoryFirst ? dir : floats).begin(), (directoryFirst ? dir : floats).end());
-    f.insert(f.end(), (directoryFirst ? floats : dir).begin(), (directoryFirst ? floats : dir).end());
-    return f;
-}
-
 // fp2rgbe read plainly: pixels of 12 bytes from `offset`, a pixel cut by the
 // end of the file keeping the bytes of the one before; stats of the
 // luminance.
@@ -171,30 +151,21 @@ Bytes referenceFp2rgbe(const Bytes& file, std::size_t offset, int w, int h, floa
 TEST(RadianceFloatTiff, ReadsWhereTheDirectorySays) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.tif");
-    std::mt19937 rng(5);
-    std::vector<float> rgb(3 * 6 * 4);
-    for (float& v : rgb) v = rng() % 5 ? std::ldexp(static_cast<float>(rng() % 1000), static_cast<int>(rng() % 40) - 30) : 0.0f;
-    rgb[3] = 1e-33f, rgb[4] = rgb[5] = rgb[6] = rgb[7] = rgb[8] = 0.0f;  // below the black guard, and black
-    using ol::kTiffLong, ol::kTiffShort;
-    const std::uint16_t kStrip = ol::tag::kStripOffsets;
-    Bytes loop = floatTiff(rgb, {{kStrip, kTiffLong, 1, 8}}), bigEndian = loop, magic43 = loop;
-    ol::putU32LE(loop.data() + loop.size() - 4, ol::getU32LE(loop.data() + 4));
-    bigEndian[0] = bigEndian[1] = 'M';
-    magic43[2] = 43;
     struct Row {
         const char* what;
         Bytes file;
         int w, h, result;
         std::size_t offset;  // where the pixels are read from
     };
+    const Bytes loop = oltest::fixture("float_tiff/read_loop.tif");
     const Row rows[] = {
-        {"StripOffsets as a LONG", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}, {kStrip, kTiffLong, 1, 8}}), 6, 4, 4, 8},
-        {"no StripOffsets: from offset `width`", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}}), 5, 4, 4, 5},
-        {"a SHORT offset of count below 3 uses the low two bytes", floatTiff(rgb, {{kStrip, kTiffShort, 1, 0xABCD0008u}}), 6, 4, 4, 8},
+        {"StripOffsets as a LONG", oltest::fixture("float_tiff/read_strip_long.tif"), 6, 4, 4, 8},
+        {"no StripOffsets: from offset `width`", oltest::fixture("float_tiff/read_no_strip.tif"), 5, 4, 4, 5},
+        {"a SHORT offset of count below 3 uses the low two bytes", oltest::fixture("float_tiff/read_strip_short.tif"), 6, 4, 4, 8},
         {"a directory chain that loops ends", loop, 6, 4, 4, 8},
-        {"the end of the file repeats the last pixel", floatTiff(rgb, {{kStrip, kTiffLong, 1, 26}}, true), 6, 5, 5, 26},
-        {"big-endian", bigEndian, 6, 4, -3, 0},
-        {"a magic number of 43", magic43, 6, 4, -4, 0},
+        {"the end of the file repeats the last pixel", oltest::fixture("float_tiff/read_directory_first.tif"), 6, 5, 5, 26},
+        {"big-endian", {'M', 'M', 42, 0}, 6, 4, -3, 0},
+        {"a magic number of 43", {'I', 'I', 43, 0}, 6, 4, -4, 0},
         {"one byte", {'I'}, 6, 4, -3, 0},
         {"no rows", loop, 6, 0, 0, 0},
     };
