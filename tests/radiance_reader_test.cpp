@@ -30,11 +30,6 @@ std::string put(const oltest::TempDir& dir, const Bytes& file) {
     return path;
 }
 
-// Exposure, aperture and focal length as fractions, then the ISO.
-std::array<int, 7> fractions(const ExifRecord& e) {
-    return {e.exposureNum, e.exposureDen, e.apertureNum, e.apertureDen, e.focalNum, e.focalDen, e.iso};
-}
-
 Bytes flatPixels(int n, Bytes pixel) {
     Bytes d;
     for (int i = 0; i < n; ++i) d.insert(d.end(), pixel.begin(), pixel.end());
@@ -155,45 +150,6 @@ TEST(RadianceReader, FailedAllocationsGiveMinusFour) {
     }
 }
 
-TEST(RadianceReader, SizeQueryAndItsLineBudget) {
-    oltest::TempDir dir;
-    const std::string path = dir.file("f.hdr");
-    float prim[8];
-    int dims[7] = {};
-    const auto withLines = [](int lines) {
-        std::string s;
-        for (int i = 0; i < lines; ++i) s += "# comment\n";
-        return s + "-Y 5 +X 7\n" + std::string(13000, 'z');
-    };
-    struct Row { std::string text; int result, width, height; };
-    const Row rows[] = {
-        {"#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80", -3, 0, 0},  // under 128 bytes: no line to read
-        {"-Y 2 +X 3\n" + std::string(128 - 10, 'x'), 0, 3, 2},      // 128 bytes: one line
-        {"-Y 0 +X 3\n" + std::string(200, 'x'), -3, 0, 0},          // zero numbers are no resolution line
-        {withLines(99), 99, 7, 5},                                   // at most 100 lines however large the file
-        {withLines(100), -3, 0, 0},
-        {std::string(127 * 3, 'L') + "\n-Y 5 +X 7\n" + std::string(13000, 'z'), 4, 7, 5},  // a long line: reads of 127
-    };
-    for (const Row& r : rows) {
-        oltest::writeText(path, r.text);
-        std::fill(dims, dims + 3, 0);
-        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), r.result) << r.text.substr(0, 12);
-        EXPECT_EQ((std::array<int, 3>{dims[0], dims[1], dims[2]}),
-                  (std::array<int, 3>{r.width, r.height, r.result < 0 ? 0 : static_cast<int>(r.text.size())}));
-    }
-    // Primaries are returned when the line has all eight numbers; otherwise
-    // zeros, and the flag left as the caller put it.
-    const std::string rest = "\n-Y 5 +X 7\n" + std::string(400, 'z');
-    for (auto [line, flag, first] : {std::tuple{" 0.3127 0.329", 32, 0.64f}, {" 0.3127", 5, 0.0f}}) {
-        oltest::writeText(path, "#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06" + std::string(line) + rest);
-        dims[6] = 5;
-        std::fill(prim, prim + 8, 9.0f);
-        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 2);
-        EXPECT_EQ(dims[6], flag);
-        EXPECT_FLOAT_EQ(prim[0], first);
-    }
-}
-
 // In run-length form and in flat form.
 TEST(RadiancePreview, DecimatesByNearestNeighbour) {
     oltest::TempDir dir;
@@ -230,48 +186,80 @@ TEST(RadiancePreview, DecimatesByNearestNeighbour) {
     EXPECT_EQ(none, Bytes(16, 0xEE));
 }
 
-TEST(RadianceHeader, ExtractsValuesAsFractions) {
+// The header through the size query and the values: line budgets, the
+// resolution line, the fractions and the colour space, as rows.
+TEST(RadianceHeader, SizeAndValues) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.hdr");
-    std::string many;
-    for (int i = 0; i < 120; ++i) many += "#\n";
+    float prim[8];
+    int dims[7] = {};
+    const auto withLines = [](int lines, const char* line) {
+        std::string s;
+        for (int i = 0; i < lines; ++i) s += line;
+        return s;
+    };
+    const std::string tail = "-Y 5 +X 7\n" + std::string(13000, 'z');
     struct Row {
         std::string text;
-        int result;
-        std::string camera;  // as stored, from a record holding "kept"
-        std::array<int, 7> fractions;  // from a record holding exposureNum 3
-        int colorSpace;
+        int size, width, height;  // rgbe_dim
+        int values;               // extract_rgbe_exif
+        std::string camera = "kept";  // as stored, from a record holding "kept"
+        std::array<int, 7> fractions = {3, 0, 0, 0, 0, 0, 0};  // from a record holding exposureNum 3
+        int colorSpace = -1;
     };
     const Row rows[] = {
+        {"#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80", -3, 0, 0, 2},  // under 128 bytes: no line to read
+        {"-Y 2 +X 3\n" + std::string(128 - 10, 'x'), 0, 3, 2, 0},       // 128 bytes: one line
+        {"-Y 0 +X 3\n" + std::string(200, 'x'), -3, 0, 0, 0},           // zero numbers are no size
+        {withLines(99, "# comment\n") + tail, 99, 7, 5, 99},              // at most 100 lines however large the file
+        {withLines(100, "# comment\n") + tail, -3, 0, 0, 100},
+        {std::string(127 * 3, 'L') + "\n" + tail, 4, 7, 5, 4},  // a long line: reads of 127
         // A camera cut at 64 bytes; 100/0.004f is 24999.998 in float arithmetic;
         // 35MM_EQUIV and FOCAL_PLANE_XRESOLUTION are not read back.
         {"#?RADIANCE\nCAMERA=" + std::string(70, 'K') + "\nCAPDATE=2019:12:31 23:59:59\n"
          "ICC_PROFILE=Adobe RGB (1998)\nSHUTTER=0.004000\nAPERTURE=2.80\nISO=400\n"
          "FOCAL_LENGTH=18.50\n35MM_EQUIV=28\nFOCAL_PLANE_XRESOLUTION=1.00\n"
          "FORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 1\n\x80\x80\x80\x80",
-         12, std::string(64, 'K'), {100, 24999, 280, 100, 1850, 100, 400}, 1},
+         -3, 0, 0, 12, std::string(64, 'K'), {100, 24999, 280, 100, 1850, 100, 400}, 1},
         // Values of 0 or below are dropped; an empty camera is not stored.
-        {"#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\nICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n", 6,
+        {"#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\nICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n", -3, 0, 0, 6,
          "kept", {3, 0, 0, 0, 100, 100, 0}, 2},
         // The colour space is matched by the start of the name only.
-        {"ICC_PROFILE=sRGB IEC61966-2.1\n-Y 1 +X 1\n", 1, "kept", {3, 0, 0, 0, 0, 0, 0}, 0},
-        {"ICC_PROFILE=Display P3\n-Y 1 +X 1\n", 1, "kept", {3, 0, 0, 0, 0, 0, 0}, -1},
-        {"ICC_PROFILE=adobe rgb\n-Y 1 +X 1\n", 1, "kept", {3, 0, 0, 0, 0, 0, 0}, -1},
-        {many, 100, "kept", {3, 0, 0, 0, 0, 0, 0}, -1},  // no resolution line in the first 100
-        {"#?RADIANCE\nISO=5\n", -1, "kept", {3, 0, 0, 0, 0, 0, 5}, -1},  // the file ends before
+        {"ICC_PROFILE=sRGB IEC61966-2.1\n-Y 1 +X 1\n", -3, 0, 0, 1, "kept", {3, 0, 0, 0, 0, 0, 0}, 0},
+        {"ICC_PROFILE=Display P3\n-Y 1 +X 1\n", -3, 0, 0, 1},
+        {"ICC_PROFILE=adobe rgb\n-Y 1 +X 1\n", -3, 0, 0, 1},
+        {withLines(120, "#\n"), -3, 0, 0, 100},  // no resolution line in the first 100
+        {"#?RADIANCE\nISO=5\n", -3, 0, 0, -1, "kept", {3, 0, 0, 0, 0, 0, 5}},  // the file ends before
         // 1/60 as the writer prints it comes back as 100/6000 (5999 in float).
-        {"SHUTTER=0.016667\n-Y 1 +X 1\n", 1, "kept", {100, 5999, 0, 0, 0, 0, 0}, -1},
+        {"SHUTTER=0.016667\n-Y 1 +X 1\n", -3, 0, 0, 1, "kept", {100, 5999, 0, 0, 0, 0, 0}},
     };
     for (const Row& r : rows) {
+        SCOPED_TRACE(r.text.substr(0, 30));
         oltest::writeText(path, r.text);
+        std::fill(dims, dims + 3, 0);
+        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), r.size);
+        EXPECT_EQ((std::array<int, 3>{dims[0], dims[1], dims[2]}),
+                  (std::array<int, 3>{r.width, r.height, r.size < 0 ? 0 : static_cast<int>(r.text.size())}));
         ExifRecord e = emptyExif();
         std::strcpy(e.camera, "kept");
         e.exposureNum = 3;
         e.focal35 = 11;
-        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), r.result) << r.text.substr(0, 30);
+        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), r.values);
         EXPECT_EQ(std::string(e.camera, strnlen(e.camera, 64)), r.camera);
-        EXPECT_EQ(fractions(e), r.fractions);
+        EXPECT_EQ((std::array<int, 7>{e.exposureNum, e.exposureDen, e.apertureNum, e.apertureDen, e.focalNum, e.focalDen, e.iso}),
+                  r.fractions);
         EXPECT_EQ(e.colorSpace, r.colorSpace);
         EXPECT_EQ(e.focal35 + e.planeResNum, 11) << "not read back";
+    }
+    // Primaries are returned when the line has all eight numbers; otherwise
+    // zeros, and the flag left as the caller put it.
+    const std::string rest = "\n-Y 5 +X 7\n" + std::string(400, 'z');
+    for (auto [line, flag, first] : {std::tuple{" 0.3127 0.329", 32, 0.64f}, {" 0.3127", 5, 0.0f}}) {
+        oltest::writeText(path, "#?RADIANCE\nPRIMARIES= 0.64 0.33 0.3 0.6 0.15 0.06" + std::string(line) + rest);
+        dims[6] = 5;
+        std::fill(prim, prim + 8, 9.0f);
+        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 2);
+        EXPECT_EQ(dims[6], flag);
+        EXPECT_FLOAT_EQ(prim[0], first);
     }
 }
