@@ -174,10 +174,8 @@ TEST(Trace, Radiance) {
     });
     // Flat rows with a budget of one header line report each quarter.
     t.step("flat rows", [&] {
-        const Bytes data(4u * 6 * 9, 200);
-        oltest::writeFile(dir.file("f.hdr"), radianceFile(resolution(6, 9), data));
-        Bytes b(data.size());
-        return decodeStream(dir.file("f.hdr"), 6, 9, b);
+        Bytes b(4u * 6 * 9);
+        return decodeStream(std::string(OL_SOURCE_DIR) + "/tests/fixtures/trace/flat_6x9.hdr", 6, 9, b);
     });
     // Three exponent bytes of 255 in the first strip, one in the last.
     Bytes sp = photoPlanes(8, 5, 2);
@@ -234,35 +232,16 @@ TEST(Trace, Fusion) {
 
 // ---- metadata readers
 TEST(Trace, MetadataRead) {
-    using namespace metatest;
-    oltest::TempDir dir;
     Transcript t("metadata_read");
-    PsdSpec s;
-    s.width = 3;
-    s.height = 2;
-    s.compression = 1;
-    s.image = Bytes(2 * 3 * 2, 0);
-    for (int c = 0; c < 3; ++c) s.image.insert(s.image.end(), {0xFB, static_cast<std::uint8_t>(c)});
-    const std::string p = dir.file("t.psd");
-    oltest::writeFile(p, buildPsd(s));
+    const std::string psd = std::string(OL_SOURCE_DIR) + "/tests/fixtures/trace/psd_rle_3x2.psd";
     PsdInfo info{};
-    t.step("getPsdInfo", [&] { return getPsdInfo(p.c_str(), &info); });
+    t.step("getPsdInfo", [&] { return getPsdInfo(psd.c_str(), &info); });
     t.step("load_psd, RLE", [&] {
         std::uint8_t out[18];
-        return load_psd(1, p.c_str(), &info, 9, out);
+        return load_psd(1, psd.c_str(), &info, 9, out);
     });
-    // IFD0 (3 entries) at 8, the Exif IFD at 50, the GPS IFD at 128, their
-    // data from 170 on; then an APP13 with IPTC and a second resource.
-    TiffSpec ts;
-    ts.ifds = {{rawE(tag::kXmp, 1, 16, 0x20)}};
-    ts.exif = {rationalE(tag::kExposureTime, 1, 125), asciiE(tag::kDateTimeOriginal, "2024:05:06 07:08:09"), rationalE(tag::kFocalLength, 50, 1),
-               rationalE(tag::kPlaneXRes, 4000, 3), shortE(tag::kPlaneResUnit, 3), shortE(tag::kFocal35, 75)};
-    ts.gps = {bytesE(tag::kGpsLatRef, 2, std::string("N\0", 2)), rationalsE(tag::kGpsLat, {48, 1, 51, 1, 24, 1}), rationalE(tag::kGpsAlt, 35, 1)};
-    Bytes iptc = kIptcVersion;
-    iptc.resize(30, 0);
-    const Bytes res = cat({resource8bim(0x0404, iptc), resource8bim(0x0425, Bytes(16, 1))});
     t.step("Exif, GPS, XMP and Photoshop blocks", [&] {
-        return readExifBytes(jpegWith({{0xE1, exifPayload(buildTiff(ts))}, {0xED, app13Payload(res)}}), 1).result;
+        return metatest::readExif(std::string(OL_SOURCE_DIR) + "/tests/fixtures/trace/jpeg_app1_app13.jpg", 1).result;
     });
 }
 
