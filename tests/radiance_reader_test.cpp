@@ -30,12 +30,6 @@ std::string put(const oltest::TempDir& dir, const Bytes& file) {
     return path;
 }
 
-Bytes flatPixels(int n, Bytes pixel) {
-    Bytes d;
-    for (int i = 0; i < n; ++i) d.insert(d.end(), pixel.begin(), pixel.end());
-    return d;
-}
-
 }  // namespace
 
 // Files and the codes each decoder gives with the caller's size and file
@@ -54,13 +48,7 @@ TEST(RadianceReader, FilesAndTheirCodes) {
         return f;
     };
     const std::string noRes = kHead, cut = kHead + "-Y 1 +X 1\x02\x02";
-    Bytes blankFirst = {'\n'};  // 20x60 rows of one run a component
-    for (int y = 0; y < 60; ++y) {
-        blankFirst.insert(blankFirst.end(), {2, 2, 0, 20});
-        for (int k = 0; k < 4; ++k) blankFirst.insert(blankFirst.end(), {128 + 20, 130});
-    }
-    Bytes flat252 = flatPixels(40 * 20, {2, 2, 5, 9}), flat200 = flat252;
-    flat200[2] = 200;
+    const Bytes flat200 = oltest::fixture("radiance/read_flat_2_2_200_40x20.hdr");
     Bytes preview2 = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7)), preview1 = preview2;
     preview1.pop_back();
     struct Row {
@@ -97,11 +85,12 @@ TEST(RadianceReader, FilesAndTheirCodes) {
         {"under 4 bytes behind the resolution line", radianceFile(cut, {}), 1, 1, static_cast<int>(kHead.size()) + 12, -2, -3, any},
         {"the same with a budget", radianceFile(cut, {}), 1, 1, 1000, -2, -2, any},
         // Only the first row decides the form; a third byte of 128 or more keeps it flat.
-        {"flat pixels starting 2, 2 are taken for run-length", radianceFile(kHead + resolution(40, 20), flat252), 40, 20, -1, -4, -4, any},
-        {"flat pixels starting 2, 2, 200", radianceFile(kHead + resolution(40, 20), flat200), 40, 20, -1, 20, 20, any, 0, 0, flat200},
+        {"flat pixels starting 2, 2 are taken for run-length", oltest::fixture("radiance/read_flat_2_2_5_40x20.hdr"), 40, 20, -1, -4, -4, any},
+        {"flat pixels starting 2, 2, 200", flat200, 40, 20, -1, 20, 20, any, 0, 0,
+         Bytes(flat200.end() - 4 * 40 * 20, flat200.end())},
         // The in-memory decoder passes over one blank line; the streaming one
         // takes the data right after the resolution line, as flat pixels.
-        {"a blank line after the resolution line", radianceFile(kHead + resolution(20, 60), blankFirst), 20, 60, -1, 60, -2, any, 0, 0,
+        {"a blank line after the resolution line", oltest::fixture("radiance/read_blank_line_20x60.hdr"), 20, 60, -1, 60, -2, any, 0, 0,
          Bytes(4u * 20 * 60, 130)},
         {"16640 bytes: a preview budget of 2", preview2, 4, 4, -1, any, any, 5, 2, 2},
         {"below 16640 bytes: no preview", preview1, 4, 4, -1, any, any, -1, 2, 2},
@@ -139,7 +128,7 @@ TEST(RadianceReader, FilesAndTheirCodes) {
 TEST(RadianceReader, FailedAllocationsGiveMinusFour) {
     oltest::TempDir dir;
     Bytes out(4u * 64 * 80);
-    const std::string path = put(dir, radianceFile(kHead + resolution(64, 80), flatPixels(64 * 80, {100, 110, 120, 130})));
+    const std::string path = put(dir, radianceFile(kHead + resolution(64, 80), Bytes(4u * 64 * 80, 100)));
     const auto failingAt = [](long n, auto call) {
         oltest::FailAllocation f(n);
         return call();
