@@ -58,7 +58,9 @@ TEST(RadianceReader, FilesAndTheirCodes) {
         int rle, stream, preview;     // `any`: not checked
         int pw = 0, ph = 0;           // the preview's size; 0: the picture's
         Bytes pixels = {};            // interleaved, when the decoders give them
+        long failAt = 0;              // the allocation made to fail, 0: none
     };
+    const Bytes flat = radianceFile(kHead + resolution(W, H), Bytes(4u * W * H, 100));
     const Row rows[] = {
         {"intact", small.file, W, H, -1, H, H, H + 1, 0, 0, interleave(small.planes, W, H)},
         {"intact, large", large.file, 600, L + 1, -1, L + 1, L + 1, L + 2, 0, 0, interleave(large.planes, 600, L + 1)},
@@ -98,44 +100,29 @@ TEST(RadianceReader, FilesAndTheirCodes) {
          any, any, -200, 2, 2},
         // No width in flat form: no column to take, the rows are counted; nothing stored.
         {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 3, 4, 2},
+        {"a file that does not open", {}, W, H, 30000, -1, -1, -1, 8, 8},
+        // The run-length path's allocations fail in turn in frame_alloc_sweep_test.
+        {"flat form, the first allocation fails", flat, W, H, -1, any, -4, -4, 16, 16, {}, 1},
+        {"flat form, the row buffer fails", flat, W, H, -1, any, -4, -4, 16, 16, {}, 2},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
-        const std::string path = put(dir, r.file);
+        const std::string path = r.file.empty() ? dir.file("absent.hdr") : put(dir, r.file);
         const int pw = r.pw ? r.pw : r.w, ph = r.ph ? r.ph : r.h;
         Bytes a(4u * r.w * r.h, 0xEE), b(a.size(), 0xEE), p(4u * pw * ph + 4, 0xEE);
-        if (r.rle != any) { EXPECT_EQ(decodeRle(path, r.w, r.h, a, r.size), r.rle); }
-        if (r.stream != any) { EXPECT_EQ(decodeStream(path, r.w, r.h, b, r.size), r.stream); }
-        if (r.preview != any) { EXPECT_EQ(ol_io_read_preview_rgbe(r.w, r.h, pw, ph, path.c_str(), p.data()), r.preview); }
+        const auto failing = [&](auto call) {
+            oltest::FailAllocation f(r.failAt);
+            return call();
+        };
+        if (r.rle != any) { EXPECT_EQ(failing([&] { return decodeRle(path, r.w, r.h, a, r.size); }), r.rle); }
+        if (r.stream != any) { EXPECT_EQ(failing([&] { return decodeStream(path, r.w, r.h, b, r.size); }), r.stream); }
+        if (r.preview != any) {
+            EXPECT_EQ(failing([&] { return ol_io_read_preview_rgbe(r.w, r.h, pw, ph, path.c_str(), p.data()); }), r.preview);
+        }
         if (!r.pixels.empty()) { EXPECT_EQ(interleave(a, r.w, r.h), r.pixels); }
         if (!r.pixels.empty() && r.stream == r.h) { EXPECT_EQ(a, b); }
         if (r.preview == r.h + 1 && !r.pw) { EXPECT_EQ(Bytes(p.begin(), p.end() - 4), a); }
         if (r.w == 0) { EXPECT_EQ(p, Bytes(p.size(), 0xEE)); }
-    }
-    Bytes out(4u * W * H);
-    float prim[8];
-    int dims[7] = {};
-    ExifRecord e;
-    const std::string absent = dir.file("absent.hdr");
-    for (int r : {decodeRle(absent, W, H, out, 30000), decodeStream(absent, W, H, out, 30000),
-                  ol_io_read_preview_rgbe(W, H, 8, 8, absent.c_str(), out.data()),
-                  rgbe_dim(absent.c_str(), prim, dims), extract_rgbe_exif(absent.c_str(), &e)})
-        EXPECT_EQ(r, -1) << "a file that does not open";
-}
-
-// Every allocation of the run-length path fails in turn in
-// frame_alloc_sweep_test; in flat form the row buffer is the second.
-TEST(RadianceReader, FailedAllocationsGiveMinusFour) {
-    oltest::TempDir dir;
-    Bytes out(4u * 64 * 80);
-    const std::string path = put(dir, radianceFile(kHead + resolution(64, 80), Bytes(4u * 64 * 80, 100)));
-    const auto failingAt = [](long n, auto call) {
-        oltest::FailAllocation f(n);
-        return call();
-    };
-    for (long n : {1, 2}) {
-        EXPECT_EQ(failingAt(n, [&] { return decodeStream(path, 64, 80, out); }), -4) << n;
-        EXPECT_EQ(failingAt(n, [&] { return ol_io_read_preview_rgbe(64, 80, 16, 16, path.c_str(), out.data()); }), -4) << n;
     }
 }
 
@@ -221,19 +208,21 @@ TEST(RadianceHeader, SizeAndValues) {
         {"#?RADIANCE\nISO=5\n", -3, 0, 0, -1, "kept", {3, 0, 0, 0, 0, 0, 5}},  // the file ends before
         // 1/60 as the writer prints it comes back as 100/6000 (5999 in float).
         {"SHUTTER=0.016667\n-Y 1 +X 1\n", -3, 0, 0, 1, "kept", {100, 5999, 0, 0, 0, 0, 0}},
+        {"", -1, 0, 0, -1},  // no file
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.text.substr(0, 30));
-        oltest::writeText(path, r.text);
+        const std::string p = r.text.empty() ? dir.file("absent.hdr") : path;
+        if (!r.text.empty()) oltest::writeText(path, r.text);
         std::fill(dims, dims + 3, 0);
-        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), r.size);
+        EXPECT_EQ(rgbe_dim(p.c_str(), prim, dims), r.size);
         EXPECT_EQ((std::array<int, 3>{dims[0], dims[1], dims[2]}),
                   (std::array<int, 3>{r.width, r.height, r.size < 0 ? 0 : static_cast<int>(r.text.size())}));
         ExifRecord e = emptyExif();
         std::strcpy(e.camera, "kept");
         e.exposureNum = 3;
         e.focal35 = 11;
-        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), r.values);
+        EXPECT_EQ(extract_rgbe_exif(p.c_str(), &e), r.values);
         EXPECT_EQ(std::string(e.camera, strnlen(e.camera, 64)), r.camera);
         EXPECT_EQ((std::array<int, 7>{e.exposureNum, e.exposureDen, e.apertureNum, e.apertureDen, e.focalNum, e.focalDen, e.iso}),
                   r.fractions);
