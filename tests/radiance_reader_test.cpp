@@ -30,12 +30,29 @@ std::string put(const oltest::TempDir& dir, const Bytes& file) {
     return path;
 }
 
+// The preview read plainly from decoded planes into `out`: the source rows in
+// turn, each stored when it is the one output row j wants, j then raised.
+Bytes previewOf(const Bytes& planes, int w, int h, int pw, int ph, Bytes out) {
+    if (pw <= 0 || ph <= 0) return out;
+    const float xr = static_cast<float>(w) / static_cast<float>(pw), yr = static_cast<float>(h) / static_cast<float>(ph);
+    for (int y = 0, j = 0; y < h && j < ph; ++y) {
+        if (y != static_cast<int>(static_cast<float>(j) * yr)) continue;
+        for (int c = 0; c < 4; ++c)
+            for (int i = 0; i < pw; ++i)
+                out[(static_cast<std::size_t>(j) * 4 + c) * pw + i] =
+                    planes[(static_cast<std::size_t>(y) * 4 + c) * w + static_cast<int>(static_cast<float>(i) * xr)];
+        ++j;
+    }
+    return out;
+}
+
 }  // namespace
 
 // Files and the codes each decoder gives with the caller's size and file
 // size: crafted pictures with one byte changed or cut (faults in the last
 // rows of the large one are reached after the in-memory decoder's read window
-// has slid), and files of special forms. Decoded files give their pixels.
+// has slid), files of special forms, previews of several sizes. Decoded files
+// give their pixels, previews the plain reading of their decoded planes.
 TEST(RadianceReader, FilesAndTheirCodes) {
     oltest::TempDir dir;
     const int W = 64, H = 80, L = 299, any = 999;  // L: the last row of the large file
@@ -56,14 +73,26 @@ TEST(RadianceReader, FilesAndTheirCodes) {
         Bytes file;
         int w, h, size;               // the caller's; size -1: the file's own
         int rle, stream, preview;     // `any`: not checked
-        int pw = 0, ph = 0;           // the preview's size; 0: the picture's
         Bytes pixels = {};            // interleaved, when the decoders give them
+        int pw = -1, ph = -1;         // the preview's size; -1: the picture's
         long failAt = 0;              // the allocation made to fail, 0: none
     };
     const Bytes flat = radianceFile(kHead + resolution(W, H), Bytes(4u * W * H, 100));
+    const Bytes flatSmall = radianceFile(kHead + resolution(W, H), interleave(small.planes, W, H));
     const Row rows[] = {
-        {"intact", small.file, W, H, -1, H, H, H + 1, 0, 0, interleave(small.planes, W, H)},
-        {"intact, large", large.file, 600, L + 1, -1, L + 1, L + 1, L + 2, 0, 0, interleave(large.planes, 600, L + 1)},
+        {"intact", small.file, W, H, -1, H, H, H + 1, interleave(small.planes, W, H)},
+        {"intact, large", large.file, 600, L + 1, -1, L + 1, L + 1, L + 2, interleave(large.planes, 600, L + 1)},
+        // Previews by nearest neighbour, in run-length and in flat form.
+        {"a preview of 32x40", small.file, W, H, -1, H, any, H + 1, {}, 32, 40},
+        {"a preview of 20x30", small.file, W, H, -1, H, any, H + 1, {}, 20, 30},
+        {"a preview of 7x3", small.file, W, H, -1, H, any, H + 1, {}, 7, 3},
+        {"a preview of 1x1", small.file, W, H, -1, H, any, H + 1, {}, 1, 1},
+        {"a flat preview of 10x10", flatSmall, W, H, -1, H, any, H + 1, {}, 10, 10},
+        {"a flat preview of the same size", flatSmall, W, H, -1, H, any, H + 1},
+        // Twice as tall: output rows 0 and 1 both want source row 0, which is
+        // decoded once, so only output row 0 is stored and the file runs out.
+        {"a preview twice as tall", small.file, W, H, -1, H, any, H, {}, W, 2 * H},
+        {"a preview of no size stores nothing and reads the whole file", small.file, W, H, -1, H, any, H, {}, 0, 0},
         {"first two bytes of later rows are not checked", damaged(small, 1, 0, 9), W, H, -1, H, H, H + 1},
         {"height differs from the caller's", small.file, W, H - 1, -1, -3, -3, -200},
         {"width differs from the caller's", small.file, W + 1, H, -1, -3, -3, -200},
@@ -88,27 +117,26 @@ TEST(RadianceReader, FilesAndTheirCodes) {
         {"the same with a budget", radianceFile(cut, {}), 1, 1, 1000, -2, -2, any},
         // Only the first row decides the form; a third byte of 128 or more keeps it flat.
         {"flat pixels starting 2, 2 are taken for run-length", oltest::fixture("radiance/read_flat_2_2_5_40x20.hdr"), 40, 20, -1, -4, -4, any},
-        {"flat pixels starting 2, 2, 200", flat200, 40, 20, -1, 20, 20, any, 0, 0,
-         Bytes(flat200.end() - 4 * 40 * 20, flat200.end())},
+        {"flat pixels starting 2, 2, 200", flat200, 40, 20, -1, 20, 20, any, Bytes(flat200.end() - 4 * 40 * 20, flat200.end())},
         // The in-memory decoder passes over one blank line; the streaming one
         // takes the data right after the resolution line, as flat pixels.
-        {"a blank line after the resolution line", oltest::fixture("radiance/read_blank_line_20x60.hdr"), 20, 60, -1, 60, -2, any, 0, 0,
+        {"a blank line after the resolution line", oltest::fixture("radiance/read_blank_line_20x60.hdr"), 20, 60, -1, 60, -2, any,
          Bytes(4u * 20 * 60, 130)},
-        {"16640 bytes: a preview budget of 2", preview2, 4, 4, -1, any, any, 5, 2, 2},
-        {"below 16640 bytes: no preview", preview1, 4, 4, -1, any, any, -1, 2, 2},
+        {"16640 bytes: a preview budget of 2", preview2, 4, 4, -1, any, any, 5, {}, 2, 2},
+        {"below 16640 bytes: no preview", preview1, 4, 4, -1, any, any, -1, {}, 2, 2},
         {"the resolution line beyond a budget of 2", radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7)), 4, 4, -1,
-         any, any, -200, 2, 2},
+         any, any, -200, {}, 2, 2},
         // No width in flat form: no column to take, the rows are counted; nothing stored.
-        {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 3, 4, 2},
-        {"a file that does not open", {}, W, H, 30000, -1, -1, -1, 8, 8},
+        {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 3, {}, 4, 2},
+        {"a file that does not open", {}, W, H, 30000, -1, -1, -1, {}, 8, 8},
         // The run-length path's allocations fail in turn in frame_alloc_sweep_test.
-        {"flat form, the first allocation fails", flat, W, H, -1, any, -4, -4, 16, 16, {}, 1},
-        {"flat form, the row buffer fails", flat, W, H, -1, any, -4, -4, 16, 16, {}, 2},
+        {"flat form, the first allocation fails", flat, W, H, -1, any, -4, -4, {}, 16, 16, 1},
+        {"flat form, the row buffer fails", flat, W, H, -1, any, -4, -4, {}, 16, 16, 2},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
         const std::string path = r.file.empty() ? dir.file("absent.hdr") : put(dir, r.file);
-        const int pw = r.pw ? r.pw : r.w, ph = r.ph ? r.ph : r.h;
+        const int pw = r.pw < 0 ? r.w : r.pw, ph = r.ph < 0 ? r.h : r.ph;
         Bytes a(4u * r.w * r.h, 0xEE), b(a.size(), 0xEE), p(4u * pw * ph + 4, 0xEE);
         const auto failing = [&](auto call) {
             oltest::FailAllocation f(r.failAt);
@@ -121,45 +149,9 @@ TEST(RadianceReader, FilesAndTheirCodes) {
         }
         if (!r.pixels.empty()) { EXPECT_EQ(interleave(a, r.w, r.h), r.pixels); }
         if (!r.pixels.empty() && r.stream == r.h) { EXPECT_EQ(a, b); }
-        if (r.preview == r.h + 1 && !r.pw) { EXPECT_EQ(Bytes(p.begin(), p.end() - 4), a); }
+        if (r.rle == r.h && r.preview >= 0 && r.preview != any) { EXPECT_EQ(p, previewOf(a, r.w, r.h, pw, ph, Bytes(p.size(), 0xEE))); }
         if (r.w == 0) { EXPECT_EQ(p, Bytes(p.size(), 0xEE)); }
     }
-}
-
-// In run-length form and in flat form.
-TEST(RadiancePreview, DecimatesByNearestNeighbour) {
-    oltest::TempDir dir;
-    const Crafted c{64, 80};
-    const int W = c.w, H = c.h;
-    const Bytes flat = radianceFile(kHead + resolution(W, H), interleave(c.planes, W, H));
-    for (auto [pw, ph, file] : {std::tuple{W, H, &c.file}, {32, 40, &c.file}, {20, 30, &c.file}, {7, 3, &c.file},
-                                {1, 1, &c.file}, {10, 10, &flat}, {64, 80, &flat}}) {
-        SCOPED_TRACE(std::to_string(pw) + "x" + std::to_string(ph));
-        const std::string path = put(dir, *file);
-        Bytes out(4u * pw * ph, 0xEE);
-        EXPECT_EQ(ol_io_read_preview_rgbe(W, H, pw, ph, path.c_str(), out.data()), H + 1);
-        const float xr = static_cast<float>(W) / static_cast<float>(pw);
-        const float yr = static_cast<float>(H) / static_cast<float>(ph);
-        for (int j = 0; j < ph; ++j)
-            for (int c4 = 0; c4 < 4; ++c4)
-                for (int i = 0; i < pw; ++i) {
-                    const int sy = static_cast<int>(static_cast<float>(j) * yr);
-                    const int sx = static_cast<int>(static_cast<float>(i) * xr);
-                    ASSERT_EQ(out[(static_cast<std::size_t>(j) * 4 + c4) * pw + i],
-                              c.planes[(static_cast<std::size_t>(sy) * 4 + c4) * W + sx]);
-                }
-    }
-    const std::string path = put(dir, c.file);
-    // Twice as tall: output rows 0 and 1 both want source row 0, which is
-    // decoded once, so only output row 0 is stored and the file runs out.
-    Bytes out(4u * W * 2 * H, 0xEE);
-    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, W, 2 * H, path.c_str(), out.data()), H);
-    EXPECT_EQ(Bytes(out.begin(), out.begin() + 4 * W), Bytes(c.planes.begin(), c.planes.begin() + 4 * W));
-    EXPECT_EQ(out[4 * W], 0xEE);
-    // A preview of no size stores nothing and reads the whole file.
-    Bytes none(16, 0xEE);
-    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 0, 0, path.c_str(), none.data()), H);
-    EXPECT_EQ(none, Bytes(16, 0xEE));
 }
 
 // The header through the size query and the values: line budgets, the
