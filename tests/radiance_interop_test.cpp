@@ -19,10 +19,9 @@ protected:
     // Asked once a run: each question starts a Python.
     static bool have(const std::string& program, const std::string& module) {
         static std::map<std::string, bool> known;
-        const auto it = known.find(program + " " + module);
-        if (it != known.end()) return it->second;
-        return known[program + " " + module] = (program.empty() || oltest::haveProgram(program)) &&
-                                               oltest::fs::exists(oltest::systemPython()) && oltest::havePythonModule(module.c_str());
+        const auto [it, added] = known.try_emplace(program + " " + module);
+        if (added) it->second = (program.empty() || oltest::haveProgram(program)) && oltest::havePythonModule(module.c_str());
+        return it->second;
     }
     bool py(const std::string& args) {
         return oltest::runCommand(oltest::systemPython() + " " + oltest::shellQuote(helper_) + " " + args + " 2>/dev/null") == 0;

@@ -26,16 +26,10 @@ public:
     // stdout and on stderr.
     template <class F>
     void step(const std::string& title, F&& call) {
-        std::string out, err;
-        long r;
-        {
-            oltest::CaptureFd o(1), e(2);
-            r = static_cast<long>(call());
-            err = e.finish();
-            out = o.finish();
-        }
-        text_ += "### " + title + " -> " + std::to_string(r) + "\n" + out;
-        if (!err.empty()) text_ += "### stderr\n" + err;
+        oltest::CaptureFd o(1), e(2);
+        const long r = static_cast<long>(call());
+        const std::string err = e.finish(), out = o.finish();
+        text_ += "### " + title + " -> " + std::to_string(r) + "\n" + out + (err.empty() ? "" : "### stderr\n" + err);
     }
 
     ~Transcript() {
