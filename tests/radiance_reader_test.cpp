@@ -23,13 +23,6 @@ struct Crafted {
     }
 };
 
-// The file written to `dir`, its path returned.
-std::string put(const oltest::TempDir& dir, const Bytes& file) {
-    const std::string path = dir.file("f.hdr");
-    oltest::writeFile(path, file);
-    return path;
-}
-
 // The preview read plainly from decoded planes into `out`: the source rows in
 // turn, each stored when it is the one output row j wants, j then raised.
 Bytes previewOf(const Bytes& planes, int w, int h, int pw, int ph, Bytes out) {
@@ -135,7 +128,8 @@ TEST(RadianceReader, FilesAndTheirCodes) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
-        const std::string path = r.file.empty() ? dir.file("absent.hdr") : put(dir, r.file);
+        const std::string path = dir.file(r.file.empty() ? "absent.hdr" : "f.hdr");
+        if (!r.file.empty()) oltest::writeFile(path, r.file);
         const int pw = r.pw < 0 ? r.w : r.pw, ph = r.ph < 0 ? r.h : r.ph;
         Bytes a(4u * r.w * r.h, 0xEE), b(a.size(), 0xEE), p(4u * pw * ph + 4, 0xEE);
         const auto failing = [&](auto call) {
