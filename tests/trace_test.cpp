@@ -46,39 +46,39 @@ private:
     std::string name_, text_;
 };
 
-// ---- merge: uniform frames of three samples, frame 0 at `levels[0]` and the
-// others at `levels[1]` (16 bits: those high bytes over `low`); every merge
-// gets a zero lut.
-Bytes uniformFrames(int w, int h, int n, int bps, std::array<int, 2> levels, int low) {
+// ---- merges of uniform frames of three samples with a zero lut, frame 0 at
+// `levels[0]` and the others at `levels[1]` (16 bits: those high bytes over
+// `low`): ol_hdr_merge (variant 0, with `evStep`), calc_hdr (-1) and
+// hdr_unghost (1 and 2) with 0.5.
+int merge(int variant, int w, int h, int n, int bps, std::array<int, 2> levels, int low, std::vector<float> dt,
+          float evStep = 0.5f) {
     const std::size_t frame = static_cast<std::size_t>(w) * h * 3 * (bps / 8);
-    Bytes photos(n * frame, static_cast<std::uint8_t>(low));
-    for (std::size_t i = bps / 16; i < n * frame; i += bps / 8) photos[i] = static_cast<std::uint8_t>(levels[i >= frame]);
-    return photos;
+    Bytes photos(n * frame, static_cast<std::uint8_t>(low)), out(4u * w * h, 1);
+    for (std::size_t i = bps / 16; i < n * frame; i += bps / 8)
+        photos[i] = static_cast<std::uint8_t>(levels[i >= frame]);
+    std::vector<float> lut(static_cast<std::size_t>(1) << bps);
+    float stats[3], *l = lut.data(), *t = dt.data();
+    if (variant == 0) return ol_hdr_merge(0, n, w, h, 3, bps, 0, l, evStep, t, photos.data(), stats, out.data());
+    if (variant < 0) return calc_hdr(1, n, w, h, 3, bps, 0, l, evStep, t, photos.data(), stats, out.data());
+    return hdr_unghost(1, variant, n, w, h, 3, bps, 0, l, evStep, t, photos.data(), stats, out.data());
 }
 
 // Two frames of 210 x 210 (levels 100 and 200); the sample pixels are where
-// x % 105 == 100 and y % 52 == 50. One frame is at 128.
-int mergeFrames(int w, int h, int n, int bps, std::vector<float> dt, float evStep) {
-    const Bytes photos = uniformFrames(w, h, n, bps, n == 1 ? std::array{128, 128} : std::array{100, 200}, 0x80);
-    std::vector<float> lut(static_cast<std::size_t>(1) << bps);
-    float stats[3];
-    Bytes out(4u * w * h);
-    return ol_hdr_merge(0, n, w, h, 3, bps, 0, lut.data(), evStep, dt.data(), photos.data(), stats, out.data());
-}
-
+// x % 105 == 100 and y % 52 == 50.
 TEST(Trace, Merge) {
     Transcript t("merge");
-    t.step("8 bits, exposures 1 and 4", [] { return mergeFrames(210, 210, 2, 8, {1.0f, 4.0f}, -1.0f); });
+    t.step("8 bits, exposures 1 and 4", [] { return merge(0, 210, 210, 2, 8, {100, 200}, 0x80, {1, 4}, -1.0f); });
     // The lines show lut at the high byte though the merge reads the word.
-    t.step("16 bits", [] { return mergeFrames(210, 210, 2, 16, {1.0f, 4.0f}, -1.0f); });
+    t.step("16 bits", [] { return merge(0, 210, 210, 2, 16, {100, 200}, 0x80, {1, 4}, -1.0f); });
     // Exposures whose log2 is not a float: the ends still get 64000 and 60160.
-    t.step("exposures 1 and 3", [] { return mergeFrames(210, 210, 2, 8, {1.0f, 3.0f}, -1.0f); });
+    t.step("exposures 1 and 3", [] { return merge(0, 210, 210, 2, 8, {100, 200}, 0x80, {1, 3}, -1.0f); });
     // evStep 0 on zero means: both exposures 1; frame 1 is visited first.
-    t.step("guessed equal exposures", [] { return mergeFrames(210, 210, 2, 8, {5.0f, 5.0f}, 0.0f); });
-    // Below 202 x 204 there is no sample pixel, nor at a width of 1 and a
-    // height below 4.
+    t.step("guessed equal exposures", [] { return merge(0, 210, 210, 2, 8, {100, 200}, 0x80, {5, 5}, 0.0f); });
+    // One frame at 128: below 202 x 204 there is no sample pixel, nor at a
+    // width of 1 and a height below 4.
     for (auto [w, h] : {std::pair{1, 3}, std::pair{201, 300}, std::pair{300, 203}})
-        t.step("one frame " + std::to_string(w) + " x " + std::to_string(h), [w = w, h = h] { return mergeFrames(w, h, 1, 8, {1.0f}, -1.0f); });
+        t.step("one frame " + std::to_string(w) + " x " + std::to_string(h),
+               [w = w, h = h] { return merge(0, w, h, 1, 8, {128, 128}, 0x80, {1}, -1.0f); });
     t.step("nothing to do", [] {
         std::vector<float> lut(256), dt = {1.0f};
         float stats[3];
@@ -89,16 +89,6 @@ TEST(Trace, Merge) {
 // ---- motion: align, ol_ghost_detect, calc_hdr and hdr_unghost. The merges
 // take two frames of 24 x 24, levels 60 and 200, exposures 1 and 4; the sample
 // pixels are where x % 12 and y % 12 are both 10.
-int mergeTwo(int bps, int variant) {
-    const Bytes photos = uniformFrames(24, 24, 2, bps, {60, 200}, 0x40);
-    Bytes out(4 * 24 * 24, 1);
-    std::vector<float> lut(bps == 16 ? 65536 : 256), dt = {1.0f, 4.0f};
-    float stats[3];
-    return variant < 0 ? calc_hdr(1, 2, 24, 24, 3, bps, 0, lut.data(), 0.5f, dt.data(), photos.data(), stats, out.data())
-                       : hdr_unghost(1, variant, 2, 24, 24, 3, bps, 0, lut.data(), 0.5f, dt.data(), photos.data(),
-                                     stats, out.data());
-}
-
 TEST(Trace, Motion) {
     Transcript t("motion");
     // A bright square on grey, frame 1 seeing it 3 pixels further right and 2 lower.
@@ -118,11 +108,11 @@ TEST(Trace, Motion) {
         return ol_ghost_detect(&seuil, 2, 8, 6, 3, 8, -1, dt.data(), img.data(), mask.data());
     });
     // Sample pixels for 16-bit frames only; frame 1's weight is lowered by its saturation level 60160.
-    t.step("calc_hdr, 16 bits", [] { return mergeTwo(16, -1); });
-    t.step("calc_hdr, 8 bits", [] { return mergeTwo(8, -1); });
+    t.step("calc_hdr, 16 bits", [] { return merge(-1, 24, 24, 2, 16, {60, 200}, 0x40, {1, 4}); });
+    t.step("calc_hdr, 8 bits", [] { return merge(-1, 24, 24, 2, 8, {60, 200}, 0x40, {1, 4}); });
     // The reference is frame 1; the frames disagree, so the result is its value.
-    t.step("hdr_unghost, variant 1, 8 bits", [] { return mergeTwo(8, 1); });
-    t.step("hdr_unghost, variant 2, 16 bits", [] { return mergeTwo(16, 2); });
+    t.step("hdr_unghost, variant 1, 8 bits", [] { return merge(1, 24, 24, 2, 8, {60, 200}, 0x40, {1, 4}); });
+    t.step("hdr_unghost, variant 2, 16 bits", [] { return merge(2, 24, 24, 2, 16, {60, 200}, 0x40, {1, 4}); });
 }
 
 // ---- operators and image operations: moyenne prints its depths and the row
@@ -139,7 +129,8 @@ TEST(Trace, ImageOps) {
     Transcript t("imageops");
     const Bytes src(21 * 17 * 3, 9);
     Bytes dst(21 * 17 * 3);
-    t.step("extract_basepreview", [&] { return extract_basepreview(8, 21, 17, 3, 63, 6, 5, 0, src.data(), nullptr, dst.data()); });
+    t.step("extract_basepreview",
+           [&] { return extract_basepreview(8, 21, 17, 3, 63, 6, 5, 0, src.data(), nullptr, dst.data()); });
     t.step("extract_crop", [&] { return extract_crop(1, 21, 17, 3, 63, 8, 5, 6, 2, 3, src.data(), dst.data()); });
 }
 
