@@ -40,11 +40,11 @@ protected:
         oltest::writeFile(file("in.f32"), b);
         return py(cmd + " " + file("in.f32") + " " + std::to_string(w) + " " + std::to_string(h) + " " + out);
     }
-    // A picture as the program decodes it, as raw floats: OpenCV directly, the
-    // others through their float TIFF read by tifffile.
+    // A picture as the program decodes it, as raw floats: OpenCV and tifffile
+    // directly, the others through their float TIFF read by tifffile.
     std::vector<float> theirs(const std::string& program, const std::string& pic) {
-        const std::string tif = file("their.tif"), raw = file("their.f32");
-        oltest::fs::remove(tif);
+        const std::string tif = program == "tifffile" ? pic : file("their.tif"), raw = file("their.f32");
+        if (program != "tifffile") oltest::fs::remove(tif);
         if (program == "vips") sh("vips rad2float " + pic + " " + tif);
         if (program == "convert") sh("convert " + pic + " -define quantum:format=floating-point -depth 32 " + tif);
         const bool ok = program.empty() ? py("cv2read " + pic + " " + raw) : py("tiffread " + tif + " " + raw);
@@ -138,42 +138,19 @@ TEST_F(Interop, RadianceFilesBothWays) {
     if (!missing.empty()) GTEST_SKIP() << "rows skipped, program missing:" << missing;
 }
 
-TEST_F(Interop, FloatTiffsOfOtherProgramsReadByFp2rgbe) {
-    if (!have("", "tifffile")) GTEST_SKIP() << "no tifffile";
-    const int W = 50, H = 30;  // one strip for each writer
-    std::vector<float> rgb(3u * W * H);
-    for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<float>((i * 104729) % 997) / 1000.0f;
-    rgb[3] = rgb[4] = rgb[5] = 0.0f;
-    const std::string tf = file("tf.tif");
-    ASSERT_TRUE(writeWith("tiffwrite", rgb, W, H, tf));
-    std::vector<std::string> files = {tf};
-    if (oltest::haveProgram("vips") && sh("vips copy " + tf + " " + file("vips.tif"))) files.push_back(file("vips.tif"));
-    if (oltest::haveProgram("convert") && sh("convert " + tf + " -define quantum:format=floating-point -depth 32 " + file("im.tif")))
-        files.push_back(file("im.tif"));
-    for (const std::string& f : files) {
-        SCOPED_TRACE(f);
-        ASSERT_TRUE(py("tiffread " + f + " " + file("held.f32")));
-        const std::vector<float> held = readF32(file("held.f32"));
-        ASSERT_EQ(held.size(), rgb.size());
-        Bytes planes(4u * W * H);
-        float stats[3];
-        ASSERT_EQ(fp2rgbe(f.c_str(), W, H, stats, planes.data()), H);
-        EXPECT_EQ(encodingMismatches(planes, W, H, held), 0);
-    }
-}
-
-TEST_F(Interop, FpSaveFilesReadByTiffinfoAndTifffile) {
+// Float TIFFs: fp_save's file read by tifffile (which holds the library's
+// decoded values, 256 times the others') and described by tiffinfo; files of
+// tifffile, vips and ImageMagick read by fp2rgbe as the values tifffile finds.
+TEST_F(Interop, FloatTiffsBothWays) {
     if (!have("", "tifffile")) GTEST_SKIP() << "no tifffile";
     const int W = 41, H = 17;
     Bytes planes = variedPlanes(W, H, 100, 170);
     planes[3 * W + 2] = 0;  // a black pixel
-    const std::string tif = file("save.tif"), raw = file("save.f32");
+    const std::string tif = file("save.tif");
     ASSERT_EQ(fp_save(tif.c_str(), W, H, planes.data()), H);
-    ASSERT_TRUE(py("tiffread " + tif + " " + raw));
-    // tifffile holds the library's decoded values: 256 times the others'.
     std::vector<float> want = decodedRgb(planes, W, H);
     for (float& v : want) v *= 256.0f;
-    EXPECT_EQ(countDifferences(readF32(raw), want, 0.0), 0);
+    EXPECT_EQ(countDifferences(theirs("tifffile", tif), want, 0.0), 0);
     if (oltest::haveProgram("tiffinfo")) {
         std::string out;
         EXPECT_EQ(oltest::runCommand("tiffinfo " + tif + " 2>&1", &out), 0);
@@ -181,5 +158,24 @@ TEST_F(Interop, FpSaveFilesReadByTiffinfoAndTifffile) {
                                  "Samples/Pixel: 3", "Rows/Strip: 17"})
             EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
         EXPECT_EQ(out.find("rror"), std::string::npos) << out;
+    }
+    const int w = 50, h = 30;  // one strip for each writer
+    std::vector<float> rgb(3u * w * h);
+    for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<float>((i * 104729) % 997) / 1000.0f;
+    rgb[3] = rgb[4] = rgb[5] = 0.0f;
+    const std::string tf = file("tf.tif");
+    ASSERT_TRUE(writeWith("tiffwrite", rgb, w, h, tf));
+    std::vector<std::string> files = {tf};
+    if (oltest::haveProgram("vips") && sh("vips copy " + tf + " " + file("vips.tif"))) files.push_back(file("vips.tif"));
+    if (oltest::haveProgram("convert") && sh("convert " + tf + " -define quantum:format=floating-point -depth 32 " + file("im.tif")))
+        files.push_back(file("im.tif"));
+    for (const std::string& f : files) {
+        SCOPED_TRACE(f);
+        const std::vector<float> held = theirs("tifffile", f);
+        ASSERT_EQ(held.size(), rgb.size());
+        Bytes back(4u * w * h);
+        float stats[3];
+        ASSERT_EQ(fp2rgbe(f.c_str(), w, h, stats, back.data()), h);
+        EXPECT_EQ(encodingMismatches(back, w, h, held), 0);
     }
 }
