@@ -13,8 +13,6 @@ using namespace radtest;
 
 namespace {
 
-using Px = std::array<std::uint8_t, 4>;
-
 void setPixel(Bytes& planes, int width, int x, int y, const ol::RgbePixel& p) {
     std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
     row[x] = p.r, row[width + x] = p.g, row[2 * width + x] = p.b, row[3 * width + x] = p.e;
@@ -65,27 +63,27 @@ std::vector<S> edgySamples(std::size_t n, std::mt19937& rng) {
     return v;
 }
 
-template <class S>
-void expectConvertMatches(int spp, int swapped, std::mt19937& rng) {
-    const int w = 23, h = 9, stride = w * spp + 3, bps = 8 * static_cast<int>(sizeof(S));
-    std::vector<float> lut(std::size_t(1) << bps);
-    for (std::size_t i = 0; i < lut.size(); ++i)  // a few zeros: an unguarded scale
-        lut[i] = rng() % 50 ? static_cast<float>(i) / static_cast<float>(lut.size() - 1) * (0.5f + rng() % 100 / 50.0f) : 0.0f;
-    const std::vector<S> src = edgySamples<S>(static_cast<std::size_t>(stride) * h, rng);
-    Bytes out(4u * w * h, 0xAA);
-    ASSERT_EQ(convert_to_rgbe(bps, w, h, spp, stride, swapped, lut.data(), src.data(), out.data()), h);
-    EXPECT_EQ(out, referenceConvert(w, h, spp, stride, swapped, lut, src)) << bps << " bits, spp " << spp;
-}
-
 }  // namespace
 
 TEST(RadianceConvert, MatchesThePlainRuleOnEdgyPictures) {
     std::mt19937 rng(11);
+    const auto check = [&rng](auto sample, int spp, int swapped) {
+        using S = decltype(sample);
+        const int w = 23, h = 9, stride = w * spp + 3, bps = 8 * static_cast<int>(sizeof(S));
+        std::vector<float> lut(std::size_t(1) << bps);
+        for (std::size_t i = 0; i < lut.size(); ++i)  // a few zeros: an unguarded scale
+            lut[i] = rng() % 50 ? static_cast<float>(i) / static_cast<float>(lut.size() - 1) * (0.5f + rng() % 100 / 50.0f)
+                                : 0.0f;
+        const std::vector<S> src = edgySamples<S>(static_cast<std::size_t>(stride) * h, rng);
+        Bytes out(4u * w * h, 0xAA);
+        ASSERT_EQ(convert_to_rgbe(bps, w, h, spp, stride, swapped, lut.data(), src.data(), out.data()), h);
+        EXPECT_EQ(out, referenceConvert(w, h, spp, stride, swapped, lut, src)) << bps << " bits, spp " << spp;
+    };
     for (int round = 0; round < 2; ++round)
         for (int spp : {1, 3, 4})
             for (int swapped : {0, 1}) {
-                expectConvertMatches<std::uint8_t>(spp, swapped, rng);
-                expectConvertMatches<std::uint16_t>(spp, swapped, rng);
+                check(std::uint8_t{}, spp, swapped);
+                check(std::uint16_t{}, spp, swapped);
             }
 }
 
@@ -95,7 +93,7 @@ TEST(RadianceConvert, Quirks) {
         const char* what;
         int bps;
         std::vector<std::uint16_t> samples;  // RGB pixels
-        Px first;
+        std::array<std::uint8_t, 4> first;
     };
     const Row rows[] = {
         // The minimum stays 1e11 = 0.7276 * 2^37.
