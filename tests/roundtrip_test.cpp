@@ -19,7 +19,6 @@ std::vector<std::uint8_t> merge(const std::vector<std::uint8_t>& photos, int n, 
     std::vector<std::uint8_t> rgbe(4u * w * h);
     float stats[3];
     EXPECT_EQ(ol_hdr_merge(0, n, w, h, spp, bps, 0, lut.data(), 2.0f, deltaT.data(), photos.data(), stats, rgbe.data()), h);
-    EXPECT_GT(stats[1], stats[0]);
     return rgbe;
 }
 

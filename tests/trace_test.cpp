@@ -178,27 +178,23 @@ TEST(Trace, Fusion) {
     oltest::TempDir dir;
     Transcript t("fusion");
     const auto stepped = [](int w, int h) { return fustest::flatStack(w, h, {100, 150, 200}); };
+    const auto cutAt = [](int w, int h, float highlightCut) {
+        auto j = fustest::sized(w, h);
+        j.params[2] = highlightCut;
+        return j;
+    };
     t.step("disk run, every stage", [&] { return fustest::sized(8, 6).onDisk(dir.path().string()).go(stepped(8, 6)); });
     // highlightCut 2 without saturation: powers 2 and 3, multHigh
     // 1 / 0.640625^3; 9x7 -> 5x4 puts the last coarse column and row on the
     // odd borders.
-    t.step("odd levels, highlight curve", [&] {
-        auto j = fustest::sized(9, 7);
-        j.params[2] = 2.0f;
-        return j.go(stepped(9, 7));
-    });
+    t.step("odd levels, highlight curve", [&] { return cutAt(9, 7, 2.0f).go(stepped(9, 7)); });
     // Every pixel saturated: powerLow c + 1, powerHigh (c - 1) * 0.5 + 2.
-    t.step("saturated stack", [&] {
-        auto j = fustest::sized(8, 6);
-        j.params[2] = 2.0f;
-        return j.go(fustest::flatStack(8, 6, {255, 255, 255}));
-    });
+    t.step("saturated stack", [&] { return cutAt(8, 6, 2.0f).go(fustest::flatStack(8, 6, {255, 255, 255})); });
     // A float output makes the sharpening linear, so fval 0 weighs nothing:
     // with highlightCut every curve is 0 at 240.
     t.step("blown pixels weigh zero", [&] {
-        auto j = fustest::sized(8, 6);
+        auto j = cutAt(8, 6, 1.5f);
         j.bspOut = 32;
-        j.params[2] = 1.5f;
         return j.go(fustest::flatStack(8, 6, {240, 240, 240}));
     });
     t.step("ghost mask and sampled pixels", [&] {
