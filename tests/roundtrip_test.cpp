@@ -67,7 +67,7 @@ TEST(RoundTrip, MergedPlanesThroughEveryWriterAndReader) {
     // ones side by side.
     for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000, 32767, 32768}) {
         SCOPED_TRACE(width);
-        const int height = 7 + 800 / width;
+        const int height = width > 1000 ? 2 : 7 + 800 / width;
         std::vector<std::uint8_t> px = radtest::photoPlanes(width, height, static_cast<std::uint32_t>(width));
         for (int x = 0; x < width / 3; ++x) px[static_cast<std::size_t>(width) * 4 + x] = 9;
         expectRoundTrips(dir, px, width, height);
