@@ -7,14 +7,11 @@
 #include <random>
 
 #include "frame/bytes.hpp"
-#include "frame/tiff_tags.hpp"
 #include "support/radiance.hpp"
 
 using namespace radtest;
 
 namespace {
-
-using Px = std::array<std::uint8_t, 4>;
 
 void setPixel(Bytes& planes, int width, int x, int y, const ol::RgbePixel& p) {
     std::uint8_t* row = planes.data() + static_cast<std::size_t>(y) * 4 * width;
@@ -66,27 +63,27 @@ std::vector<S> edgySamples(std::size_t n, std::mt19937& rng) {
     return v;
 }
 
-template <class S>
-void expectConvertMatches(int spp, int swapped, std::mt19937& rng) {
-    const int w = 23, h = 9, stride = w * spp + 3, bps = 8 * static_cast<int>(sizeof(S));
-    std::vector<float> lut(std::size_t(1) << bps);
-    for (std::size_t i = 0; i < lut.size(); ++i)  // a few zeros: an unguarded scale
-        lut[i] = rng() % 50 ? static_cast<float>(i) / static_cast<float>(lut.size() - 1) * (0.5f + rng() % 100 / 50.0f) : 0.0f;
-    const std::vector<S> src = edgySamples<S>(static_cast<std::size_t>(stride) * h, rng);
-    Bytes out(4u * w * h, 0xAA);
-    ASSERT_EQ(convert_to_rgbe(bps, w, h, spp, stride, swapped, lut.data(), src.data(), out.data()), h);
-    EXPECT_EQ(out, referenceConvert(w, h, spp, stride, swapped, lut, src)) << bps << " bits, spp " << spp;
-}
-
 }  // namespace
 
 TEST(RadianceConvert, MatchesThePlainRuleOnEdgyPictures) {
     std::mt19937 rng(11);
+    const auto check = [&rng](auto sample, int spp, int swapped) {
+        using S = decltype(sample);
+        const int w = 23, h = 9, stride = w * spp + 3, bps = 8 * static_cast<int>(sizeof(S));
+        std::vector<float> lut(std::size_t(1) << bps);
+        for (std::size_t i = 0; i < lut.size(); ++i)  // a few zeros: an unguarded scale
+            lut[i] = rng() % 50 ? static_cast<float>(i) / static_cast<float>(lut.size() - 1) * (0.5f + rng() % 100 / 50.0f)
+                                : 0.0f;
+        const std::vector<S> src = edgySamples<S>(static_cast<std::size_t>(stride) * h, rng);
+        Bytes out(4u * w * h, 0xAA);
+        ASSERT_EQ(convert_to_rgbe(bps, w, h, spp, stride, swapped, lut.data(), src.data(), out.data()), h);
+        EXPECT_EQ(out, referenceConvert(w, h, spp, stride, swapped, lut, src)) << bps << " bits, spp " << spp;
+    };
     for (int round = 0; round < 2; ++round)
         for (int spp : {1, 3, 4})
             for (int swapped : {0, 1}) {
-                expectConvertMatches<std::uint8_t>(spp, swapped, rng);
-                expectConvertMatches<std::uint16_t>(spp, swapped, rng);
+                check(std::uint8_t{}, spp, swapped);
+                check(std::uint16_t{}, spp, swapped);
             }
 }
 
@@ -96,7 +93,7 @@ TEST(RadianceConvert, Quirks) {
         const char* what;
         int bps;
         std::vector<std::uint16_t> samples;  // RGB pixels
-        Px first;
+        std::array<std::uint8_t, 4> first;
     };
     const Row rows[] = {
         // The minimum stays 1e11 = 0.7276 * 2^37.
@@ -123,25 +120,6 @@ TEST(RadianceConvert, Quirks) {
 }
 
 namespace {
-
-struct Entry { std::uint16_t tag, type; std::uint32_t count, value; };
-// A little-endian float TIFF: the floats at 8 and the directory behind them,
-// or the directory at 8 and the floats behind it.
-Bytes floatTiff(const std::vector<float>& rgb, const std::vector<Entry>& entries, bool directoryFirst = false) {
-    Bytes f = {'I', 'I', 42, 0, 0, 0, 0, 0}, dir(2 + 12 * entries.size() + 4, 0);
-    ol::putU16LE(dir.data(), static_cast<std::uint32_t>(entries.size()));
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        std::uint8_t* e = dir.data() + 2 + 12 * i;
-        ol::putU16LE(e, entries[i].tag), ol::putU16LE(e + 2, entries[i].type);
-        ol::putU32LE(e + 4, entries[i].count), ol::putU32LE(e + 8, entries[i].value);
-    }
-    Bytes floats(4 * rgb.size());
-    for (std::size_t i = 0; i < rgb.size(); ++i) ol::putF32LE(floats.data() + 4 * i, rgb[i]);
-    ol::putU32LE(f.data() + 4, directoryFirst ? 8u : static_cast<std::uint32_t>(8 + floats.size()));
-    f.insert(f.end(), (directoryFirst ? dir : floats).begin(), (directoryFirst ? dir : floats).end());
-    f.insert(f.end(), (directoryFirst ? floats : dir).begin(), (directoryFirst ? floats : dir).end());
-    return f;
-}
 
 // fp2rgbe read plainly: pixels of 12 bytes from `offset`, a pixel cut by the
 // end of the file keeping the bytes of the one before; stats of the
@@ -171,30 +149,21 @@ Bytes referenceFp2rgbe(const Bytes& file, std::size_t offset, int w, int h, floa
 TEST(RadianceFloatTiff, ReadsWhereTheDirectorySays) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.tif");
-    std::mt19937 rng(5);
-    std::vector<float> rgb(3 * 6 * 4);
-    for (float& v : rgb) v = rng() % 5 ? std::ldexp(static_cast<float>(rng() % 1000), static_cast<int>(rng() % 40) - 30) : 0.0f;
-    rgb[3] = 1e-33f, rgb[4] = rgb[5] = rgb[6] = rgb[7] = rgb[8] = 0.0f;  // below the black guard, and black
-    using ol::kTiffLong, ol::kTiffShort;
-    const std::uint16_t kStrip = ol::tag::kStripOffsets;
-    Bytes loop = floatTiff(rgb, {{kStrip, kTiffLong, 1, 8}}), bigEndian = loop, magic43 = loop;
-    ol::putU32LE(loop.data() + loop.size() - 4, ol::getU32LE(loop.data() + 4));
-    bigEndian[0] = bigEndian[1] = 'M';
-    magic43[2] = 43;
     struct Row {
         const char* what;
         Bytes file;
         int w, h, result;
         std::size_t offset;  // where the pixels are read from
     };
+    const Bytes loop = oltest::fixture("float_tiff/read_loop.tif");
     const Row rows[] = {
-        {"StripOffsets as a LONG", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}, {kStrip, kTiffLong, 1, 8}}), 6, 4, 4, 8},
-        {"no StripOffsets: from offset `width`", floatTiff(rgb, {{ol::tag::kImageWidth, kTiffShort, 1, 2}}), 5, 4, 4, 5},
-        {"a SHORT offset of count below 3 uses the low two bytes", floatTiff(rgb, {{kStrip, kTiffShort, 1, 0xABCD0008u}}), 6, 4, 4, 8},
+        {"StripOffsets as a LONG", oltest::fixture("float_tiff/read_strip_long.tif"), 6, 4, 4, 8},
+        {"no StripOffsets: from offset `width`", oltest::fixture("float_tiff/read_no_strip.tif"), 5, 4, 4, 5},
+        {"a SHORT offset of count below 3 uses the low two bytes", oltest::fixture("float_tiff/read_strip_short.tif"), 6, 4, 4, 8},
         {"a directory chain that loops ends", loop, 6, 4, 4, 8},
-        {"the end of the file repeats the last pixel", floatTiff(rgb, {{kStrip, kTiffLong, 1, 26}}, true), 6, 5, 5, 26},
-        {"big-endian", bigEndian, 6, 4, -3, 0},
-        {"a magic number of 43", magic43, 6, 4, -4, 0},
+        {"the end of the file repeats the last pixel", oltest::fixture("float_tiff/read_directory_first.tif"), 6, 5, 5, 26},
+        {"big-endian", {'M', 'M', 42, 0}, 6, 4, -3, 0},
+        {"a magic number of 43", {'I', 'I', 43, 0}, 6, 4, -4, 0},
         {"one byte", {'I'}, 6, 4, -3, 0},
         {"no rows", loop, 6, 0, 0, 0},
     };

@@ -23,183 +23,192 @@ struct Crafted {
     }
 };
 
-// The file written to `dir`, its path returned.
-std::string put(const oltest::TempDir& dir, const Bytes& file) {
-    const std::string path = dir.file("f.hdr");
-    oltest::writeFile(path, file);
-    return path;
-}
-
-// Exposure, aperture and focal length as fractions, then the ISO.
-std::array<int, 7> fractions(const ExifRecord& e) {
-    return {e.exposureNum, e.exposureDen, e.apertureNum, e.apertureDen, e.focalNum, e.focalDen, e.iso};
-}
-
-Bytes flatPixels(int n, Bytes pixel) {
-    Bytes d;
-    for (int i = 0; i < n; ++i) d.insert(d.end(), pixel.begin(), pixel.end());
-    return d;
+// The preview read plainly from decoded planes into `out`: the source rows in
+// turn, each stored when it is the one output row j wants, j then raised.
+Bytes previewOf(const Bytes& planes, int w, int h, int pw, int ph, Bytes out) {
+    if (pw <= 0 || ph <= 0) return out;
+    const float xr = static_cast<float>(w) / static_cast<float>(pw), yr = static_cast<float>(h) / static_cast<float>(ph);
+    for (int y = 0, j = 0; y < h && j < ph; ++y) {
+        if (y != static_cast<int>(static_cast<float>(j) * yr)) continue;
+        for (int c = 0; c < 4; ++c)
+            for (int i = 0; i < pw; ++i)
+                out[(static_cast<std::size_t>(j) * 4 + c) * pw + i] =
+                    planes[(static_cast<std::size_t>(y) * 4 + c) * w + static_cast<int>(static_cast<float>(i) * xr)];
+        ++j;
+    }
+    return out;
 }
 
 }  // namespace
 
-// One byte of a crafted file changed (or the file cut there), and the code
-// each decoder gives; decoded files must give the picture. Faults in the last
-// rows of the large file are reached after the read window has slid.
-TEST(RadianceReader, FailureTable) {
+// Files and the codes each decoder gives with the caller's size and file
+// size: crafted pictures with one byte changed or cut (faults in the last
+// rows of the large one are reached after the in-memory decoder's read window
+// has slid), files of special forms, previews of several sizes. Decoded files
+// give their pixels, previews the plain reading of their decoded planes.
+TEST(RadianceReader, FilesAndTheirCodes) {
     oltest::TempDir dir;
-    const int W = 64, H = 80, L = 299;  // L: the last row of the large file
-    struct Case {
-        const char* what;
-        bool large;
-        int row, at, value;  // the byte set; -1 cuts the file there, -2 leaves it
-        int dw, dh;          // the caller's size off by
-        int rle, stream, preview;
-    };
-    const Case cases[] = {
-        {"intact", false, 0, 0, -2, 0, 0, H, H, H + 1},
-        {"intact, large", true, 0, 0, -2, 0, 0, L + 1, L + 1, L + 2},
-        {"first two bytes of later rows are not checked", false, 1, 0, 9, 0, 0, H, H, H + 1},
-        {"height differs from the caller's", false, 0, 0, -2, 0, -1, -3, -3, -200},
-        {"width differs from the caller's", false, 0, 0, -2, 1, 0, -3, -3, -200},
-        {"width field of a later row header differs", false, 1, 3, W - 1, 0, 0, -4, -4, -4},
-        {"width field of a row header differs, large", true, L - 1, 3, 7, 0, 0, -4, -4, -4},
-        // The in-memory decoder does not look at it but the width field is off.
-        {"third byte of a later row header is 128 or more", false, 1, 2, 0x80, 0, 0, -4, -6, -201},
-        {"a run would pass the end of the row", false, 1, 4 + 65, 128 + 65, 0, 0, -5, -5, -202},  // green component
-        {"a run would pass the end of the row, large", true, L, 4 + 4 * 128, 255, 0, 0, -5, -5, -202},
-        {"an empty literal", false, 2, 4, 0, 0, 0, -6, -6, -202},
-        {"an empty literal, large", true, L, 4, 0, 0, 0, -6, -6, -202},
-        {"a literal that would pass the end of the row", false, 2, 4, 65, 0, 0, -6, -6, -202},
-        {"end of file inside a row", false, H - 1, 100, -1, 0, 0, -2, -1, -1},
-        {"end of file inside a row, large", true, L, 1000, -1, 0, 0, -2, -1, -1},
-        {"end of file at a row header", false, H - 1, 2, -1, 0, 0, -2, -2, -1},
-    };
+    const int W = 64, H = 80, L = 299, any = 999;  // L: the last row of the large file
     const Crafted small{W, H}, large{600, L + 1};
-    for (const Case& k : cases) {
-        SCOPED_TRACE(k.what);
-        const Crafted& c = k.large ? large : small;
+    // The crafted file with byte `at` of row `row` set to `value`, or cut there (-1).
+    const auto damaged = [](const Crafted& c, int row, int at, int value) {
         Bytes f = c.file;
-        if (k.value == -1) f.resize(c.rowOffset(k.row) + k.at);
-        else if (k.value >= 0) f[c.rowOffset(k.row) + k.at] = static_cast<std::uint8_t>(k.value);
-        const std::string path = put(dir, f);
-        const int w = c.w + k.dw, h = c.h + k.dh;
-        Bytes a(4u * w * h, 0xEE), b(a.size(), 0xEE), p(a.size(), 0xEE);
-        EXPECT_EQ(decodeRle(path, w, h, a), k.rle);
-        EXPECT_EQ(decodeStream(path, w, h, b), k.stream);
-        EXPECT_EQ(ol_io_read_preview_rgbe(w, h, w, h, path.c_str(), p.data()), k.preview);
-        if (k.rle == c.h) { EXPECT_TRUE(a == c.planes && b == c.planes && p == c.planes); }
-    }
-    Bytes out(4u * W * H);
-    float prim[8];
-    int dims[7] = {};
-    ExifRecord e;
-    const std::string absent = dir.file("absent.hdr");
-    for (int r : {decodeRle(absent, W, H, out, 30000), decodeStream(absent, W, H, out, 30000),
-                  ol_io_read_preview_rgbe(W, H, 8, 8, absent.c_str(), out.data()),
-                  rgbe_dim(absent.c_str(), prim, dims), extract_rgbe_exif(absent.c_str(), &e)})
-        EXPECT_EQ(r, -1) << "a file that does not open";
-}
-
-// Whole files of special forms, the caller's file size, the codes of the
-// decoders and of a preview, and the pixels when they are known.
-TEST(RadianceReader, SpecialFiles) {
-    oltest::TempDir dir;
-    const Crafted c{64, 80};
-    const int crafted = static_cast<int>(c.file.size()), any = 999;
-    const std::string noRes = kHead, cut = kHead + "-Y 1 +X 1\n\x02\x02";
-    Bytes blankFirst = {'\n'};  // 20x60 rows of one run a component
-    for (int y = 0; y < 60; ++y) {
-        blankFirst.insert(blankFirst.end(), {2, 2, 0, 20});
-        for (int k = 0; k < 4; ++k) blankFirst.insert(blankFirst.end(), {128 + 20, 130});
-    }
-    Bytes flat252 = flatPixels(40 * 20, {2, 2, 5, 9}), flat200 = flat252;
-    flat200[2] = 200;
-    Bytes small = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7)), smaller = small;
-    smaller.pop_back();
+        if (value < 0) f.resize(c.rowOffset(row) + at);
+        else f[c.rowOffset(row) + at] = static_cast<std::uint8_t>(value);
+        return f;
+    };
+    const std::string noRes = kHead, cut = kHead + "-Y 1 +X 1\x02\x02";
+    const Bytes flat200 = oltest::fixture("radiance/read_flat_2_2_200_40x20.hdr");
+    Bytes preview2 = radianceFile("#?RADIANCE\n" + resolution(4, 4), Bytes(16640 - 11 - 10, 7)), preview1 = preview2;
+    preview1.pop_back();
     struct Row {
         const char* what;
         Bytes file;
-        int w, h, size;  // size -1: the file's own
-        int rle, stream, pw, ph, preview;  // `any`: not checked
-        Bytes pixels;  // interleaved, when the in-memory decoder gives them
+        int w, h, size;               // the caller's; size -1: the file's own
+        int rle, stream, preview;     // `any`: not checked
+        Bytes pixels = {};            // interleaved, when the decoders give them
+        int pw = -1, ph = -1;         // the preview's size; -1: the picture's
+        long failAt = 0;              // the allocation made to fail, 0: none
     };
+    const Bytes flat = radianceFile(kHead + resolution(W, H), Bytes(4u * W * H, 100));
+    const Bytes flatSmall = radianceFile(kHead + resolution(W, H), interleave(small.planes, W, H));
     const Row rows[] = {
+        {"intact", small.file, W, H, -1, H, H, H + 1, interleave(small.planes, W, H)},
+        {"intact, large", large.file, 600, L + 1, -1, L + 1, L + 1, L + 2, interleave(large.planes, 600, L + 1)},
+        // Previews by nearest neighbour, in run-length and in flat form.
+        {"a preview of 32x40", small.file, W, H, -1, H, any, H + 1, {}, 32, 40},
+        {"a preview of 20x30", small.file, W, H, -1, H, any, H + 1, {}, 20, 30},
+        {"a preview of 7x3", small.file, W, H, -1, H, any, H + 1, {}, 7, 3},
+        {"a preview of 1x1", small.file, W, H, -1, H, any, H + 1, {}, 1, 1},
+        {"a flat preview of 10x10", flatSmall, W, H, -1, H, any, H + 1, {}, 10, 10},
+        {"a flat preview of the same size", flatSmall, W, H, -1, H, any, H + 1},
+        // Twice as tall: output rows 0 and 1 both want source row 0, which is
+        // decoded once, so only output row 0 is stored and the file runs out.
+        {"a preview twice as tall", small.file, W, H, -1, H, any, H, {}, W, 2 * H},
+        {"a preview of no size stores nothing and reads the whole file", small.file, W, H, -1, H, any, H, {}, 0, 0},
+        {"first two bytes of later rows are not checked", damaged(small, 1, 0, 9), W, H, -1, H, H, H + 1},
+        {"height differs from the caller's", small.file, W, H - 1, -1, -3, -3, -200},
+        {"width differs from the caller's", small.file, W + 1, H, -1, -3, -3, -200},
+        {"width field of a later row header differs", damaged(small, 1, 3, W - 1), W, H, -1, -4, -4, -4},
+        {"width field of a row header differs, large", damaged(large, L - 1, 3, 7), 600, L + 1, -1, -4, -4, -4},
+        // The in-memory decoder does not look at it but the width field is off.
+        {"third byte of a later row header is 128 or more", damaged(small, 1, 2, 0x80), W, H, -1, -4, -6, -201},
+        {"a run would pass the end of the row", damaged(small, 1, 4 + 65, 128 + 65), W, H, -1, -5, -5, -202},  // green
+        {"a run would pass the end of the row, large", damaged(large, L, 4 + 4 * 128, 255), 600, L + 1, -1, -5, -5, -202},
+        {"an empty literal", damaged(small, 2, 4, 0), W, H, -1, -6, -6, -202},
+        {"an empty literal, large", damaged(large, L, 4, 0), 600, L + 1, -1, -6, -6, -202},
+        {"a literal that would pass the end of the row", damaged(small, 2, 4, 65), W, H, -1, -6, -6, -202},
+        {"end of file inside a row", damaged(small, H - 1, 100, -1), W, H, -1, -2, -1, -1},
+        {"end of file inside a row, large", damaged(large, L, 1000, -1), 600, L + 1, -1, -2, -1, -1},
+        {"end of file at a row header", damaged(small, H - 1, 2, -1), W, H, -1, -2, -2, -1},
         // The in-memory read falls short; the streaming decoder's budget is 100.
-        {"a file size larger than the file", c.file, 64, 80, crafted + 1, -2, 80, 0, 0, any, {}},
-        {"no resolution line, large budget", radianceFile(noRes, {}), 4, 4, 100000, -2, -2, 0, 0, any, {}},
-        {"no resolution line within the budget", radianceFile(noRes, {}), 4, 4, 300, -2, -3, 0, 0, any, {}},
-        {"no resolution line, small file size", radianceFile(noRes, {}), 4, 4, 35, -3, -3, 0, 0, any, {}},
-        {"under 4 bytes behind the resolution line", radianceFile(cut, {}), 1, 1, static_cast<int>(kHead.size()) + 12, -2, -3, 0, 0, any, {}},
-        {"the same with a budget", radianceFile(cut, {}), 1, 1, 1000, -2, -2, 0, 0, any, {}},
+        {"a file size larger than the file", small.file, W, H, static_cast<int>(small.file.size()) + 1, -2, H, any},
+        {"no resolution line, large budget", radianceFile(noRes, {}), 4, 4, 100000, -2, -2, any},
+        {"no resolution line within the budget", radianceFile(noRes, {}), 4, 4, 300, -2, -3, any},
+        {"no resolution line, small file size", radianceFile(noRes, {}), 4, 4, 35, -3, -3, any},
+        {"under 4 bytes behind the resolution line", radianceFile(cut, {}), 1, 1, static_cast<int>(kHead.size()) + 12, -2, -3, any},
+        {"the same with a budget", radianceFile(cut, {}), 1, 1, 1000, -2, -2, any},
         // Only the first row decides the form; a third byte of 128 or more keeps it flat.
-        {"flat pixels starting 2, 2 are taken for run-length", radianceFile(kHead + resolution(40, 20), flat252), 40, 20, -1, -4, -4, 0, 0, any, {}},
-        {"flat pixels starting 2, 2, 200", radianceFile(kHead + resolution(40, 20), flat200), 40, 20, -1, 20, 20, 0, 0, any, flat200},
+        {"flat pixels starting 2, 2 are taken for run-length", oltest::fixture("radiance/read_flat_2_2_5_40x20.hdr"), 40, 20, -1, -4, -4, any},
+        {"flat pixels starting 2, 2, 200", flat200, 40, 20, -1, 20, 20, any, Bytes(flat200.end() - 4 * 40 * 20, flat200.end())},
         // The in-memory decoder passes over one blank line; the streaming one
         // takes the data right after the resolution line, as flat pixels.
-        {"a blank line after the resolution line", radianceFile(kHead + resolution(20, 60), blankFirst), 20, 60, -1, 60, -2, 0, 0, any,
+        {"a blank line after the resolution line", oltest::fixture("radiance/read_blank_line_20x60.hdr"), 20, 60, -1, 60, -2, any,
          Bytes(4u * 20 * 60, 130)},
-        {"16640 bytes: a preview budget of 2", small, 4, 4, -1, any, any, 2, 2, 5, {}},
-        {"below 16640 bytes: no preview", smaller, 4, 4, -1, any, any, 2, 2, -1, {}},
+        {"16640 bytes: a preview budget of 2", preview2, 4, 4, -1, any, any, 5, {}, 2, 2},
+        {"below 16640 bytes: no preview", preview1, 4, 4, -1, any, any, -1, {}, 2, 2},
         {"the resolution line beyond a budget of 2", radianceFile("#?RADIANCE\n\n" + resolution(4, 4), Bytes(16640, 7)), 4, 4, -1,
-         any, any, 2, 2, -200, {}},
-        // No width in flat form: no column to take, the rows are counted.
-        {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 4, 2, 3, {}},
+         any, any, -200, {}, 2, 2},
+        // No width in flat form: no column to take, the rows are counted; nothing stored.
+        {"no width", radianceFile("#?RADIANCE\n" + resolution(0, 2), Bytes(16640, 7)), 0, 2, -1, any, any, 3, {}, 4, 2},
+        {"a file that does not open", {}, W, H, 30000, -1, -1, -1, {}, 8, 8},
+        // The run-length path's allocations fail in turn in frame_alloc_sweep_test.
+        {"flat form, the first allocation fails", flat, W, H, -1, any, -4, -4, {}, 16, 16, 1},
+        {"flat form, the row buffer fails", flat, W, H, -1, any, -4, -4, {}, 16, 16, 2},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
-        const std::string path = put(dir, r.file);
-        Bytes a(4u * r.w * r.h), b(a.size()), p(4u * r.pw * r.ph + 4, 0xEE);
-        if (r.rle != any) { EXPECT_EQ(decodeRle(path, r.w, r.h, a, r.size), r.rle); }
-        if (r.stream != any) { EXPECT_EQ(decodeStream(path, r.w, r.h, b, r.size), r.stream); }
-        if (r.preview != any) { EXPECT_EQ(ol_io_read_preview_rgbe(r.w, r.h, r.pw, r.ph, path.c_str(), p.data()), r.preview); }
+        const std::string path = dir.file(r.file.empty() ? "absent.hdr" : "f.hdr");
+        if (!r.file.empty()) oltest::writeFile(path, r.file);
+        const int pw = r.pw < 0 ? r.w : r.pw, ph = r.ph < 0 ? r.h : r.ph;
+        Bytes a(4u * r.w * r.h, 0xEE), b(a.size(), 0xEE), p(4u * pw * ph + 4, 0xEE);
+        const auto failing = [&](auto call) {
+            oltest::FailAllocation f(r.failAt);
+            return call();
+        };
+        if (r.rle != any) { EXPECT_EQ(failing([&] { return decodeRle(path, r.w, r.h, a, r.size); }), r.rle); }
+        if (r.stream != any) { EXPECT_EQ(failing([&] { return decodeStream(path, r.w, r.h, b, r.size); }), r.stream); }
+        if (r.preview != any) {
+            EXPECT_EQ(failing([&] { return ol_io_read_preview_rgbe(r.w, r.h, pw, ph, path.c_str(), p.data()); }), r.preview);
+        }
         if (!r.pixels.empty()) { EXPECT_EQ(interleave(a, r.w, r.h), r.pixels); }
         if (!r.pixels.empty() && r.stream == r.h) { EXPECT_EQ(a, b); }
+        if (r.rle == r.h && r.preview >= 0 && r.preview != any) { EXPECT_EQ(p, previewOf(a, r.w, r.h, pw, ph, Bytes(p.size(), 0xEE))); }
         if (r.w == 0) { EXPECT_EQ(p, Bytes(p.size(), 0xEE)); }
     }
 }
 
-// Every allocation of the run-length path fails in turn in
-// frame_alloc_sweep_test; in flat form the row buffer is the second.
-TEST(RadianceReader, FailedAllocationsGiveMinusFour) {
-    oltest::TempDir dir;
-    Bytes out(4u * 64 * 80);
-    const std::string path = put(dir, radianceFile(kHead + resolution(64, 80), flatPixels(64 * 80, {100, 110, 120, 130})));
-    const auto failingAt = [](long n, auto call) {
-        oltest::FailAllocation f(n);
-        return call();
-    };
-    for (long n : {1, 2}) {
-        EXPECT_EQ(failingAt(n, [&] { return decodeStream(path, 64, 80, out); }), -4) << n;
-        EXPECT_EQ(failingAt(n, [&] { return ol_io_read_preview_rgbe(64, 80, 16, 16, path.c_str(), out.data()); }), -4) << n;
-    }
-}
-
-TEST(RadianceReader, SizeQueryAndItsLineBudget) {
+// The header through the size query and the values: line budgets, the
+// resolution line, the fractions and the colour space, as rows.
+TEST(RadianceHeader, SizeAndValues) {
     oltest::TempDir dir;
     const std::string path = dir.file("f.hdr");
     float prim[8];
     int dims[7] = {};
-    const auto withLines = [](int lines) {
-        std::string s;
-        for (int i = 0; i < lines; ++i) s += "# comment\n";
-        return s + "-Y 5 +X 7\n" + std::string(13000, 'z');
+    const std::string tail = "-Y 5 +X 7\n" + std::string(13000, 'z');
+    struct Row {
+        std::string text;
+        int size, width, height;  // rgbe_dim
+        int values;               // extract_rgbe_exif
+        std::string camera = "kept";  // as stored, from a record holding "kept"
+        std::array<int, 7> fractions = {3, 0, 0, 0, 0, 0, 0};  // from a record holding exposureNum 3
+        int colorSpace = -1;
     };
-    struct Row { std::string text; int result, width, height; };
     const Row rows[] = {
-        {"#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80", -3, 0, 0},  // under 128 bytes: no line to read
-        {"-Y 2 +X 3\n" + std::string(128 - 10, 'x'), 0, 3, 2},      // 128 bytes: one line
-        {"-Y 0 +X 3\n" + std::string(200, 'x'), -3, 0, 0},          // zero numbers are no resolution line
-        {withLines(99), 99, 7, 5},                                   // at most 100 lines however large the file
-        {withLines(100), -3, 0, 0},
-        {std::string(127 * 3, 'L') + "\n-Y 5 +X 7\n" + std::string(13000, 'z'), 4, 7, 5},  // a long line: reads of 127
+        {"#?RADIANCE\n\n-Y 1 +X 1\n\x80\x80\x80\x80", -3, 0, 0, 2},  // under 128 bytes: no line to read
+        {"-Y 2 +X 3\n" + std::string(128 - 10, 'x'), 0, 3, 2, 0},       // 128 bytes: one line
+        {"-Y 0 +X 3\n" + std::string(200, 'x'), -3, 0, 0, 0},           // zero numbers are no size
+        {std::string(99, '\n') + tail, 99, 7, 5, 99},  // at most 100 lines however large the file
+        {std::string(100, '\n') + tail, -3, 0, 0, 100},
+        {std::string(127 * 3, 'L') + "\n" + tail, 4, 7, 5, 4},  // a long line: reads of 127
+        // A camera cut at 64 bytes; 100/0.004f is 24999.998 in float arithmetic;
+        // 35MM_EQUIV and FOCAL_PLANE_XRESOLUTION are not read back.
+        {"#?RADIANCE\nCAMERA=" + std::string(70, 'K') + "\nCAPDATE=2019:12:31 23:59:59\n"
+         "ICC_PROFILE=Adobe RGB (1998)\nSHUTTER=0.004000\nAPERTURE=2.80\nISO=400\n"
+         "FOCAL_LENGTH=18.50\n35MM_EQUIV=28\nFOCAL_PLANE_XRESOLUTION=1.00\n"
+         "FORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 1\n\x80\x80\x80\x80",
+         -3, 0, 0, 12, std::string(64, 'K'), {100, 24999, 280, 100, 1850, 100, 400}, 1},
+        // Values of 0 or below are dropped; an empty camera is not stored.
+        {"#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\nICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n", -3, 0, 0, 6,
+         "kept", {3, 0, 0, 0, 100, 100, 0}, 2},
+        // The colour space is matched by the start of the name only.
+        {"ICC_PROFILE=sRGB IEC61966-2.1\n-Y 1 +X 1\n", -3, 0, 0, 1, "kept", {3, 0, 0, 0, 0, 0, 0}, 0},
+        {"ICC_PROFILE=Display P3\n-Y 1 +X 1\n", -3, 0, 0, 1},
+        {"ICC_PROFILE=adobe rgb\n-Y 1 +X 1\n", -3, 0, 0, 1},
+        {std::string(120, '\n'), -3, 0, 0, 100},  // no resolution line in the first 100
+        {"#?RADIANCE\nISO=5\n", -3, 0, 0, -1, "kept", {3, 0, 0, 0, 0, 0, 5}},  // the file ends before
+        // 1/60 as the writer prints it comes back as 100/6000 (5999 in float).
+        {"SHUTTER=0.016667\n-Y 1 +X 1\n", -3, 0, 0, 1, "kept", {100, 5999, 0, 0, 0, 0, 0}},
+        {"", -1, 0, 0, -1},  // no file
     };
     for (const Row& r : rows) {
-        oltest::writeText(path, r.text);
+        SCOPED_TRACE(r.text.substr(0, 30));
+        const std::string p = r.text.empty() ? dir.file("absent.hdr") : path;
+        if (!r.text.empty()) oltest::writeText(path, r.text);
         std::fill(dims, dims + 3, 0);
-        EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), r.result) << r.text.substr(0, 12);
+        EXPECT_EQ(rgbe_dim(p.c_str(), prim, dims), r.size);
         EXPECT_EQ((std::array<int, 3>{dims[0], dims[1], dims[2]}),
-                  (std::array<int, 3>{r.width, r.height, r.result < 0 ? 0 : static_cast<int>(r.text.size())}));
+                  (std::array<int, 3>{r.width, r.height, r.size < 0 ? 0 : static_cast<int>(r.text.size())}));
+        ExifRecord e = emptyExif();
+        std::strcpy(e.camera, "kept");
+        e.exposureNum = 3;
+        e.focal35 = 11;
+        EXPECT_EQ(extract_rgbe_exif(p.c_str(), &e), r.values);
+        EXPECT_EQ(std::string(e.camera, strnlen(e.camera, 64)), r.camera);
+        EXPECT_EQ((std::array<int, 7>{e.exposureNum, e.exposureDen, e.apertureNum, e.apertureDen, e.focalNum, e.focalDen, e.iso}),
+                  r.fractions);
+        EXPECT_EQ(e.colorSpace, r.colorSpace);
+        EXPECT_EQ(e.focal35 + e.planeResNum, 11) << "not read back";
     }
     // Primaries are returned when the line has all eight numbers; otherwise
     // zeros, and the flag left as the caller put it.
@@ -211,87 +220,5 @@ TEST(RadianceReader, SizeQueryAndItsLineBudget) {
         EXPECT_EQ(rgbe_dim(path.c_str(), prim, dims), 2);
         EXPECT_EQ(dims[6], flag);
         EXPECT_FLOAT_EQ(prim[0], first);
-    }
-}
-
-// In run-length form and in flat form.
-TEST(RadiancePreview, DecimatesByNearestNeighbour) {
-    oltest::TempDir dir;
-    const Crafted c{64, 80};
-    const int W = c.w, H = c.h;
-    const Bytes flat = radianceFile(kHead + resolution(W, H), interleave(c.planes, W, H));
-    for (auto [pw, ph, file] : {std::tuple{W, H, &c.file}, {32, 40, &c.file}, {20, 30, &c.file}, {7, 3, &c.file},
-                                {1, 1, &c.file}, {10, 10, &flat}, {64, 80, &flat}}) {
-        SCOPED_TRACE(std::to_string(pw) + "x" + std::to_string(ph));
-        const std::string path = put(dir, *file);
-        Bytes out(4u * pw * ph, 0xEE);
-        EXPECT_EQ(ol_io_read_preview_rgbe(W, H, pw, ph, path.c_str(), out.data()), H + 1);
-        const float xr = static_cast<float>(W) / static_cast<float>(pw);
-        const float yr = static_cast<float>(H) / static_cast<float>(ph);
-        for (int j = 0; j < ph; ++j)
-            for (int c4 = 0; c4 < 4; ++c4)
-                for (int i = 0; i < pw; ++i) {
-                    const int sy = static_cast<int>(static_cast<float>(j) * yr);
-                    const int sx = static_cast<int>(static_cast<float>(i) * xr);
-                    ASSERT_EQ(out[(static_cast<std::size_t>(j) * 4 + c4) * pw + i],
-                              c.planes[(static_cast<std::size_t>(sy) * 4 + c4) * W + sx]);
-                }
-    }
-    const std::string path = put(dir, c.file);
-    // Twice as tall: output rows 0 and 1 both want source row 0, which is
-    // decoded once, so only output row 0 is stored and the file runs out.
-    Bytes out(4u * W * 2 * H, 0xEE);
-    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, W, 2 * H, path.c_str(), out.data()), H);
-    EXPECT_EQ(Bytes(out.begin(), out.begin() + 4 * W), Bytes(c.planes.begin(), c.planes.begin() + 4 * W));
-    EXPECT_EQ(out[4 * W], 0xEE);
-    // A preview of no size stores nothing and reads the whole file.
-    Bytes none(16, 0xEE);
-    EXPECT_EQ(ol_io_read_preview_rgbe(W, H, 0, 0, path.c_str(), none.data()), H);
-    EXPECT_EQ(none, Bytes(16, 0xEE));
-}
-
-TEST(RadianceHeader, ExtractsValuesAsFractions) {
-    oltest::TempDir dir;
-    const std::string path = dir.file("f.hdr");
-    std::string many;
-    for (int i = 0; i < 120; ++i) many += "#\n";
-    struct Row {
-        std::string text;
-        int result;
-        std::string camera;  // as stored, from a record holding "kept"
-        std::array<int, 7> fractions;  // from a record holding exposureNum 3
-        int colorSpace;
-    };
-    const Row rows[] = {
-        // A camera cut at 64 bytes; 100/0.004f is 24999.998 in float arithmetic;
-        // 35MM_EQUIV and FOCAL_PLANE_XRESOLUTION are not read back.
-        {"#?RADIANCE\nCAMERA=" + std::string(70, 'K') + "\nCAPDATE=2019:12:31 23:59:59\n"
-         "ICC_PROFILE=Adobe RGB (1998)\nSHUTTER=0.004000\nAPERTURE=2.80\nISO=400\n"
-         "FOCAL_LENGTH=18.50\n35MM_EQUIV=28\nFOCAL_PLANE_XRESOLUTION=1.00\n"
-         "FORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 1\n\x80\x80\x80\x80",
-         12, std::string(64, 'K'), {100, 24999, 280, 100, 1850, 100, 400}, 1},
-        // Values of 0 or below are dropped; an empty camera is not stored.
-        {"#?RADIANCE\nCAMERA=\nSHUTTER=0\nAPERTURE=-2\nFOCAL_LENGTH=1\nICC_PROFILE=ProPhoto RGB v4\n-Y 1 +X 1\n", 6,
-         "kept", {3, 0, 0, 0, 100, 100, 0}, 2},
-        // The colour space is matched by the start of the name only.
-        {"ICC_PROFILE=sRGB IEC61966-2.1\n-Y 1 +X 1\n", 1, "kept", {3, 0, 0, 0, 0, 0, 0}, 0},
-        {"ICC_PROFILE=Display P3\n-Y 1 +X 1\n", 1, "kept", {3, 0, 0, 0, 0, 0, 0}, -1},
-        {"ICC_PROFILE=adobe rgb\n-Y 1 +X 1\n", 1, "kept", {3, 0, 0, 0, 0, 0, 0}, -1},
-        {many, 100, "kept", {3, 0, 0, 0, 0, 0, 0}, -1},  // no resolution line in the first 100
-        {"#?RADIANCE\nISO=5\n", -1, "kept", {3, 0, 0, 0, 0, 0, 5}, -1},  // the file ends before
-        // 1/60 as the writer prints it comes back as 100/6000 (5999 in float).
-        {"SHUTTER=0.016667\n-Y 1 +X 1\n", 1, "kept", {100, 5999, 0, 0, 0, 0, 0}, -1},
-    };
-    for (const Row& r : rows) {
-        oltest::writeText(path, r.text);
-        ExifRecord e = emptyExif();
-        std::strcpy(e.camera, "kept");
-        e.exposureNum = 3;
-        e.focal35 = 11;
-        EXPECT_EQ(extract_rgbe_exif(path.c_str(), &e), r.result) << r.text.substr(0, 30);
-        EXPECT_EQ(std::string(e.camera, strnlen(e.camera, 64)), r.camera);
-        EXPECT_EQ(fractions(e), r.fractions);
-        EXPECT_EQ(e.colorSpace, r.colorSpace);
-        EXPECT_EQ(e.focal35 + e.planeResNum, 11) << "not read back";
     }
 }

@@ -19,14 +19,13 @@ std::vector<std::uint8_t> merge(const std::vector<std::uint8_t>& photos, int n, 
     std::vector<std::uint8_t> rgbe(4u * w * h);
     float stats[3];
     EXPECT_EQ(ol_hdr_merge(0, n, w, h, spp, bps, 0, lut.data(), 2.0f, deltaT.data(), photos.data(), stats, rgbe.data()), h);
-    EXPECT_GT(stats[1], stats[0]);
     return rgbe;
 }
 
 // Planes written as a Radiance file whole and in strips of 64 rows, and as a
 // float TIFF: both full decoders give them back, the preview reader too at
 // the same size, and the float TIFF holds decoded values (256 times the
-// encoded ones), so re-encoding gives the mantissas with the exponent + 8.
+// encoded ones), which re-encoded decode to 256 times the planes' values.
 void expectRoundTrips(const oltest::TempDir& dir, const std::vector<std::uint8_t>& planes, int w, int h) {
     ExifRecord exif = emptyExif();
     std::strcpy(exif.camera, "Test Camera");
@@ -38,31 +37,17 @@ void expectRoundTrips(const oltest::TempDir& dir, const std::vector<std::uint8_t
     EXPECT_EQ(written, h);
     for (const std::string& path : {whole, strips}) {
         float primaries[8];
-        int dims[8] = {};
+        int dims[7] = {};
         EXPECT_GT(rgbe_dim(path.c_str(), primaries, dims), 0);
-        ASSERT_EQ(dims[0], w);
-        ASSERT_EQ(dims[1], h);
-        std::vector<std::uint8_t> rle(planes.size(), 0xCD), streamed(planes.size(), 0xCD), preview(planes.size(), 0xCD);
-        EXPECT_EQ(decomp_rle(path.c_str(), dims, rle.data()), h);
-        EXPECT_EQ(decomp2(path.c_str(), dims, streamed.data(), nullptr), h);
-        EXPECT_TRUE(rle == planes && streamed == planes) << path;
-        if (dims[2] >= 16640) {
-            EXPECT_EQ(ol_io_read_preview_rgbe(w, h, w, h, path.c_str(), preview.data()), h + 1);
-            EXPECT_EQ(preview, planes);
-        }
+        EXPECT_TRUE(dims[0] == w && dims[1] == h && radtest::decodeAll(path, w, h) == planes) << path;
     }
     ASSERT_EQ(fp_save(tif.c_str(), w, h, planes.data()), h);
     std::vector<std::uint8_t> back(planes.size());
     float backStats[3];
     ASSERT_EQ(fp2rgbe(tif.c_str(), w, h, backStats, back.data()), h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const std::size_t row = 4u * w * y;
-            const std::uint8_t e = planes[row + 3u * w + x];
-            if (e == 0) continue;
-            for (int c = 0; c < 3; ++c) ASSERT_EQ(back[row + c * w + x], planes[row + c * w + x]);
-            ASSERT_EQ(back[row + 3u * w + x], e + 8);
-        }
+    std::vector<float> want = radtest::decodedRgb(planes, w, h);
+    for (float& v : want) v *= 256.0f;
+    EXPECT_EQ(radtest::decodedRgb(back, w, h), want);
 }
 
 double ratio(std::int32_t num, std::int32_t den) { return den ? static_cast<double>(num) / den : -1.0; }
@@ -78,10 +63,11 @@ TEST(RoundTrip, MergedPlanesThroughEveryWriterAndReader) {
             SCOPED_TRACE("bps " + std::to_string(bps) + " spp " + std::to_string(spp));
             expectRoundTrips(dir, merge(fustest::makeStack(n, w, h, spp, bps, 7u + bps + spp), n, w, h, spp, bps), w, h);
         }
-    // Widths around the coder's limits, long runs and short ones side by side.
-    for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000}) {
+    // Widths around the coder's limits and the flat form's, long runs and short
+    // ones side by side.
+    for (int width : {1, 2, 3, 5, 127, 128, 129, 255, 256, 257, 1000, 32767, 32768}) {
         SCOPED_TRACE(width);
-        const int height = 7 + 800 / width;
+        const int height = width > 1000 ? 2 : 7 + 800 / width;
         std::vector<std::uint8_t> px = radtest::photoPlanes(width, height, static_cast<std::uint32_t>(width));
         for (int x = 0; x < width / 3; ++x) px[static_cast<std::size_t>(width) * 4 + x] = 9;
         expectRoundTrips(dir, px, width, height);
@@ -106,13 +92,11 @@ TEST(RoundTrip, TiffMetadataComesBackThroughTheReader) {
     ExifRecord back = emptyExif();
     GpsRecord gback = emptyGps();
     get_exif_data(path.c_str(), 3, &back, &gback);
-    EXPECT_DOUBLE_EQ(ratio(back.exposureNum, back.exposureDen), 1.0 / 125);
-    EXPECT_NEAR(ratio(back.apertureNum, back.apertureDen), 5.6, 1e-6);
-    EXPECT_EQ(back.iso, 200);
-    EXPECT_NEAR(ratio(back.focalNum, back.focalDen), 35.0, 1e-6);
-    EXPECT_EQ(std::string(back.camera, strnlen(back.camera, sizeof back.camera)), "TestCam 5");
-    EXPECT_EQ(std::string(back.date, strnlen(back.date, sizeof back.date)), "2024:05:06 07:08:09");
-    EXPECT_EQ(back.orientation, 6);
+    for (auto [num, den] : {std::pair{&ExifRecord::exposureNum, &ExifRecord::exposureDen},
+                            {&ExifRecord::apertureNum, &ExifRecord::apertureDen}, {&ExifRecord::focalNum, &ExifRecord::focalDen}})
+        EXPECT_NEAR(ratio(back.*num, back.*den), ratio(ex.*num, ex.*den), 1e-6);
+    EXPECT_EQ((std::array<int, 2>{back.iso, back.orientation}), (std::array<int, 2>{ex.iso, 6}));
+    EXPECT_EQ((std::array{field(back.camera, 64), field(back.date, 20)}), (std::array{field(ex.camera, 64), field(ex.date, 20)}));
     ASSERT_TRUE(find(ifd, tag::kIptc) && find(ifd, tag::kXmp));
     EXPECT_EQ((std::array<std::uint32_t, 4>{std::uint32_t(back.iptcLen), std::uint32_t(back.iptcOffset), std::uint32_t(back.xmpLen),
                                             std::uint32_t(back.xmpOffset)}),

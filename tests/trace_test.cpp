@@ -3,6 +3,8 @@
 // script of calls; what each call returns and prints is compared with the
 // transcript tests/transcripts/<subsystem>.txt. After a deliberate change of
 // the lines, OL_UPDATE_TRANSCRIPTS=1 rewrites the files: review their diff.
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -24,16 +26,10 @@ public:
     // stdout and on stderr.
     template <class F>
     void step(const std::string& title, F&& call) {
-        std::string out, err;
-        long r;
-        {
-            oltest::CaptureFd o(1), e(2);
-            r = static_cast<long>(call());
-            err = e.finish();
-            out = o.finish();
-        }
-        text_ += "### " + title + " -> " + std::to_string(r) + "\n" + out;
-        if (!err.empty()) text_ += "### stderr\n" + err;
+        oltest::CaptureFd o(1), e(2);
+        const long r = static_cast<long>(call());
+        const std::string err = e.finish(), out = o.finish();
+        text_ += "### " + title + " -> " + std::to_string(r) + "\n" + out + (err.empty() ? "" : "### stderr\n" + err);
     }
 
     ~Transcript() {
@@ -50,41 +46,92 @@ private:
     std::string name_, text_;
 };
 
-// ---- merge: two uniform frames of 210 x 210 (levels 100 and 200); the
-// sample pixels are where x % 105 == 100 and y % 52 == 50.
-int mergeFrames(int w, int h, int n, int bps, std::vector<float> dt, float evStep) {
-    const std::size_t frame = static_cast<std::size_t>(w) * h * 3;
-    std::vector<std::uint16_t> words(n * frame);
-    Bytes bytes(n * frame);
-    for (std::size_t i = 0; i < n * frame; ++i) {
-        bytes[i] = n == 1 ? 128 : (i < frame ? 100 : 200);
-        words[i] = i < frame ? 0x6480 : 0xC880;
-    }
+// ---- merges of uniform frames of three samples with a zero lut, frame 0 at
+// `levels[0]` and the others at `levels[1]` (16 bits: those high bytes over
+// `low`): ol_hdr_merge (variant 0, with `evStep`), calc_hdr (-1) and
+// hdr_unghost (1 and 2) with 0.5.
+int merge(int variant, int w, int h, int n, int bps, std::array<int, 2> levels, int low, std::vector<float> dt,
+          float evStep = 0.5f) {
+    const std::size_t frame = static_cast<std::size_t>(w) * h * 3 * (bps / 8);
+    Bytes photos(n * frame, static_cast<std::uint8_t>(low)), out(4u * w * h, 1);
+    for (std::size_t i = bps / 16; i < n * frame; i += bps / 8)
+        photos[i] = static_cast<std::uint8_t>(levels[i >= frame]);
     std::vector<float> lut(static_cast<std::size_t>(1) << bps);
-    float stats[3];
-    Bytes out(4 * frame / 3);
-    const void* photos = bps == 8 ? static_cast<const void*>(bytes.data()) : words.data();
-    return ol_hdr_merge(0, n, w, h, 3, bps, 0, lut.data(), evStep, dt.data(), photos, stats, out.data());
+    float stats[3], *l = lut.data(), *t = dt.data();
+    if (variant == 0) return ol_hdr_merge(0, n, w, h, 3, bps, 0, l, evStep, t, photos.data(), stats, out.data());
+    if (variant < 0) return calc_hdr(1, n, w, h, 3, bps, 0, l, evStep, t, photos.data(), stats, out.data());
+    return hdr_unghost(1, variant, n, w, h, 3, bps, 0, l, evStep, t, photos.data(), stats, out.data());
 }
 
+// Two frames of 210 x 210 (levels 100 and 200); the sample pixels are where
+// x % 105 == 100 and y % 52 == 50.
 TEST(Trace, Merge) {
     Transcript t("merge");
-    t.step("8 bits, exposures 1 and 4", [] { return mergeFrames(210, 210, 2, 8, {1.0f, 4.0f}, -1.0f); });
+    t.step("8 bits, exposures 1 and 4", [] { return merge(0, 210, 210, 2, 8, {100, 200}, 0x80, {1, 4}, -1.0f); });
     // The lines show lut at the high byte though the merge reads the word.
-    t.step("16 bits", [] { return mergeFrames(210, 210, 2, 16, {1.0f, 4.0f}, -1.0f); });
+    t.step("16 bits", [] { return merge(0, 210, 210, 2, 16, {100, 200}, 0x80, {1, 4}, -1.0f); });
     // Exposures whose log2 is not a float: the ends still get 64000 and 60160.
-    t.step("exposures 1 and 3", [] { return mergeFrames(210, 210, 2, 8, {1.0f, 3.0f}, -1.0f); });
+    t.step("exposures 1 and 3", [] { return merge(0, 210, 210, 2, 8, {100, 200}, 0x80, {1, 3}, -1.0f); });
     // evStep 0 on zero means: both exposures 1; frame 1 is visited first.
-    t.step("guessed equal exposures", [] { return mergeFrames(210, 210, 2, 8, {5.0f, 5.0f}, 0.0f); });
-    // Below 202 x 204 there is no sample pixel, nor at a width of 1 and a
-    // height below 4.
+    t.step("guessed equal exposures", [] { return merge(0, 210, 210, 2, 8, {100, 200}, 0x80, {5, 5}, 0.0f); });
+    // One frame at 128: below 202 x 204 there is no sample pixel, nor at a
+    // width of 1 and a height below 4.
     for (auto [w, h] : {std::pair{1, 3}, std::pair{201, 300}, std::pair{300, 203}})
-        t.step("one frame " + std::to_string(w) + " x " + std::to_string(h), [w = w, h = h] { return mergeFrames(w, h, 1, 8, {1.0f}, -1.0f); });
+        t.step("one frame " + std::to_string(w) + " x " + std::to_string(h),
+               [w = w, h = h] { return merge(0, w, h, 1, 8, {128, 128}, 0x80, {1}, -1.0f); });
     t.step("nothing to do", [] {
         std::vector<float> lut(256), dt = {1.0f};
         float stats[3];
         return ol_hdr_merge(0, 1, 4, 0, 3, 8, 0, lut.data(), -1.0f, dt.data(), nullptr, stats, nullptr);
     });
+}
+
+// ---- motion: align, ol_ghost_detect, calc_hdr and hdr_unghost. The merges
+// take two frames of 24 x 24, levels 60 and 200, exposures 1 and 4; the sample
+// pixels are where x % 12 and y % 12 are both 10.
+TEST(Trace, Motion) {
+    Transcript t("motion");
+    // A bright square on grey, frame 1 seeing it 3 pixels further right and 2 lower.
+    t.step("align: frame 1 read from (3, 2)", [] {
+        const int w = 64, h = 48;
+        Bytes block(2 * w * h * 3, 100);
+        for (int k = 0; k < 2; ++k)
+            for (int y = 12; y < 32; ++y) std::fill_n(&block[((k * h + y + 2 * k) * w + 20 + 3 * k) * 3], 24 * 3, 200);
+        int dims[2] = {0, 0};
+        return align(2, w, h, 3, 8, dims, block.data());
+    });
+    // Two flat photos; the edge kernels take the coarse corner from 100 and 200 to 99 and 199.
+    t.step("ol_ghost_detect: two flat photos of 8 x 6", [] {
+        Bytes img = fustest::flatStack(8, 6, {100, 200}), mask(6);
+        std::vector<float> dt = {1, 2};
+        float seuil = 10;
+        return ol_ghost_detect(&seuil, 2, 8, 6, 3, 8, -1, dt.data(), img.data(), mask.data());
+    });
+    // Sample pixels for 16-bit frames only; frame 1's weight is lowered by its saturation level 60160.
+    t.step("calc_hdr, 16 bits", [] { return merge(-1, 24, 24, 2, 16, {60, 200}, 0x40, {1, 4}); });
+    t.step("calc_hdr, 8 bits", [] { return merge(-1, 24, 24, 2, 8, {60, 200}, 0x40, {1, 4}); });
+    // The reference is frame 1; the frames disagree, so the result is its value.
+    t.step("hdr_unghost, variant 1, 8 bits", [] { return merge(1, 24, 24, 2, 8, {60, 200}, 0x40, {1, 4}); });
+    t.step("hdr_unghost, variant 2, 16 bits", [] { return merge(2, 24, 24, 2, 16, {60, 200}, 0x40, {1, 4}); });
+}
+
+// ---- operators and image operations: moyenne prints its depths and the row
+// remainder before any check; the preview and crop extraction their sizes.
+TEST(Trace, Operators) {
+    Transcript t("operators");
+    std::vector<std::uint8_t> img(2 * 4 * 3, 10);
+    std::vector<std::uint16_t> dst(2 * 14, 0);
+    t.step("moyenne", [&] { return moyenne(1, 4, 2, 14, 0, 3, 8, 16, img.data(), dst.data()); });
+    t.step("moyenne, no rows", [&] { return moyenne(1, 4, 0, 12, 0, 3, 12, 8, img.data(), dst.data()); });
+}
+
+TEST(Trace, ImageOps) {
+    Transcript t("imageops");
+    const Bytes src(21 * 17 * 3, 9);
+    Bytes dst(21 * 17 * 3);
+    t.step("extract_basepreview",
+           [&] { return extract_basepreview(8, 21, 17, 3, 63, 6, 5, 0, src.data(), nullptr, dst.data()); });
+    t.step("extract_crop", [&] { return extract_crop(1, 21, 17, 3, 63, 8, 5, 6, 2, 3, src.data(), dst.data()); });
 }
 
 // ---- radiance
@@ -112,10 +159,8 @@ TEST(Trace, Radiance) {
     });
     // Flat rows with a budget of one header line report each quarter.
     t.step("flat rows", [&] {
-        const Bytes data(4u * 6 * 9, 200);
-        oltest::writeFile(dir.file("f.hdr"), radianceFile(resolution(6, 9), data));
-        Bytes b(data.size());
-        return decodeStream(dir.file("f.hdr"), 6, 9, b);
+        Bytes b(4u * 6 * 9);
+        return decodeStream(std::string(OL_SOURCE_DIR) + "/tests/fixtures/trace/flat_6x9.hdr", 6, 9, b);
     });
     // Three exponent bytes of 255 in the first strip, one in the last.
     Bytes sp = photoPlanes(8, 5, 2);
@@ -133,27 +178,23 @@ TEST(Trace, Fusion) {
     oltest::TempDir dir;
     Transcript t("fusion");
     const auto stepped = [](int w, int h) { return fustest::flatStack(w, h, {100, 150, 200}); };
+    const auto cutAt = [](int w, int h, float highlightCut) {
+        auto j = fustest::sized(w, h);
+        j.params[2] = highlightCut;
+        return j;
+    };
     t.step("disk run, every stage", [&] { return fustest::sized(8, 6).onDisk(dir.path().string()).go(stepped(8, 6)); });
     // highlightCut 2 without saturation: powers 2 and 3, multHigh
     // 1 / 0.640625^3; 9x7 -> 5x4 puts the last coarse column and row on the
     // odd borders.
-    t.step("odd levels, highlight curve", [&] {
-        auto j = fustest::sized(9, 7);
-        j.params[2] = 2.0f;
-        return j.go(stepped(9, 7));
-    });
+    t.step("odd levels, highlight curve", [&] { return cutAt(9, 7, 2.0f).go(stepped(9, 7)); });
     // Every pixel saturated: powerLow c + 1, powerHigh (c - 1) * 0.5 + 2.
-    t.step("saturated stack", [&] {
-        auto j = fustest::sized(8, 6);
-        j.params[2] = 2.0f;
-        return j.go(fustest::flatStack(8, 6, {255, 255, 255}));
-    });
+    t.step("saturated stack", [&] { return cutAt(8, 6, 2.0f).go(fustest::flatStack(8, 6, {255, 255, 255})); });
     // A float output makes the sharpening linear, so fval 0 weighs nothing:
     // with highlightCut every curve is 0 at 240.
     t.step("blown pixels weigh zero", [&] {
-        auto j = fustest::sized(8, 6);
+        auto j = cutAt(8, 6, 1.5f);
         j.bspOut = 32;
-        j.params[2] = 1.5f;
         return j.go(fustest::flatStack(8, 6, {240, 240, 240}));
     });
     t.step("ghost mask and sampled pixels", [&] {
@@ -172,35 +213,16 @@ TEST(Trace, Fusion) {
 
 // ---- metadata readers
 TEST(Trace, MetadataRead) {
-    using namespace metatest;
-    oltest::TempDir dir;
     Transcript t("metadata_read");
-    PsdSpec s;
-    s.width = 3;
-    s.height = 2;
-    s.compression = 1;
-    s.image = Bytes(2 * 3 * 2, 0);
-    for (int c = 0; c < 3; ++c) s.image.insert(s.image.end(), {0xFB, static_cast<std::uint8_t>(c)});
-    const std::string p = dir.file("t.psd");
-    oltest::writeFile(p, buildPsd(s));
+    const std::string psd = std::string(OL_SOURCE_DIR) + "/tests/fixtures/trace/psd_rle_3x2.psd";
     PsdInfo info{};
-    t.step("getPsdInfo", [&] { return getPsdInfo(p.c_str(), &info); });
+    t.step("getPsdInfo", [&] { return getPsdInfo(psd.c_str(), &info); });
     t.step("load_psd, RLE", [&] {
         std::uint8_t out[18];
-        return load_psd(1, p.c_str(), &info, 9, out);
+        return load_psd(1, psd.c_str(), &info, 9, out);
     });
-    // IFD0 (3 entries) at 8, the Exif IFD at 50, the GPS IFD at 128, their
-    // data from 170 on; then an APP13 with IPTC and a second resource.
-    TiffSpec ts;
-    ts.ifds = {{rawE(tag::kXmp, 1, 16, 0x20)}};
-    ts.exif = {rationalE(tag::kExposureTime, 1, 125), asciiE(tag::kDateTimeOriginal, "2024:05:06 07:08:09"), rationalE(tag::kFocalLength, 50, 1),
-               rationalE(tag::kPlaneXRes, 4000, 3), shortE(tag::kPlaneResUnit, 3), shortE(tag::kFocal35, 75)};
-    ts.gps = {bytesE(tag::kGpsLatRef, 2, std::string("N\0", 2)), rationalsE(tag::kGpsLat, {48, 1, 51, 1, 24, 1}), rationalE(tag::kGpsAlt, 35, 1)};
-    Bytes iptc = kIptcVersion;
-    iptc.resize(30, 0);
-    const Bytes res = cat({resource8bim(0x0404, iptc), resource8bim(0x0425, Bytes(16, 1))});
     t.step("Exif, GPS, XMP and Photoshop blocks", [&] {
-        return readExifBytes(jpegWith({{0xE1, exifPayload(buildTiff(ts))}, {0xED, app13Payload(res)}}), 1).result;
+        return metatest::readExif(std::string(OL_SOURCE_DIR) + "/tests/fixtures/trace/jpeg_app1_app13.jpg", 1).result;
     });
 }
 

@@ -53,14 +53,6 @@ inline Packets parsePackets(const std::uint8_t* p, std::size_t n, int width) {
     return out;
 }
 
-// Offset of the first scanline byte in a file the library wrote.
-inline std::size_t dataOffset(const Bytes& file) {
-    const std::string s(file.begin(), file.end());
-    const std::size_t r = s.find("\n-Y ");
-    const std::size_t e = s.find('\n', r + 1);
-    return e + 1;
-}
-
 // A run-length file in memory: header text then the given scanline bytes.
 inline Bytes radianceFile(const std::string& header, const Bytes& data) {
     Bytes f(header.begin(), header.end());
@@ -99,6 +91,20 @@ inline int decodeRle(const std::string& path, int width, int height, Bytes& out,
 }
 inline int decodeStream(const std::string& path, int width, int height, Bytes& out, int size = -1) {
     return decodeRle(path, width, height, out, size, true);
+}
+
+// The library's own decoding of a whole file: both full decoders, and the
+// preview reader at the same size where the file is large enough, agree.
+inline Bytes decodeAll(const std::string& path, int width, int height) {
+    Bytes a(4u * width * height, 0xCD), b(a.size(), 0xCD), p(a.size(), 0xCD);
+    EXPECT_EQ(decodeRle(path, width, height, a), height);
+    EXPECT_EQ(decodeStream(path, width, height, b), height);
+    EXPECT_EQ(a, b);
+    if (oltest::fs::file_size(path) >= 16640) {
+        EXPECT_EQ(ol_io_read_preview_rgbe(width, height, width, height, path.c_str(), p.data()), height + 1);
+        EXPECT_EQ(p, a);
+    }
+    return a;
 }
 
 // Pixel (x, y) of rgbe planes: r, g, b, e.
