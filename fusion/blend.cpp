@@ -194,7 +194,8 @@ int fusion22et23(int wFine, int hFine, int wCoarse, int hCoarse, int channels, i
                 const int n = hFine - y0 < blockRows ? hFine - y0 : blockRows;
                 const std::int64_t off = (static_cast<std::int64_t>(offPoids) + static_cast<std::int64_t>(y0) * wFine) * wBytes;
                 const auto* held = static_cast<const unsigned char*>(block);
-                const int got = readScratchBlock(fpPyramPoids, off, block, static_cast<std::size_t>(n) * wRowBytes);
+                const int got =
+                    readScratchBands(fpPyramPoids, off, block, static_cast<std::size_t>(n) * wRowBytes, threads);
                 if (got < 0) return -3;
                 if (got == 0) break;
                 runBands(threads, n, rowSamples, [&](int first, int count) {
@@ -285,9 +286,13 @@ int fusion22(int nivo, int width, int height, int channels, int bspOut, int bitD
         if (disk && k > 0) {
             // Level 0 of the photo is no longer needed: the weights of this
             // level (a quarter of its size at most) go to the start of work.
-            if (!seekScratch(fpPyramPoids, positPoidsPyram * wBytes)) return -3;
+            // Side by side where it can; else one read, which meets a fault
+            // with its own code and line.
             const std::size_t want = static_cast<std::size_t>(w) * h;
-            const std::size_t got = std::fread(work, wBytes, want, fpPyramPoids);
+            const int inBands = readScratchBands(fpPyramPoids, positPoidsPyram * wBytes, work, want * wBytes, threads);
+            if (inBands < 0) return -3;
+            if (inBands == 0 && !seekScratch(fpPyramPoids, positPoidsPyram * wBytes)) return -3;
+            const std::size_t got = inBands > 0 ? want : std::fread(work, wBytes, want, fpPyramPoids);
             if (got != want) {
                 if constexpr (traceBlend)
                     std::fprintf(stderr, "could not read fpPyramPoids fusion22 - returned %d instead of %d\n",

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -70,11 +71,30 @@ private:
 };
 
 // Writes each page of a buffer once with the byte it holds: its first-touch
-// fault is taken here, and no byte changes.
-void touchPages(void* p, std::size_t bytes) noexcept {
-    auto* b = static_cast<volatile unsigned char*>(p);
-    for (std::size_t i = 0; i < bytes; i += 4096) b[i] = b[i];
-}
+// fault is taken here, and no byte changes. Pieces of 2 MiB go to whichever
+// thread asks next, so two threads can share the job.
+class PageToucher {
+public:
+    PageToucher(void* p, std::size_t bytes) noexcept : b_(static_cast<unsigned char*>(p)), bytes_(bytes) {}
+    void run() noexcept {
+        constexpr std::size_t piece = std::size_t(2) << 20;
+        for (std::size_t at = next_.fetch_add(piece); at < bytes_; at = next_.fetch_add(piece)) {
+            unsigned char* b = b_ + at;
+            const std::size_t end = bytes_ - at < piece ? bytes_ - at : piece;
+            // One read-modify-write a page: its fault is a write fault that
+            // maps a fresh page at once, where a read and then a write would
+            // fault twice and copy from the shared zero page, flushing the
+            // other threads' address translations each time.
+            for (std::size_t i = 0; i < end; i += 4096)
+                std::atomic_ref<unsigned char>(b[i]).fetch_or(0, std::memory_order_relaxed);
+        }
+    }
+
+private:
+    unsigned char* b_;
+    std::size_t bytes_;
+    std::atomic<std::size_t> next_{0};
+};
 
 // Level 0 of `work` from photo `photo`: 16-bit samples on a 15-bit scale.
 void toPipeline(const void* src, int bspIn, std::size_t n, std::uint16_t* dst) noexcept {
@@ -190,6 +210,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         }
     }
     Owned<int> statsAside;
+    int* statsOut = nullptr;  // the five result arrays in statsAside
     int statsResult = 0;
     Owned<unsigned char> rowBuffer;
     // Disk mode reads its scratch files by blocks of rows into `block` where
@@ -209,20 +230,34 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
         }
         const std::size_t count = photos * pixels * channels;
         // The copy takes a while on the calling thread; beside it, on the
-        // host's second thread, a helper counts the brightness statistics
-        // (they read the photos only) and touches the pages of the buffer
-        // that takes the weight pyramid, so that the stages after the
-        // weights meet no first-touch page faults there.
-        if (threads > 1) statsAside = makeOwned<int>(5 * (photos > 0 ? photos : 1));
+        // host's other threads, helpers count the brightness statistics
+        // (they read the photos only) and touch the pages of the buffer that
+        // takes the weight pyramid, so that the stages after the weights
+        // meet no first-touch page faults there. The calling thread joins
+        // both jobs once its copy is done. The tallies of the statistics
+        // share the allocation of their results.
+        const int takers = threads < 8 ? threads : 8;  // more gain nothing on a copy this short
+        const std::size_t tallyWords = StatsShare::tallyWords(nbPhotos, takers);
+        if (threads > 1) statsAside = makeOwned<int>(2 * tallyWords + 5 * (photos > 0 ? photos : 1));
+        if (statsAside) statsOut = statsAside.get() + 2 * tallyWords;
+        auto* tally = reinterpret_cast<std::int64_t*>(statsAside.get());
+        StatsShare share(nbPhotos, width, height, channels, bspIn, images, tally, statsAside ? takers : 0);
+        PageToucher toucher(pipeline, lenPyr * static_cast<std::size_t>(channels) * (floatWork ? 4 : 2));
         auto aside = [&] {
-            int* st = statsAside.get();
-            statsResult = photo_stats(nbPhotos, width, height, channels, bspIn, images, st, st + photos,
-                                      st + 2 * photos, st + 3 * photos, st + 4 * photos, threads - 1);
-            touchPages(pipeline, lenPyr * static_cast<std::size_t>(channels) * (floatWork ? 4 : 2));
+            runBandsIndexed(takers - 1, takers - 1, std::size_t(1) << 20,
+                            [&](int band, int, int) { share.take(band); });
+            toucher.run();
         };
         Beside<decltype(aside)> helper(aside, statsAside != nullptr);
         const std::size_t written = std::fwrite(images, inBytes, count, fpSource.get());
+        if (statsAside) {
+            toucher.run();
+            share.take(takers - 1);
+        }
         helper.finish();
+        if (statsOut)
+            statsResult = share.finish(statsOut, statsOut + photos, statsOut + 2 * photos, statsOut + 3 * photos,
+                                       statsOut + 4 * photos);
         if constexpr (traceFlow)
             std::fprintf(stderr, "retour dump: %d     readFromDisk: %d\n", static_cast<int>(written),
                          files->readFromDisk);
@@ -256,7 +291,7 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     diskRows.block = block.get();
     diskRows.blockBytes = blockBytes;
     diskRows.fpPoids = fpPoids.get();
-    diskRows.stats = statsAside.get();
+    diskRows.stats = statsOut;
     diskRows.statsResult = statsResult;
     const int r1 = adjust1(nbProc, fusionParams, nbPhotos, width, height, channels, bspIn,
                            bitDepthPoids, bspOut == 32, unusedScale, exposureTimes, disk,
@@ -320,16 +355,22 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
     for (int i = nbPhotos - 1; i >= 0; --i) {
         if constexpr (traceProbe)
             std::fprintf(stderr, "------------- Pyramide laplace et Blending image %d ------------------\n", i);
-        // Weight plane i to level 0 of the weight pyramid.
+        // Weight plane i to level 0 of the weight pyramid. From the file
+        // side by side where the offsets allow; else, or when a piece fell
+        // short, in one read that meets the fault with its own code and line.
         if (disk) {
-            if (!seekScratch(fpPoids.get(), static_cast<std::int64_t>(i) * static_cast<std::int64_t>(pixels * wBytes)))
-                return -3;
-            const std::size_t got = std::fread(weightArea, wBytes, pixels, fpPoids.get());
-            if (got != pixels) {
-                if constexpr (traceFlow)
-                    std::fprintf(stderr, "could not read fpPoids - returned %d instead of %d\n",
-                                 static_cast<int>(got), static_cast<int>(pixels));
-                return -3;
+            const std::int64_t planeOff = static_cast<std::int64_t>(i) * static_cast<std::int64_t>(pixels * wBytes);
+            const int inBands = readScratchBands(fpPoids.get(), planeOff, weightArea, pixels * wBytes, threads);
+            if (inBands < 0) return -3;
+            if (inBands == 0) {
+                if (!seekScratch(fpPoids.get(), planeOff)) return -3;
+                const std::size_t got = std::fread(weightArea, wBytes, pixels, fpPoids.get());
+                if (got != pixels) {
+                    if constexpr (traceFlow)
+                        std::fprintf(stderr, "could not read fpPoids - returned %d instead of %d\n",
+                                     static_cast<int>(got), static_cast<int>(pixels));
+                    return -3;
+                }
             }
         } else {
             unsigned char* plane = poids + static_cast<std::size_t>(i) * pixels * wBytes;
@@ -360,7 +401,8 @@ int fusionRun(FusionFiles* files, OlProgressFn progress, float* fusionParams, in
             for (; blockRows > 0 && y0 < height; y0 += blockRows) {
                 const int n = height - y0 < blockRows ? height - y0 : blockRows;
                 const std::int64_t off = (static_cast<std::int64_t>(i) * height + y0) * static_cast<std::int64_t>(rowBytes);
-                const int got = readScratchBlock(fpSource.get(), off, block.get(), static_cast<std::size_t>(n) * rowBytes);
+                const int got =
+                    readScratchBands(fpSource.get(), off, block.get(), static_cast<std::size_t>(n) * rowBytes, threads);
                 if (got < 0) return -3;
                 if (got == 0) break;
                 runBands(threads, n, rowSamples, [&](int first, int count) {

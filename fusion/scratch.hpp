@@ -28,6 +28,14 @@ inline int readScratchBlock(std::FILE* f, std::int64_t off, void* dst, std::size
     return std::fread(dst, 1, bytes, f) == bytes ? 1 : 0;
 }
 
+// The same range read in pieces side by side on up to `threads` threads,
+// each at its own offset of the file's descriptor (the stream's buffer is
+// emptied first by the seek): reads leave nothing behind, so how a range is
+// split cannot show. Same results as readScratchBlock; on 0 the caller goes
+// on through its serial path, which meets any short read with its own code
+// and line.
+int readScratchBands(std::FILE* f, std::int64_t off, void* dst, std::size_t bytes, int threads) noexcept;
+
 namespace testing {
 // The block buffer of disk mode for the following ol_fusion calls: `bytes`
 // (raised to one row of every photo), or none at all for 0, so that every
