@@ -53,6 +53,14 @@ inline Packets parsePackets(const std::uint8_t* p, std::size_t n, int width) {
     return out;
 }
 
+// Offset of the first scanline byte in a file the library wrote.
+inline std::size_t dataOffset(const Bytes& file) {
+    const std::string s(file.begin(), file.end());
+    const std::size_t r = s.find("\n-Y ");
+    const std::size_t e = s.find('\n', r + 1);
+    return e + 1;
+}
+
 // A run-length file in memory: header text then the given scanline bytes.
 inline Bytes radianceFile(const std::string& header, const Bytes& data) {
     Bytes f(header.begin(), header.end());
