@@ -12,11 +12,6 @@
 using namespace metatest;
 using oltest::TempDir;
 
-// Files are described with designated initializers of PsdSpec; the byte
-// sections left out are empty, as meant (its vectors carry no initializer of
-// their own, which this warning would flag).
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-
 namespace {
 
 // Planar test image: sample (c, y, x) is c*64 + y*8 + x + 1, at 16 bits

@@ -213,11 +213,11 @@ struct PsdSpec {
     int height = 2;
     int depth = 8;
     int mode = 3;
-    Bytes colorData;
-    Bytes resources;
-    Bytes layerSection;  // contents, its length is written before it
+    Bytes colorData{};
+    Bytes resources{};
+    Bytes layerSection{};  // contents, its length is written before it
     int compression = 0;
-    Bytes image;
+    Bytes image{};
 };
 
 inline Bytes buildPsd(const PsdSpec& s) {
