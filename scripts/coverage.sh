@@ -9,6 +9,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=build/coverage
 jobs=${OL_JOBS:-2}
+# Always a fresh folder: counter files left by an earlier build of changed
+# sources make the run print "Merge mismatch" and lose those counts.
+rm -rf "$dir"
 mkdir -p build
 command -v lcov > /dev/null || { echo "lcov is missing (apt-get install -y lcov)"; exit 1; }
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DOL_BUILD_BENCH=OFF \
